@@ -1,0 +1,69 @@
+#ifndef VDIR_H
+#define VDIR_H
+
+#include <string>
+
+/// Operations on directories. Paths are NUL-terminated and, if relative, belong to the process's working
+/// directory; only VMkDir resolves them first. There are no objects of this class.
+class __attribute__((visibility("default"))) VDir {
+public:
+    /// Makes the directory `path` with all its missing parents, each with the permission bits `mode` less
+    /// the process's umask (the parents too: without owner write and search permission in `mode` the next
+    /// level can't be made in them). The path is resolved as by VPath: "." and ".." go lexically, except as
+    /// the last component.
+    ///
+    /// Returns 0 when the directory was made or is there already; nothing that exists is changed. Returns -1
+    /// with errno EEXIST when `path` is there but no directory, ENOENT when it is null, empty or too long to
+    /// be a VPath, ENAMETOOLONG when its canonical text does not fit 4096 bytes, and otherwise the errno of
+    /// the mkdir that failed; parents already made then stay. When another thread or process makes one of the
+    /// levels at the same moment, the result may be -1 with EEXIST: call again.
+    ///
+    /// Never logs. May be called from any thread.
+    ///
+    ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0) perror("/var/lib/app/cache");
+    static int VMkDir(const char* path, unsigned short mode);
+
+    /// Removes the empty directory `path`, taken as given.
+    ///
+    /// Returns 0, or -1 with the errno of rmdir (ENOTEMPTY, ENOENT, ENOTDIR, ...; a null path gives ENOENT).
+    /// Never logs. May be called from any thread.
+    static int VRmDir(const char* path);
+
+    /// Hands the directory `dirPath`, and what lies directly in it except subdirectories, to the user
+    /// `userName` and the user's primary group. Needs the right to change owners (root).
+    ///
+    /// A symbolic link is itself given away, never what it points to; a link to a directory and a dangling
+    /// link are passed over, as are subdirectories and all in them. Between the look at an entry and the
+    /// change of its owner another user may replace it, so use it only on directories which that user can't
+    /// write yet; a hard link planted there changes the file's owner everywhere.
+    ///
+    /// Returns 0 on success. Returns -10000 and stops at the first failure, which it logs with function name
+    /// "VChownDirAndFirstDepthFiles" at level 1; entries already changed stay changed:
+    ///  - "Can't get user name id, errno: %d": there is no such user (a null name is none either); the errno
+    ///    may be 0, for a lookup that worked and found nobody;
+    ///  - "Failed to lchown to user, error:%d": the owner of the directory or of an entry could not be
+    ///    changed (a null `dirPath` gives ENOENT here);
+    ///  - "Failed open dir,path=%s": the directory could not be opened; it has its new owner.
+    ///
+    /// Not for two threads at once: the user lookup keeps its result in storage that the process shares.
+    static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
+
+    /// Tells whether the system can canonicalise `path`, or the path is merely missing.
+    ///
+    /// Returns true when realpath succeeds or fails with ENOENT (so for a dangling link, too); false for
+    /// every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for null). Returns
+    /// false without a look at the file system when `length` is above 4096; zero and negative values pass.
+    /// Never logs. May be called from any thread.
+    static bool VRealPath(const char* path, int length);
+
+    /// Replaces `output` by the canonical absolute path of `input`, with all links followed, and returns
+    /// true. When something of it is missing (ENOENT), `output` becomes `input` as it stands, possibly
+    /// relative, and the result is true as well. For every other failure the result is false with realpath's
+    /// errno and `output` is untouched. `input` ends at its first NUL if it holds one; the two may be one
+    /// object. Never logs. May be called from any thread.
+    static bool VRealPath(const std::string& input, std::string& output);
+
+    VDir() = delete;
+};
+
+#endif

@@ -1,0 +1,275 @@
+// The upgrade file-list tool: reads the file list of an upgrade package, and backs up (-rename), replaces
+// (-copy) and cleans (-clean) the installed files that it names.
+#include "VCopyFileListIni.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <set>
+
+#include "Constants.h"
+#include "Log.h"
+#include "VDir.h"
+#include "VFile.h"
+#include "VIni.h"
+
+namespace {
+
+const std::string kSeparator = "/";
+const std::string kInstallTypeSection = "Package_Intall_Type";  // the format's spelling
+const std::string kCommonDirectory = "Common";
+const std::string kLogDirectory = "/var/log/tarnlog/serverlog/upgradelog/node/";
+
+constexpr std::size_t kDirectoryValueCapacity = 260;
+constexpr std::size_t kListValueCapacity = 4096;
+constexpr unsigned short kTargetDirectoryMode = 0750;
+
+constexpr int kNothingToRename = -9996;
+
+const char kBackupSuffix[] = ".bak";
+
+bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// The package's directory of new files, which lies beside the file list.
+std::string SourceDirectory(const std::string& iniPath) {
+    return iniPath.substr(0, iniPath.rfind('/') + 1) + kCommonDirectory + kSeparator;
+}
+
+// Calls `handleEntry` with the target directory and the entry, for each entry of each list, until one fails;
+// `enterDirectory` comes before the entries of each list. The log lines carry the name of the pass.
+template <typename EnterDirectory, typename HandleEntry>
+int ForEachEntry(const char* pass, const std::string& iniPath, EnterDirectory enterDirectory,
+                 HandleEntry handleEntry) {
+    DirectoryMap directories;
+    if (GetPathSectionMap(directories, iniPath) == kFailure) {
+        VFS_LOG(pass, kLogError, "Get GetPathSectionMap fail");
+        return kFailure;
+    }
+
+    for (const auto& [section, targetDir] : directories) {
+        VFS_LOG(pass, kLogInfo, "%s , %s", section.c_str(), targetDir.c_str());
+        std::vector<std::string> entries;
+        GetSectionItemList(section, iniPath, entries);
+        enterDirectory(targetDir);
+        for (const std::string& entry : entries) {
+            if (handleEntry(targetDir, entry) != kSuccess) return kFailure;
+        }
+    }
+    return kSuccess;
+}
+
+int RenameFile(const std::string& target, const std::string& backup) {
+    if (!Exists(target)) return kNothingToRename;
+
+    if (rename(target.c_str(), backup.c_str()) != 0) {
+        VFS_LOG("RenameFile", kLogError, "Failed:rename %s, %s", target.c_str(), backup.c_str());
+        return kFailure;
+    }
+    VFS_LOG("RenameFile", kLogInfo, "rename: %s, %s", target.c_str(), backup.c_str());
+    return kSuccess;
+}
+
+int CopyFile(const std::string& source, const std::string& destination) {
+    if (!Exists(source)) {
+        VFS_LOG("CopyFile", kLogError, "Does Not Exist:%s", source.c_str());
+        return kFailure;
+    }
+    if (VFile::VCopyFile(source.c_str(), destination.c_str()) != 0) {
+        VFS_LOG("CopyFile", kLogError, "Failed:copy %s, %s", source.c_str(), destination.c_str());
+        return kFailure;
+    }
+    VFS_LOG("CopyFile", kLogInfo, "copy: %s, %s", source.c_str(), destination.c_str());
+    return kSuccess;
+}
+
+int CompareFileSizes(const std::string& source, const std::string& destination) {
+    const long inSize = VFile::FileSize(source.c_str());
+    const long outSize = VFile::FileSize(destination.c_str());
+    if (inSize == outSize) return kSuccess;
+
+    // The comma is the full-width one; log readers know the line by it. The sizes are logged as int.
+    VFS_LOG("CompareFileSizes", kLogError, "inFileSize:%d，outFileSize:%d", static_cast<int>(inSize),
+            static_cast<int>(outSize));
+    return kFailure;
+}
+
+// Removes the backup if it is there.
+int RemoveBackup(const std::string& backup) {
+    if (!Exists(backup)) return kSuccess;
+
+    if (static_cast<int>(VFile::RemoveFile(backup.c_str())) == kFailure) {
+        VFS_LOG("CleanOperator", kLogError, "Failed:RemoveFile %s", backup.c_str());
+        return kFailure;
+    }
+    VFS_LOG("CleanOperator", kLogInfo, "RemoveFile:%s ", backup.c_str());
+    return kSuccess;
+}
+
+void LogUsage(const char* program) {
+    VFS_LOG("main", kLogInfo, "Usage: %s <operator> <filelist.ini path>", program);
+    VFS_LOG("main", kLogInfo, "<operator>: -rename/-copy/-clean");
+}
+
+int RunOperator(const std::string& operatorName, const std::string& iniPath) {
+    if (operatorName == "-rename") return RenameOperator(iniPath);
+    if (operatorName == "-copy") return CopyOperator(iniPath);
+    if (operatorName == "-clean") return CleanOperator(iniPath);
+
+    VFS_LOG("main", kLogInfo, "[error] Wrong Operator = %s", operatorName.c_str());
+    return kFailure;
+}
+
+void LogBanner(int result) {
+    VFS_LOG("main", kLogInfo, "---------------------------------------------------");
+    if (result == kSuccess) {
+        VFS_LOG("main", kLogInfo, "            Successfully completed");
+    } else {
+        VFS_LOG("main", kLogInfo, "            Failed");
+    }
+}
+
+// A run that the standard library cuts short, for lack of memory above all, is a failed run like any other;
+// the cause has no line in the log, so it goes to standard error.
+int RunOperatorSafely(const char* operatorName, const char* iniPath) {
+    try {
+        return RunOperator(operatorName, iniPath);
+    } catch (const std::exception& error) {
+        (void)fprintf(stderr, "VCopyFileListIni: %s\n", error.what());
+        return kFailure;
+    }
+}
+
+}  // namespace
+
+std::string ReadIniValue(std::string section, std::string key, std::string iniPath) {
+    char value[kDirectoryValueCapacity] = {};
+    const int status =
+        VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
+    return status == 0 ? value : "";
+}
+
+void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out) {
+    // An empty delimiter is found everywhere and leads nowhere; there is nothing to cut at.
+    if (delimiter.empty()) {
+        if (!text.empty()) out.push_back(text);
+        return;
+    }
+
+    text += delimiter;  // ends the last piece like every other
+    std::size_t begin = 0;
+    for (std::size_t found = 0; (found = text.find(delimiter, begin)) != std::string::npos;) {
+        out.push_back(text.substr(begin, found - begin));
+        begin = found + delimiter.length();
+    }
+}
+
+std::string GetFileName(std::string path) {
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return path.substr(path.rfind('/') + 1);
+}
+
+void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out) {
+    std::set<std::string> keys;
+    (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath.c_str());  // the set tells what was found
+    for (const std::string& key : keys) {
+        char value[kListValueCapacity] = {};
+        // Deliberately unchecked: a value that can't be had leaves the buffer empty and the key is skipped.
+        (void)VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
+        if (value[0] != '\0') SplitString(value, ",", out);
+    }
+}
+
+DirectoryMap GetPathKeyAndValue(std::string section, std::string iniPath) {
+    DirectoryMap directories;
+    std::set<std::string> keys;
+    (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath.c_str());  // the set tells what was found
+    if (keys.empty()) {
+        VFS_LOG("GetPathKeyAndValue", kLogError, "Get path list fail");
+        return directories;
+    }
+
+    for (const std::string& key : keys) {
+        std::string directory = ReadIniValue(section, key, iniPath);
+        if (directory.empty() || directory.back() != '/') directory += kSeparator;
+        // Deliberately after the '/' is there, and so never true: a key without a directory means "/".
+        if (directory.empty()) {
+            VFS_LOG("GetPathKeyAndValue", kLogError, "%s valua is null", key.c_str());
+            break;
+        }
+        directories[key] = directory;
+    }
+    return directories;
+}
+
+int GetPathSectionMap(DirectoryMap& out, std::string iniPath) {
+    const std::string installType = ReadIniValue(kInstallTypeSection, "PackageIntallType", iniPath);
+    VFS_LOG("GetPathSectionMap", kLogInfo, "PackageIntallType : %s", installType.c_str());
+    out = GetPathKeyAndValue(installType, iniPath);
+    if (!out.empty()) return kSuccess;
+
+    VFS_LOG("GetPathSectionMap", kLogError, "Get path list fail");
+    return kFailure;
+}
+
+int RenameOperator(std::string iniPath) {
+    // What this run has moved away so far; nothing reads it but the person who opens a core file.
+    std::set<std::string> backups;
+    return ForEachEntry(
+        "RenameOperator", iniPath, [](const std::string&) {},
+        [&backups](const std::string& targetDir, const std::string& entry) {
+            const std::string target = targetDir + GetFileName(entry);
+            const std::string backup = target + kBackupSuffix;
+            VFS_LOG("RenameOperator", kLogInfo, "%s ", target.c_str());
+            const int status = RenameFile(target, backup);
+            if (status == kSuccess) backups.insert(backup);
+            return status == kFailure ? kFailure : kSuccess;
+        });
+}
+
+int CopyOperator(std::string iniPath) {
+    const std::string sourceDir = SourceDirectory(iniPath);
+    return ForEachEntry(
+        "CopyOperator", iniPath,
+        [](const std::string& targetDir) {
+            // A directory that can't be made shows up as a copy that fails.
+            if (!Exists(targetDir)) (void)VDir::VMkDir(targetDir.c_str(), kTargetDirectoryMode);
+        },
+        [&sourceDir](const std::string& targetDir, const std::string& entry) {
+            const std::string source = sourceDir + entry;
+            const std::string destination = targetDir + GetFileName(entry);
+            VFS_LOG("CopyOperator", kLogInfo, "%s , %s", source.c_str(), destination.c_str());
+            if (CopyFile(source, destination) != kSuccess) return kFailure;
+            if (CompareFileSizes(source, destination) == kSuccess) return kSuccess;
+            VFS_LOG("CopyOperator", kLogError, "Failed:Compare %s", destination.c_str());
+            return kFailure;
+        });
+}
+
+int CleanOperator(std::string iniPath) {
+    return ForEachEntry(
+        "CleanOperator", iniPath, [](const std::string&) {},
+        [](const std::string& targetDir, const std::string& entry) {
+            const std::string backup = targetDir + GetFileName(entry) + kBackupSuffix;
+            VFS_LOG("CleanOperator", kLogInfo, "%s ", backup.c_str());
+            return RemoveBackup(backup);
+        });
+}
+
+int main(int argc, char* argv[]) {
+    // The numbers are the logger's: three files kept, full detail, information, 2 MiB a file, file only.
+    VLogger::GetInstance()->StartSystem("TarnFramework_upgrade.log", kLogDirectory.c_str(), 3, 2, kLogInfo,
+                                        2048, false);
+    int result = kFailure;
+    if (argc < 3) {
+        LogUsage(argc > 0 ? argv[0] : "");
+    } else {
+        result = RunOperatorSafely(argv[1], argv[2]);
+        LogBanner(result);
+    }
+    VLogger::GetInstance()->StopSystem();
+    return result;
+}

@@ -1,0 +1,38 @@
+// The upgrade file-list tool's module: the file list as the tool reads it, and the three passes over it.
+#ifndef VFILESYS_VCOPYFILELISTINI_H
+#define VFILESYS_VCOPYFILELISTINI_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+// From the name of a file-list section to its target directory, which ends in '/'. The passes visit the lists
+// in this byte-wise order, not in the order of the file.
+using DirectoryMap = std::map<std::string, std::string>;
+
+// The value of a key of at most 259 bytes; the empty text when it is missing, longer or unreadable.
+std::string ReadIniValue(std::string section, std::string key, std::string iniPath);
+
+// Appends the pieces of `text` between the delimiters to `out`, empty ones included, nothing trimmed.
+void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out);
+
+// What stands behind the last '/' or backslash of `path`.
+std::string GetFileName(std::string path);
+
+// Appends the entries of all keys of a file-list section to `out`, key by key in byte-wise order. A value of
+// more than 4095 bytes counts as missing.
+void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out);
+
+// The directory map of a directory-list section. A missing, unreadable or longer than 259 bytes long
+// directory is "/".
+DirectoryMap GetPathKeyAndValue(std::string section, std::string iniPath);
+
+// Replaces `out` by the directory map of the package's install type. Returns 0, or -10000 when it is empty.
+int GetPathSectionMap(DirectoryMap& out, std::string iniPath);
+
+// The passes. Each stops at its first failure. They return 0 or -10000.
+int RenameOperator(std::string iniPath);
+int CopyOperator(std::string iniPath);
+int CleanOperator(std::string iniPath);
+
+#endif

@@ -1,0 +1,20 @@
+# What `cmake --install` puts in place, and the CMake package that finds it again.
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS VFileSys EXPORT VFileSysTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+  FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
+install(TARGETS VCopyFileListIni RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
+  install(TARGETS VLogger VIni safestr EXPORT VFileSysTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
+endif()
+
+set(vfs_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/VFileSys")
+install(EXPORT VFileSysTargets NAMESPACE VFileSys:: DESTINATION "${vfs_package_dir}"
+        FILE VFileSysConfig.cmake)
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake"
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake" DESTINATION "${vfs_package_dir}")

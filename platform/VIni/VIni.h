@@ -1,0 +1,38 @@
+#ifndef VINI_H
+#define VINI_H
+
+#include <set>
+#include <string>
+
+/// Reads INI files: `[section]` lines, `key = value` lines, and comment lines that begin with ';' or '#'.
+///
+/// Section and key names are case-sensitive. Blanks around a key and around a value are dropped; inside a
+/// value everything is kept: blanks, backslashes, commas, quotes, ';', '#' and bytes that are not UTF-8. Of
+/// a key that stands more than once in its section the last value counts. Keys before the first section
+/// line belong to the section named "". Lines may end in LF or CRLF; a UTF-8 byte-order mark is skipped.
+///
+/// A file is parsed once and the parse is kept for the next calls, as long as the file is the same (device,
+/// inode, size and times); reading N keys costs N. A file that can't be read holds nothing; one line on
+/// standard error says why. Every operation may be called from any thread.
+class __attribute__((visibility("default"))) VIni {
+public:
+    /// Copies the value of `key` in `section` of the file `iniPath` into `buffer`, the caller's buffer of
+    /// `bufferSize` bytes, with its terminating NUL.
+    ///
+    /// Returns 0 when the key was found and its value copied whole. Returns -1 when there is no such file,
+    /// section or key, and when the value does not fit (nothing is cut; one line on standard error names the
+    /// key): the buffer then holds `defaultValue` if that fits, otherwise the empty text. Returns -1 and
+    /// touches nothing when `buffer` is null or `bufferSize` below 1. A null `section` counts as "", a null
+    /// `key` or `iniPath` is not found, a null `defaultValue` counts as "".
+    static int IniGetString(const char* section, const char* key, const char* defaultValue, char* buffer,
+                            int bufferSize, const char* iniPath);
+
+    /// Adds the names of all keys in `section` of the file `iniPath` to `keys`.
+    ///
+    /// Returns the number of keys in the section; 0 when there is no such file or section.
+    static int IniGetStringItems(const char* section, std::set<std::string>& keys, const char* iniPath);
+
+    VIni() = delete;
+};
+
+#endif
