@@ -1,0 +1,96 @@
+#include "HeapCounter.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+
+#include "SystemCalls.h"
+
+size_t calls::failingMallocSize = 0;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VFS_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define VFS_TEST_SANITIZED 1
+#endif
+#endif
+
+#ifdef VFS_TEST_SANITIZED
+
+bool heap::IsCounted() {
+    return false;
+}
+long heap::LiveBlocks() {
+    return 0;
+}
+long heap::Allocations() {
+    return 0;
+}
+
+#else
+
+namespace {
+std::atomic<long> liveBlocks{0};
+std::atomic<long> allocations{0};
+
+void* Counted(void* block) {
+    if (block != nullptr) {
+        liveBlocks.fetch_add(1, std::memory_order_relaxed);
+        allocations.fetch_add(1, std::memory_order_relaxed);
+    }
+    return block;
+}
+}  // namespace
+
+bool heap::IsCounted() {
+    return true;
+}
+long heap::LiveBlocks() {
+    return liveBlocks;
+}
+long heap::Allocations() {
+    return allocations;
+}
+
+// The C library's allocator under its other names, and this program's own in front of it.
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+void __libc_free(void* block);
+
+#define VFS_TEST_EXPORT __attribute__((visibility("default")))
+
+VFS_TEST_EXPORT void* malloc(size_t size) {
+    if (size != 0 && size == calls::failingMallocSize) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return Counted(__libc_malloc(size));
+}
+VFS_TEST_EXPORT void* calloc(size_t count, size_t size) {
+    return Counted(__libc_calloc(count, size));
+}
+VFS_TEST_EXPORT void* realloc(void* block, size_t size) {
+    if (block == nullptr) return Counted(__libc_realloc(nullptr, size));
+    return __libc_realloc(block, size);
+}
+VFS_TEST_EXPORT void* memalign(size_t alignment, size_t size) {
+    return Counted(__libc_memalign(alignment, size));
+}
+VFS_TEST_EXPORT void* aligned_alloc(size_t alignment, size_t size) {
+    return Counted(__libc_memalign(alignment, size));
+}
+VFS_TEST_EXPORT int posix_memalign(void** block, size_t alignment, size_t size) {
+    *block = Counted(__libc_memalign(alignment, size));
+    return *block != nullptr ? 0 : ENOMEM;
+}
+VFS_TEST_EXPORT void free(void* block) {
+    if (block != nullptr) liveBlocks.fetch_sub(1, std::memory_order_relaxed);
+    __libc_free(block);
+}
+}
+
+#endif

@@ -1,0 +1,109 @@
+#include "LogRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <tuple>
+
+#include "VLogger.h"
+
+namespace {
+
+struct Record {
+    std::mutex mutex;
+    std::vector<LogLine> lines;
+    std::vector<std::string> calls;
+};
+
+// Never destroyed: a worker of the library may log while the process exits.
+Record& TheRecord() {
+    static Record& record = *new Record;
+    return record;
+}
+
+std::string WithoutExtension(const std::string& file) {
+    const std::string extension = ".cpp";
+    const bool hasIt = file.size() > extension.size() &&
+                       file.compare(file.size() - extension.size(), extension.size(), extension) == 0;
+    return hasIt ? file.substr(0, file.size() - extension.size()) : file;
+}
+
+}  // namespace
+
+bool LogLine::operator==(const LogLine& other) const {
+    return std::tie(file, function, level, format, text) ==
+           std::tie(other.file, other.function, other.level, other.format, other.text);
+}
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+    return out << '{' << line.file << ", " << line.function << ", " << line.level << ", \"" << line.format
+               << "\", \"" << line.text << "\"}";
+}
+
+void LogRecorder::Clear() {
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    TheRecord().lines.clear();
+    TheRecord().calls.clear();
+}
+
+std::vector<LogLine> LogRecorder::Lines() {
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    return TheRecord().lines;
+}
+
+std::vector<std::string> LogRecorder::Texts() {
+    std::vector<std::string> texts;
+    for (const LogLine& line : Lines()) texts.push_back(line.text);
+    return texts;
+}
+
+std::vector<std::string> LogRecorder::Calls() {
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    return TheRecord().calls;
+}
+
+// The logger's members, which the dynamic linker finds here before it finds those of libVLogger.so.
+
+VLogger* VLogger::GetInstance() {
+    static VLogger* const instance = new VLogger;
+    errno = LogRecorder::kForeignErrno;
+    return instance;
+}
+
+void VLogger::StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
+                          LogLevel maxLevel, unsigned long maxFileKiB, bool alsoOnStandardError) {
+    std::ostringstream call;
+    call << "StartSystem(" << fileName << ", " << directory << ", " << fileCount << ", " << detail << ", "
+         << static_cast<int>(maxLevel) << ", " << maxFileKiB << ", " << std::boolalpha << alsoOnStandardError
+         << ")";
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    TheRecord().calls.push_back(call.str());
+}
+
+void VLogger::Log(const char* file, int line, const char* function, const char* module, const char* tag,
+                  LogLevel level, const char* format, ...) {
+    EXPECT_GT(line, 0) << "the line of the call";
+    EXPECT_STREQ(module, " ") << "the fixed fourth argument";
+    EXPECT_STREQ(tag, "") << "the fixed fifth argument";
+
+    va_list arguments;
+    va_start(arguments, format);
+    char* text = nullptr;
+    EXPECT_GE(vasprintf(&text, format, arguments), 0);
+    va_end(arguments);
+
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    TheRecord().lines.push_back({WithoutExtension(file), function, static_cast<int>(level), format, text});
+    TheRecord().calls.push_back("Log");
+    free(text);
+}
+
+void VLogger::StopSystem() {
+    const std::lock_guard<std::mutex> lock(TheRecord().mutex);
+    TheRecord().calls.push_back("StopSystem()");
+}

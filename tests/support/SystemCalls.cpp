@@ -1,0 +1,33 @@
+#include "SystemCalls.h"
+
+#include <dlfcn.h>
+
+#include <cstdarg>
+#include <cstdlib>
+
+// Each definition carries the platform's name in the object file only: the platform's headers declare the
+// same functions with attributes that a second declaration could not repeat.
+#define VFS_TEST_DEFINE_HOOK(result, name, parameters, arguments)                                      \
+    std::function<result parameters> calls::name;                                                      \
+    result calls::real::name parameters {                                                              \
+        static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));      \
+        return next arguments;                                                                         \
+    }                                                                                                  \
+    extern "C" __attribute__((visibility("default"))) result VfsTest_##name parameters __asm__(#name); \
+    extern "C" result VfsTest_##name parameters {                                                      \
+        return calls::name ? calls::name arguments : calls::real::name arguments;                      \
+    }
+VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_HOOK)
+
+bool calls::snprintfFails = false;
+
+extern "C" __attribute__((visibility("default"))) int VfsTest_snprintf_s(char*, size_t, size_t, const char*,
+                                                                         ...) __asm__("snprintf_s");
+extern "C" int VfsTest_snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...) {
+    if (calls::snprintfFails) return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(dest, destMax, format, arguments);
+    va_end(arguments);
+    return length < 0 || static_cast<size_t>(length) > count ? -1 : length;
+}

@@ -1,0 +1,88 @@
+// Platform calls that a test can stand in front of. The test program defines them under their own names; the
+// dynamic linker binds the library's calls to these definitions, which pass them on unless a test has put
+// something in their place.
+//
+//     const Replaced replaced(calls::getcwd, [](char*, size_t) -> char* { errno = ENOENT; return nullptr; });
+#ifndef TESTS_SUPPORT_SYSTEMCALLS_H
+#define TESTS_SUPPORT_SYSTEMCALLS_H
+
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdio>
+#include <functional>
+#include <utility>
+
+// Result, name, parameters, the parameters' names.
+#define VFS_TEST_SYSTEM_CALLS(X)                                                                            \
+    X(int, access, (const char* path, int mode), (path, mode))                                              \
+    X(int, closedir, (DIR * dir), (dir))                                                                    \
+    X(int, fclose, (FILE * file), (file))                                                                   \
+    X(int, fflush, (FILE * file), (file))                                                                   \
+    X(FILE*, fopen, (const char* path, const char* mode), (path, mode))                                     \
+    X(size_t, fread, (void* data, size_t size, size_t count, FILE* file), (data, size, count, file))        \
+    X(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file), (data, size, count, file)) \
+    X(char*, getcwd, (char* buffer, size_t size), (buffer, size))                                           \
+    X(passwd*, getpwnam, (const char* name), (name))                                                        \
+    X(int, lchown, (const char* path, uid_t user, gid_t group), (path, user, group))                        \
+    X(int, memmove_s, (void* dest, size_t destMax, const void* src, size_t count),                          \
+      (dest, destMax, src, count))                                                                          \
+    X(int, memset_s, (void* dest, size_t destMax, int value, size_t count), (dest, destMax, value, count))  \
+    X(int, mkdir, (const char* path, mode_t mode), (path, mode))                                            \
+    X(DIR*, opendir, (const char* path), (path))                                                            \
+    X(dirent*, readdir, (DIR * dir), (dir))                                                                 \
+    X(char*, realpath, (const char* path, char* resolved), (path, resolved))                                \
+    X(int, remove, (const char* path), (path))                                                              \
+    X(int, rename, (const char* from, const char* to), (from, to))                                          \
+    X(int, rmdir, (const char* path), (path))                                                               \
+    X(int, stat, (const char* path, struct stat* status), (path, status))                                   \
+    X(int, strcpy_s, (char* dest, size_t destMax, const char* src), (dest, destMax, src))                   \
+    X(int, strncpy_s, (char* dest, size_t destMax, const char* src, size_t count),                          \
+      (dest, destMax, src, count))                                                                          \
+    X(int, system, (const char* command), (command))
+
+namespace calls {
+
+#define VFS_TEST_DECLARE_HOOK(result, name, parameters, arguments) \
+    extern std::function<result parameters> name;
+VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_HOOK)
+#undef VFS_TEST_DECLARE_HOOK
+
+// The platform's own, whatever is in front of it.
+namespace real {
+#define VFS_TEST_DECLARE_REAL(result, name, parameters, arguments) result name parameters;
+VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_REAL)
+#undef VFS_TEST_DECLARE_REAL
+}  // namespace real
+
+// The formatting function of the bounds-checked library takes a variable list, so it can only be made to
+// fail.
+extern bool snprintfFails;
+
+// Makes the allocation of exactly `size` bytes by malloc fail while it is not 0.
+extern size_t failingMallocSize;
+
+}  // namespace calls
+
+// Puts `replacement` in the place of a call, or a value in the place of a setting, for as long as it lives.
+template <typename Value>
+class Replaced {
+public:
+    template <typename Replacement>
+    Replaced(Value& place, Replacement&& replacement)
+        : place_(place), old_(std::exchange(place, Value(std::forward<Replacement>(replacement)))) {}
+    ~Replaced() { place_ = std::move(old_); }
+    Replaced(const Replaced&) = delete;
+    Replaced& operator=(const Replaced&) = delete;
+
+private:
+    Value& place_;
+    Value old_;
+};
+
+template <typename Value, typename Replacement>
+Replaced(Value&, Replacement&&) -> Replaced<Value>;
+
+#endif
