@@ -20,6 +20,7 @@
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_HOOK)
 
 bool calls::snprintfFails = false;
+bool calls::sprintfFails = false;
 
 extern "C" __attribute__((visibility("default"))) int VfsTest_snprintf_s(char*, size_t, size_t, const char*,
                                                                          ...) __asm__("snprintf_s");
@@ -30,4 +31,15 @@ extern "C" int VfsTest_snprintf_s(char* dest, size_t destMax, size_t count, cons
     const int length = vsnprintf(dest, destMax, format, arguments);
     va_end(arguments);
     return length < 0 || static_cast<size_t>(length) > count ? -1 : length;
+}
+
+extern "C" __attribute__((visibility("default"))) int VfsTest_sprintf_s(char*, size_t, const char*,
+                                                                        ...) __asm__("sprintf_s");
+extern "C" int VfsTest_sprintf_s(char* dest, size_t destMax, const char* format, ...) {
+    if (calls::sprintfFails) return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(dest, destMax, format, arguments);
+    va_end(arguments);
+    return length;
 }

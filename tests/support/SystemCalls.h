@@ -10,28 +10,52 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <zlib.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <utility>
 
 // Result, name, parameters, the parameters' names.
 #define VFS_TEST_SYSTEM_CALLS(X)                                                                            \
     X(int, access, (const char* path, int mode), (path, mode))                                              \
+    X(int, close, (int fd), (fd))                                                                           \
     X(int, closedir, (DIR * dir), (dir))                                                                    \
+    X(int, compress, (Bytef * dest, uLongf * destLength, const Bytef* source, uLong length),                \
+      (dest, destLength, source, length))                                                                   \
+    X(int, deflate, (z_streamp stream, int flush), (stream, flush))                                         \
+    X(int, deflateEnd, (z_streamp stream), (stream))                                                        \
+    X(int, deflateInit2_,                                                                                   \
+      (z_streamp stream, int level, int method, int windowBits, int memLevel, int strategy,                 \
+       const char* version, int size),                                                                      \
+      (stream, level, method, windowBits, memLevel, strategy, version, size))                               \
     X(int, fclose, (FILE * file), (file))                                                                   \
     X(int, fflush, (FILE * file), (file))                                                                   \
+    X(char*, fgets, (char* line, int size, FILE* file), (line, size, file))                                 \
     X(FILE*, fopen, (const char* path, const char* mode), (path, mode))                                     \
     X(size_t, fread, (void* data, size_t size, size_t count, FILE* file), (data, size, count, file))        \
     X(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file), (data, size, count, file)) \
     X(char*, getcwd, (char* buffer, size_t size), (buffer, size))                                           \
+    X(ssize_t, getline, (char** line, size_t* capacity, FILE* file), (line, capacity, file))                \
     X(passwd*, getpwnam, (const char* name), (name))                                                        \
+    X(int, inflate, (z_streamp stream, int flush), (stream, flush))                                         \
+    X(int, inflateEnd, (z_streamp stream), (stream))                                                        \
+    X(int, inflateInit2_, (z_streamp stream, int windowBits, const char* version, int size),                \
+      (stream, windowBits, version, size))                                                                  \
+    X(int, inotify_add_watch, (int fd, const char* path, uint32_t mask), (fd, path, mask))                  \
+    X(int, inotify_init, (), ())                                                                            \
     X(int, lchown, (const char* path, uid_t user, gid_t group), (path, user, group))                        \
     X(int, memmove_s, (void* dest, size_t destMax, const void* src, size_t count),                          \
       (dest, destMax, src, count))                                                                          \
     X(int, memset_s, (void* dest, size_t destMax, int value, size_t count), (dest, destMax, value, count))  \
     X(int, mkdir, (const char* path, mode_t mode), (path, mode))                                            \
+    X(int, nanosleep, (const timespec* request, timespec* remainder), (request, remainder))                 \
     X(DIR*, opendir, (const char* path), (path))                                                            \
+    X(int, pclose, (FILE * stream), (stream))                                                               \
+    X(FILE*, popen, (const char* command, const char* mode), (command, mode))                               \
+    X(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))                                   \
     X(dirent*, readdir, (DIR * dir), (dir))                                                                 \
     X(char*, realpath, (const char* path, char* resolved), (path, resolved))                                \
     X(int, remove, (const char* path), (path))                                                              \

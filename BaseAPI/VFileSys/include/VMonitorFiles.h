@@ -1,0 +1,59 @@
+#ifndef VMONITORFILES_H
+#define VMONITORFILES_H
+
+/// Waits until something happens to a file or directory, with inotify. There are no objects of this class;
+/// the caller holds the descriptor of the inotify instance.
+///
+///     const int fd = VMonitorFiles::InotifyInit(nullptr);
+///     if (fd != -1) {
+///         if (VMonitorFiles::InotifyFileChange(fd, "/etc/app.conf", 3)) ReloadConfiguration();
+///         VMonitorFiles::Inotifyclose(fd);
+///     }
+///
+/// The descriptor is inherited by child processes: set FD_CLOEXEC on it if the program starts any. The
+/// operations may be called from any thread.
+class __attribute__((visibility("default"))) VMonitorFiles {
+public:
+    /// Creates an inotify instance; `path` is not used and may be null.
+    ///
+    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure (EMFILE: the user has
+    /// too many instances or the process too many descriptors) it logs "inotify_init failed, error = %d" with
+    /// errno, function name "InotifyInit", level 1, and returns -1.
+    static int InotifyInit(const char* path);
+
+    /// Watches `name`, a file or directory, for one kind of event and blocks until `fd` has an event to
+    /// deliver.
+    ///
+    /// | kind | event            |  | kind | event          |  | kind | event          |
+    /// |------|------------------|--|------|----------------|--|------|----------------|
+    /// | 0    | IN_ACCESS        |  | 4    | IN_CLOSE_NOWRITE |  | 8    | IN_CREATE      |
+    /// | 1    | IN_MODIFY        |  | 5    | IN_OPEN        |  | 9    | IN_DELETE      |
+    /// | 2    | IN_ATTRIB        |  | 6    | IN_MOVED_FROM  |  | 10   | IN_DELETE_SELF |
+    /// | 3    | IN_CLOSE_WRITE   |  | 7    | IN_MOVED_TO    |  | 11   | IN_MOVE_SELF   |
+    ///
+    /// Returns true once an event was read, **whichever it was**: one of this watch, of any other watch on
+    /// `fd`, or one that was queued before the call. Up to 512 bytes of events are taken and dropped; what
+    /// remains makes the next call return at once. A watch is never removed, and a later call for the same
+    /// file with another kind replaces what it reports.
+    ///
+    /// There is no time-out, and closing `fd` in another thread does not wake the call: to be able to stop a
+    /// waiting thread, watch a private file on the same descriptor as well and write to it.
+    ///
+    /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is not 0 to
+    /// 11. Returns false and logs, function name "InotifyFileChange", level 1: "could not add watch %s,
+    /// error = %d" with `name` and errno (ENOENT, EACCES, ENOSPC: too many watches, EBADF, EINVAL: not an
+    /// inotify descriptor); "could not get event error" when reading failed, also when a signal whose handler
+    /// does not restart calls interrupted it.
+    static bool InotifyFileChange(int fd, const char* name, int kind);
+
+    /// Closes the inotify instance with its watches and unread events.
+    ///
+    /// Deliberately the wrong way round, and kept so for those who read the log: a **successful** close logs
+    /// "close failed error = %d" with whatever errno holds, function name "Inotifyclose", level 1; a failed
+    /// one logs nothing.
+    static void Inotifyclose(int fd);
+
+    VMonitorFiles() = delete;
+};
+
+#endif
