@@ -81,9 +81,9 @@ VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_REAL)
 #undef VFS_TEST_DECLARE_REAL
 }  // namespace real
 
-// The formatting function of the bounds-checked library takes a variable list, so it can only be made to
-// fail.
+// The formatting functions of the bounds-checked library take variable lists; they can only be made to fail.
 extern bool snprintfFails;
+extern bool sprintfFails;
 
 // Makes the allocation of exactly `size` bytes by malloc fail while it is not 0.
 extern size_t failingMallocSize;
