@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -16,6 +19,7 @@ namespace {
 
 struct Record {
     std::mutex mutex;
+    std::condition_variable changed;
     std::vector<LogLine> lines;
     std::vector<std::string> calls;
 };
@@ -62,6 +66,15 @@ std::vector<std::string> LogRecorder::Texts() {
     return texts;
 }
 
+bool LogRecorder::WaitFor(const std::string& text, long count) {
+    std::unique_lock<std::mutex> lock(TheRecord().mutex);
+    return TheRecord().changed.wait_for(lock, std::chrono::minutes(2), [&text, count] {
+        const std::vector<LogLine>& lines = TheRecord().lines;
+        return std::count_if(lines.begin(), lines.end(),
+                             [&text](const LogLine& line) { return line.text == text; }) >= count;
+    });
+}
+
 std::vector<std::string> LogRecorder::Calls() {
     const std::lock_guard<std::mutex> lock(TheRecord().mutex);
     return TheRecord().calls;
@@ -100,6 +113,7 @@ void VLogger::Log(const char* file, int line, const char* function, const char* 
     const std::lock_guard<std::mutex> lock(TheRecord().mutex);
     TheRecord().lines.push_back({WithoutExtension(file), function, static_cast<int>(level), format, text});
     TheRecord().calls.push_back("Log");
+    TheRecord().changed.notify_all();
     free(text);
 }
 

@@ -29,6 +29,8 @@ public:
     static std::vector<LogLine> Lines();
     // The texts alone.
     static std::vector<std::string> Texts();
+    // Waits until `count` lines with this text were logged; false when that takes minutes.
+    static bool WaitFor(const std::string& text, long count = 1);
     // What StartSystem and StopSystem were called with, as one text each, in the order of the calls; log
     // lines stand between them as "Log".
     static std::vector<std::string> Calls();

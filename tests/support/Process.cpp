@@ -1,16 +1,21 @@
 #include "Process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 namespace {
+
+const char kInsideVariable[] = "VFILESYS_TEST_IN_PRIVATE_NAMESPACE";
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
@@ -101,6 +106,24 @@ std::vector<std::string> PrivateNamespace(const std::vector<std::string>& option
     return Concatenate({"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
                         "--ro-bind", VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
                        options);
+}
+
+bool IsInPrivateNamespace() {
+    return std::getenv(kInsideVariable) != nullptr;
+}
+
+void RunThisTestInPrivateNamespace(const std::vector<std::string>& options) {
+    const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+    const std::string name = std::string(test.test_suite_name()) + "." + test.name();
+    const std::vector<std::string> command = {std::filesystem::read_symlink("/proc/self/exe"),
+                                              "--gtest_filter=" + name};
+
+    const ProcessResult run =
+        RunProcess(Concatenate(PrivateNamespace(options), command),
+                   {"TMPDIR=/tmp", "GTEST_OUTPUT=", std::string(kInsideVariable) + "=1"});
+
+    EXPECT_EQ(run.exitStatus, 0) << run.out << run.err;
+    EXPECT_NE(run.out.find("[       OK ] " + name), std::string::npos) << run.out << run.err;
 }
 
 std::vector<std::string> Concatenate(std::vector<std::string> left, const std::vector<std::string>& right) {

@@ -25,6 +25,13 @@ bool CanUsePrivateNamespace(std::string& why);
 // whatever `options` add (for instance {"--tmpfs", "/var/log"}). What is to be run follows it.
 std::vector<std::string> PrivateNamespace(const std::vector<std::string>& options);
 
+// True inside a test that CONTINUE_IN_PRIVATE_NAMESPACE has started again.
+bool IsInPrivateNamespace();
+
+// Runs the current test once more, as a process of its own in a private namespace with `options`, and fails
+// when it fails there.
+void RunThisTestInPrivateNamespace(const std::vector<std::string>& options);
+
 std::vector<std::string> Concatenate(std::vector<std::string> left, const std::vector<std::string>& right);
 
 // Leaves the test as skipped, aloud, where there is no private namespace.
@@ -32,6 +39,17 @@ std::vector<std::string> Concatenate(std::vector<std::string> left, const std::v
     do {                                                                                         \
         std::string why;                                                                         \
         if (!CanUsePrivateNamespace(why)) GTEST_SKIP() << "no private mount namespace: " << why; \
+    } while (false)
+
+// Lets the rest of the test, and its fixture anew, run in a private namespace with `options`, for what has
+// fixed paths. Stands first in the test.
+#define CONTINUE_IN_PRIVATE_NAMESPACE(options)      \
+    do {                                            \
+        if (!IsInPrivateNamespace()) {              \
+            SKIP_WITHOUT_PRIVATE_NAMESPACE();       \
+            RunThisTestInPrivateNamespace(options); \
+            return;                                 \
+        }                                           \
     } while (false)
 
 // Leaves the test as skipped, aloud, for an ordinary user.
