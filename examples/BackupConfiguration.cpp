@@ -2,14 +2,14 @@
 //
 // The library's archive functions hand their arguments to /bin/sh as they are, and call it a success when a
 // file of the archive's name exists afterwards. So this program lets only harmless names through, clears what
-// could change tar's behaviour from outside, removes an old archive first, and tests the new one.
+// could change tar's behaviour from outside, packs under a new name, tests the result, and only then puts it
+// in the place of an older archive. (tar leaves out what it may not read; run as a user who may read all.)
 //
 //     BackupConfiguration /etc/app /var/backups/app          makes /var/backups/app.tar.gz
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "VCompressAndDeCompress.h"
@@ -23,8 +23,9 @@ bool IsHarmless(const std::string& path) {
     return !path.empty() && path[0] == '/' && path.find_first_not_of(allowed) == std::string::npos;
 }
 
-bool IsWhole(const std::string& archive) {
-    const std::string command = "tar -tzf " + archive + " > /dev/null 2>&1";
+// Reads the archive to its end and compares it with the files that it was made of.
+bool IsTrue(const std::string& archive) {
+    const std::string command = "tar -dzf " + archive + " -C / > /dev/null 2>&1";
     return std::system(command.c_str()) == 0;
 }
 
@@ -37,17 +38,20 @@ int main(int argc, char* argv[]) {
     }
     const std::string directory = VPath(argv[1]).RealPath().text;
     const std::string archiveBase = VPath(argv[2]).RealPath().text;
-    const std::string archive = archiveBase + ".tar.gz";
     if (!IsHarmless(directory) || !IsHarmless(archiveBase) || !VPath::FileExist(directory.c_str())) {
         std::fprintf(stderr, "these paths are not for the shell\n");
         return 1;
     }
 
     unsetenv("TAR_OPTIONS");
-    (void)unlink(archive.c_str());
-    const int status = VCompressAndDeCompress::CompressFileGroup(directory.c_str(), archiveBase.c_str());
-    if (status != 0 || !IsWhole(archive)) {
-        std::fprintf(stderr, "%s: no archive could be made\n", archive.c_str());
+    setenv("PATH", "/usr/bin:/bin", 1);
+    const std::string newBase = archiveBase + ".new." + std::to_string(getpid());
+    const std::string newArchive = newBase + ".tar.gz";
+    const std::string archive = archiveBase + ".tar.gz";
+    const int status = VCompressAndDeCompress::CompressFileGroup(directory.c_str(), newBase.c_str());
+    if (status != 0 || !IsTrue(newArchive) || std::rename(newArchive.c_str(), archive.c_str()) != 0) {
+        std::fprintf(stderr, "%s could not be made\n", archive.c_str());
+        (void)unlink(newArchive.c_str());
         return 1;
     }
 

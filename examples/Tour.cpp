@@ -85,15 +85,16 @@ void ShowMonitor(const VPath& file) {
     Heading("VMonitorFiles", "waiting for a change");
     const std::string path = file.RealPath().text;
     const int fd = VMonitorFiles::InotifyInit(nullptr);
-    std::atomic<bool> isSeen{false};
-    std::thread waiter([&] { isSeen = VMonitorFiles::InotifyFileChange(fd, path.c_str(), 1); });
-    // Written to until the waiter has seen it, since it may not be waiting yet.
-    std::thread writer([&] {
-        while (!isSeen && VFile::AppendWriteFile(path.c_str(), "#", 1) == 0) std::this_thread::yield();
+    bool isSeen = false;
+    std::atomic<bool> isOver{false};
+    std::thread waiter([&] {
+        isSeen = VMonitorFiles::InotifyFileChange(fd, path.c_str(), 1);
+        isOver = true;
     });
+    // Written to until the waiter has come back, since it may not be waiting yet.
+    while (!isOver && VFile::AppendWriteFile(path.c_str(), "#", 1) == 0) std::this_thread::yield();
     waiter.join();
-    writer.join();
-    Say("somebody wrote to %s", file.BaseName().text);
+    Say(isSeen ? "somebody wrote to %s" : "%s can't be watched", file.BaseName().text);
     VMonitorFiles::Inotifyclose(fd);
     Say("(\"close failed\" is what a successful close logs; kept for those who know it)");
 }
@@ -110,7 +111,9 @@ void ShowHelperTool() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    if (argc < 2) {
+    // The archive functions hand the path to a shell.
+    const char* const harmless = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-";
+    if (argc < 2 || argv[1][std::strspn(argv[1], harmless)] != '\0') {
         std::fprintf(stderr, "usage: %s DIRECTORY [--with-helper]\n", argv[0]);
         return 2;
     }

@@ -806,4 +806,18 @@ TEST_F(VCopyFileListIniMainTest, TurnsALackOfMemoryIntoAFailedRun) {
     EXPECT_EQ(LogRecorder::Calls().back(), "StopSystem()");
 }
 
+TEST_F(VCopyFileListIniMainTest, TurnsAnyOtherExceptionIntoAFailedRun) {
+    const std::string list = WriteList("[Server]\nL=@\n");
+    // Opened by the INI reader, which lets pass what is no exception of the standard library.
+    testing::internal::CaptureStderr();
+    {
+        const Replaced replaced(calls::fopen, [](const char*, const char*) -> FILE* { throw 1; });
+        EXPECT_EQ(Run({"-rename", list}), -10000);
+    }
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "VCopyFileListIni: unknown exception\n");
+    EXPECT_EQ(LogRecorder::Lines().back(), FailureLine());
+    EXPECT_EQ(LogRecorder::Calls().back(), "StopSystem()");
+}
+
 }  // namespace

@@ -309,16 +309,28 @@ TEST_F(VPathTest, NeedsNoMoveForACanonicalText) {
     EXPECT_EQ(TextOf(VPath("/usr/lib/x86_64/..name/b.so")), "/usr/lib/x86_64/..name/b.so");
 }
 
-TEST_F(VPathTest, WritesNoMoreOfItsBufferThanTheTextNeeds) {
+// Constructs a path in memory that is filled with a pattern, and expects the pattern behind the first `used`
+// characters of its text.
+template <typename... Arguments>
+void ExpectUntouchedBehind(std::size_t used, Arguments&&... arguments) {
     alignas(VPath) unsigned char memory[sizeof(VPath)];
     std::memset(memory, 0x5a, sizeof(memory));
 
-    const std::string text = "/some//path/./to";
-    auto* const path = new (memory) VPath(text);
+    auto* const path = new (memory) VPath(std::forward<Arguments>(arguments)...);
 
-    EXPECT_EQ(TextOf(*path), "/some/path/to");
-    for (std::size_t i = 1 + text.size() + 1; i < sizeof(memory); ++i) ASSERT_EQ(memory[i], 0x5a) << i;
+    for (std::size_t i = 1 + used; i < sizeof(memory); ++i) ASSERT_EQ(memory[i], 0x5a) << i;
     path->~VPath();
+}
+
+TEST_F(VPathTest, WritesNoMoreOfItsBufferThanTheTextNeeds) {
+    const std::string text = "/some//path/./to";
+    ExpectUntouchedBehind(text.size() + 1, text);
+    ExpectUntouchedBehind(text.size() + 1, true, text.c_str(), nullptr);
+    ExpectUntouchedBehind(3 + 1, true, text.c_str(), text.c_str() + 3);
+    ExpectUntouchedBehind(12 + 1, VPath(text));
+    ExpectUntouchedBehind(1, "");
+    const WorkingDirectory here("/usr");
+    ExpectUntouchedBehind(4 + 1 + 3 + 1, "lib");
 }
 
 TEST_F(VPathTest, LeavesItsOldTextWhenTheNewOneIsRefusedAtOnce) {
@@ -338,7 +350,7 @@ TEST_F(VPathTest, LeavesItsOldTextWhenTheNewOneIsRefusedAtOnce) {
 TEST_F(VPathTest, HoldsTheWorkingDirectoryWhenARelativeTextDoesNotFitBehindIt) {
     const WorkingDirectory here(scratch_.Path());
     VPath path("/old");
-    path.ResolvePath(std::string(4095, 'a').c_str());
+    path.ResolvePath(std::string(4095 - scratch_.Path().size(), 'a').c_str());
 
     EXPECT_FALSE(IsValid(path));
     EXPECT_EQ(StoredText(path), scratch_.Path());

@@ -82,6 +82,18 @@ TEST_F(ExamplesTest, SafeCopyLeavesTheOldFileWhenItFails) {
     EXPECT_EQ(scratch_.List(), (std::vector<std::string>{"file"}));
 }
 
+TEST_F(ExamplesTest, SafeCopyTouchesNoOtherFile) {
+    const std::string source = scratch_.Write("file.new", "content");
+    const std::string destination = scratch_.Path("file");
+
+    EXPECT_EQ(RunExample("SafeCopy", {source, destination}).exitStatus, 0);
+    EXPECT_EQ(RunExample("SafeCopy", {scratch_.Path("missing"), destination}).exitStatus, 1);
+    EXPECT_EQ(RunExample("SafeCopy", {source, source}).exitStatus, 0);
+
+    EXPECT_EQ(scratch_.Read("file"), "content");
+    EXPECT_EQ(scratch_.Read("file.new"), "content");
+}
+
 TEST_F(ExamplesTest, CompressBufferComesBack) {
     const ProcessResult result = RunExample("CompressBuffer", {"some text"});
 
@@ -101,6 +113,21 @@ TEST_F(ExamplesTest, BackupConfigurationMakesAnArchiveThatCanBeRead) {
     EXPECT_THAT(list.out, HasSubstr("etc/app/a.conf\n"));
 }
 
+TEST_F(ExamplesTest, BackupConfigurationKeepsTheOldArchiveWhenItFails) {
+    scratch_.Write("etc/app/a.conf", "a");
+    scratch_.Write("backup.tar.gz", "old");
+
+    // No room for the new archive: its name would be too long.
+    EXPECT_EQ(
+        RunExample("BackupConfiguration", {scratch_.Path("etc/app"), scratch_.Path(std::string(250, 'b'))})
+            .exitStatus,
+        1);
+    EXPECT_EQ(
+        RunExample("BackupConfiguration", {scratch_.Path("etc/no"), scratch_.Path("backup")}).exitStatus, 1);
+
+    EXPECT_EQ(scratch_.Read("backup.tar.gz"), "old");
+}
+
 TEST_F(ExamplesTest, BackupConfigurationHandsNoOddPathToTheShell) {
     const std::string marker = scratch_.Path("marker");
     for (const std::string& odd :
@@ -117,13 +144,28 @@ TEST_F(ExamplesTest, WaitForChangeTellsOfAWriteAndEnds) {
         "cd " + scratch_.Path() +
         "; mkfifo enter; " EXAMPLES
         "WaitForChange file < enter > out & exec 3> enter; "
-        "while ! grep -q 'was written' out; do echo x >> file; done; echo >&3; wait $!";
+        "while ! grep -q 'something happened' out; do echo x >> file; done; echo >&3; wait $!";
 
     const ProcessResult result = RunProcess({"timeout", "60", "sh", "-c", script});
 
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_THAT(scratch_.Read("out"), StartsWith("watching file; Enter ends it\n"));
     EXPECT_THAT(scratch_.Read("out"), testing::EndsWith("done\n"));
+}
+
+TEST_F(ExamplesTest, WaitForChangeTellsWhenTheFileIsGone) {
+    scratch_.Write("file", "");
+    const std::string script =
+        "cd " + scratch_.Path() +
+        "; mkfifo enter; " EXAMPLES
+        "WaitForChange file < enter > out & exec 3> enter; "
+        "until [ \"$(cat /proc/$!/fdinfo/* 2> /dev/null | grep -c 'inotify wd:')\" -ge 2 ]; do :; done; "
+        "rm file; until grep -q 'any more' out; do :; done; echo >&3; wait $!";
+
+    const ProcessResult result = RunProcess({"timeout", "60", "sh", "-c", script});
+
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_THAT(scratch_.Read("out"), HasSubstr("file can't be watched any more\n"));
 }
 
 TEST_F(ExamplesTest, FirewallServiceRepairsUntilASignalEndsIt) {

@@ -3,10 +3,13 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
+#include <new>
 
 #include "SystemCalls.h"
 
 size_t calls::failingMallocSize = 0;
+bool calls::newFails = false;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define VFS_TEST_SANITIZED 1
@@ -91,6 +94,18 @@ VFS_TEST_EXPORT void free(void* block) {
     if (block != nullptr) liveBlocks.fetch_sub(1, std::memory_order_relaxed);
     __libc_free(block);
 }
+}
+
+VFS_TEST_EXPORT void* operator new(size_t size) {
+    void* const block = calls::newFails ? nullptr : malloc(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+VFS_TEST_EXPORT void operator delete(void* block) noexcept {
+    free(block);
+}
+VFS_TEST_EXPORT void operator delete(void* block, size_t) noexcept {
+    free(block);
 }
 
 #endif

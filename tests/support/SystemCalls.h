@@ -7,6 +7,7 @@
 #define TESTS_SUPPORT_SYSTEMCALLS_H
 
 #include <dirent.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -56,6 +57,9 @@
     X(int, pclose, (FILE * stream), (stream))                                                               \
     X(FILE*, popen, (const char* command, const char* mode), (command, mode))                               \
     X(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))                                   \
+    X(int, pthread_create,                                                                                  \
+      (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument),        \
+      (thread, attributes, start, argument))                                                                \
     X(dirent*, readdir, (DIR * dir), (dir))                                                                 \
     X(char*, realpath, (const char* path, char* resolved), (path, resolved))                                \
     X(int, remove, (const char* path), (path))                                                              \
@@ -84,6 +88,9 @@ VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_REAL)
 // The formatting functions of the bounds-checked library take variable lists; they can only be made to fail.
 extern bool snprintfFails;
 extern bool sprintfFails;
+
+// Makes every operator new throw std::bad_alloc.
+extern bool newFails;
 
 // Makes the allocation of exactly `size` bytes by malloc fail while it is not 0.
 extern size_t failingMallocSize;

@@ -3,15 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <system_error>
 #include <type_traits>
 #include <vector>
 
@@ -235,9 +239,42 @@ TEST_F(VFixFirewallTest, RunsNoPassWhenItWasStoppedBefore) {
     });
 }
 
+TEST_F(VFixFirewallTest, SleepsOnceMoreWhenItIsStoppedDuringAPass) {
+    InChild([] {
+        const Replaced start(calls::popen, [](const char*, const char* mode) {
+            VFixFirewall::FixFirewallStop();
+            return calls::real::popen("true", mode);
+        });
+        std::atomic<int> sleeps{0};
+        const Replaced sleep(calls::nanosleep, [&](const timespec*, timespec*) {
+            ++sleeps;
+            return 0;
+        });
+        VFixFirewall::FixFirewallStart();
+        EXPECT_TRUE(LogRecorder::WaitFor("FixFirewallThread exit"));
+        EXPECT_EQ(sleeps, 1);
+    });
+}
+
+TEST_F(VFixFirewallTest, ThrowsWhenNoThreadCanBeHadAndCanBeStartedLater) {
+    InChild([] {
+        {
+            const Replaced create(calls::pthread_create, [](pthread_t*, const pthread_attr_t*,
+                                                            void* (*)(void*), void*) { return EAGAIN; });
+            EXPECT_THROW(VFixFirewall::FixFirewallStart(), std::system_error);
+        }
+        EXPECT_THAT(LogRecorder::Texts(), testing::ElementsAre("FixFirewallStart"));
+
+        LogRecorder::Clear();
+        const Replaced start(calls::popen, InHelpersPlace("true"));
+        RunPasses(1);
+        EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(PassLines({Status(0)}))));
+    });
+}
+
 TEST_F(VFixFirewallTest, DeliberatelyRepairsTwiceWhenStartedTwice) {
     InChild([] {
-        const Replaced start(calls::popen, InHelpersPlace("true"));
+        const Replaced start(calls::popen, InHelpersPlace("echo line"));
         // Each thread waits in its sleep until the other is in its own.
         std::atomic<int> sleeping{0};
         const Replaced sleep(calls::nanosleep, [&](const timespec*, timespec*) {
@@ -271,8 +308,10 @@ TEST_F(VFixFirewallTest, LeavesNothingOpenBetweenThePasses) {
         });
         descriptors.reserve(8);
         blocks.reserve(8);
+        // Made before the thread counts blocks.
+        const std::string end = "FixFirewallThread exit";
         VFixFirewall::FixFirewallStart();
-        EXPECT_TRUE(LogRecorder::WaitFor("FixFirewallThread exit"));
+        EXPECT_TRUE(LogRecorder::WaitFor(end));
 
         EXPECT_EQ(descriptors.back(), descriptors[1]);
         EXPECT_EQ(blocks.back(), blocks[1]);
@@ -297,12 +336,22 @@ TEST_F(VFixFirewallTest, RunsTheHelperToolWithTheArgumentFirewall) {
                 ElementsAreArray(RunLines(PassLines({Output("told 1 Firewall\n"), Status(0)}))));
 }
 
-TEST_F(VFixFirewallTest, LogsTheShellsStatusForAMissingHelperTool) {
-    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--tmpfs", "/usr/local"}));
+TEST_F(VFixFirewallTest, LogsTheShellsStatusForAHelperToolThatWasKilled) {
+    const ScratchDirectory scratch;
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelper(scratch, "kill -9 $$\n"));
 
     RunPasses(1);
 
-    EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(PassLines({Status(127)}))));
+    EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(PassLines({Status(137)}))));
+}
+
+TEST_F(VFixFirewallTest, LogsTheShellsStatusForAMissingHelperTool) {
+    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--tmpfs", "/usr/local"}));
+
+    RunPasses(2);
+
+    const std::vector<LogLine> pass = PassLines({Status(127)});
+    EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(Joined({pass, pass}))));
 }
 
 TEST_F(VFixFirewallTest, LetsTheProcessExitWhileItRepairs) {

@@ -8,8 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <cstring>
+#include <climits>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -60,7 +61,11 @@ protected:
             if (fd == fd_) {
                 EXPECT_FALSE(HasEvents(fd)) << "before anything happened";
                 happening();
-                EXPECT_TRUE(HasEvents(fd)) << "the call would wait for ever";
+                if (!HasEvents(fd)) {
+                    ADD_FAILURE() << "the call would wait for ever";
+                    errno = EIO;
+                    return ssize_t{-1};
+                }
             }
             return calls::real::read(fd, data, size);
         });
@@ -72,7 +77,11 @@ protected:
 };
 
 TEST_F(VMonitorFilesTest, InitGivesABlockingDescriptorAndIgnoresItsPath) {
-    const int other = VMonitorFiles::InotifyInit("/no/such/path");
+    const Replaced replaced(calls::inotify_add_watch, [](int, const char*, uint32_t) -> int {
+        ADD_FAILURE() << "watched the path";
+        return -1;
+    });
+    const int other = VMonitorFiles::InotifyInit("/");
 
     EXPECT_GE(fd_, 0);
     EXPECT_GE(other, 0);
@@ -140,6 +149,13 @@ TEST_F(VMonitorFilesTest, WatchesForExactlyOneEvent) {
     }
 }
 
+TEST_F(VMonitorFilesTest, TakesDescriptor0AndWatch0) {
+    const Replaced watch(calls::inotify_add_watch, [](int fd, const char*, uint32_t) { return fd; });
+    const Replaced event(calls::read, [](int, void*, size_t) -> ssize_t { return 16; });
+
+    EXPECT_TRUE(VMonitorFiles::InotifyFileChange(0, "the name", kModify));
+}
+
 TEST_F(VMonitorFilesTest, ReturnsWhenTheAwaitedThingHappens) {
     const std::string directory = scratch_.MakeDirectory("dir");
     const std::string file = scratch_.Write("dir/file", "content");
@@ -184,9 +200,15 @@ TEST_F(VMonitorFilesTest, IsBlindForOtherKindsOfEvents) {
 TEST_F(VMonitorFilesTest, WakesAWaitingThread) {
     const std::string file = scratch_.Write("file", "");
     bool result = false;
-    std::thread waiter([&] { result = VMonitorFiles::InotifyFileChange(fd_, file.c_str(), kModify); });
+    std::atomic<bool> isOver{false};
+    std::thread waiter([&] {
+        result = VMonitorFiles::InotifyFileChange(fd_, file.c_str(), kModify);
+        isOver = true;
+    });
     const std::string watches = "/proc/self/fdinfo/" + std::to_string(fd_);
-    while (ReadWholeFile(watches).find("inotify wd:") == std::string::npos) std::this_thread::yield();
+    while (!isOver && ReadWholeFile(watches).find("inotify wd:") == std::string::npos) {
+        std::this_thread::yield();
+    }
 
     Append(file, "x");
 
@@ -280,7 +302,7 @@ TEST_F(VMonitorFilesTest, LeavesWhatIsBeyond512BytesOfEventsToTheNextCall) {
     for (int i = 10; i < 30; ++i) scratch_.Write("dir/file" + std::to_string(i), "");
 
     EXPECT_TRUE(VMonitorFiles::InotifyFileChange(fd_, directory.c_str(), kCreate));
-    EXPECT_TRUE(HasEvents(fd_));
+    ASSERT_TRUE(HasEvents(fd_));
     EXPECT_TRUE(VMonitorFiles::InotifyFileChange(fd_, directory.c_str(), kCreate));
     EXPECT_FALSE(HasEvents(fd_));
 }
@@ -300,6 +322,12 @@ TEST_F(VMonitorFilesTest, ReplacesTheMaskOfAFileThatIsWatchedAlready) {
         EXPECT_FALSE(HasEvents(fd_)) << "the earlier kind is not reported any more";
         ASSERT_EQ(chmod(file.c_str(), 0600), 0);
     }));
+}
+
+TEST_F(VMonitorFilesTest, ReturnsWhenTheWatchedFileIsGone) {
+    const std::string file = scratch_.Write("file", "");
+
+    EXPECT_TRUE(WaitWhile(file, kModify, [&] { EXPECT_EQ(unlink(file.c_str()), 0); }));
 }
 
 TEST_F(VMonitorFilesTest, KeepsItsWatchesAfterTheCall) {
@@ -325,9 +353,15 @@ TEST_F(VMonitorFilesTest, DeliberatelyLogsASuccessfulCloseAsFailed) {
 TEST_F(VMonitorFilesTest, DeliberatelyLogsNothingWhenTheCloseFails) {
     VMonitorFiles::Inotifyclose(-1);
 
-    const Replaced replaced(calls::close, [](int) { return -1; });
+    std::vector<int> closed;
+    const Replaced replaced(calls::close, [&closed](int fd) {
+        closed.push_back(fd);
+        return -1;
+    });
+    VMonitorFiles::Inotifyclose(-1);
     VMonitorFiles::Inotifyclose(fd_);
 
+    EXPECT_THAT(closed, ElementsAre(-1, fd_));
     EXPECT_THAT(LogRecorder::Lines(), IsEmpty());
 }
 

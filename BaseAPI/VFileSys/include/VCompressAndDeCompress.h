@@ -9,10 +9,11 @@
 /// until `tar` has ended; there is no time-out. **Their guard is no defence against a hostile path; pass only
 /// paths that the product itself made.** It refuses a command with ';', '|', "&&", '$' or a backquote
 /// anywhere in it, quotes or not, and lets everything else through to the shell: a single '&', '<', '>', a
-/// line feed, '*', blanks, which split a path in two, and names that begin with '-', which `tar` takes as
-/// options. Their result 0 means that a file of the archive's name exists afterwards, nothing more: an
+/// line feed, '*', '[', blanks, which split a path in two, and names that begin with '-', which `tar` takes
+/// as options. Their result 0 means that a file of the archive's name exists afterwards, nothing more: an
 /// archive from an earlier run or one that `tar` wrote only in part counts too. (GNU tar leaves an archive
-/// behind even when it found nothing to pack.) Remove an old archive first and test the new one afterwards.
+/// behind even when the path to pack is missing.) Remove an old archive first and test the new one
+/// afterwards.
 class __attribute__((visibility("default"))) VCompressAndDeCompress {
 public:
     /// Compresses the text `src` of `srcLen` bytes (at least 1) into `dst` as a zlib stream of the default
@@ -55,7 +56,8 @@ public:
     ///
     /// Returns the decompressed length, or zlib's code as it is, with no log line: Z_BUF_ERROR (-5) when
     /// `dst` is too small or the input ends early, Z_DATA_ERROR (-3) when it is no intact gzip member (a zlib
-    /// stream is none), Z_STREAM_ERROR (-2) for null buffers, Z_MEM_ERROR (-4), Z_VERSION_ERROR (-6).
+    /// stream is none), Z_STREAM_ERROR (-2) for a null `dst`, also with length 0, and for a null `src` of a
+    /// length above 0, Z_MEM_ERROR (-4), Z_VERSION_ERROR (-6).
     ///
     /// Logs "gzip decompress success." with function name "GzipDecompress" at level 3.
     static int GzipDecompress(const char* src, int srcLen, char* dst, int dstLen);

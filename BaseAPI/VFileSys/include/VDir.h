@@ -8,15 +8,17 @@
 class __attribute__((visibility("default"))) VDir {
 public:
     /// Makes the directory `path` with all its missing parents, each with the permission bits `mode` less
-    /// the process's umask (the parents too: without owner write and search permission in `mode` the next
-    /// level can't be made in them). The path is resolved as by VPath: "." and ".." go lexically, except as
-    /// the last component.
+    /// the process's umask (the parents too: without owner write and search permission in `mode` nobody but
+    /// root can make the next level in them). The path is resolved as by VPath: "." and ".." go lexically,
+    /// except as the last component.
     ///
     /// Returns 0 when the directory was made or is there already; nothing that exists is changed. Returns -1
-    /// with errno EEXIST when `path` is there but no directory, ENOENT when it is null, empty or too long to
-    /// be a VPath, ENAMETOOLONG when its canonical text does not fit 4096 bytes, and otherwise the errno of
-    /// the mkdir that failed; parents already made then stay. When another thread or process makes one of the
-    /// levels at the same moment, the result may be -1 with EEXIST: call again.
+    /// with errno EEXIST when `path` is there but no directory, ENOENT when it is no valid VPath (null,
+    /// empty, too long, or relative to a working directory that can't be read), ENAMETOOLONG when its
+    /// canonical text does not fit 4096 bytes, and otherwise the errno of the mkdir that failed (ENOTDIR,
+    /// EACCES, ENOSPC, and EEXIST for a dangling link); parents already made then stay. When another thread
+    /// or process makes one of the levels at the same moment, the result may be -1 with EEXIST, too: a second
+    /// call tells.
     ///
     /// Never logs. May be called from any thread.
     ///
@@ -32,10 +34,11 @@ public:
     /// Hands the directory `dirPath`, and what lies directly in it except subdirectories, to the user
     /// `userName` and the user's primary group. Needs the right to change owners (root).
     ///
-    /// A symbolic link is itself given away, never what it points to; a link to a directory and a dangling
-    /// link are passed over, as are subdirectories and all in them. Between the look at an entry and the
-    /// change of its owner another user may replace it, so use it only on directories which that user can't
-    /// write yet; a hard link planted there changes the file's owner everywhere.
+    /// A symbolic link is itself given away, never what it points to; a link to a directory, and an
+    /// entry whose stat fails, such as a dangling link, are passed over, as are subdirectories and all in
+    /// them. Between the look at an entry and the change of its owner another user may replace it, so use it
+    /// only on directories which that user can't write yet; a hard link planted there changes the file's
+    /// owner everywhere.
     ///
     /// Returns 0 on success. Returns -10000 and stops at the first failure, which it logs with function name
     /// "VChownDirAndFirstDepthFiles" at level 1; entries already changed stay changed:
@@ -45,14 +48,18 @@ public:
     ///    changed (a null `dirPath` gives ENOENT here);
     ///  - "Failed open dir,path=%s": the directory could not be opened; it has its new owner.
     ///
+    /// Lets std::bad_alloc through; entries already changed stay changed then, too.
+    ///
     /// Not for two threads at once: the user lookup keeps its result in storage that the process shares.
     static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
 
     /// Tells whether the system can canonicalise `path`, or the path is merely missing.
     ///
-    /// Returns true when realpath succeeds or fails with ENOENT (so for a dangling link, too); false for
+    /// Returns true when realpath succeeds or fails with ENOENT (so for a dangling link and the empty text,
+    /// too); false for
     /// every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for null). Returns
-    /// false without a look at the file system when `length` is above 4096; zero and negative values pass.
+    /// false without a look at the file system, and without an errno, when `length` is above 4096; zero and
+    /// negative values pass.
     /// Never logs. May be called from any thread.
     static bool VRealPath(const char* path, int length);
 

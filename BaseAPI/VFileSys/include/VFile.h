@@ -7,7 +7,8 @@
 
 /// Work on whole files, and listings of directory trees. Paths are taken as given: not resolved, links
 /// followed. Buffers belong to the caller; nothing keeps a pointer after it returns, and every stream is
-/// closed again on every way out. There are no objects of this class.
+/// closed again on every way out. Only the two listings may throw, for lack of memory. There are no objects
+/// of this class.
 class __attribute__((visibility("default"))) VFile {
 public:
     /// Switches the product's file protection on (`enableFlag` true) or off, by running
@@ -17,7 +18,8 @@ public:
     ///
     /// Gives no result: a failure is seen in the log only. Logs "enableFlag=%d" before and "Done return: %d"
     /// with the raw wait status of system() after (256 times the exit code; -1 when nothing could be started
-    /// or the process ignores SIGCHLD), with function name "FileProtect" at level 3.
+    /// or the process ignores SIGCHLD), with function name "FileProtect" at level 3. May be called from any
+    /// thread; each call of its kind replaces the log file of the one before.
     static void FileProtect(bool enableFlag);
 
     /// Removes the file, or the empty directory, `path`; of a link the link itself.
@@ -68,11 +70,11 @@ public:
     /// and owner, and the source's is not looked at. Links are followed on both sides. **A copy onto itself
     /// empties the file**, with result 0. Nothing is synced to the disk.
     ///
-    /// Returns 0, or -10000 with what was written so far left in place. Data passes through the standard
-    /// 4096-byte (or st_blksize) buffer of the destination's stream, whose last flush and close are not
-    /// checked: on a full disk up to a buffer of data may be lost with result 0 (copying at most 4096 bytes
-    /// to /dev/full gives 0; more is noticed). A read error counts as the end of the source. Compare the
-    /// sizes or the content afterwards where that matters.
+    /// Returns 0, or -10000 with what was written so far left in place. Data passes through the buffer of the
+    /// destination's stream (4096 bytes on most file systems, 8192 at the most), whose last flush and close
+    /// are not checked: on a full disk up to a buffer of data may be lost with result 0 (copying at most 4096
+    /// bytes to /dev/full gives 0; more is noticed). A read error counts as the end of the source. Compare
+    /// the sizes or the content afterwards where that matters.
     ///
     /// Logs with function name "VCopyFile", where a failed open is first logged by "fopen_s" as
     /// "open file %s errno %d" (level 3):
@@ -92,8 +94,9 @@ public:
     /// `path` + "/" + name: a `path` that ends in '/' gives two. The order is the directory stream's; what
     /// `subDirs` held stays in front.
     ///
-    /// There is no result: a directory that does not open adds nothing. Never logs; may be called from any
-    /// thread that has `subDirs` to itself.
+    /// There is no result: a directory that does not open adds nothing. `path` may be an element of
+    /// `subDirs`. Lets std::bad_alloc through. Never logs; may be called from any thread that has `subDirs`
+    /// to itself.
     static void ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs);
 
     /// Appends to `files` the path of every regular file in the tree below `path`, links to regular files
@@ -104,7 +107,8 @@ public:
     /// Links to directories are entered and **nothing limits the depth**: a link that points back up the tree
     /// is followed until the system refuses the path, and two such links make a walk that never ends in
     /// practice. Each level keeps one descriptor open; where they run out, deeper directories are silently
-    /// missing. For trusted trees only. Never logs; may be called from any thread that has `files` to itself.
+    /// missing. For trusted trees only. Lets std::bad_alloc through. Never logs; may be called from any
+    /// thread that has `files` to itself.
     static void ScanDirectoriesFiles(std::string path, std::vector<std::string>& files);
 
     VFile() = delete;

@@ -15,11 +15,13 @@
 /// "FixFirewallStop"; by the thread "FixFirewallThread" at its begin and "FixFirewallThread exit" at its end
 /// (function name "FixFirewallThread"); for each pass "FixFirewall" and "FixFirewall end" (function name
 /// "FixFirewall") and between them, with function name "ProcessCmd": "ProcessCmd in VFileSys", the command,
-/// every line of its output with its line feed (a line of more than 4094 characters in pieces), and
-/// "ProcessCmd in VFileSys, rs = %d" with the exit status, or with the raw wait status when the command did
-/// not exit by itself or could not be waited for (-1, for instance in a process that ignores SIGCHLD). A
-/// command that can't be started gives "popen failed" (level 1) instead; "sprintf_s failed!" (level 1,
-/// function name "FixFirewall") ends a pass whose command could not be put together.
+/// every line of its output with its line feed (in pieces of 4094 characters where it is longer, the line
+/// feed counted), and "ProcessCmd in VFileSys, rs = %d" with the exit status, or with the raw wait status
+/// when the command did not exit by itself or could not be waited for (-1, for instance in a process that
+/// ignores SIGCHLD). The command is the shell: for a helper tool that a signal killed it exits with 128 plus
+/// the signal's number, for one that is missing with 127. A command that can't be started gives "popen
+/// failed" (level 1) instead; "sprintf_s failed!" (level 1, function name "FixFirewall") ends a pass whose
+/// command could not be put together.
 class __attribute__((visibility("default"))) VFixFirewall {
 public:
     /// Starts a thread that repairs the firewall at once and then every 300 seconds until FixFirewallStop.

@@ -17,8 +17,8 @@ public:
     /// Creates an inotify instance; `path` is not used and may be null.
     ///
     /// Returns its descriptor, which the caller closes with Inotifyclose. On failure (EMFILE: the user has
-    /// too many instances or the process too many descriptors) it logs "inotify_init failed, error = %d" with
-    /// errno, function name "InotifyInit", level 1, and returns -1.
+    /// too many instances or the process too many descriptors; ENFILE, ENOMEM) it logs "inotify_init failed,
+    /// error = %d" with errno, function name "InotifyInit", level 1, and returns -1.
     static int InotifyInit(const char* path);
 
     /// Watches `name`, a file or directory, for one kind of event and blocks until `fd` has an event to
@@ -33,8 +33,11 @@ public:
     ///
     /// Returns true once an event was read, **whichever it was**: one of this watch, of any other watch on
     /// `fd`, or one that was queued before the call. Up to 512 bytes of events are taken and dropped; what
-    /// remains makes the next call return at once. A watch is never removed, and a later call for the same
-    /// file with another kind replaces what it reports.
+    /// remains makes the next call return at once. What the kernel reports unasked ends the wait, too: that
+    /// the watched file is gone, its file system was unmounted, or the queue overflowed. A watch is never
+    /// removed, and a later call for the same file with another kind replaces what it reports. It sticks to
+    /// the file, not to its name: when another file is put in its place by renaming, only the next call
+    /// watches that.
     ///
     /// There is no time-out, and closing `fd` in another thread does not wake the call: to be able to stop a
     /// waiting thread, watch a private file on the same descriptor as well and write to it.
@@ -42,8 +45,8 @@ public:
     /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is not 0 to
     /// 11. Returns false and logs, function name "InotifyFileChange", level 1: "could not add watch %s,
     /// error = %d" with `name` and errno (ENOENT, EACCES, ENOSPC: too many watches, EBADF, EINVAL: not an
-    /// inotify descriptor); "could not get event error" when reading failed, also when a signal whose handler
-    /// does not restart calls interrupted it.
+    /// inotify descriptor, or any other of a path that can't be followed); "could not get event error" when
+    /// reading failed, also when a signal whose handler does not restart calls interrupted it.
     static bool InotifyFileChange(int fd, const char* name, int kind);
 
     /// Closes the inotify instance with its watches and unread events.

@@ -13,6 +13,7 @@ public:
     PathText(const char* pathText, bool isOwned) noexcept : text(pathText), owned(isOwned) {}
     /// Leaves `other` holding the empty text, not owned.
     PathText(PathText&& other) noexcept;
+    /// Swaps the two: `other` then holds, and releases, what this one held.
     PathText& operator=(PathText&& other) noexcept;
     PathText(const PathText&) = delete;
     PathText& operator=(const PathText&) = delete;
@@ -65,8 +66,9 @@ public:
 
     /// Appends '/' and `tail` to a valid path and resolves the whole again. The tail is always appended,
     /// also when it begins with '/'; "." and ".." in it act on the components before them, but not as its
-    /// last component. A null or empty tail changes nothing. The path becomes invalid when the joined text
-    /// reaches 4096 characters; an invalid path stays as it is.
+    /// last component. A last component that was kept so far is examined now: "/a/.." and "x" give "/x". A
+    /// null or empty tail leaves a resolved path as it is. The path becomes invalid when the joined text,
+    /// with the '/' between, reaches 4096 characters; an invalid path stays as it is.
     VPath& operator+=(const char* tail);
     VPath& operator+=(const std::string& tail);
 

@@ -30,7 +30,7 @@ constexpr int kNothingToRename = -9996;
 
 const char kBackupSuffix[] = ".bak";
 
-bool Exists(const std::string& path) {
+bool IsAccessible(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
@@ -39,11 +39,10 @@ std::string SourceDirectory(const std::string& iniPath) {
     return iniPath.substr(0, iniPath.rfind('/') + 1) + kCommonDirectory + kSeparator;
 }
 
-// Calls `handleEntry` with the target directory and the entry, for each entry of each list, until one fails;
-// `enterDirectory` comes before the entries of each list. The log lines carry the name of the pass.
-template <typename EnterDirectory, typename HandleEntry>
-int ForEachEntry(const char* pass, const std::string& iniPath, EnterDirectory enterDirectory,
-                 HandleEntry handleEntry) {
+// Calls `handleList` with the target directory and the entries of each list until one fails. The log lines
+// carry the name of the pass.
+template <typename HandleList>
+int ForEachList(const char* pass, const std::string& iniPath, HandleList handleList) {
     DirectoryMap directories;
     if (GetPathSectionMap(directories, iniPath) == kFailure) {
         VFS_LOG(pass, kLogError, "Get GetPathSectionMap fail");
@@ -54,16 +53,13 @@ int ForEachEntry(const char* pass, const std::string& iniPath, EnterDirectory en
         VFS_LOG(pass, kLogInfo, "%s , %s", section.c_str(), targetDir.c_str());
         std::vector<std::string> entries;
         GetSectionItemList(section, iniPath, entries);
-        enterDirectory(targetDir);
-        for (const std::string& entry : entries) {
-            if (handleEntry(targetDir, entry) != kSuccess) return kFailure;
-        }
+        if (handleList(targetDir, entries) != kSuccess) return kFailure;
     }
     return kSuccess;
 }
 
 int RenameFile(const std::string& target, const std::string& backup) {
-    if (!Exists(target)) return kNothingToRename;
+    if (!IsAccessible(target)) return kNothingToRename;
 
     if (rename(target.c_str(), backup.c_str()) != 0) {
         VFS_LOG("RenameFile", kLogError, "Failed:rename %s, %s", target.c_str(), backup.c_str());
@@ -73,8 +69,17 @@ int RenameFile(const std::string& target, const std::string& backup) {
     return kSuccess;
 }
 
+// Backs up the installed file that stands for the entry, if there is one.
+int RenameEntry(const std::string& target, std::set<std::string>& backups) {
+    const std::string backup = target + kBackupSuffix;
+    VFS_LOG("RenameOperator", kLogInfo, "%s ", target.c_str());
+    const int status = RenameFile(target, backup);
+    if (status == kSuccess) backups.insert(backup);
+    return status == kFailure ? kFailure : kSuccess;
+}
+
 int CopyFile(const std::string& source, const std::string& destination) {
-    if (!Exists(source)) {
+    if (!IsAccessible(source)) {
         VFS_LOG("CopyFile", kLogError, "Does Not Exist:%s", source.c_str());
         return kFailure;
     }
@@ -97,9 +102,20 @@ int CompareFileSizes(const std::string& source, const std::string& destination) 
     return kFailure;
 }
 
+int CopyEntry(const std::string& source, const std::string& destination) {
+    VFS_LOG("CopyOperator", kLogInfo, "%s , %s", source.c_str(), destination.c_str());
+    if (CopyFile(source, destination) != kSuccess) return kFailure;
+    if (CompareFileSizes(source, destination) != kSuccess) {
+        VFS_LOG("CopyOperator", kLogError, "Failed:Compare %s", destination.c_str());
+        return kFailure;
+    }
+    return kSuccess;
+}
+
 // Removes the backup if it is there.
-int RemoveBackup(const std::string& backup) {
-    if (!Exists(backup)) return kSuccess;
+int CleanEntry(const std::string& backup) {
+    VFS_LOG("CleanOperator", kLogInfo, "%s ", backup.c_str());
+    if (!IsAccessible(backup)) return kSuccess;
 
     if (static_cast<int>(VFile::RemoveFile(backup.c_str())) == kFailure) {
         VFS_LOG("CleanOperator", kLogError, "Failed:RemoveFile %s", backup.c_str());
@@ -132,15 +148,17 @@ void LogBanner(int result) {
     }
 }
 
-// A run that the standard library cuts short, for lack of memory above all, is a failed run like any other;
-// the cause has no line in the log, so it goes to standard error.
+// A run that an exception cuts short, for lack of memory above all, is a failed run like any other; the cause
+// has no line in the log, so it goes to standard error.
 int RunOperatorSafely(const char* operatorName, const char* iniPath) {
     try {
         return RunOperator(operatorName, iniPath);
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "VCopyFileListIni: %s\n", error.what());
-        return kFailure;
+    } catch (...) {
+        (void)fprintf(stderr, "VCopyFileListIni: unknown exception\n");
     }
+    return kFailure;
 }
 
 }  // namespace
@@ -161,9 +179,11 @@ void SplitString(std::string text, std::string delimiter, std::vector<std::strin
 
     text += delimiter;  // ends the last piece like every other
     std::size_t begin = 0;
-    for (std::size_t found = 0; (found = text.find(delimiter, begin)) != std::string::npos;) {
-        out.push_back(text.substr(begin, found - begin));
-        begin = found + delimiter.length();
+    std::size_t end = text.find(delimiter);
+    while (end != std::string::npos) {
+        out.push_back(text.substr(begin, end - begin));
+        begin = end + delimiter.length();
+        end = text.find(delimiter, begin);
     }
 }
 
@@ -177,7 +197,8 @@ void GetSectionItemList(std::string section, std::string iniPath, std::vector<st
     (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath.c_str());  // the set tells what was found
     for (const std::string& key : keys) {
         char value[kListValueCapacity] = {};
-        // Deliberately unchecked: a value that can't be had leaves the buffer empty and the key is skipped.
+        // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing
+        // that fits, leaves it empty, and the key is skipped.
         (void)VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
         if (value[0] != '\0') SplitString(value, ",", out);
     }
@@ -216,47 +237,35 @@ int GetPathSectionMap(DirectoryMap& out, std::string iniPath) {
 }
 
 int RenameOperator(std::string iniPath) {
-    // What this run has moved away so far; nothing reads it but the person who opens a core file.
+    // What this run has moved away so far. Nothing reads it; it is there for inspection, in a core file say.
     std::set<std::string> backups;
-    return ForEachEntry(
-        "RenameOperator", iniPath, [](const std::string&) {},
-        [&backups](const std::string& targetDir, const std::string& entry) {
-            const std::string target = targetDir + GetFileName(entry);
-            const std::string backup = target + kBackupSuffix;
-            VFS_LOG("RenameOperator", kLogInfo, "%s ", target.c_str());
-            const int status = RenameFile(target, backup);
-            if (status == kSuccess) backups.insert(backup);
-            return status == kFailure ? kFailure : kSuccess;
-        });
+    return ForEachList("RenameOperator", iniPath, [&backups](const auto& targetDir, const auto& entries) {
+        for (const std::string& entry : entries) {
+            if (RenameEntry(targetDir + GetFileName(entry), backups) != kSuccess) return kFailure;
+        }
+        return kSuccess;
+    });
 }
 
 int CopyOperator(std::string iniPath) {
     const std::string sourceDir = SourceDirectory(iniPath);
-    return ForEachEntry(
-        "CopyOperator", iniPath,
-        [](const std::string& targetDir) {
-            // A directory that can't be made shows up as a copy that fails.
-            if (!Exists(targetDir)) (void)VDir::VMkDir(targetDir.c_str(), kTargetDirectoryMode);
-        },
-        [&sourceDir](const std::string& targetDir, const std::string& entry) {
-            const std::string source = sourceDir + entry;
-            const std::string destination = targetDir + GetFileName(entry);
-            VFS_LOG("CopyOperator", kLogInfo, "%s , %s", source.c_str(), destination.c_str());
-            if (CopyFile(source, destination) != kSuccess) return kFailure;
-            if (CompareFileSizes(source, destination) == kSuccess) return kSuccess;
-            VFS_LOG("CopyOperator", kLogError, "Failed:Compare %s", destination.c_str());
-            return kFailure;
-        });
+    return ForEachList("CopyOperator", iniPath, [&sourceDir](const auto& targetDir, const auto& entries) {
+        // A directory that can't be made shows up as a copy that fails.
+        if (!IsAccessible(targetDir)) (void)VDir::VMkDir(targetDir.c_str(), kTargetDirectoryMode);
+        for (const std::string& entry : entries) {
+            if (CopyEntry(sourceDir + entry, targetDir + GetFileName(entry)) != kSuccess) return kFailure;
+        }
+        return kSuccess;
+    });
 }
 
 int CleanOperator(std::string iniPath) {
-    return ForEachEntry(
-        "CleanOperator", iniPath, [](const std::string&) {},
-        [](const std::string& targetDir, const std::string& entry) {
-            const std::string backup = targetDir + GetFileName(entry) + kBackupSuffix;
-            VFS_LOG("CleanOperator", kLogInfo, "%s ", backup.c_str());
-            return RemoveBackup(backup);
-        });
+    return ForEachList("CleanOperator", iniPath, [](const auto& targetDir, const auto& entries) {
+        for (const std::string& entry : entries) {
+            if (CleanEntry(targetDir + GetFileName(entry) + kBackupSuffix) != kSuccess) return kFailure;
+        }
+        return kSuccess;
+    });
 }
 
 int main(int argc, char* argv[]) {

@@ -13,7 +13,8 @@ using DirectoryMap = std::map<std::string, std::string>;
 // The value of a key of at most 259 bytes; the empty text when it is missing, longer or unreadable.
 std::string ReadIniValue(std::string section, std::string key, std::string iniPath);
 
-// Appends the pieces of `text` between the delimiters to `out`, empty ones included, nothing trimmed.
+// Appends the pieces of `text` between the delimiters to `out`, empty ones included, nothing trimmed. With an
+// empty delimiter the whole text is one piece, if it is not empty.
 void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out);
 
 // What stands behind the last '/' or backslash of `path`.
@@ -23,8 +24,8 @@ std::string GetFileName(std::string path);
 // more than 4095 bytes counts as missing.
 void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out);
 
-// The directory map of a directory-list section. A missing, unreadable or longer than 259 bytes long
-// directory is "/".
+// The directory map of a directory-list section. A directory that is missing, can't be read or is longer than
+// 259 bytes becomes "/".
 DirectoryMap GetPathKeyAndValue(std::string section, std::string iniPath);
 
 // Replaces `out` by the directory map of the package's install type. Returns 0, or -10000 when it is empty.

@@ -21,7 +21,7 @@ namespace {
 // What realpath writes at most, and one byte more.
 constexpr std::size_t kCanonicalCapacity = 4097;
 
-bool Exists(const char* path) {
+bool StatSucceeds(const char* path) {
     struct stat status;
     return stat(path, &status) == 0;
 }
@@ -31,7 +31,7 @@ bool Exists(const char* path) {
 int MakeParents(char* path, mode_t mode) {
     for (char* slash = std::strchr(path + 1, '/'); slash != nullptr; slash = std::strchr(slash + 1, '/')) {
         *slash = '\0';
-        if (!Exists(path) && mkdir(path, mode) == -1) return -1;
+        if (!StatSucceeds(path) && mkdir(path, mode) == -1) return -1;
         *slash = '/';
     }
     return 0;
@@ -53,8 +53,8 @@ int ChangeOwner(const char* path, uid_t user, gid_t group) {
     return kFailure;
 }
 
-// True for what follows to a directory, and for what follows to nothing.
-bool IsDirectoryOrDangling(const char* path) {
+// True for directories, links to them included, and for entries whose stat fails, such as a dangling link.
+bool IsDirectoryOrUnreachable(const char* path) {
     struct stat status;
     return stat(path, &status) == -1 || S_ISDIR(status.st_mode);
 }
@@ -62,8 +62,8 @@ bool IsDirectoryOrDangling(const char* path) {
 // The canonical text of `path` in `canonical`, a buffer of kCanonicalCapacity bytes; null with errno set when
 // there is none.
 const char* Canonicalise(const char* path, char* canonical) {
-    (void)memset_s(canonical, kCanonicalCapacity, 0,
-                   kCanonicalCapacity);  // can't fail: the whole of a buffer
+    // The whole of a buffer can be set; there is no failure to look for.
+    (void)memset_s(canonical, kCanonicalCapacity, 0, kCanonicalCapacity);
     return realpath(path, canonical);
 }
 
@@ -89,10 +89,11 @@ int VDir::VMkDir(const char* path, unsigned short mode) {
 
     if (MakeParents(text, mode) == -1) return -1;
     // The parents may have completed the path: x/y/.. is there once x/y is.
-    return Exists(text) ? 0 : mkdir(text, mode);
+    return StatSucceeds(text) ? 0 : mkdir(text, mode);
 }
 
 int VDir::VRmDir(const char* path) {
+    // Unlike realpath's, the platform's own answer to null is undefined here.
     return rmdir(TextOrEmpty(path));
 }
 
@@ -117,7 +118,7 @@ int VDir::VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName)
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
         const std::string entryPath = std::string(directory) + "/" + entry->d_name;
-        if (IsDirectoryOrDangling(entryPath.c_str())) continue;
+        if (IsDirectoryOrUnreachable(entryPath.c_str())) continue;
         if (ChangeOwner(entryPath.c_str(), userId, groupId) != kSuccess) return kFailure;
     }
     return kSuccess;

@@ -22,6 +22,21 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
+// A file stream with a buffer that is not on the heap: nothing here may throw for lack of memory.
+template <typename Stream>
+struct BufferedFile {
+    BufferedFile(const char* path, std::ios::openmode mode) {
+        stream.rdbuf()->pubsetbuf(buffer, sizeof(buffer));
+        stream.open(path, mode);
+    }
+    char buffer[BUFSIZ];
+    Stream stream;
+};
+using InputFile = BufferedFile<std::ifstream>;
+using OutputFile = BufferedFile<std::ofstream>;
+
+constexpr std::ios::openmode kReadFromEnd = std::ios::in | std::ios::binary | std::ios::ate;
+
 // The size that the position at the end of the stream tells; -1 where the stream can't tell it.
 long SizeAtEnd(std::ifstream& stream) {
     return static_cast<long>(static_cast<std::streamoff>(stream.tellg()));
@@ -78,40 +93,40 @@ long VFile::RemoveFile(const char* path) {
 long VFile::FileSize(const char* path) {
     if (path == nullptr) return kFailure;
 
-    std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
-    return file.is_open() ? SizeAtEnd(file) : kFailure;
+    InputFile file(path, kReadFromEnd);
+    return file.stream.is_open() ? SizeAtEnd(file.stream) : kFailure;
 }
 
 long VFile::ReadBinFile(const char* path, char* buf, long bufLen) {
     if (buf == nullptr || bufLen <= 0 || path == nullptr) return kFailure;
-    std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
-    if (!file.is_open()) return kFailure;
+    InputFile file(path, kReadFromEnd);
+    if (!file.stream.is_open()) return kFailure;
 
-    const long size = SizeAtEnd(file);
+    const long size = SizeAtEnd(file.stream);
     if (size > bufLen) return kFailure;
-    file.seekg(0);
-    file.read(buf, size);
+    file.stream.seekg(0);
+    file.stream.read(buf, size);
     return size;
 }
 
 long VFile::WriteBinFile(const char* path, const char* data, long len) {
     if (!IsWritable(path, data, len)) return kFailure;
-    std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file.is_open()) return kFailure;
+    OutputFile file(path, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file.stream.is_open()) return kFailure;
 
-    file.write(data, len);
-    file.close();
+    file.stream.write(data, len);
+    file.stream.close();
     // The size on the disk tells of a short write, whatever the stream thinks.
     return FileSize(path) == len ? len : kFailure;
 }
 
 int VFile::AppendWriteFile(const char* path, const char* data, long len) {
     if (!IsWritable(path, data, len)) return kFailure;
-    std::ofstream file(path, std::ios::out | std::ios::app);
-    if (!file.is_open()) return kFailure;
+    OutputFile file(path, std::ios::out | std::ios::app);
+    if (!file.stream.is_open()) return kFailure;
 
     // Deliberately unchecked, unlike WriteBinFile: a file that opened is all that the result promises.
-    file.write(data, len);
+    file.stream.write(data, len);
     return kSuccess;
 }
 
@@ -150,9 +165,10 @@ void VFile::ListSubDirectories(const std::string& path, std::vector<std::string>
     const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
+    const std::string prefix = path + "/";  // a copy: `path` may lie in `subDirs`, which is about to move
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
-        const std::string entryPath = path + "/" + entry->d_name;
+        const std::string entryPath = prefix + entry->d_name;
         if (FileKind(entryPath) == S_IFDIR) subDirs.push_back(entryPath);
     }
 }

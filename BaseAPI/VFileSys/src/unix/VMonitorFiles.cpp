@@ -34,7 +34,7 @@ int VMonitorFiles::InotifyInit(const char* /*path*/) {
 }
 
 bool VMonitorFiles::InotifyFileChange(int fd, const char* name, int kind) {
-    if (fd < 0 || name == nullptr || kind < 0 || static_cast<std::size_t>(kind) >= kKindCount) return false;
+    if (fd < 0 || name == nullptr || static_cast<unsigned>(kind) >= kKindCount) return false;
 
     if (inotify_add_watch(fd, name, kEventMasks[kind]) < 0) {
         const int error = errno;
