@@ -327,7 +327,7 @@ TEST_F(VPathTest, WritesNoMoreOfItsBufferThanTheTextNeeds) {
     ExpectUntouchedBehind(text.size() + 1, text);
     ExpectUntouchedBehind(text.size() + 1, true, text.c_str(), nullptr);
     ExpectUntouchedBehind(3 + 1, true, text.c_str(), text.c_str() + 3);
-    ExpectUntouchedBehind(12 + 1, VPath(text));
+    ExpectUntouchedBehind(13 + 1, VPath(text));
     ExpectUntouchedBehind(1, "");
     const WorkingDirectory here("/usr");
     ExpectUntouchedBehind(4 + 1 + 3 + 1, "lib");
