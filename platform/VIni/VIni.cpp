@@ -22,6 +22,15 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
+// One line on standard error. Names come from the file: a control character in one must not steer a terminal.
+void Report(std::string trouble) {
+    for (char& character : trouble) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7f) character = '?';
+    }
+    (void)std::fprintf(stderr, "VIni: %s\n", trouble.c_str());
+}
+
 bool IsSameMoment(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
@@ -120,7 +129,7 @@ bool Reader::Load(const char* iniPath) {
     }
     const std::string trouble = std::string(iniPath) + ": " + std::strerror(errno);
     // Once is enough: whoever asks for one key of a missing file goes on to ask for the next.
-    if (trouble != lastTrouble_) (void)std::fprintf(stderr, "VIni: %s\n", trouble.c_str());
+    if (trouble != lastTrouble_) Report(trouble);
     lastTrouble_ = trouble;
     return false;
 }
@@ -134,8 +143,8 @@ int Reader::CopyValue(const char* section, const char* key, char* buffer, std::s
 
     const std::size_t length = std::strlen(value);
     if (length >= bufferSize) {
-        (void)std::fprintf(stderr, "VIni: %s: [%s] %s: the value of %zu bytes is longer than %zu\n", iniPath,
-                           section, key, length, bufferSize - 1);
+        Report(std::string(iniPath) + ": [" + section + "] " + key + ": the value of " +
+               std::to_string(length) + " bytes is longer than " + std::to_string(bufferSize - 1));
         return -1;
     }
     std::memcpy(buffer, value, length + 1);
@@ -153,10 +162,15 @@ Reader& SharedReader() {
     return reader;
 }
 
+// The default may be the buffer itself.
 void CopyDefault(const char* defaultValue, char* buffer, std::size_t bufferSize) {
-    const std::size_t length = defaultValue != nullptr ? std::strlen(defaultValue) : 0;
-    buffer[0] = '\0';
-    if (length > 0 && length < bufferSize) std::memcpy(buffer, defaultValue, length + 1);
+    const char* const text = defaultValue != nullptr ? defaultValue : "";
+    const std::size_t length = std::strlen(text);
+    if (length < bufferSize) {
+        std::memmove(buffer, text, length + 1);
+    } else {
+        buffer[0] = '\0';
+    }
 }
 
 }  // namespace
@@ -173,7 +187,7 @@ int VIni::IniGetString(const char* section, const char* key, const char* default
                 SharedReader().CopyValue(section != nullptr ? section : "", key, buffer, capacity, iniPath);
         }
     } catch (const std::exception& error) {
-        (void)std::fprintf(stderr, "VIni: %s\n", error.what());
+        Report(error.what());
     }
     if (status != 0) CopyDefault(defaultValue, buffer, capacity);
     return status;
@@ -184,7 +198,7 @@ int VIni::IniGetStringItems(const char* section, std::set<std::string>& keys, co
     try {
         return SharedReader().AddKeys(section != nullptr ? section : "", keys, iniPath);
     } catch (const std::exception& error) {
-        (void)std::fprintf(stderr, "VIni: %s\n", error.what());
+        Report(error.what());
         return 0;
     }
 }

@@ -1,32 +1,29 @@
 // The product's log as a rotating text file, on spdlog.
 #include "VLogger.h"
 
-#include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace {
 
 constexpr std::size_t kKiB = 1024;
+constexpr std::size_t kMostKiB = std::numeric_limits<std::size_t>::max() / kKiB;
+constexpr int kMostFiles = 1000;
 
 const char* TextOr(const char* text, const char* otherwise) {
     return text != nullptr ? text : otherwise;
-}
-
-void ReportTrouble(const char* what) {
-    (void)std::fprintf(stderr, "VLogger: %s\n", what);
 }
 
 bool IsSetInEnvironment(const char* name) {
@@ -42,19 +39,8 @@ std::string LogPath(const char* fileName, const char* directory) {
     return path + TextOr(fileName, "");
 }
 
-const char* PatternOf(int detail) {
-    if (detail <= 0) return "%v";
-    if (detail == 1) return "%Y-%m-%d %H:%M:%S.%e %^%-5l%$ %v";
-    return "%Y-%m-%d %H:%M:%S.%e %^%-5l%$ [%!] %v (%g:%#)";
-}
-
-spdlog::level::level_enum SpdlogLevel(LogLevel level) {
-    if (level <= kLogLevelError) return spdlog::level::err;
-    return level == kLogLevelWarning ? spdlog::level::warn : spdlog::level::info;
-}
-
 // The printf-style text, whatever its length.
-std::string Format(const char* format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
@@ -86,17 +72,16 @@ void AppendEscaped(std::string& out, unsigned char byte) {
     out += escape;
 }
 
-// One line of text: nothing in it can end the line or steer a terminal.
-std::string AsOneLine(const std::string& text) {
+// The text with its control characters shown: nothing in it can end the line or steer a terminal.
+std::string Escaped(std::string_view text) {
     std::string line;
     line.reserve(text.size());
-    const std::size_t length = !text.empty() && text.back() == '\n' ? text.size() - 1 : text.size();
-    for (std::size_t i = 0; i < length; ++i) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         const bool isControl = byte < 0x20 || byte == 0x7f;
         // The other set of control characters, U+0080 to U+009F, as UTF-8 writes it.
         const bool isWideControl =
-            byte == 0xc2 && i + 1 < length && (static_cast<unsigned char>(text[i + 1]) & 0xe0) == 0x80;
+            byte == 0xc2 && i + 1 < text.size() && (static_cast<unsigned char>(text[i + 1]) & 0xe0) == 0x80;
         if (isWideControl) {
             AppendEscaped(line, byte);
             AppendEscaped(line, static_cast<unsigned char>(text[++i]));
@@ -109,70 +94,134 @@ std::string AsOneLine(const std::string& text) {
     return line;
 }
 
-}  // namespace
+void ReportTrouble(const char* what) {
+    (void)std::fprintf(stderr, "VLogger: %s\n", Escaped(what).c_str());
+}
 
-class VLogger::State {
-public:
-    void Open(const char* fileName, const char* directory, int fileCount, int detail, LogLevel maxLevel,
-              unsigned long maxFileKiB, bool alsoOnStandardError);
-    void Write(const spdlog::source_loc& where, LogLevel level, const std::string& line);
-    void Close();
+spdlog::level::level_enum SpdlogLevel(LogLevel level) {
+    if (level <= kLogLevelError) return spdlog::level::err;
+    return level == kLogLevelWarning ? spdlog::level::warn : spdlog::level::info;
+}
 
-private:
-    struct OpenLog {
-        OpenLog(std::vector<spdlog::sink_ptr> sinks, LogLevel highest)
-            : logger("VLogger", sinks.begin(), sinks.end()), maxLevel(highest) {}
-        spdlog::logger logger;
-        const LogLevel maxLevel;
-        std::atomic<bool> troubleReported{false};
-    };
-
-    std::mutex mutex_;
-    std::shared_ptr<OpenLog> openLog_;
+struct FileCloser {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
 
-void VLogger::State::Open(const char* fileName, const char* directory, int fileCount, int detail,
-                          LogLevel maxLevel, unsigned long maxFileKiB, bool alsoOnStandardError) {
-    std::vector<spdlog::sink_ptr> sinks;
-    if (alsoOnStandardError || IsSetInEnvironment("VLOGGER_STDERR")) {
-        sinks.push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+// A line that a full disk or a lost process cut short must not swallow the next one.
+void EndTornLine(const std::string& path, std::FILE* log) {
+    const std::unique_ptr<std::FILE, FileCloser> written(std::fopen(path.c_str(), "rbe"));
+    if (!written || std::fseek(written.get(), -1, SEEK_END) != 0 || std::fgetc(written.get()) == '\n') return;
+
+    (void)std::fputc('\n', log);
+    (void)std::fflush(log);
+}
+
+// What stands between a StartSystem and its StopSystem.
+class OpenLog {
+public:
+    OpenLog(std::string path, std::size_t maxBytes, std::size_t olderFiles, int detail, LogLevel maxLevel,
+            bool isOnStandardError);
+    void Write(const char* file, int line, const char* function, LogLevel level, const std::string& text);
+
+private:
+    std::unique_ptr<spdlog::sinks::sink> OpenFile();
+    void WriteToFile(const spdlog::details::log_msg& message);
+    void SetPattern(spdlog::sinks::sink& sink) const;
+    void ReportFirstTrouble(const std::exception& error);
+
+    const std::string path_;
+    const std::size_t maxBytes_;
+    const std::size_t olderFiles_;
+    const int detail_;
+    const LogLevel maxLevel_;
+    bool isTroubleReported_ = false;
+    bool isGivenUp_ = false;
+    std::unique_ptr<spdlog::sinks::sink> standardError_;
+    std::unique_ptr<spdlog::sinks::sink> file_;
+};
+
+OpenLog::OpenLog(std::string path, std::size_t maxBytes, std::size_t olderFiles, int detail,
+                 LogLevel maxLevel, bool isOnStandardError)
+    : path_(std::move(path)),
+      maxBytes_(maxBytes),
+      olderFiles_(olderFiles),
+      detail_(detail),
+      maxLevel_(maxLevel) {
+    if (isOnStandardError) {
+        standardError_ = std::make_unique<spdlog::sinks::stderr_color_sink_st>();
+        SetPattern(*standardError_);
     }
+    file_ = OpenFile();
+}
+
+// Null when it can't be opened. That is final: spdlog waits between its tries, and no line shall cost that.
+std::unique_ptr<spdlog::sinks::sink> OpenLog::OpenFile() {
     try {
-        const auto olderFiles = static_cast<std::size_t>(std::max(fileCount, 1) - 1);
-        sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
-            LogPath(fileName, directory), std::max(maxFileKiB, 1UL) * kKiB, olderFiles));
+        spdlog::file_event_handlers handlers;
+        handlers.after_open = EndTornLine;
+        auto file = std::make_unique<spdlog::sinks::rotating_file_sink_st>(path_, maxBytes_, olderFiles_,
+                                                                           false, handlers);
+        SetPattern(*file);
+        return file;
     } catch (const std::exception& error) {
-        ReportTrouble(error.what());
+        isGivenUp_ = true;
+        ReportFirstTrouble(error);
+        return nullptr;
     }
-
-    auto openLog = std::make_shared<OpenLog>(std::move(sinks), maxLevel);
-    openLog->logger.set_pattern(PatternOf(detail));
-    openLog->logger.flush_on(spdlog::level::trace);  // a line is in the file when the call returns
-    openLog->logger.set_error_handler([log = openLog.get()](const std::string& trouble) {
-        if (!log->troubleReported.exchange(true)) ReportTrouble(trouble.c_str());
-    });
-
-    const std::lock_guard<std::mutex> lock(mutex_);
-    openLog_ = std::move(openLog);
 }
 
-void VLogger::State::Write(const spdlog::source_loc& where, LogLevel level, const std::string& line) {
-    std::shared_ptr<OpenLog> openLog;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        openLog = openLog_;
+void OpenLog::SetPattern(spdlog::sinks::sink& sink) const {
+    sink.set_pattern(detail_ <= 0 ? "%v" : "%Y-%m-%d %H:%M:%S.%e %^%-5l%$ %v");
+}
+
+void OpenLog::ReportFirstTrouble(const std::exception& error) {
+    if (!isTroubleReported_) ReportTrouble(error.what());
+    isTroubleReported_ = true;
+}
+
+void OpenLog::Write(const char* file, int line, const char* function, LogLevel level,
+                    const std::string& text) {
+    if (level > maxLevel_) return;
+
+    std::string whole = text;
+    if (detail_ >= 2) {
+        whole = "[" + Escaped(TextOr(function, "(null)")) + "] " + text + " (" +
+                Escaped(TextOr(file, "(null)")) + ":" + std::to_string(line) + ")";
     }
-    if (openLog && level <= openLog->maxLevel)
-        openLog->logger.log(where, SpdlogLevel(level), spdlog::string_view_t(line));
+    const spdlog::details::log_msg message("", SpdlogLevel(level), whole);
+    if (standardError_) {
+        standardError_->log(message);
+        standardError_->flush();
+    }
+    WriteToFile(message);
 }
 
-void VLogger::State::Close() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    openLog_.reset();
+void OpenLog::WriteToFile(const spdlog::details::log_msg& message) {
+    if (!file_ && !isGivenUp_) file_ = OpenFile();
+    if (!file_) return;
+
+    try {
+        file_->log(message);
+        file_->flush();  // the line is in the file when the call returns
+    } catch (const std::exception& error) {
+        // A sink that failed to open its next file would crash at its next line; the next line opens anew.
+        file_.reset();
+        ReportFirstTrouble(error);
+    }
 }
+
+struct State {
+    std::mutex mutex;
+    std::unique_ptr<OpenLog> openLog;
+};
 
 // Never destroyed: a thread that still runs while the process exits may log.
-VLogger::VLogger() : state_(new State) {}
+State& SharedState() {
+    static State& state = *new State;
+    return state;
+}
+
+}  // namespace
 
 VLogger* VLogger::GetInstance() {
     static VLogger* const instance = new VLogger;
@@ -182,8 +231,14 @@ VLogger* VLogger::GetInstance() {
 void VLogger::StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
                           LogLevel maxLevel, unsigned long maxFileKiB, bool alsoOnStandardError) {
     try {
-        state_->Close();
-        state_->Open(fileName, directory, fileCount, detail, maxLevel, maxFileKiB, alsoOnStandardError);
+        State& state = SharedState();
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        state.openLog.reset();
+        const std::size_t maxBytes = std::clamp<std::size_t>(maxFileKiB, 1, kMostKiB) * kKiB;
+        const auto olderFiles = static_cast<std::size_t>(std::clamp(fileCount, 1, kMostFiles) - 1);
+        state.openLog =
+            std::make_unique<OpenLog>(LogPath(fileName, directory), maxBytes, olderFiles, detail, maxLevel,
+                                      alsoOnStandardError || IsSetInEnvironment("VLOGGER_STDERR"));
     } catch (const std::exception& error) {
         ReportTrouble(error.what());
     }
@@ -196,8 +251,11 @@ void VLogger::Log(const char* file, int line, const char* function, const char* 
     va_list arguments;
     va_start(arguments, format);
     try {
-        const std::string text = AsOneLine(Format(format, arguments));
-        state_->Write(spdlog::source_loc{TextOr(file, ""), line, TextOr(function, "")}, level, text);
+        std::string text = Format(format, arguments);
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        State& state = SharedState();
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        if (state.openLog) state.openLog->Write(file, line, function, level, Escaped(text));
     } catch (const std::exception& error) {
         ReportTrouble(error.what());
     }
@@ -205,9 +263,7 @@ void VLogger::Log(const char* file, int line, const char* function, const char* 
 }
 
 void VLogger::StopSystem() {
-    try {
-        state_->Close();
-    } catch (const std::exception& error) {
-        ReportTrouble(error.what());
-    }
+    State& state = SharedState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.openLog.reset();
 }

@@ -22,17 +22,21 @@ public:
     /// Opens the log file `fileName` in `directory` (made with its parents when missing) for appending;
     /// a log that is open is closed first.
     ///
-    /// `fileCount` is the number of files kept at most, the current one included, the others as
-    /// NAME.1.log, NAME.2.log ... for NAME.log. `detail` chooses what stands before the text: 0 nothing,
-    /// 1 the time and the level, 2 the function and the source line as well. Lines of a level above
-    /// `maxLevel` are dropped. The file rotates before it exceeds `maxFileKiB` KiB (0 counts as 1).
-    /// `alsoOnStandardError` shows every line there too.
+    /// `fileCount` (1 to 1000, other numbers count as the nearest) is the number of files kept at most, the
+    /// current one included, the others as NAME.1.log, NAME.2.log ... for NAME.log. `detail` chooses what
+    /// stands around the text: 0 nothing, 1 the time and the level before it, 2 also the function before and
+    /// the source line behind it. Lines of a level above `maxLevel` are dropped. The file rotates before a
+    /// line would make it longer than `maxFileKiB` KiB (0 counts as 1); a line longer than that is kept
+    /// whole, in a file of its own. `alsoOnStandardError` shows every line there too.
     ///
     /// When the file can't be opened, one line on standard error says so and nothing is written to a file.
+    /// When a line can't be written, on a full disk for instance, it is lost, the first time is told on
+    /// standard error, and the next line is tried anew.
     void StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
                      LogLevel maxLevel, unsigned long maxFileKiB, bool alsoOnStandardError);
 
-    /// Writes one line, made from the printf-style `format` and what follows it.
+    /// Writes one line, made from the printf-style `format` and what follows it; it is in the file when the
+    /// call returns. May change `errno`.
     ///
     /// One call is one line, whatever the text holds: control characters in it are shown escaped (\n, \t,
     /// \x1b, ...), so that a hostile file name can't forge a line; one line feed at its very end is dropped.
@@ -40,17 +44,14 @@ public:
     void Log(const char* file, int line, const char* function, const char* module, const char* tag,
              LogLevel level, const char* format, ...) __attribute__((format(printf, 8, 9)));
 
-    /// Writes out what is pending and closes the log file. Does nothing when no log is open.
+    /// Closes the log file; no line is written after the return. Does nothing when no log is open.
     void StopSystem();
 
 private:
-    VLogger();
+    VLogger() = default;
     ~VLogger() = delete;
     VLogger(const VLogger&) = delete;
     VLogger& operator=(const VLogger&) = delete;
-
-    class State;
-    State* const state_;
 };
 
 #endif

@@ -23,12 +23,13 @@ static int CopyText(char* dest, size_t destMax, const char* src, size_t count) {
     return 0;
 }
 
-static int FormatText(char* dest, size_t destMax, size_t count, const char* format, va_list arguments) {
+__attribute__((format(printf, 4, 0))) static int FormatText(char* dest, size_t destMax, size_t count,
+                                                            const char* format, va_list arguments) {
     if (dest == NULL || destMax == 0 || format == NULL) return RefuseText(dest, destMax, -1);
 
-    const int length = vsnprintf(dest, destMax, format, arguments);
-    if (length < 0 || (size_t)length >= destMax || (size_t)length > count)
-        return RefuseText(dest, destMax, -1);
+    const size_t capacity = count < destMax ? count + 1 : destMax;
+    const int length = vsnprintf(dest, capacity, format, arguments);
+    if (length < 0 || (size_t)length >= capacity) return RefuseText(dest, destMax, -1);
     return length;
 }
 
