@@ -42,7 +42,7 @@ public:
     /// Returns the number of keys in the section; 0 when there is no such file or section.
     static int IniGetStringItems(const char* section, std::set<std::string>& keys, const char* iniPath);
 
-    VIni() = delete;
+    explicit VIni() = delete;
 };
 
 #endif

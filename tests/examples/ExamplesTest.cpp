@@ -170,11 +170,8 @@ TEST_F(ExamplesTest, WaitForChangeTellsWhenTheFileIsGone) {
 
 TEST_F(ExamplesTest, FirewallServiceRepairsUntilASignalEndsIt) {
     SKIP_WITHOUT_PRIVATE_NAMESPACE();
-    const std::string helper = scratch_.Write("helper", "#!/bin/sh\necho repaired $1\n");
-    ASSERT_EQ(chmod(helper.c_str(), 0755), 0);
-    const std::vector<std::string> inside =
-        PrivateNamespace({"--tmpfs", "/var/log", "--tmpfs", "/usr/local", "--ro-bind", helper,
-                          "/usr/local/tarnserver/bin/tarnfileprotect"});
+    const std::vector<std::string> inside = PrivateNamespace(
+        Concatenate(WithHelperTool(scratch_, "echo repaired $1\n"), {"--tmpfs", "/var/log"}));
     const std::string script = EXAMPLES
         "FirewallService & "
         "log=/var/log/firewall-service/firewall.log; until grep -qs 'FixFirewall end' $log; do :; done; "

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -106,6 +107,16 @@ std::vector<std::string> PrivateNamespace(const std::vector<std::string>& option
     return Concatenate({"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
                         "--ro-bind", VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
                        options);
+}
+
+std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const std::string& script) {
+    const std::string path = scratch.Write("helper", "#!/bin/sh\n" + script);
+    EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+    return Concatenate(WithoutHelperTool(), {"--ro-bind", path, "/usr/local/tarnserver/bin/tarnfileprotect"});
+}
+
+std::vector<std::string> WithoutHelperTool() {
+    return {"--tmpfs", "/usr/local"};
 }
 
 bool IsInPrivateNamespace() {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "ScratchDirectory.h"
+
 struct ProcessResult {
     int waitStatus;  // as waitpid gives it
     int exitStatus;  // 0 to 255, or -1 when it did not exit by itself
@@ -24,6 +26,11 @@ bool CanUsePrivateNamespace(std::string& why);
 // The bubblewrap command that sees the whole host read-only, and of its own: /dev, /proc, an empty /tmp, and
 // whatever `options` add (for instance {"--tmpfs", "/var/log"}). What is to be run follows it.
 std::vector<std::string> PrivateNamespace(const std::vector<std::string>& options);
+
+// The options of a private namespace in which the product's helper tool is the shell's `script`, which is
+// kept in `scratch`, and of one in which there is no helper tool.
+std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const std::string& script);
+std::vector<std::string> WithoutHelperTool();
 
 // True inside a test that CONTINUE_IN_PRIVATE_NAMESPACE has started again.
 bool IsInPrivateNamespace();

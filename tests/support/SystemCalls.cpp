@@ -8,14 +8,15 @@
 // Each definition carries the platform's name in the object file only: the platform's headers declare the
 // same functions with attributes that a second declaration could not repeat.
 #define VFS_TEST_DEFINE_HOOK(result, name, parameters, arguments)                                      \
-    std::function<result parameters> calls::name;                                                      \
+    calls::Hook<result parameters> calls::name = {nullptr};                                            \
     result calls::real::name parameters {                                                              \
         static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));      \
         return next arguments;                                                                         \
     }                                                                                                  \
     extern "C" __attribute__((visibility("default"))) result VfsTest_##name parameters __asm__(#name); \
     extern "C" result VfsTest_##name parameters {                                                      \
-        return calls::name ? calls::name arguments : calls::real::name arguments;                      \
+        const auto* const replacement = calls::name.replacement;                                       \
+        return replacement != nullptr ? (*replacement)arguments : calls::real::name arguments;         \
     }
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_HOOK)
 
@@ -24,7 +25,9 @@ bool calls::sprintfFails = false;
 
 extern "C" __attribute__((visibility("default"))) int VfsTest_snprintf_s(char*, size_t, size_t, const char*,
                                                                          ...) __asm__("snprintf_s");
-extern "C" int VfsTest_snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...) {
+extern "C" __attribute__((format(printf, 4, 5))) int VfsTest_snprintf_s(char* dest, size_t destMax,
+                                                                        size_t count, const char* format,
+                                                                        ...) {
     if (calls::snprintfFails) return -1;
     va_list arguments;
     va_start(arguments, format);
@@ -35,7 +38,8 @@ extern "C" int VfsTest_snprintf_s(char* dest, size_t destMax, size_t count, cons
 
 extern "C" __attribute__((visibility("default"))) int VfsTest_sprintf_s(char*, size_t, const char*,
                                                                         ...) __asm__("sprintf_s");
-extern "C" int VfsTest_sprintf_s(char* dest, size_t destMax, const char* format, ...) {
+extern "C" __attribute__((format(printf, 3, 4))) int VfsTest_sprintf_s(char* dest, size_t destMax,
+                                                                       const char* format, ...) {
     if (calls::sprintfFails) return -1;
     va_list arguments;
     va_start(arguments, format);

@@ -73,8 +73,20 @@
 
 namespace calls {
 
-#define VFS_TEST_DECLARE_HOOK(result, name, parameters, arguments) \
-    extern std::function<result parameters> name;
+// What stands in the place of a call, if anything. Constant from the start and never destroyed: calls come
+// from other static objects, and from threads that outlive main.
+template <typename Signature>
+struct Hook {
+    const std::function<Signature>* replacement;
+
+    // For a replacement that passes on to the one before it.
+    template <typename... Arguments>
+    auto operator()(Arguments... arguments) const {
+        return (*replacement)(arguments...);
+    }
+};
+
+#define VFS_TEST_DECLARE_HOOK(result, name, parameters, arguments) extern Hook<result parameters> name;
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_HOOK)
 #undef VFS_TEST_DECLARE_HOOK
 
@@ -98,22 +110,31 @@ extern size_t failingMallocSize;
 }  // namespace calls
 
 // Puts `replacement` in the place of a call, or a value in the place of a setting, for as long as it lives.
-template <typename Value>
+template <typename Place>
 class Replaced {
 public:
-    template <typename Replacement>
-    Replaced(Value& place, Replacement&& replacement)
-        : place_(place), old_(std::exchange(place, Value(std::forward<Replacement>(replacement)))) {}
-    ~Replaced() { place_ = std::move(old_); }
+    Replaced(Place& place, Place value) : place_(place), old_(std::exchange(place, value)) {}
+    ~Replaced() { place_ = old_; }
     Replaced(const Replaced&) = delete;
     Replaced& operator=(const Replaced&) = delete;
 
 private:
-    Value& place_;
-    Value old_;
+    Place& place_;
+    const Place old_;
 };
 
-template <typename Value, typename Replacement>
-Replaced(Value&, Replacement&&) -> Replaced<Value>;
+template <typename Signature>
+class Replaced<calls::Hook<Signature>> {
+public:
+    Replaced(calls::Hook<Signature>& hook, std::function<Signature> replacement)
+        : replacement_(std::move(replacement)), replaced_(hook.replacement, &replacement_) {}
+
+private:
+    const std::function<Signature> replacement_;
+    const Replaced<const std::function<Signature>*> replaced_;
+};
+
+template <typename Place, typename Replacement>
+Replaced(Place&, Replacement&&) -> Replaced<Place>;
 
 #endif

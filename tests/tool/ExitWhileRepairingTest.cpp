@@ -1,7 +1,6 @@
 // The firewall fixer's thread against the end of its process.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -14,10 +13,7 @@ namespace {
 // Runs the shell's `script` in a private namespace whose helper tool is `helper`.
 ProcessResult RunWithHelper(const std::string& helper, const std::string& script) {
     const ScratchDirectory scratch;
-    const std::string path = scratch.Write("helper", "#!/bin/sh\n" + helper);
-    EXPECT_EQ(chmod(path.c_str(), 0755), 0);
-    const std::vector<std::string> inside = PrivateNamespace(
-        {"--tmpfs", "/usr/local", "--ro-bind", path, "/usr/local/tarnserver/bin/tarnfileprotect"});
+    const std::vector<std::string> inside = PrivateNamespace(WithHelperTool(scratch, helper));
     return RunProcess(Concatenate(inside, {"sh", "-c", script}));
 }
 

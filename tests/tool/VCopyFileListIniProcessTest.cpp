@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -48,8 +49,13 @@ protected:
     }
 
     ProcessResult RunRecorded(const std::vector<std::string>& arguments) const {
+        // AddressSanitizer wants to be the first library of a process, which the recorder is.
+        const char* const options = std::getenv("ASAN_OPTIONS");
+        const std::string asanOptions =
+            std::string(options != nullptr ? options : "") + ":verify_asan_link_order=0";
         return RunProcess(Concatenate({TOOL_PATH}, arguments),
-                          {"LD_PRELOAD=" RECORDER_PATH, "VLOGGER_RECORD=" + scratch_.Path("record")});
+                          {"LD_PRELOAD=" RECORDER_PATH, "VLOGGER_RECORD=" + scratch_.Path("record"),
+                           "ASAN_OPTIONS=" + asanOptions});
     }
 
     std::string RecordedLine(const std::string& function, int level, const std::string& format,

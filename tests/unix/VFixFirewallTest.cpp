@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,7 +29,7 @@ using testing::ElementsAreArray;
 
 static_assert(std::is_same_v<decltype(&VFixFirewall::FixFirewallStart), void (*)()>);
 static_assert(std::is_same_v<decltype(&VFixFirewall::FixFirewallStop), void (*)()>);
-static_assert(!std::is_default_constructible_v<VFixFirewall>);
+static_assert(!std::is_default_constructible_v<VFixFirewall> && !std::is_aggregate_v<VFixFirewall>);
 
 const char kHelperCommand[] = "/usr/local/tarnserver/bin/tarnfileprotect Firewall";
 
@@ -320,15 +319,9 @@ TEST_F(VFixFirewallTest, LeavesNothingOpenBetweenThePasses) {
 
 // The helper tool at its place, in a private view of the file system.
 
-std::vector<std::string> WithHelper(const ScratchDirectory& scratch, const std::string& script) {
-    const std::string helper = scratch.Write("helper", "#!/bin/sh\n" + script);
-    EXPECT_EQ(chmod(helper.c_str(), 0755), 0);
-    return {"--tmpfs", "/usr/local", "--ro-bind", helper, "/usr/local/tarnserver/bin/tarnfileprotect"};
-}
-
 TEST_F(VFixFirewallTest, RunsTheHelperToolWithTheArgumentFirewall) {
     const ScratchDirectory scratch;
-    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelper(scratch, "echo \"told $# $*\"\n"));
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch, "echo \"told $# $*\"\n"));
 
     RunPasses(1);
 
@@ -338,7 +331,7 @@ TEST_F(VFixFirewallTest, RunsTheHelperToolWithTheArgumentFirewall) {
 
 TEST_F(VFixFirewallTest, LogsTheShellsStatusForAHelperToolThatWasKilled) {
     const ScratchDirectory scratch;
-    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelper(scratch, "kill -9 $$\n"));
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch, "kill -9 $$\n"));
 
     RunPasses(1);
 
@@ -346,7 +339,7 @@ TEST_F(VFixFirewallTest, LogsTheShellsStatusForAHelperToolThatWasKilled) {
 }
 
 TEST_F(VFixFirewallTest, LogsTheShellsStatusForAMissingHelperTool) {
-    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--tmpfs", "/usr/local"}));
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithoutHelperTool());
 
     RunPasses(2);
 
@@ -356,7 +349,7 @@ TEST_F(VFixFirewallTest, LogsTheShellsStatusForAMissingHelperTool) {
 
 TEST_F(VFixFirewallTest, LetsTheProcessExitWhileItRepairs) {
     const ScratchDirectory scratch;
-    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelper(scratch, "echo line\n"));
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch, "echo line\n"));
 
     for (int round = 0; round < 20; ++round) {
         InChild([] {

@@ -30,7 +30,7 @@ using testing::IsEmpty;
 static_assert(std::is_same_v<decltype(&VMonitorFiles::InotifyInit), int (*)(const char*)>);
 static_assert(std::is_same_v<decltype(&VMonitorFiles::InotifyFileChange), bool (*)(int, const char*, int)>);
 static_assert(std::is_same_v<decltype(&VMonitorFiles::Inotifyclose), void (*)(int)>);
-static_assert(!std::is_default_constructible_v<VMonitorFiles>);
+static_assert(!std::is_default_constructible_v<VMonitorFiles> && !std::is_aggregate_v<VMonitorFiles>);
 
 constexpr int kModify = 1;
 constexpr int kCreate = 8;

@@ -91,7 +91,7 @@ public:
     ///     VCompressAndDeCompress::CompressFileGroup("/etc/app/a.conf /etc/app/b.conf", "/var/backups/app");
     static int CompressFileGroup(const char* files, const char* archiveBase);
 
-    VCompressAndDeCompress() = delete;
+    explicit VCompressAndDeCompress() = delete;
 };
 
 #endif

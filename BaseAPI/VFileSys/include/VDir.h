@@ -12,13 +12,13 @@ public:
     /// root can make the next level in them). The path is resolved as by VPath: "." and ".." go lexically,
     /// except as the last component.
     ///
-    /// Returns 0 when the directory was made or is there already; nothing that exists is changed. Returns -1
-    /// with errno EEXIST when `path` is there but no directory, ENOENT when it is no valid VPath (null,
-    /// empty, too long, or relative to a working directory that can't be read), ENAMETOOLONG when its
-    /// canonical text does not fit 4096 bytes, and otherwise the errno of the mkdir that failed (ENOTDIR,
-    /// EACCES, ENOSPC, and EEXIST for a dangling link); parents already made then stay. When another thread
-    /// or process makes one of the levels at the same moment, the result may be -1 with EEXIST, too: a second
-    /// call tells.
+    /// Returns 0 when the directory was made or is there already; nothing that exists is changed. (0 as well
+    /// when anything else appears under its name while the parents are made.) Returns -1 with errno EEXIST
+    /// when `path` is there but no directory, ENOENT when it is no valid VPath (null, empty, too long, or
+    /// relative to a working directory that can't be read), ENAMETOOLONG when its canonical text does not fit
+    /// 4096 bytes, and otherwise the errno of the mkdir that failed (ENOTDIR, EACCES, ENOSPC, and EEXIST for
+    /// a dangling link); parents already made then stay. When another thread or process makes one of the
+    /// levels at the same moment, the result may be -1 with EEXIST, too: a second call tells.
     ///
     /// Never logs. May be called from any thread.
     ///
@@ -56,11 +56,9 @@ public:
     /// Tells whether the system can canonicalise `path`, or the path is merely missing.
     ///
     /// Returns true when realpath succeeds or fails with ENOENT (so for a dangling link and the empty text,
-    /// too); false for
-    /// every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for null). Returns
-    /// false without a look at the file system, and without an errno, when `length` is above 4096; zero and
-    /// negative values pass.
-    /// Never logs. May be called from any thread.
+    /// too); false for every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for
+    /// null). Returns false without a look at the file system, and without an errno, when `length` is above
+    /// 4096; zero and negative values pass. Never logs. May be called from any thread.
     static bool VRealPath(const char* path, int length);
 
     /// Replaces `output` by the canonical absolute path of `input`, with all links followed, and returns
@@ -70,7 +68,7 @@ public:
     /// object. Never logs. May be called from any thread.
     static bool VRealPath(const std::string& input, std::string& output);
 
-    VDir() = delete;
+    explicit VDir() = delete;
 };
 
 #endif

@@ -95,8 +95,8 @@ public:
     /// `subDirs` held stays in front.
     ///
     /// There is no result: a directory that does not open adds nothing. `path` may be an element of
-    /// `subDirs`. Lets std::bad_alloc through. Never logs; may be called from any thread that has `subDirs`
-    /// to itself.
+    /// `subDirs`, and ends at its first NUL if it holds one. Lets std::bad_alloc through. Never logs; may be
+    /// called from any thread that has `subDirs` to itself.
     static void ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs);
 
     /// Appends to `files` the path of every regular file in the tree below `path`, links to regular files
@@ -111,7 +111,7 @@ public:
     /// thread that has `files` to itself.
     static void ScanDirectoriesFiles(std::string path, std::vector<std::string>& files);
 
-    VFile() = delete;
+    explicit VFile() = delete;
 };
 
 #endif

@@ -37,7 +37,7 @@ public:
     /// earlier when a signal handled by that thread cuts its sleep short. May be called from any thread.
     static void FixFirewallStop();
 
-    VFixFirewall() = delete;
+    explicit VFixFirewall() = delete;
 };
 
 #endif

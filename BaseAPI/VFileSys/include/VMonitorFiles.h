@@ -56,7 +56,7 @@ public:
     /// one logs nothing.
     static void Inotifyclose(int fd);
 
-    VMonitorFiles() = delete;
+    explicit VMonitorFiles() = delete;
 };
 
 #endif

@@ -165,7 +165,8 @@ void VFile::ListSubDirectories(const std::string& path, std::vector<std::string>
     const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
-    const std::string prefix = path + "/";  // a copy: `path` may lie in `subDirs`, which is about to move
+    // A copy, since `path` may lie in `subDirs`, which is about to move; of the text that was opened.
+    const std::string prefix = std::string(path.c_str()) + "/";
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
         const std::string entryPath = prefix + entry->d_name;
@@ -177,9 +178,10 @@ void VFile::ScanDirectoriesFiles(std::string path, std::vector<std::string>& fil
     const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
+    const std::string prefix = std::string(path.c_str()) + "/";
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
-        const std::string entryPath = path + "/" + entry->d_name;
+        const std::string entryPath = prefix + entry->d_name;
         const mode_t kind = FileKind(entryPath);
         if (kind == S_IFDIR) ScanDirectoriesFiles(entryPath, files);
         if (kind == S_IFREG) files.push_back(entryPath);
