@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# demo.sh BUILD: an upgrade from beginning to end, and one that fails, with the tool as it was built in BUILD:
-# real files, the real logger and INI reader, in a temporary directory that is gone at the end.
+# demo.sh BUILD: an upgrade from beginning to end, one that fails, and a tour of the library, with what was built
+# in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end.
 set -euo pipefail
 # shellcheck source=scripts/look.sh
 . "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/look.sh"
@@ -188,10 +188,43 @@ failed_upgrade() {
     verified "every file, and its mode, is what it was before this upgrade."
 }
 
+# The product's helper tool has a fixed place, and a log file in /tmp. A private view of the file system, where a
+# script stands for the tool, keeps both off the host.
+private_view() {
+    printf '#!/bin/sh\necho "helper tool: $*"\n' >"$work/helper"
+    chmod 755 "$work/helper"
+    bwrap --ro-bind / / --dev /dev --proc /proc --tmpfs /tmp --tmpfs /usr/local \
+        --ro-bind "$work/helper" /usr/local/tarnserver/bin/tarnfileprotect \
+        --ro-bind "$build" "$build" --bind "$work" "$work" --die-with-parent "$@"
+}
+
+# What the classes do and, dimmed, what they log.
+tour() {
+    local line
+    local -a command=("$build/examples/Tour" "$work/tour")
+    heading "6. A tour of the library: each class does one real thing, and logs it"
+    mkdir "$work/tour"
+    if private_view true 2>/dev/null; then
+        command=(private_view "${command[@]}" --with-helper)
+    else
+        note "This machine allows no private mount namespace, so what needs the helper tool is left out."
+    fi
+    "${command[@]}" 2>&1 | sed -uE "s#$work/##g; /^tar: /d; s#^[0-9-]+ [0-9:.]+ (info |error) #  \1 #" |
+        while IFS= read -r line; do
+            case $line in
+                '  error'* | '  info'*) printf '%s%s%s\n' "$dim" "$line" "$plain" ;;
+                V*) printf '%s%s%s\n' "$bold" "$line" "$plain" ;;
+                *) printf '%s\n' "$line" ;;
+            esac
+        done
+    printf '\n'
+}
+
 [[ -x $tool ]] || die "there is no $tool; run ./dev demo"
 prepare
 rename_pass
 copy_pass
 clean_pass
 failed_upgrade
+tour
 note "Nothing is left of it all: the temporary directory is removed now."
