@@ -6,20 +6,13 @@
 #include <cstdlib>
 #include <new>
 
+#include "Sanitizer.h"
 #include "SystemCalls.h"
 
 size_t calls::failingMallocSize = 0;
 bool calls::newFails = false;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VFS_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define VFS_TEST_SANITIZED 1
-#endif
-#endif
-
-#ifdef VFS_TEST_SANITIZED
+#if VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER
 
 bool heap::IsCounted() {
     return false;

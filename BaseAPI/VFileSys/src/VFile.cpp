@@ -69,6 +69,12 @@ int CopyBlocks(FILE* source, FILE* destination) {
     return kSuccess;
 }
 
+// What the path of an entry of the directory begins with. The directory's own ends at its first NUL, as when
+// it is opened: otherwise each entry would lead back to the directory itself.
+std::string EntryPrefix(const std::string& directory) {
+    return directory.substr(0, directory.find('\0')) + "/";
+}
+
 // The kind of what `path` leads to, as the S_IF... bits; 0, which is no kind, when there is nothing.
 mode_t FileKind(const std::string& path) {
     struct stat status;
@@ -165,8 +171,8 @@ void VFile::ListSubDirectories(const std::string& path, std::vector<std::string>
     const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
-    // A copy, since `path` may lie in `subDirs`, which is about to move; of the text that was opened.
-    const std::string prefix = std::string(path.c_str()) + "/";
+    // Made before anything is appended: `path` may lie in `subDirs`, which then moves.
+    const std::string prefix = EntryPrefix(path);
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
         const std::string entryPath = prefix + entry->d_name;
@@ -178,7 +184,7 @@ void VFile::ScanDirectoriesFiles(std::string path, std::vector<std::string>& fil
     const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
-    const std::string prefix = std::string(path.c_str()) + "/";
+    const std::string prefix = EntryPrefix(path);
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
         const std::string entryPath = prefix + entry->d_name;
