@@ -726,7 +726,8 @@ TEST_F(VCopyFileListIniMainTest, LogsItsUsageWithoutAProgramName) {
 }
 
 TEST_F(VCopyFileListIniMainTest, RefusesOperatorsThatDoNotMatchExactly) {
-    for (const char* const wrong : {"-Copy", "copy", "-copy ", "", "-rename-copy", "--clean", "%s"}) {
+    for (const char* const wrong :
+         {"-Copy", "copy", "-copy ", "", "-rename-copy", "-clean ", "-copyx", "--clean", "%s"}) {
         SCOPED_TRACE(wrong);
         LogRecorder::Clear();
 

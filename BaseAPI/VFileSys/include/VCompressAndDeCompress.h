@@ -72,9 +72,9 @@ public:
     static int CompressFile(const char* path);
 
     /// Packs the directory `path` into an archive named after it **inside that directory**: "/srv/logs" and
-    /// "/srv/logs/" into "/srv/logs/logs.tar.gz". (`tar` meets its own growing archive there and may end with
-    /// status 1, "file changed as we read it"; the result is 0 all the same.) One '/' at the end is taken
-    /// off for the name, no more; "/" has an empty name and gives "/.tar.gz".
+    /// "/srv/logs/" into "/srv/logs/logs.tar.gz". (`tar` meets its own growing archive there, may pack a part
+    /// of it, and may end with status 1, "file changed as we read it"; the result is 0 all the same.) One '/'
+    /// at the end is taken off for the name, no more; "/" has an empty name and gives "/.tar.gz".
     ///
     /// Results and log lines as of CompressFile, with function name "CompressFilePath". A regular file gives
     /// -10000. An empty path throws std::out_of_range, a null one std::logic_error; neither runs or logs
