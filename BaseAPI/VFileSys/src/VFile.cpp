@@ -69,16 +69,27 @@ int CopyBlocks(FILE* source, FILE* destination) {
     return kSuccess;
 }
 
-// What the path of an entry of the directory begins with. The directory's own ends at its first NUL, as when
-// it is opened: otherwise each entry would lead back to the directory itself.
-std::string EntryPrefix(const std::string& directory) {
-    return directory.substr(0, directory.find('\0')) + "/";
-}
-
 // The kind of what `path` leads to, as the S_IF... bits; 0, which is no kind, when there is nothing.
 mode_t FileKind(const std::string& path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
+}
+
+// Calls `handleEntry` with the path and the kind of each entry of the directory, in the order of its stream;
+// not at all when it does not open.
+template <typename HandleEntry>
+void ForEachEntry(const std::string& directory, HandleEntry handleEntry) {
+    const DirHandle dir(opendir(directory.c_str()));
+    if (!dir) return;
+
+    // Made before the first call: `directory` may lie in a vector that the calls append to. It ends at its
+    // first NUL, as when it was opened: otherwise each entry would lead back to the directory itself.
+    const std::string prefix = directory.substr(0, directory.find('\0')) + "/";
+    while (const dirent* const entry = readdir(dir.get())) {
+        if (IsSelfOrParent(entry->d_name)) continue;
+        const std::string entryPath = prefix + entry->d_name;
+        handleEntry(entryPath, FileKind(entryPath));
+    }
 }
 
 }  // namespace
@@ -168,28 +179,14 @@ time_t VFile::GetFileLastModifiedTime(const std::string& path) {
 }
 
 void VFile::ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs) {
-    const DirHandle dir(opendir(path.c_str()));
-    if (!dir) return;
-
-    // Made before anything is appended: `path` may lie in `subDirs`, which then moves.
-    const std::string prefix = EntryPrefix(path);
-    while (const dirent* const entry = readdir(dir.get())) {
-        if (IsSelfOrParent(entry->d_name)) continue;
-        const std::string entryPath = prefix + entry->d_name;
-        if (FileKind(entryPath) == S_IFDIR) subDirs.push_back(entryPath);
-    }
+    ForEachEntry(path, [&subDirs](const std::string& entryPath, mode_t kind) {
+        if (kind == S_IFDIR) subDirs.push_back(entryPath);
+    });
 }
 
 void VFile::ScanDirectoriesFiles(std::string path, std::vector<std::string>& files) {
-    const DirHandle dir(opendir(path.c_str()));
-    if (!dir) return;
-
-    const std::string prefix = EntryPrefix(path);
-    while (const dirent* const entry = readdir(dir.get())) {
-        if (IsSelfOrParent(entry->d_name)) continue;
-        const std::string entryPath = prefix + entry->d_name;
-        const mode_t kind = FileKind(entryPath);
+    ForEachEntry(path, [&files](const std::string& entryPath, mode_t kind) {
         if (kind == S_IFDIR) ScanDirectoriesFiles(entryPath, files);
         if (kind == S_IFREG) files.push_back(entryPath);
-    }
+    });
 }
