@@ -18,6 +18,12 @@ namespace {
 
 const char kInsideVariable[] = "VFILESYS_TEST_IN_PRIVATE_NAMESPACE";
 
+// What stands in the environment of whoever runs the tests must not decide one.
+const bool kEnvironmentIsClean = [] {
+    for (const char* const name : {"TAR_OPTIONS", "VLOGGER_DIRECTORY", "VLOGGER_STDERR"}) unsetenv(name);
+    return true;
+}();
+
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
