@@ -602,7 +602,7 @@ TEST_F(VCopyFileListIniTest, CopyTakesEntriesOfAnyBytes) {
     for (const std::string& name : names) EXPECT_EQ(Installed(name), name);
 }
 
-TEST_F(VCopyFileListIniTest, CopyChecksTheSizeOfEveryFileOnceForSourceAndDestination) {
+TEST_F(VCopyFileListIniTest, CopyAsksAccessForTheTargetAndTheSourceOnly) {
     WriteSource("f", "new");
     const std::string list = WriteList("[Server]\nL=@\n[L]\nf=f\n");
     std::vector<std::string> asked;
