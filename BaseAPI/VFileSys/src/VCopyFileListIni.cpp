@@ -22,21 +22,12 @@ const std::string kInstallTypeSection = "Package_Intall_Type";  // the format's 
 const std::string kCommonDirectory = "Common";
 const std::string kLogDirectory = "/var/log/tarnlog/serverlog/upgradelog/node/";
 
-constexpr std::size_t kDirectoryValueCapacity = 260;
-constexpr std::size_t kListValueCapacity = 4096;
 constexpr unsigned short kTargetDirectoryMode = 0750;
 
 constexpr int kNothingToRename = -9996;
 
-const char kBackupSuffix[] = ".bak";
-
 bool IsAccessible(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
-}
-
-// The package's directory of new files, which lies beside the file list.
-std::string SourceDirectory(const std::string& iniPath) {
-    return iniPath.substr(0, iniPath.rfind('/') + 1) + kCommonDirectory + kSeparator;
 }
 
 // Calls `handleList` with the target directory and the entries of each list until one fails. The log lines
@@ -192,16 +183,27 @@ std::string GetFileName(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
+void GetKeyItemList(std::string section, std::string key, std::string iniPath,
+                    std::vector<std::string>& out) {
+    char value[kListValueCapacity] = {};
+    // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing that
+    // fits, leaves it empty, and the key is skipped.
+    (void)VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
+    if (value[0] != '\0') SplitString(value, ",", out);
+}
+
 void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out) {
     std::set<std::string> keys;
     (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath.c_str());  // the set tells what was found
-    for (const std::string& key : keys) {
-        char value[kListValueCapacity] = {};
-        // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing
-        // that fits, leaves it empty, and the key is skipped.
-        (void)VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
-        if (value[0] != '\0') SplitString(value, ",", out);
-    }
+    for (const std::string& key : keys) GetKeyItemList(section, key, iniPath, out);
+}
+
+std::string ReadInstallType(std::string iniPath) {
+    return ReadIniValue(kInstallTypeSection, "PackageIntallType", iniPath);
+}
+
+std::string SourceDirectory(const std::string& iniPath) {
+    return iniPath.substr(0, iniPath.rfind('/') + 1) + kCommonDirectory + kSeparator;
 }
 
 DirectoryMap GetPathKeyAndValue(std::string section, std::string iniPath) {
@@ -227,7 +229,7 @@ DirectoryMap GetPathKeyAndValue(std::string section, std::string iniPath) {
 }
 
 int GetPathSectionMap(DirectoryMap& out, std::string iniPath) {
-    const std::string installType = ReadIniValue(kInstallTypeSection, "PackageIntallType", iniPath);
+    const std::string installType = ReadInstallType(iniPath);
     VFS_LOG("GetPathSectionMap", kLogInfo, "PackageIntallType : %s", installType.c_str());
     out = GetPathKeyAndValue(installType, iniPath);
     if (!out.empty()) return kSuccess;

@@ -2,6 +2,7 @@
 #ifndef VFILESYS_VCOPYFILELISTINI_H
 #define VFILESYS_VCOPYFILELISTINI_H
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -9,6 +10,12 @@
 // From the name of a file-list section to its target directory, which ends in '/'. The passes visit the lists
 // in this byte-wise order, not in the order of the file.
 using DirectoryMap = std::map<std::string, std::string>;
+
+// The buffers that values are read into, with their terminating NUL.
+constexpr std::size_t kDirectoryValueCapacity = 260;
+constexpr std::size_t kListValueCapacity = 4096;
+
+constexpr char kBackupSuffix[] = ".bak";
 
 // The value of a key of at most 259 bytes; the empty text when it is missing, longer or unreadable.
 std::string ReadIniValue(std::string section, std::string key, std::string iniPath);
@@ -20,9 +27,18 @@ void SplitString(std::string text, std::string delimiter, std::vector<std::strin
 // What stands behind the last '/' or backslash of `path`.
 std::string GetFileName(std::string path);
 
-// Appends the entries of all keys of a file-list section to `out`, key by key in byte-wise order. A value of
-// more than 4095 bytes counts as missing.
+// Appends the entries of one key of a file-list section to `out`. A value of more than 4095 bytes counts as
+// missing.
+void GetKeyItemList(std::string section, std::string key, std::string iniPath, std::vector<std::string>& out);
+
+// Appends the entries of all keys of a file-list section to `out`, key by key in byte-wise order.
 void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out);
+
+// The package's install type, which names its directory-list section; the empty text when there is none.
+std::string ReadInstallType(std::string iniPath);
+
+// The package's directory of new files, which lies beside the file list; ends in '/'.
+std::string SourceDirectory(const std::string& iniPath);
 
 // The directory map of a directory-list section. A directory that is missing, can't be read or is longer than
 // 259 bytes becomes "/".

@@ -1,0 +1,23 @@
+// `vfilelist check`: what is wrong with a file list, its package and its targets before the first pass.
+#ifndef VFILELIST_CHECK_H
+#define VFILELIST_CHECK_H
+
+#include <string>
+#include <vector>
+
+#include "Findings.h"
+#include "Output.h"
+
+struct CheckOptions {
+    std::string iniPath;
+    std::string root;  // targets are looked at below it; empty: on this machine
+    bool isErrorsOnly = false;
+};
+
+// Everything that is found, in the order of the list. Reads only.
+std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output);
+
+// Shows it. Returns the exit status.
+int Check(const CheckOptions& options, Output& output);
+
+#endif

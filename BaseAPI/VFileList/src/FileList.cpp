@@ -1,0 +1,168 @@
+// Reads a file list with the upgrade tool's own functions.
+#include "FileList.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <set>
+#include <unordered_map>
+
+#include "Files.h"
+#include "VCopyFileListIni.h"
+#include "VIni.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// As many as the kernel follows before it calls it a loop.
+constexpr int kMaxLinks = 40;
+
+// The tool's readers don't tell how long a value is that does not fit; a buffer of the whole file's size
+// holds any.
+class ValueMeter {
+public:
+    explicit ValueMeter(const std::string& iniPath) : iniPath_(iniPath), buffer_(SizeOf(iniPath) + 1) {}
+
+    std::size_t LengthOf(const std::string& section, const std::string& key) {
+        const int status = VIni::IniGetString(section.c_str(), key.c_str(), "", buffer_.data(),
+                                              static_cast<int>(buffer_.size()), iniPath_.c_str());
+        return status == 0 ? std::strlen(buffer_.data()) : 0;
+    }
+
+private:
+    static std::size_t SizeOf(const std::string& path) {
+        struct stat status {};
+        return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+    }
+
+    const std::string& iniPath_;
+    std::vector<char> buffer_;
+};
+
+// The same text for the same directory, however it is spelt.
+std::string IdentityOfDirectory(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return fs::path(path).lexically_normal();
+    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+}  // namespace
+
+std::string FileList::WhyUnreadable(const std::string& iniPath) {
+    const Descriptor file(open(iniPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file) return std::strerror(errno);
+
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) return std::strerror(errno);
+    if (S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+    return S_ISREG(status.st_mode) ? "" : "not a regular file";
+}
+
+FileList::FileList(const std::string& iniPath, const std::string& root)
+    : iniPath_(iniPath),
+      root_(root),
+      installType_(ReadInstallType(iniPath)),
+      installTypeLength_(ValueMeter(iniPath).LengthOf("Package_Intall_Type", "PackageIntallType")),
+      sourceDirectory_(SourceDirectory(iniPath)) {
+    ReadLists();
+}
+
+void FileList::ReadLists() {
+    DirectoryMap directories;
+    if (GetPathSectionMap(directories, iniPath_) != 0) return;
+
+    ValueMeter meter(iniPath_);
+    for (const auto& [section, directory] : directories) {
+        TargetList list{section, directory, meter.LengthOf(installType_, section), {}};
+        std::set<std::string> keys;
+        (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath_.c_str());  // the set tells
+        for (const std::string& key : keys) {
+            std::vector<std::string> texts;
+            GetKeyItemList(section, key, iniPath_, texts);
+            for (std::string& text : texts) {
+                entries_.push_back({lists_.size(), list.keys.size(), std::move(text)});
+            }
+            list.keys.push_back({key, meter.LengthOf(section, key)});
+        }
+        lists_.push_back(std::move(list));
+    }
+}
+
+std::string FileList::TargetOf(const Entry& entry) const {
+    return ListOf(entry).directory + GetFileName(entry.text);
+}
+
+std::string FileList::BackupOf(const Entry& entry) const {
+    return TargetOf(entry) + kBackupSuffix;
+}
+
+std::string FileList::PlaceOf(const Entry& entry) const {
+    return PlaceOf(ListOf(entry)) + GetFileName(entry.text);
+}
+
+std::string FileList::PlaceOf(const TargetList& list) const {
+    return root_.empty() ? list.directory : ResolveBelowRoot(root_, list.directory) + "/";
+}
+
+std::vector<Target> FileList::Targets() const {
+    std::vector<std::string> identities;
+    for (const TargetList& list : lists_) identities.push_back(IdentityOfDirectory(PlaceOf(list)) + "/");
+
+    std::vector<Target> targets;
+    std::unordered_map<std::string, std::size_t> indexes;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        if (!HasFileName(entries_[i])) continue;
+        const std::string identity = identities[entries_[i].list] + GetFileName(entries_[i].text);
+        const auto [found, isNew] = indexes.try_emplace(identity, targets.size());
+        if (isNew) targets.emplace_back();
+        targets[found->second].entries.push_back(i);
+    }
+    return targets;
+}
+
+std::vector<FileList::SkippedKey> FileList::SkippedKeys() const {
+    std::vector<SkippedKey> skipped;
+    for (const TargetList& list : lists_) {
+        for (const ListKey& key : list.keys) {
+            if (key.valueLength >= kListValueCapacity) skipped.push_back({list.section, key});
+        }
+    }
+    return skipped;
+}
+
+bool HasFileName(const Entry& entry) {
+    const std::string name = GetFileName(entry.text);
+    return !name.empty() && name != "." && name != "..";
+}
+
+std::string ResolveBelowRoot(const std::string& root, const std::string& path) {
+    const fs::path start = fs::path(path).relative_path();
+    std::deque<fs::path> rest(start.begin(), start.end());
+    fs::path resolved = root;
+    for (int links = 0; !rest.empty();) {
+        const fs::path component = rest.front();
+        rest.pop_front();
+        if (component.empty() || component == ".") continue;
+        if (component == "..") {
+            if (resolved != root) resolved = resolved.parent_path();
+            continue;
+        }
+
+        std::error_code error;
+        const fs::path link = fs::read_symlink(resolved / component, error);
+        if (error || ++links > kMaxLinks) {
+            resolved /= component;
+            continue;
+        }
+        if (link.is_absolute()) resolved = root;
+        const fs::path relative = link.relative_path();
+        rest.insert(rest.begin(), relative.begin(), relative.end());
+    }
+    return resolved;
+}

@@ -1,0 +1,91 @@
+// A file list as the upgrade tool reads it. Everything comes from the functions of the tool's own module, so
+// that what is checked here is what the passes will do.
+#ifndef VFILELIST_FILELIST_H
+#define VFILELIST_FILELIST_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct ListKey {
+    std::string name;
+    std::size_t valueLength;  // as it stands in the file; the tool reads up to 4095 bytes
+};
+
+// One list: a section of entries and the directory that they go to.
+struct TargetList {
+    std::string section;
+    std::string directory;             // as the tool uses it: ends in '/'
+    std::size_t directoryValueLength;  // as it stands in the file; the tool reads up to 259 bytes
+    std::vector<ListKey> keys;
+};
+
+struct Entry {
+    std::size_t list;  // index into lists()
+    std::size_t key;   // index into the list's keys
+    std::string text;  // exactly what stands between two commas
+};
+
+// One installed file, and every entry that the passes apply to it, in their order.
+struct Target {
+    std::vector<std::size_t> entries;  // indexes into entries()
+};
+
+class FileList {
+public:
+    // Why `iniPath` can't be read as a file list at all; the empty text when it can.
+    static std::string WhyUnreadable(const std::string& iniPath);
+
+    // Reads the list. Target directories are looked up below `root`, if that is not empty.
+    explicit FileList(const std::string& iniPath, const std::string& root = "");
+
+    const std::string& iniPath() const { return iniPath_; }
+    const std::string& root() const { return root_; }
+    const std::string& installType() const { return installType_; }
+    std::size_t installTypeLength() const { return installTypeLength_; }
+    const std::string& sourceDirectory() const { return sourceDirectory_; }
+    // In the order in which the passes visit them. Without a list, every pass fails.
+    const std::vector<TargetList>& lists() const { return lists_; }
+    const std::vector<Entry>& entries() const { return entries_; }
+
+    const TargetList& ListOf(const Entry& entry) const { return lists_[entry.list]; }
+    const std::string& KeyOf(const Entry& entry) const { return ListOf(entry).keys[entry.key].name; }
+    std::string SourceOf(const Entry& entry) const { return sourceDirectory_ + entry.text; }
+    std::string TargetOf(const Entry& entry) const;
+    std::string BackupOf(const Entry& entry) const;
+    // Where the directory, ending in '/', and the target in it are on this machine: below the root, the
+    // directory's links followed as if the root were "/".
+    std::string PlaceOf(const TargetList& list) const;
+    std::string PlaceOf(const Entry& entry) const;
+
+    // The installed files that the entries name. The same file in lists with different spellings of a
+    // directory is one target; entries without a file name have none.
+    std::vector<Target> Targets() const;
+
+    // The keys that the tool skips because their values are too long.
+    struct SkippedKey {
+        std::string section;
+        ListKey key;
+    };
+    std::vector<SkippedKey> SkippedKeys() const;
+
+private:
+    void ReadLists();
+
+    std::string iniPath_;
+    std::string root_;
+    std::string installType_;
+    std::size_t installTypeLength_;
+    std::string sourceDirectory_;
+    std::vector<TargetList> lists_;
+    std::vector<Entry> entries_;
+};
+
+// True for an entry that names a file: its last component is not empty, "." or "..".
+bool HasFileName(const Entry& entry);
+
+// `path` as the root directory of a system below `root` would resolve it: links that are absolute start again
+// at `root`, and ".." does not leave it. What is missing is appended as it stands.
+std::string ResolveBelowRoot(const std::string& root, const std::string& path);
+
+#endif

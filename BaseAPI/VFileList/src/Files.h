@@ -1,0 +1,68 @@
+// What vfilelist asks of single files: their status, and whether one holds what another holds.
+#ifndef VFILELIST_FILES_H
+#define VFILELIST_FILES_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) (void)close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+
+private:
+    const int fd_;
+};
+
+enum class Content {
+    kSame,
+    kPart,        // a beginning of the package's file, perhaps with zero bytes behind it: an unfinished copy
+    kOther,       // anything else
+    kUnreadable,  // one of the two can't be read
+};
+
+// Compares files block by block; the memory it takes does not depend on their sizes.
+class ContentComparer {
+public:
+    ContentComparer();
+
+    // What the regular file `path` holds beside the package's regular file `packagePath`. Both may be links.
+    // After kUnreadable, `trouble` says which file can't be read and why.
+    Content Compare(const std::string& path, const std::string& packagePath, std::string& trouble);
+
+    // The bytes that were read of both files since the start.
+    unsigned long long bytesRead() const { return bytesRead_; }
+
+private:
+    Content CompareOpen(int fd, int packageFd);
+    bool Fill(int fd, std::vector<char>& block, std::size_t& length);
+    bool RestIsZero(int fd, std::size_t begin, std::size_t length);
+
+    std::vector<char> block_;
+    std::vector<char> packageBlock_;
+    unsigned long long bytesRead_ = 0;
+};
+
+// The two files, by status, are one: the same inode.
+bool IsSameFile(const struct stat& left, const struct stat& right);
+
+// Nothing happened to the file between the two looks at it.
+bool IsUnchanged(const struct stat& before, const struct stat& now);
+
+// True when the path, relative to some directory, leads nowhere else; links are not looked at.
+bool StaysBelow(const std::string& relativePath);
+
+// The nearest directory that exists at `path` or above it.
+std::string NearestExisting(const std::string& path);
+
+#endif

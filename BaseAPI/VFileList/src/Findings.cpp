@@ -1,0 +1,114 @@
+// The table of findings. docs/vfilelist.md shows it to release engineers.
+#include "Findings.h"
+
+#include <stdexcept>
+
+const std::vector<FindingKind>& FindingKinds() {
+    static const std::vector<FindingKind> kinds = {
+        {"E-INI-UNREADABLE", "the file list can't be read", "Every pass fails.",
+         "Name the file list of the package, and make it readable."},
+        {"E-TYPE-MISSING", "there is no install type",
+         "The tool looks for the directory list among the keys before the first section; there are none, and "
+         "every pass fails.",
+         "Set PackageIntallType in [Package_Intall_Type], both spelt exactly so."},
+        {"E-TYPE-TOO-LONG", "the install type is longer than 259 bytes",
+         "The tool takes it for missing, and every pass fails.", "Give the directory list a shorter name."},
+        {"E-TYPE-UNKNOWN", "the install type names a section without keys",
+         "There is no directory list, and every pass fails.",
+         "Add the section, or name one that is there; names are case-sensitive."},
+        {"E-DIR-TOO-LONG", "a target directory is longer than 259 bytes",
+         "The tool takes \"/\" instead: the files of this list go into the root directory.",
+         "Use a shorter path."},
+        {"E-DIR-EMPTY", "a target directory is missing or empty",
+         "The tool takes \"/\" instead: the files of this list go into the root directory.",
+         "Write the directory behind the key, or remove the key."},
+        {"E-TARGET-ROOT", "a target directory is the root directory",
+         "The files of this list go into the root directory.", "Name the directory that is meant."},
+        {"E-TARGET-RELATIVE", "a target directory is relative",
+         "The files go below whatever directory the tool is started in.", "Write the absolute path."},
+        {"E-DIR-NOT-DIRECTORY", "a target directory is something else",
+         "-copy fails at the first file of this list.", "Name a directory, or clear the way for it."},
+        {"E-LIST-TOO-LONG", "the value of a list's key is longer than 4095 bytes",
+         "All three passes skip the whole key, and their result is still 0: none of its files is upgraded.",
+         "Spread the entries over several keys."},
+        {"E-ENTRY-EMPTY", "an entry has no file name",
+         "-rename and -copy take the target directory for the file, fail and stop; -clean removes a file "
+         "named "
+         "\".bak\".",
+         "Remove doubled commas, the comma at the end, and a '/' at the end of an entry."},
+        {"E-ENTRY-OUTSIDE", "an entry leaves the package's Common directory",
+         "The tool copies whatever lies there on the server, or fails when nothing does.",
+         "Put the file into Common and name it relative to that."},
+        {"E-NAME-BAK", "a file name ends in \".bak\"",
+         "It is taken for a backup: a backup overwrites it, or -clean removes it.",
+         "Rename the file in the package."},
+        {"E-NAME-TOO-LONG", "a file name or path is too long for its backup",
+         "-rename fails on names of 252 to 255 bytes; longer names and paths of 4096 bytes and more can't be "
+         "copied either.",
+         "Use a shorter name."},
+        {"E-DUPLICATE-NAME", "two entries go to the same target",
+         "The later one overwrites the earlier one, which is lost.",
+         "Remove one, or give it another name or directory; the target has no subdirectories."},
+        {"E-SOURCE-MISSING", "the package lacks a listed file",
+         "-copy fails there and stops; what is listed behind it stays missing.",
+         "Add the file to Common, or remove the entry."},
+        {"E-SOURCE-UNREADABLE", "a file of the package can't be read", "-copy fails there and stops.",
+         "Make it readable for the user who runs the upgrade."},
+        {"E-SOURCE-NOT-REGULAR", "an entry is not a regular file",
+         "A directory makes -copy fail or leaves an empty file; a named pipe makes it wait for ever.",
+         "List files one by one."},
+        {"E-TARGET-DIRECTORY", "a directory stands where the file goes",
+         "-rename moves the whole directory to NAME.bak, and -clean fails on it unless it is empty.",
+         "Use another file name, or have the directory removed first."},
+        {"E-TARGET-DANGLING", "the target is a link that points nowhere",
+         "-rename takes it for missing and makes no backup; -copy writes through it and makes what it points "
+         "to.",
+         "Remove the link first."},
+        {"E-TARGET-SPECIAL", "the target is a device, pipe or socket",
+         "-rename moves it away; the service that uses it loses it.", "Use another file name."},
+        {"E-TARGET-IN-PACKAGE", "the target is the package's own file",
+         "Without -rename, -copy copies the file onto itself and empties it; with it, the package loses the "
+         "file.",
+         "Unpack the package elsewhere, or remove the link."},
+        {"E-BACKUP-SAME-FILE", "NAME and NAME.bak are two names of one file",
+         "-rename does nothing and reports success; -copy then overwrites both, and the old content is lost.",
+         "Remove NAME.bak first."},
+        {"W-LIST-EMPTY", "a list has no entries", "Nothing is upgraded for it, and no pass says so.",
+         "Add the section, check its spelling (names are case-sensitive), or remove the key."},
+        {"W-ENTRY-BLANKS", "an entry has blanks around it",
+         "They belong to the name: the tool looks for a file with these blanks.",
+         "Write entries without blanks around the commas."},
+        {"W-ENTRY-BACKSLASH", "an entry has backslashes",
+         "In Common they are part of the file's name; on the target side only what follows the last one "
+         "counts.",
+         "Use '/'."},
+        {"W-SOURCE-UNLISTED", "a file in Common is on no list", "It is not installed.",
+         "List it, or leave it out of the package."},
+        {"W-MODE-LOST", "a file's mode or owner will be lost",
+         "-copy makes the new file with mode 0666 less the umask, owned by whoever runs it.",
+         "After -copy run `vfilelist rollback --only-modes`; set the mode of files without a predecessor "
+         "yourself."},
+        {"W-OLD-BACKUP", "an old NAME.bak is there",
+         "-rename replaces it without a word. If -rename finds no NAME, a rollback takes the old one for the "
+         "backup.",
+         "If the last upgrade is finished, remove it (`VCopyFileListIni -clean` of that upgrade)."},
+        {"W-TARGET-BUSY", "a target is being executed",
+         "-rename moves it, and the running program goes on with the old file; -copy without -rename fails: "
+         "text "
+         "file busy.",
+         "Stop the services before the upgrade."},
+        {"W-SPACE", "there is too little free space",
+         "The new files need their space beside the backups: -copy fails when it runs out.",
+         "Make room on that file system."},
+        {"W-TARGET-NOT-WRITABLE", "a target directory can't be written",
+         "-rename and -copy fail there for this user.", "Run as root, or mount the file system writable."},
+    };
+    return kinds;
+}
+
+const FindingKind& KindOf(const std::string& code) {
+    for (const FindingKind& kind : FindingKinds()) {
+        if (code == kind.code) return kind;
+    }
+    throw std::logic_error("no finding has the code " + code);
+}

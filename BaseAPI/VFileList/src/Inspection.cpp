@@ -1,0 +1,108 @@
+// Looks at an installed file, its backup, and the package's file.
+#include "Inspection.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+
+}  // namespace
+
+bool TargetFacts::IsModeDifferent() const {
+    return state == TargetState::kNew && hasReference &&
+           (status.st_mode & kPermissions) != (reference.st_mode & kPermissions);
+}
+
+bool TargetFacts::IsOwnerDifferent() const {
+    return state == TargetState::kNew && hasReference &&
+           (status.st_uid != reference.st_uid || status.st_gid != reference.st_gid);
+}
+
+TargetFacts Inspector::Inspect(const Target& target) {
+    TargetFacts facts;
+    LookAtTarget(target, facts);
+    LookAtBackup(list_.BackupOf(EntryOf(target)), facts);
+    struct stat package {};
+    if (stat(list_.SourceOf(EntryOf(target)).c_str(), &package) == 0) facts.packageSize = package.st_size;
+    const bool isComparable = facts.state == TargetState::kMissing || S_ISREG(facts.status.st_mode);
+    if (facts.packageSize < 0 && isComparable) facts.detail = "the package lacks " + EntryOf(target).text;
+    return facts;
+}
+
+void Inspector::LookAtTarget(const Target& target, TargetFacts& facts) {
+    const std::string path = list_.TargetOf(EntryOf(target));
+    if (lstat(path.c_str(), &facts.status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return;
+        facts.state = TargetState::kUnknown;
+        facts.detail = std::strerror(errno);
+        return;
+    }
+    facts.isOccupied = true;
+    struct stat followed {};
+    if (stat(path.c_str(), &followed) != 0) {
+        // The passes take it for missing, too.
+        facts.state = errno == ENOENT ? TargetState::kMissing : TargetState::kUnknown;
+        facts.detail = errno == ENOENT ? "a link that points nowhere" : std::strerror(errno);
+    } else if (S_ISREG(followed.st_mode)) {
+        CompareWithPackage(target, facts);
+        if (S_ISLNK(facts.status.st_mode) && facts.detail.empty()) facts.detail = "a link";
+    } else {
+        facts.state = TargetState::kUnknown;
+        facts.detail = S_ISDIR(followed.st_mode) ? "a directory" : "a special file";
+    }
+}
+
+void Inspector::LookAtBackup(const std::string& path, TargetFacts& facts) const {
+    if (lstat(path.c_str(), &facts.backup) != 0) return;
+    if (facts.isOccupied && IsSameFile(facts.backup, facts.status)) {
+        facts.detail = "NAME.bak is the same file, and no backup";
+        return;
+    }
+    facts.hasBackup = true;
+    facts.hasReference = stat(path.c_str(), &facts.reference) == 0;
+}
+
+// When several entries go to one target, the last one is what it shall hold; with one of the others it is on
+// its way there.
+void Inspector::CompareWithPackage(const Target& target, TargetFacts& facts) {
+    const std::string path = list_.TargetOf(EntryOf(target));
+    facts.state = TargetState::kOld;
+    for (auto index = target.entries.rbegin(); index != target.entries.rend(); ++index) {
+        const std::string source = list_.SourceOf(list_.entries()[*index]);
+        switch (comparer_.Compare(path, source, facts.detail)) {
+            case Content::kSame:
+                facts.state = index == target.entries.rbegin() ? TargetState::kNew : TargetState::kPartial;
+                return;
+            case Content::kPart:
+                facts.state = TargetState::kPartial;
+                break;
+            case Content::kUnreadable:
+                if (facts.state == TargetState::kOld) facts.state = TargetState::kUnknown;
+                break;
+            case Content::kOther:
+                break;
+        }
+    }
+}
+
+const char* NameOf(TargetState state) {
+    switch (state) {
+        case TargetState::kNew:
+            return "new";
+        case TargetState::kPartial:
+            return "partial";
+        case TargetState::kOld:
+            return "old";
+        case TargetState::kMissing:
+            return "missing";
+        case TargetState::kUnknown:
+            break;
+    }
+    return "unknown";
+}
+
+std::string ShownOwner(const struct stat& status) {
+    return std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+}

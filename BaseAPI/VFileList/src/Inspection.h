@@ -1,0 +1,51 @@
+// The installed files of a file list, looked at one by one.
+#ifndef VFILELIST_INSPECTION_H
+#define VFILELIST_INSPECTION_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "FileList.h"
+#include "Files.h"
+#include "Passes.h"
+
+struct TargetFacts {
+    TargetState state = TargetState::kMissing;
+    bool hasBackup = false;
+    bool isOccupied = false;   // something bears the name, if only a link that points nowhere
+    std::string detail;        // what else there is to say; may be empty
+    struct stat status {};     // of NAME itself, if it is occupied
+    struct stat backup {};     // of NAME.bak itself, if there is a backup
+    struct stat reference {};  // of the file that the backup is or, being a link, leads to
+    bool hasReference = false;
+    long long packageSize = -1;  // of the package's file; -1 when it can't be read
+
+    TargetObservation Observation() const { return {state, hasBackup}; }
+    // The new file has not the mode, or not the owner, of the backup.
+    bool IsModeDifferent() const;
+    bool IsOwnerDifferent() const;
+};
+
+class Inspector {
+public:
+    explicit Inspector(const FileList& list) : list_(list) {}
+
+    TargetFacts Inspect(const Target& target);
+
+    // The entry whose file stands there at the end: the last of those that go there.
+    const Entry& EntryOf(const Target& target) const { return list_.entries()[target.entries.back()]; }
+
+private:
+    void LookAtTarget(const Target& target, TargetFacts& facts);
+    void LookAtBackup(const std::string& path, TargetFacts& facts) const;
+    void CompareWithPackage(const Target& target, TargetFacts& facts);
+
+    const FileList& list_;
+    ContentComparer comparer_;
+};
+
+const char* NameOf(TargetState state);
+std::string ShownOwner(const struct stat& status);
+
+#endif

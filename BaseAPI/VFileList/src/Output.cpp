@@ -1,0 +1,170 @@
+// Writes the reports to standard output and the progress line to standard error.
+#include "Output.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr auto kProgressDelay = std::chrono::milliseconds(500);
+constexpr auto kProgressPeriod = std::chrono::milliseconds(100);
+
+bool IsTerminal(int fd) {
+    const char* const terminal = std::getenv("TERM");
+    return isatty(fd) == 1 && (terminal == nullptr || std::strcmp(terminal, "dumb") != 0);
+}
+
+bool IsColourWanted() {
+    const char* const noColour = std::getenv("NO_COLOR");
+    return IsTerminal(STDOUT_FILENO) && (noColour == nullptr || noColour[0] == '\0');
+}
+
+const char* EscapeOf(Style style) {
+    switch (style) {
+        case Style::kBold:
+            return "\033[1m";
+        case Style::kDim:
+            return "\033[2m";
+        case Style::kGood:
+            return "\033[32m";
+        case Style::kWarning:
+            return "\033[33m";
+        case Style::kError:
+            return "\033[31m";
+        case Style::kPlain:
+            break;
+    }
+    return "";
+}
+
+// JSON is UTF-8; what is not becomes U+FFFD.
+std::string Dump(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace
+
+Output::Output(bool isJson)
+    : isJson_(isJson),
+      isColoured_(!isJson && IsColourWanted()),
+      showsProgress_(IsTerminal(STDERR_FILENO)),
+      lastProgress_(std::chrono::steady_clock::now() + kProgressDelay - kProgressPeriod) {}
+
+Output::~Output() {
+    ClearProgress();
+}
+
+void Output::Line(const std::string& line) {
+    if (!isJson_) Write(line + "\n");
+}
+
+std::string Output::Paint(Style style, const std::string& text) const {
+    return isColoured_ && style != Style::kPlain ? EscapeOf(style) + text + "\033[0m" : text;
+}
+
+void Output::Member(const std::string& name, const Json& value) {
+    if (!isJson_) return;
+    Write(separator_ + Dump(name) + ": " + Dump(value));
+    separator_ = ",\n";
+}
+
+void Output::BeginList(const std::string& name) {
+    if (!isJson_) return;
+    Write(separator_ + Dump(name) + ": [");
+    separator_ = "\n";
+}
+
+void Output::Item(const Json& item) {
+    if (!isJson_) return;
+    Write(separator_ + Dump(item));
+    separator_ = ",\n";
+}
+
+void Output::EndList() {
+    if (!isJson_) return;
+    Write("]");
+    separator_ = ",\n";
+}
+
+void Output::EndJson() {
+    if (isJson_) Write("\n}\n");
+}
+
+void Output::Progress(const char* work, std::size_t done, std::size_t total) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!showsProgress_ || now - lastProgress_ < kProgressPeriod) return;
+    lastProgress_ = now;
+    isProgressShown_ = true;
+    (void)std::fflush(stdout);
+    (void)std::fprintf(stderr, "\r\033[K%s: %zu of %zu files", work, done, total);
+    (void)std::fflush(stderr);
+}
+
+bool Output::Finish() {
+    ClearProgress();
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
+
+void Output::Write(const std::string& text) {
+    ClearProgress();
+    (void)std::fwrite(text.data(), 1, text.size(), stdout);  // Finish tells
+}
+
+void Output::ClearProgress() {
+    if (!isProgressShown_) return;
+    isProgressShown_ = false;
+    (void)std::fputs("\r\033[K", stderr);
+    (void)std::fflush(stderr);
+}
+
+std::string Shown(const std::string& text) {
+    std::string shown;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+        // The second kind of control characters, U+0080 to U+009F, is two bytes long in UTF-8.
+        const bool isControl = byte < 0x20 || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next < 0xa0);
+        if (!isControl) {
+            shown += text[i];
+            continue;
+        }
+        std::array<char, 8> escaped{};
+        (void)std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
+        shown += escaped.data();
+    }
+    return shown;
+}
+
+std::string Padded(const std::string& text, std::size_t width) {
+    return text.size() < width ? text + std::string(width - text.size(), ' ') : text;
+}
+
+std::string RightAligned(const std::string& text, std::size_t width) {
+    return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
+}
+
+std::string ShownSize(unsigned long long bytes) {
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+
+    constexpr std::array<const char*, 6> units = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    double size = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < units.size(); ++unit) size /= 1024;
+    std::array<char, 32> shown{};
+    (void)std::snprintf(shown.data(), shown.size(), "%.1f %s", size, units[unit]);
+    return shown.data();
+}
+
+std::string Counted(std::size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string ShownMode(unsigned mode) {
+    std::array<char, 16> shown{};
+    (void)std::snprintf(shown.data(), shown.size(), "%04o", mode & 07777U);
+    return shown.data();
+}

@@ -1,0 +1,111 @@
+// Tells the passes' progress from the states of the targets.
+#include "Passes.h"
+
+#include <algorithm>
+
+namespace {
+
+bool IsThere(const TargetObservation& target) {
+    return target.state != TargetState::kMissing;
+}
+
+bool IsFromPackage(const TargetObservation& target) {
+    return target.state == TargetState::kNew || target.state == TargetState::kPartial;
+}
+
+bool IsCopiedOverBackup(const TargetObservation& target) {
+    return IsFromPackage(target) && target.hasBackup;
+}
+
+bool IsRenamed(const TargetObservation& target) {
+    return !IsThere(target) && target.hasBackup;
+}
+
+bool IsForeign(const TargetObservation& target) {
+    return IsThere(target) && !IsFromPackage(target);
+}
+
+template <typename Predicate>
+bool Any(const std::vector<TargetObservation>& targets, Predicate predicate) {
+    return std::any_of(targets.begin(), targets.end(), predicate);
+}
+
+template <typename Predicate>
+bool All(const std::vector<TargetObservation>& targets, Predicate predicate) {
+    return std::all_of(targets.begin(), targets.end(), predicate);
+}
+
+// A target without a backup that -copy can't have made, since it has not come so far: an earlier one is
+// missing. A later one that is renamed shows that -rename has passed, and found nothing here.
+bool IsStillInstalled(const std::vector<TargetObservation>& targets, std::size_t index) {
+    const auto here = targets.begin() + static_cast<std::ptrdiff_t>(index);
+    return std::any_of(targets.begin(), here, [](const auto& target) { return !IsThere(target); }) &&
+           std::none_of(here, targets.end(), IsRenamed);
+}
+
+PassesReport Next(const char* pass) {
+    const std::string next = pass;
+    if (next == "-rename") {
+        return {PassState::kIncomplete, PassState::kIncomplete, PassState::kIncomplete, next, ""};
+    }
+    if (next == "-copy")
+        return {PassState::kComplete, PassState::kIncomplete, PassState::kIncomplete, next, ""};
+    return {PassState::kComplete, PassState::kComplete, PassState::kIncomplete, next, ""};
+}
+
+PassesReport NobodyCanTell(const char* reason) {
+    return {PassState::kUnknown, PassState::kIncomplete, PassState::kIncomplete, "", reason};
+}
+
+PassesReport AfterCopyBegan(const std::vector<TargetObservation>& targets) {
+    if (Any(targets, IsForeign)) {
+        return NobodyCanTell(
+            "some files are the package's, with a backup beside them, and others are not: either they were "
+            "changed after -copy, or the backups are those of an earlier upgrade");
+    }
+    const auto isNew = [](const auto& target) { return target.state == TargetState::kNew; };
+    return All(targets, isNew) ? Next("-clean") : Next("-copy");
+}
+
+PassesReport AfterRenameBegan(const std::vector<TargetObservation>& targets) {
+    bool isRenameCutOff = false;
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        const bool isInstalled =
+            IsForeign(targets[i]) || (IsThere(targets[i]) && IsStillInstalled(targets, i));
+        isRenameCutOff = isRenameCutOff || isInstalled;
+        if (isRenameCutOff && IsRenamed(targets[i])) {
+            return NobodyCanTell(
+                "a file stands where -rename has been already: it was made or changed since");
+        }
+    }
+    return isRenameCutOff ? Next("-rename") : Next("-copy");
+}
+
+PassesReport WithoutTrace(const std::vector<TargetObservation>& targets) {
+    if (Any(targets, IsForeign)) return Next("-rename");
+    if (!targets.empty() && !Any(targets, IsThere)) return Next("-copy");
+    const auto isNew = [](const auto& target) { return target.state == TargetState::kNew; };
+    if (All(targets, isNew)) {
+        return {PassState::kComplete, PassState::kComplete, PassState::kComplete, "", ""};
+    }
+    // Either installed files that the package does not change, or new ones of a -copy that was cut off. For
+    // the latter -rename only makes backups of what the package still has.
+    return {PassState::kUnknown, PassState::kIncomplete, PassState::kIncomplete, "-rename", ""};
+}
+
+}  // namespace
+
+PassesReport JudgePasses(const std::vector<TargetObservation>& targets) {
+    if (Any(targets, IsCopiedOverBackup)) return AfterCopyBegan(targets);
+    if (Any(targets, [](const auto& target) { return target.hasBackup; })) {
+        return AfterRenameBegan(targets);
+    }
+    return WithoutTrace(targets);
+}
+
+bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t index) {
+    const auto here = targets.begin() + static_cast<std::ptrdiff_t>(index);
+    return targets[index].state == TargetState::kNew && !targets[index].hasBackup &&
+           Any(targets, [](const auto& target) { return target.hasBackup; }) && !Any(targets, IsForeign) &&
+           std::all_of(targets.begin(), here, IsThere);
+}

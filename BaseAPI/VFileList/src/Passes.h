@@ -1,0 +1,43 @@
+// How far the passes have come, told from nothing but the files.
+#ifndef VFILELIST_PASSES_H
+#define VFILELIST_PASSES_H
+
+#include <string>
+#include <vector>
+
+enum class TargetState {
+    kNew,      // holds what the package's file holds
+    kPartial,  // a beginning of it: an unfinished copy
+    kOld,      // holds something else
+    kMissing,
+    kUnknown,  // there, but it can't be compared
+};
+
+struct TargetObservation {
+    TargetState state;
+    bool hasBackup;
+};
+
+enum class PassState { kComplete, kIncomplete, kUnknown };
+
+struct PassesReport {
+    PassState rename;
+    PassState copy;
+    PassState clean;
+    std::string next;    // "-rename", "-copy", "-clean", or empty: nothing is left to do, or nobody can tell
+    std::string reason;  // why nobody can tell
+};
+
+// Judges the targets, in the order in which the passes visit them. The content alone does not tell an
+// installed file that the package does not change, or whose beginning it is, from a copied one. The order
+// does: each pass visits the targets one by one, so that -copy cannot have come beyond a target that is
+// missing.
+//
+// When in doubt it never names -rename, which would destroy the backups once -copy has begun.
+PassesReport JudgePasses(const std::vector<TargetObservation>& targets);
+
+// The same judgement for one target that has no backup and is there: the package brought it, and it did not
+// stand there before. False when that is not certain.
+bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t index);
+
+#endif

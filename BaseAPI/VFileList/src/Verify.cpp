@@ -1,0 +1,267 @@
+// Compares the installed files with the package's, and tells which pass is complete.
+#include "Verify.h"
+
+#include <map>
+#include <vector>
+
+#include "Inspection.h"
+#include "Passes.h"
+
+namespace {
+
+const char* NameOf(PassState state) {
+    switch (state) {
+        case PassState::kComplete:
+            return "complete";
+        case PassState::kIncomplete:
+            return "incomplete";
+        case PassState::kUnknown:
+            break;
+    }
+    return "unknown";
+}
+
+Style StyleOf(TargetState state) {
+    switch (state) {
+        case TargetState::kNew:
+            return Style::kGood;
+        case TargetState::kPartial:
+        case TargetState::kUnknown:
+            return Style::kError;
+        case TargetState::kOld:
+        case TargetState::kMissing:
+            break;
+    }
+    return Style::kPlain;
+}
+
+bool IsThere(const TargetFacts& facts) {
+    return facts.state != TargetState::kMissing;
+}
+
+std::string Details(const TargetFacts& facts) {
+    std::string details = facts.detail;
+    if (facts.IsOwnerDifferent()) {
+        if (!details.empty()) details += ", ";
+        details += "owner " + ShownOwner(facts.status) + ", was " + ShownOwner(facts.reference);
+    }
+    return details.empty() ? "" : "  (" + Shown(details) + ")";
+}
+
+class Verifier {
+public:
+    Verifier(const FileList& list, const VerifyOptions& options, Output& output)
+        : list_(list), options_(options), output_(output) {}
+
+    int Run();
+
+private:
+    void ShowHead();
+    void ShowTarget(const Target& target, const TargetFacts& facts);
+    void Count(const TargetFacts& facts);
+    void ReportProblems();
+    bool IsExpectedState(const PassesReport& passes) const;
+    bool HasProblems() const;
+    void ShowSummary(const PassesReport& passes, bool isExpected);
+    void ShowPasses(const PassesReport& passes);
+    Json ToJson(const Target& target, const TargetFacts& facts) const;
+    Json SummaryToJson(const PassesReport& passes, bool isExpected) const;
+
+    const FileList& list_;
+    const VerifyOptions& options_;
+    Output& output_;
+    std::vector<TargetObservation> observations_;
+    std::map<TargetState, std::size_t> counts_;
+    std::size_t backups_ = 0;
+    std::size_t differentModes_ = 0;
+    std::size_t problems_ = 0;
+};
+
+int Verifier::Run() {
+    ShowHead();
+    const std::vector<Target> targets = list_.Targets();
+    Inspector inspector(list_);
+    output_.BeginList("targets");
+    for (const Target& target : targets) {
+        output_.Progress("verify", observations_.size(), targets.size());
+        const TargetFacts facts = inspector.Inspect(target);
+        Count(facts);
+        ShowTarget(target, facts);
+    }
+    output_.EndList();
+    ReportProblems();
+
+    const PassesReport passes = JudgePasses(observations_);
+    const bool isExpected = IsExpectedState(passes) && !HasProblems();
+    ShowSummary(passes, isExpected);
+    return isExpected ? kFine : kFindings;
+}
+
+void Verifier::ShowHead() {
+    output_.Member("command", "verify");
+    output_.Member("fileList", list_.iniPath());
+    output_.Member("installType", list_.installType());
+    output_.Line(output_.Paint(Style::kBold, Shown(list_.iniPath())) + "  install type " +
+                 Shown(list_.installType()));
+    output_.Line();
+    output_.Line(output_.Paint(Style::kDim, "STATE    BACKUP  MODE  WAS         SIZE  FILE"));
+}
+
+void Verifier::ShowTarget(const Target& target, const TargetFacts& facts) {
+    if (output_.isJson()) {
+        output_.Item(ToJson(target, facts));
+        return;
+    }
+    const std::string mode = IsThere(facts) ? ShownMode(facts.status.st_mode) : "-";
+    const std::string was = facts.hasReference ? ShownMode(facts.reference.st_mode) : "-";
+    const std::string size =
+        IsThere(facts) ? ShownSize(static_cast<unsigned long long>(facts.status.st_size)) : "-";
+    output_.Line(output_.Paint(StyleOf(facts.state), Padded(::NameOf(facts.state), 9)) +
+                 Padded(facts.hasBackup ? "yes" : "-", 8) + Padded(mode, 6) +
+                 output_.Paint(facts.IsModeDifferent() ? Style::kWarning : Style::kPlain, Padded(was, 6)) +
+                 RightAligned(size, 10) + "  " +
+                 Shown(list_.TargetOf(list_.entries()[target.entries.back()])) + Details(facts));
+}
+
+void Verifier::Count(const TargetFacts& facts) {
+    observations_.push_back(facts.Observation());
+    ++counts_[facts.state];
+    if (facts.hasBackup) ++backups_;
+    if (facts.IsModeDifferent() || facts.IsOwnerDifferent()) ++differentModes_;
+}
+
+// What the passes pass over in silence, or fail on.
+void Verifier::ReportProblems() {
+    output_.BeginList("problems");
+    const auto report = [this](const char* code, const std::string& section, const std::string& key,
+                               const std::string& entry, const std::string& detail) {
+        if (problems_++ == 0) output_.Line();
+        output_.Line(output_.Paint(Style::kError, code) + "  " + Shown("[" + section + "] " + key) + ": " +
+                     Shown(detail));
+        output_.Item(
+            {{"code", code}, {"section", section}, {"key", key}, {"entry", entry}, {"detail", detail}});
+    };
+    for (const FileList::SkippedKey& skipped : list_.SkippedKeys()) {
+        report("E-LIST-TOO-LONG", skipped.section, skipped.key.name, "",
+               "a value of " + std::to_string(skipped.key.valueLength) + " bytes; every pass skips the key");
+    }
+    for (const Entry& entry : list_.entries()) {
+        if (HasFileName(entry)) continue;
+        report("E-ENTRY-EMPTY", list_.ListOf(entry).section, list_.KeyOf(entry), entry.text,
+               "an entry without a file name; -rename and -copy fail there");
+    }
+    output_.EndList();
+}
+
+bool Verifier::IsExpectedState(const PassesReport& passes) const {
+    if (options_.expected == "copied") return passes.copy == PassState::kComplete;
+    if (options_.expected == "cleaned") return passes.clean == PassState::kComplete;
+    const auto count = [this](TargetState state) {
+        const auto found = counts_.find(state);
+        return found == counts_.end() ? 0 : found->second;
+    };
+    if (options_.expected == "renamed") {
+        return passes.rename == PassState::kComplete && count(TargetState::kMissing) == observations_.size();
+    }
+    return backups_ == 0 && count(TargetState::kPartial) == 0 && count(TargetState::kUnknown) == 0;
+}
+
+bool Verifier::HasProblems() const {
+    return problems_ > 0 || (differentModes_ > 0 && !options_.areModesIgnored);
+}
+
+void Verifier::ShowSummary(const PassesReport& passes, bool isExpected) {
+    output_.Member("summary", SummaryToJson(passes, isExpected));
+    output_.Line();
+    std::string line = Counted(observations_.size(), "file") + ":";
+    for (const TargetState state : {TargetState::kNew, TargetState::kPartial, TargetState::kOld,
+                                    TargetState::kMissing, TargetState::kUnknown}) {
+        if (counts_[state] > 0) line += " " + std::to_string(counts_[state]) + " " + ::NameOf(state) + ",";
+    }
+    output_.Line(line + " " + Counted(backups_, "backup") + ".");
+    if (differentModes_ > 0) {
+        output_.Line(output_.Paint(Style::kWarning, Counted(differentModes_, "new file") +
+                                                        " with another mode or owner than the backup: "
+                                                        "vfilelist rollback --only-modes"));
+    }
+    ShowPasses(passes);
+    output_.Line(
+        output_.Paint(isExpected ? Style::kGood : Style::kError,
+                      (isExpected ? "As expected: " : "Not as expected: ") + options_.expected + "."));
+}
+
+void Verifier::ShowPasses(const PassesReport& passes) {
+    output_.Line();
+    output_.Line(std::string("-rename  ") + NameOf(passes.rename));
+    output_.Line(std::string("-copy    ") + NameOf(passes.copy));
+    output_.Line(std::string("-clean   ") + NameOf(passes.clean));
+    if (!passes.next.empty()) {
+        output_.Line("Next:    VCopyFileListIni " + passes.next + " " + Shown(list_.iniPath()));
+    } else if (!passes.reason.empty()) {
+        output_.Line("Look at the files before you run a pass: " + passes.reason + ".");
+    } else {
+        output_.Line("Next:    nothing");
+    }
+    output_.Line();
+}
+
+Json Verifier::ToJson(const Target& target, const TargetFacts& facts) const {
+    Json entries = Json::array();
+    for (const std::size_t index : target.entries) {
+        const Entry& entry = list_.entries()[index];
+        entries.push_back({{"section", list_.ListOf(entry).section},
+                           {"key", list_.KeyOf(entry)},
+                           {"entry", entry.text},
+                           {"source", list_.SourceOf(entry)}});
+    }
+    Json item = {{"target", list_.TargetOf(list_.entries()[target.entries.back()])},
+                 {"state", ::NameOf(facts.state)},
+                 {"size", nullptr},
+                 {"packageSize", nullptr},
+                 {"mode", nullptr},
+                 {"owner", nullptr},
+                 {"backup", facts.hasBackup},
+                 {"backupMode", nullptr},
+                 {"backupOwner", nullptr},
+                 {"modeDiffers", facts.IsModeDifferent()},
+                 {"ownerDiffers", facts.IsOwnerDifferent()},
+                 {"detail", facts.detail},
+                 {"entries", entries}};
+    if (facts.packageSize >= 0) item["packageSize"] = facts.packageSize;
+    if (IsThere(facts)) {
+        item["size"] = facts.status.st_size;
+        item["mode"] = ShownMode(facts.status.st_mode);
+        item["owner"] = ShownOwner(facts.status);
+    }
+    if (facts.hasReference) {
+        item["backupMode"] = ShownMode(facts.reference.st_mode);
+        item["backupOwner"] = ShownOwner(facts.reference);
+    }
+    return item;
+}
+
+Json Verifier::SummaryToJson(const PassesReport& passes, bool isExpected) const {
+    Json states;
+    for (const TargetState state : {TargetState::kNew, TargetState::kPartial, TargetState::kOld,
+                                    TargetState::kMissing, TargetState::kUnknown}) {
+        const auto found = counts_.find(state);
+        states[::NameOf(state)] = found == counts_.end() ? 0 : found->second;
+    }
+    return {
+        {"targets", observations_.size()},
+        {"states", states},
+        {"backups", backups_},
+        {"modesDiffering", differentModes_},
+        {"passes",
+         {{"rename", NameOf(passes.rename)}, {"copy", NameOf(passes.copy)}, {"clean", NameOf(passes.clean)}}},
+        {"next", passes.next.empty() ? Json(nullptr) : Json(passes.next)},
+        {"reason", passes.reason},
+        {"expected", options_.expected},
+        {"isExpected", isExpected}};
+}
+
+}  // namespace
+
+int Verify(const FileList& list, const VerifyOptions& options, Output& output) {
+    return Verifier(list, options, output).Run();
+}

@@ -1,0 +1,18 @@
+// `vfilelist verify`: where an upgrade stands.
+#ifndef VFILELIST_VERIFY_H
+#define VFILELIST_VERIFY_H
+
+#include <string>
+
+#include "FileList.h"
+#include "Output.h"
+
+struct VerifyOptions {
+    std::string expected = "copied";  // or "renamed", "cleaned", "restored"
+    bool areModesIgnored = false;
+};
+
+// Returns the exit status: fine when the expected state is reached and nothing is wrong.
+int Verify(const FileList& list, const VerifyOptions& options, Output& output);
+
+#endif

@@ -1,0 +1,133 @@
+// vfilelist: the command line.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "Check.h"
+#include "FileList.h"
+#include "Output.h"
+#include "Plan.h"
+#include "Rollback.h"
+#include "Verify.h"
+
+namespace {
+
+const char kDescription[] =
+    "vfilelist looks at the file list of an upgrade package: what is wrong with it, what the\n"
+    "passes of VCopyFileListIni will do, how far they have come; and it takes an upgrade back.";
+
+const char kFooter[] =
+    "Exit status: 0 fine; 1 something was found, or the state is not the one asked for;\n"
+    "2 wrong use, or a file list that can't be read.\n";
+
+struct Arguments {
+    std::string iniPath;
+    bool isJson = false;
+    CheckOptions check;
+    VerifyOptions verify;
+    RollbackOptions rollback;
+};
+
+CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Arguments& arguments) {
+    CLI::App* const command = app.add_subcommand(name, description);
+    command->add_option("FILELIST", arguments.iniPath, "The file list; the package's Common lies beside it")
+        ->required();
+    command->add_flag("--json", arguments.isJson, "Write JSON (docs/vfilelist.md has the schema)");
+    command->footer(kFooter);
+    return command;
+}
+
+void AddCommands(CLI::App& app, Arguments& arguments) {
+    CLI::App* const check = AddCommand(
+        app, "check", "Say what is wrong with a file list, its package and its targets", arguments);
+    check->add_option("--root", arguments.check.root, "Look for the targets below DIR instead of /")
+        ->type_name("DIR")
+        ->check(CLI::ExistingDirectory);
+    check->add_flag("--errors-only", arguments.check.isErrorsOnly, "Leave warnings out");
+
+    AddCommand(app, "plan", "Say what each pass will do, file by file, in its order", arguments);
+
+    CLI::App* const verify =
+        AddCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
+    verify
+        ->add_option(
+            "--expect", arguments.verify.expected,
+            "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
+        ->type_name("STATE")
+        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
+    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
+                     "New files may have other modes and owners than their backups");
+
+    CLI::App* const rollback =
+        AddCommand(app, "rollback", "Put every backup NAME.bak back over NAME", arguments);
+    rollback->add_flag("--dry-run", arguments.rollback.isDryRun, "Change nothing, say what would be done");
+    CLI::Option* const onlyModes = rollback->add_flag(
+        "--only-modes", arguments.rollback.isOnlyModes,
+        "Restore nothing; give the new files the modes and owners of their backups (after -copy)");
+    rollback
+        ->add_flag("--remove-new", arguments.rollback.removesNew,
+                   "Remove the package's files that had no predecessor, too")
+        ->excludes(onlyModes);
+    rollback
+        ->add_flag("--force", arguments.rollback.isForced,
+                   "Put backups back over files that are not the package's, too")
+        ->excludes(onlyModes);
+}
+
+int Refuse(const Arguments& arguments, const std::string& command, const std::string& trouble,
+           Output& output) {
+    output.Member("command", command);
+    output.Member("fileList", arguments.iniPath);
+    output.Member("error", trouble);
+    (void)std::fprintf(stderr, "vfilelist: %s: %s\n", Shown(arguments.iniPath).c_str(), trouble.c_str());
+    return kWrongUse;
+}
+
+// What makes no sense on a file list without a directory list.
+int RunOnList(const Arguments& arguments, const std::string& command, Output& output) {
+    const std::string trouble = FileList::WhyUnreadable(arguments.iniPath);
+    if (!trouble.empty()) return Refuse(arguments, command, trouble, output);
+    const FileList list(arguments.iniPath);
+    if (list.lists().empty()) {
+        return Refuse(arguments, command, "no install type with a directory list; vfilelist check says more",
+                      output);
+    }
+    if (command == "plan") return Plan(list, output);
+    if (command == "verify") return Verify(list, arguments.verify, output);
+    return Rollback(list, arguments.rollback, output);
+}
+
+int Run(Arguments& arguments, const std::string& command) {
+    Output output(arguments.isJson);
+    arguments.check.iniPath = arguments.iniPath;
+    const int status =
+        command == "check" ? Check(arguments.check, output) : RunOnList(arguments, command, output);
+    output.EndJson();
+    if (output.Finish()) return status;
+    (void)std::fprintf(stderr, "vfilelist: can't write the report\n");
+    return kWrongUse;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    try {
+        CLI::App app(kDescription, "vfilelist");
+        Arguments arguments;
+        app.require_subcommand(1);
+        app.set_version_flag("--version", "vfilelist " VFILELIST_VERSION);
+        app.footer(kFooter);
+        AddCommands(app, arguments);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error) == 0 ? kFine : kWrongUse;
+        }
+        return Run(arguments, app.get_subcommands().front()->get_name());
+    } catch (const std::exception& error) {
+        (void)std::fprintf(stderr, "vfilelist: %s\n", error.what());
+        return kWrongUse;
+    }
+}
