@@ -74,9 +74,10 @@ check_symbols() {
     local preset
     for preset in release debug; do
         configure "$preset"
-        build "$preset" VFileSys VCopyFileListIni
+        build "$preset" VFileSys VCopyFileListIni vfilelist
         tests/symbols/check.sh "build/$preset/BaseAPI/VFileSys/libVFileSys.so" \
-            "build/$preset/BaseAPI/VCopyFileListIni/VCopyFileListIni"
+            "build/$preset/BaseAPI/VCopyFileListIni/VCopyFileListIni" \
+            "build/$preset/BaseAPI/VFileList/vfilelist"
     done
 }
 

@@ -7,6 +7,7 @@ set -euo pipefail
 
 build=$(readlink -f "$1")
 tool=$build/BaseAPI/VCopyFileListIni/VCopyFileListIni
+vfilelist=$build/BaseAPI/VFileList/vfilelist
 work=$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-demo-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 export VLOGGER_DIRECTORY=$work/log
@@ -77,6 +78,15 @@ run_pass() {  # OPERATOR STATUS
     [[ $status == "$2" ]] || die "$1 ended with $status instead of $2"
 }
 
+# Runs vfilelist on the file list and shows its report; it has to end with STATUS.
+run_vfilelist() {  # STATUS COMMAND OPTION...
+    local status=0
+    command_line "vfilelist ${*:2} package/filelist.ini"
+    { "$vfilelist" "${@:2}" "$package/filelist.ini" || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
+    wait "$!"
+    [[ $status == "$1" ]] || die "vfilelist $2 ended with $status instead of $1"
+}
+
 write_file_list() {  # BIN-FILES LIB-FILES
     cat >"$package/filelist.ini" <<INI
 [Package_Intall_Type]
@@ -144,10 +154,14 @@ copy_pass() {
     show_app
     for name in $replaced bin/gzip; do expect_same "$package/Common/$name" "$app/$name"; done
     verified "all four hold what the package brought."
-    tell "Mind the modes: -copy brings the content alone. Making programs runnable is the package's business:"
-    command_line "chmod 755 app/bin/ls app/bin/gzip; app/bin/gzip --version"
-    chmod 755 "$app/bin/ls" "$app/bin/gzip"
+    tell "Mind the modes: -copy brings the content alone. The backups still have the old modes; gzip had no predecessor:"
+    run_vfilelist 0 rollback --only-modes
+    [[ $(stat -c %a "$app/bin/ls") == "$(stat -c %a "$before/bin/ls")" ]] || die "ls has not the mode of its backup"
+    command_line "chmod 755 app/bin/gzip; app/bin/gzip --version"
+    chmod 755 "$app/bin/gzip"
     tell "  $("$app/bin/gzip" --version | head -n 1)"
+    tell "All in place? vfilelist compares every file with the package's:"
+    run_vfilelist 0 verify
 }
 
 clean_pass() {
@@ -164,23 +178,25 @@ clean_pass() {
 }
 
 failed_upgrade() {
-    local name backup
-    heading "5. An upgrade that fails half-way"
-    tell "The next package replaces ls, gzip and libVIni.so, but also lists a file that it does not carry."
+    local name
+    heading "5. An upgrade that fails half-way, and the way back"
+    tell "The next package replaces ls, gzip and libVIni.so, but also lists a file that it does not carry. Its" \
+        "release engineer would have seen that:"
     rm -rf "$before"
     cp -a "$app" "$before"
     cp "$(command -v cat)" "$package/Common/bin/ls"
     write_file_list bin/ls,bin/missing,bin/gzip lib/libVIni.so
+    run_vfilelist 1 check --errors-only
+    tell "Nobody looked, and the upgrade begins:"
     command_line "VCopyFileListIni -rename package/filelist.ini"
     "$tool" -rename "$package/filelist.ini"
     run_pass -copy 240
-    show_app
     expect_same "$package/Common/bin/ls" "$app/bin/ls"
-    tell "The pass stopped there with status 240: ls is new, gzip and libVIni.so are gone. The backups help:"
-    for backup in "$app"/bin/*.bak "$app"/lib/*.bak; do
-        command_line "mv $backup ${backup%.bak}"
-        mv "$backup" "${backup%.bak}"
-    done
+    tell "The pass stopped there with status 240: ls is new, gzip and libVIni.so are gone. Where do we stand?"
+    run_vfilelist 1 verify
+    tell "Back to what was:"
+    run_vfilelist 0 rollback
+    run_vfilelist 0 verify --expect restored
     for name in $replaced bin/gzip app.conf; do
         expect_same "$before/$name" "$app/$name"
         [[ $(stat -c %a "$before/$name") == "$(stat -c %a "$app/$name")" ]] || die "$name has another mode"

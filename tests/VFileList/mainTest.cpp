@@ -1,1 +1,214 @@
+// The command line of vfilelist, and what it writes as JSON.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "Findings.h"
+#include "Package.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+const char* const kCommands[] = {"check", "plan", "verify", "rollback"};
+
+class VFileListMainTest : public testing::Test {
+protected:
+    VFileListMainTest() {
+        package_.Bring("tool", "new");
+        package_.Install("tool", "old");
+        package_.WriteEntries("tool");
+    }
+
+    // Holds the JSON against docs/vfilelist.schema.json.
+    void ExpectMatchesSchema(const std::string& json) const {
+        const std::string document = package_.scratch().Write("document.json", json);
+        // Debian's own Python, which has the validator; another one may be the first in PATH.
+        const ProcessResult result = RunProcess({"/usr/bin/python3", "/usr/bin/jsonschema", "-i", document,
+                                                 VFS_SOURCE_DIRECTORY "/docs/vfilelist.schema.json"});
+        EXPECT_EQ(result.exitStatus, 0) << result.out << result.err << json;
+    }
+
+    Package package_;
+};
+
+TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
+    const std::vector<std::vector<std::string>> wrong = {
+        {},
+        {"check"},
+        {"Check", package_.ListPath()},
+        {"verify", package_.ListPath(), "--expect", "done"},
+        {"verify", package_.ListPath(), "--root", "/"},
+        {"check", package_.ListPath(), "--root", package_.scratch().Path("nowhere")},
+        {"rollback", package_.ListPath(), "--only-modes", "--remove-new"},
+        {"rollback", package_.ListPath(), "--only-modes", "--force"},
+        {"plan", package_.ListPath(), "another.ini"},
+    };
+    for (const std::vector<std::string>& arguments : wrong) {
+        const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, arguments));
+
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_THAT(result.out, IsEmpty());
+        EXPECT_THAT(result.err, HasSubstr("vfilelist: "));
+    }
+    EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("tool"));
+}
+
+TEST_F(VFileListMainTest, ExitsWith2WhenTheFileListCannotBeRead) {
+    const std::string directory = package_.scratch().MakeDirectory("directory");
+    const std::string pipe = package_.scratch().Path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (const std::string& path : {package_.scratch().Path("nowhere.ini"), directory, pipe}) {
+        for (const char* const command : kCommands) {
+            SCOPED_TRACE(command + (" " + path));
+            const ProcessResult result = RunProcess({VFILELIST_PATH, command, path, "--json"});
+
+            EXPECT_EQ(result.exitStatus, 2);
+            ExpectMatchesSchema(result.out);
+        }
+    }
+}
+
+TEST_F(VFileListMainTest, ExitsWith2WithoutADirectoryListExceptForCheck) {
+    package_.WriteRawList("[Package_Intall_Type]\nPackageIntallType=Nowhere\n");
+
+    EXPECT_EQ(package_.Run("check").exitStatus, 1);
+    for (const char* const command : {"plan", "verify", "rollback"}) {
+        const ProcessResult result = package_.Run(command);
+        EXPECT_EQ(result.exitStatus, 2) << command;
+        EXPECT_THAT(result.err, HasSubstr("vfilelist check")) << command;
+        ExpectMatchesSchema(package_.Run(command, {"--json"}).out);
+    }
+}
+
+TEST_F(VFileListMainTest, HelpIsFineAndNamesTheExitStatuses) {
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{}, {"check"}, {"plan"}, {"verify"}, {"rollback"}}) {
+        const ProcessResult result =
+            RunProcess(Concatenate(Concatenate({VFILELIST_PATH}, command), {"--help"}));
+
+        SCOPED_TRACE(testing::PrintToString(command));
+        EXPECT_EQ(result.exitStatus, 0);
+        EXPECT_THAT(result.out, HasSubstr("Exit status: 0 fine; 1 "));
+        EXPECT_THAT(result.err, IsEmpty());
+    }
+}
+
+TEST_F(VFileListMainTest, TellsItsVersion) {
+    const ProcessResult result = RunProcess({VFILELIST_PATH, "--version"});
+
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(result.out, testing::MatchesRegex("vfilelist [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST_F(VFileListMainTest, WritesJsonAsItsSchemaHasItThroughoutAnUpgrade) {
+    package_.Install("tool.bak", "older");
+    package_.Bring("unlisted", "");
+    package_.Bring("fresh", "new");
+    package_.WriteList("[Server]\nBin=@\nBad=\n[Bin]\nf=tool,fresh,missing,\ng=tool, x\\y\nlong=" +
+                       std::string(5000, 'x') + "\n[Bad]\nf=tool\n");
+    for (const char* const command : kCommands) {
+        ExpectMatchesSchema(package_.Run(command, {"--json"}).out);
+    }
+
+    package_.Install("tool", "old");
+    package_.WriteEntries("tool,fresh");
+    for (const char* const pass : {"-rename", "-copy", "-clean"}) {
+        SCOPED_TRACE(pass);
+        ASSERT_EQ(package_.RunPass(pass), 0);
+        for (const char* const command : {"check", "plan", "verify"}) {
+            ExpectMatchesSchema(package_.Run(command, {"--json"}).out);
+        }
+        ExpectMatchesSchema(package_.Run("rollback", {"--json", "--dry-run", "--remove-new"}).out);
+        ExpectMatchesSchema(package_.Run("rollback", {"--json", "--only-modes"}).out);
+    }
+}
+
+TEST_F(VFileListMainTest, TheSchemaRefusesOtherDocuments) {
+    const std::string document = package_.scratch().Write("document.json", R"({"command": "check"})");
+
+    const ProcessResult result = RunProcess({"/usr/bin/python3", "/usr/bin/jsonschema", "-i", document,
+                                             VFS_SOURCE_DIRECTORY "/docs/vfilelist.schema.json"});
+
+    EXPECT_EQ(result.exitStatus, 1);
+}
+
+TEST_F(VFileListMainTest, WritesValidJsonForNamesThatAreNotUtf8) {
+    package_.WriteEntries(
+        "a\xff"
+        "b,line\x01");
+
+    for (const char* const command : kCommands) ExpectMatchesSchema(package_.Run(command, {"--json"}).out);
+}
+
+TEST_F(VFileListMainTest, HasNoColourAndNoProgressLineWithoutATerminal) {
+    for (const char* const command : {"check", "plan", "verify"}) {
+        const ProcessResult result = package_.Run(command);
+        EXPECT_THAT(result.out, Not(HasSubstr("\033"))) << command;
+        EXPECT_THAT(result.err, IsEmpty()) << command;
+    }
+}
+
+TEST_F(VFileListMainTest, IsColouredOnATerminalUnlessNoColorIsSet) {
+    // script(1) gives the program a terminal of its own.
+    const std::string command = std::string(VFILELIST_PATH) + " verify " + package_.ListPath();
+    const auto run = [&command](const std::vector<std::string>& environment) {
+        return RunProcess({"script", "--quiet", "--return", "--command", command, "/dev/null"}, environment);
+    };
+
+    EXPECT_THAT(run({"TERM=xterm", "NO_COLOR="}).out, HasSubstr("\033["));
+    EXPECT_THAT(run({"TERM=xterm", "NO_COLOR=1"}).out, Not(HasSubstr("\033[")));
+    EXPECT_THAT(run({"TERM=dumb", "NO_COLOR="}).out, Not(HasSubstr("\033[")));
+}
+
+TEST_F(VFileListMainTest, ExitsWith2WhenItsReportCannotBeWritten) {
+    for (const char* const command : {"check", "plan", "verify"}) {
+        const ProcessResult result =
+            RunProcess({"sh", "-c", std::string(VFILELIST_PATH) + " " + command + " \"$1\" >/dev/full", "sh",
+                        package_.ListPath()});
+        EXPECT_EQ(result.exitStatus, 2) << command;
+        EXPECT_THAT(result.err, HasSubstr("can't write the report")) << command;
+    }
+}
+
+TEST_F(VFileListMainTest, RollsBackToTheEndThoughNobodyReadsTheReport) {
+    std::string list = "[Server]\nBin=@\n[Bin]\n";
+    for (int i = 0; i < 2000; ++i) {
+        const std::string name = "file" + std::to_string(i);
+        package_.Install(name + ".bak", "old");
+        list += name + "=" + name + "\n";
+    }
+    package_.WriteList(list);
+
+    (void)RunProcess({"bash", "-c", std::string(VFILELIST_PATH) + " rollback \"$1\" | head -n 1", "bash",
+                      package_.ListPath()});
+
+    for (const std::string& name : package_.InstalledNames()) EXPECT_THAT(name, Not(HasSubstr(".bak")));
+}
+
+TEST_F(VFileListMainTest, TheDocumentNamesEveryFindingAndItsTitle) {
+    const std::string document = ReadWholeFile(VFS_SOURCE_DIRECTORY "/docs/vfilelist.md");
+    for (const FindingKind& kind : FindingKinds()) {
+        EXPECT_THAT(document, HasSubstr("| `" + std::string(kind.code) + "` | " + kind.title + " | " +
+                                        kind.effect + " |\n"));
+    }
+}
+
+TEST_F(VFileListMainTest, WritesNothingToTheUpgradeLog) {
+    for (const char* const command : {"check", "plan", "verify"}) {
+        (void)RunProcess({VFILELIST_PATH, command, package_.ListPath()},
+                         {"VLOGGER_DIRECTORY=" + package_.scratch().Path("log")});
+    }
+
+    EXPECT_FALSE(package_.scratch().Has("log"));
+}
+
+}  // namespace

@@ -42,13 +42,19 @@ run_tool() {  # TOOL
     grep -q 'Successfully completed' "$trial/log/TarnFramework_upgrade.log" || fail "no log was written"
 }
 
+# The installed vfilelist finds that the tool's work is done.
+run_vfilelist() {  # VFILELIST
+    quietly env -u LD_LIBRARY_PATH "$1" verify "$work/trial/package/filelist.ini" --expect cleaned
+}
+
 run_pass() {  # TOOL OPERATOR
     quietly env -u LD_LIBRARY_PATH VLOGGER_DIRECTORY="$work/trial/log" "$1" "$2" "$work/trial/package/filelist.ini"
 }
 
-step "install, and run the installed tool"
+step "install, and run the installed tools"
 quietly cmake --install "$build" --prefix "$work/prefix"
 run_tool "$work/prefix/bin/VCopyFileListIni"
+run_vfilelist "$work/prefix/bin/vfilelist"
 
 step "an outside project finds the package, builds against it and runs"
 configure "$source/tests/consumer/project" "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix"
@@ -83,3 +89,4 @@ mkdir "$work/elsewhere"
 cp -a "$work/prefix" "$work/elsewhere/moved"
 rm -r "$work/prefix"
 run_tool "$work/elsewhere/moved/bin/VCopyFileListIni"
+run_vfilelist "$work/elsewhere/moved/bin/vfilelist"

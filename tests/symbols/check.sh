@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# check.sh LIBRARY TOOL: looks into libVFileSys.so and the upgrade tool as they were linked. The exported names
+# check.sh LIBRARY PROGRAM...: looks into libVFileSys.so and the programs as they were linked. The exported names
 # are the binary interface; the imported ones are what a program can stand in front of; and the loader's
 # protections have to be asked for at every link.
 set -euo pipefail
@@ -7,7 +7,7 @@ export LC_ALL=C
 
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 library=$1
-tool=$2
+programs=("${@:2}")
 short_names='s/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/std::string/g
     s/std::vector<std::string, std::allocator<std::string> >/std::vector<std::string>/g'
 failures=0
@@ -68,8 +68,9 @@ check_hardening() {  # FILE
     grep -E 'GNU_STACK' <<<"$headers" | grep -qE ' RW +0x' || fail "$1 has an executable stack"
 }
 
-check_tool() {
-    readelf --dynamic --wide "$tool" | grep -qE '\(FLAGS_1\).*PIE' || fail "$tool is not position-independent"
+check_program() {  # FILE
+    check_hardening "$1"
+    readelf --dynamic --wide "$1" | grep -qE '\(FLAGS_1\).*PIE' || fail "$1 is not position-independent"
 }
 
 # What __FILE__ became: every source name in the data begins at the top of the source tree, wherever that lay.
@@ -86,10 +87,9 @@ check_exports
 check_imports
 check_soname
 check_hardening "$library"
-check_hardening "$tool"
-check_tool
+for program in "${programs[@]}"; do check_program "$program"; done
 check_source_names
 
 ((failures == 0)) || exit 1
 printf '%s\n' "$(names_in "$here/exported.txt" | wc -l) names exported, $(names_in "$here/imported.txt" | wc -l)\
- platform names imported as listed, hardened: ${library##*/}, ${tool##*/}"
+ platform names imported as listed, hardened: ${library##*/} ${programs[*]##*/}"

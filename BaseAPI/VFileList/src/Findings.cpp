@@ -47,7 +47,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "copied either.",
          "Use a shorter name."},
         {"E-DUPLICATE-NAME", "two entries go to the same target",
-         "The later one overwrites the earlier one, which is lost.",
+         "The later one overwrites the earlier one.",
          "Remove one, or give it another name or directory; the target has no subdirectories."},
         {"E-SOURCE-MISSING", "the package lacks a listed file",
          "-copy fails there and stops; what is listed behind it stays missing.",
@@ -67,8 +67,8 @@ const std::vector<FindingKind>& FindingKinds() {
         {"E-TARGET-SPECIAL", "the target is a device, pipe or socket",
          "-rename moves it away; the service that uses it loses it.", "Use another file name."},
         {"E-TARGET-IN-PACKAGE", "the target is the package's own file",
-         "Without -rename, -copy copies the file onto itself and empties it; with it, the package loses the "
-         "file.",
+         "Without -rename, -copy copies the file onto itself and empties it; -rename may take it away from the "
+         "package.",
          "Unpack the package elsewhere, or remove the link."},
         {"E-BACKUP-SAME-FILE", "NAME and NAME.bak are two names of one file",
          "-rename does nothing and reports success; -copy then overwrites both, and the old content is lost.",

@@ -1,6 +1,7 @@
 // vfilelist: the command line.
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -96,6 +97,8 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
     }
     if (command == "plan") return Plan(list, output);
     if (command == "verify") return Verify(list, arguments.verify, output);
+    // Who stops reading the report must not stop the rollback half-way.
+    (void)std::signal(SIGPIPE, SIG_IGN);
     return Rollback(list, arguments.rollback, output);
 }
 
@@ -117,6 +120,9 @@ int main(int argc, char* argv[]) {
         CLI::App app(kDescription, "vfilelist");
         Arguments arguments;
         app.require_subcommand(1);
+        app.failure_message([](const CLI::App*, const CLI::Error& error) {
+            return std::string("vfilelist: ") + error.what() + "; vfilelist --help tells how to use it\n";
+        });
         app.set_version_flag("--version", "vfilelist " VFILELIST_VERSION);
         app.footer(kFooter);
         AddCommands(app, arguments);
