@@ -74,6 +74,7 @@ private:
     std::map<TargetState, std::size_t> counts_;
     std::size_t backups_ = 0;
     std::size_t differentModes_ = 0;
+    std::size_t lackingSources_ = 0;
     std::size_t problems_ = 0;
 };
 
@@ -128,6 +129,7 @@ void Verifier::Count(const TargetFacts& facts) {
     ++counts_[facts.state];
     if (facts.hasBackup) ++backups_;
     if (facts.IsModeDifferent() || facts.IsOwnerDifferent()) ++differentModes_;
+    if (facts.packageSize < 0) ++lackingSources_;
 }
 
 // What the passes pass over in silence, or fail on.
@@ -183,6 +185,10 @@ void Verifier::ShowSummary(const PassesReport& passes, bool isExpected) {
         output_.Line(output_.Paint(Style::kWarning, Counted(differentModes_, "new file") +
                                                         " with another mode or owner than the backup: "
                                                         "vfilelist rollback --only-modes"));
+    }
+    if (lackingSources_ > 0) {
+        output_.Line(output_.Paint(Style::kError, "The package lacks " + Counted(lackingSources_, "file") +
+                                                      ": -copy stops at the first."));
     }
     ShowPasses(passes);
     output_.Line(
@@ -252,6 +258,7 @@ Json Verifier::SummaryToJson(const PassesReport& passes, bool isExpected) const 
         {"states", states},
         {"backups", backups_},
         {"modesDiffering", differentModes_},
+        {"sourcesLacking", lackingSources_},
         {"passes",
          {{"rename", NameOf(passes.rename)}, {"copy", NameOf(passes.copy)}, {"clean", NameOf(passes.clean)}}},
         {"next", passes.next.empty() ? Json(nullptr) : Json(passes.next)},
