@@ -55,7 +55,8 @@ std::map<FileId, std::string> RunningPrograms() {
     std::error_code error;
     for (const fs::directory_entry& process : fs::directory_iterator("/proc", error)) {
         const std::string pid = process.path().filename();
-        if (!std::all_of(pid.begin(), pid.end(), [](char c) { return c >= '0' && c <= '9'; })) continue;
+        if (!std::all_of(pid.begin(), pid.end(), [](char digit) { return digit >= '0' && digit <= '9'; }))
+            continue;
         struct stat status {};
         if (stat((process.path() / "exe").c_str(), &status) == 0) programs.emplace(IdOf(status), pid);
     }
@@ -108,6 +109,7 @@ private:
 
     const FileList list_;
     Output& output_;
+    const std::optional<std::string> common_ = CanonicalPath(list_.sourceDirectory());
     std::vector<Finding> findings_;
     std::set<std::string> unusable_;  // lists whose directory is no place to look at
     std::map<dev_t, Space> spaces_;
@@ -254,9 +256,8 @@ bool Checker::CheckIsInside(const Entry& entry) {
         Add("E-ENTRY-OUTSIDE", entry, fs::path(source).lexically_normal());
         return false;
     }
-    const std::optional<std::string> common = CanonicalPath(list_.sourceDirectory());
     const std::optional<std::string> real = CanonicalPath(source);
-    if (!common || !real || real->compare(0, common->size() + 1, *common + "/") == 0) return true;
+    if (!common_ || !real || real->compare(0, common_->size() + 1, *common_ + "/") == 0) return true;
     Add("E-ENTRY-OUTSIDE", entry, source, "a link leads to " + *real);
     return false;
 }

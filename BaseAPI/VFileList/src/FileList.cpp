@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <set>
 #include <unordered_map>
+#include <utility>
 
 #include "Files.h"
 #include "VCopyFileListIni.h"
@@ -27,7 +28,7 @@ constexpr int kMaxLinks = 40;
 // holds any.
 class ValueMeter {
 public:
-    explicit ValueMeter(const std::string& iniPath) : iniPath_(iniPath), buffer_(SizeOf(iniPath) + 1) {}
+    explicit ValueMeter(std::string iniPath) : iniPath_(std::move(iniPath)), buffer_(SizeOf(iniPath_) + 1) {}
 
     std::size_t LengthOf(const std::string& section, const std::string& key) {
         const int status = VIni::IniGetString(section.c_str(), key.c_str(), "", buffer_.data(),
@@ -41,7 +42,7 @@ private:
         return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
     }
 
-    const std::string& iniPath_;
+    const std::string iniPath_;
     std::vector<char> buffer_;
 };
 
@@ -64,12 +65,12 @@ std::string FileList::WhyUnreadable(const std::string& iniPath) {
     return S_ISREG(status.st_mode) ? "" : "not a regular file";
 }
 
-FileList::FileList(const std::string& iniPath, const std::string& root)
-    : iniPath_(iniPath),
-      root_(root),
-      installType_(ReadInstallType(iniPath)),
-      installTypeLength_(ValueMeter(iniPath).LengthOf("Package_Intall_Type", "PackageIntallType")),
-      sourceDirectory_(SourceDirectory(iniPath)) {
+FileList::FileList(std::string iniPath, std::string root)
+    : iniPath_(std::move(iniPath)),
+      root_(std::move(root)),
+      installType_(ReadInstallType(iniPath_)),
+      installTypeLength_(ValueMeter(iniPath_).LengthOf("Package_Intall_Type", "PackageIntallType")),
+      sourceDirectory_(SourceDirectory(iniPath_)) {
     ReadLists();
 }
 

@@ -37,7 +37,7 @@ public:
     static std::string WhyUnreadable(const std::string& iniPath);
 
     // Reads the list. Target directories are looked up below `root`, if that is not empty.
-    explicit FileList(const std::string& iniPath, const std::string& root = "");
+    explicit FileList(std::string iniPath, std::string root = "");
 
     const std::string& iniPath() const { return iniPath_; }
     const std::string& root() const { return root_; }

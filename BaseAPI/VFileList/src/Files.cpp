@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // Two of them fit into a processor's second-level cache, which makes comparing as fast as reading.
-constexpr std::size_t kBlockSize = 256 * 1024;
+constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
 
 bool IsSameMoment(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
@@ -68,7 +68,7 @@ Content ContentComparer::CompareOpen(int fd, int packageFd) {
         }
         const std::size_t common = std::min(length, packageLength);
         if (std::memcmp(block_.data(), packageBlock_.data(), common) != 0) {
-            const auto difference =
+            const char* const difference =
                 std::mismatch(block_.data(), block_.data() + common, packageBlock_.data()).first;
             const auto begin = static_cast<std::size_t>(difference - block_.data());
             return RestIsZero(fd, begin, length) ? Content::kPart : Content::kOther;

@@ -46,8 +46,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "-rename fails on names of 252 to 255 bytes; longer names and paths of 4096 bytes and more can't be "
          "copied either.",
          "Use a shorter name."},
-        {"E-DUPLICATE-NAME", "two entries go to the same target",
-         "The later one overwrites the earlier one.",
+        {"E-DUPLICATE-NAME", "two entries go to the same target", "The later one overwrites the earlier one.",
          "Remove one, or give it another name or directory; the target has no subdirectories."},
         {"E-SOURCE-MISSING", "the package lacks a listed file",
          "-copy fails there and stops; what is listed behind it stays missing.",
@@ -67,7 +66,8 @@ const std::vector<FindingKind>& FindingKinds() {
         {"E-TARGET-SPECIAL", "the target is a device, pipe or socket",
          "-rename moves it away; the service that uses it loses it.", "Use another file name."},
         {"E-TARGET-IN-PACKAGE", "the target is the package's own file",
-         "Without -rename, -copy copies the file onto itself and empties it; -rename may take it away from the "
+         "Without -rename, -copy copies the file onto itself and empties it; -rename may take it away from "
+         "the "
          "package.",
          "Unpack the package elsewhere, or remove the link."},
         {"E-BACKUP-SAME-FILE", "NAME and NAME.bak are two names of one file",

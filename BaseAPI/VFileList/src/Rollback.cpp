@@ -142,6 +142,8 @@ void RollbackRun::ShowHead() {
 
 void RollbackRun::Inspect() {
     Inspector inspector(list_);
+    facts_.reserve(targets_.size());
+    observations_.reserve(targets_.size());
     for (const Target& target : targets_) {
         output_.Progress("rollback: compare", facts_.size(), targets_.size());
         facts_.push_back(inspector.Inspect(target));
