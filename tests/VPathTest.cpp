@@ -818,6 +818,21 @@ TEST_F(VPathTest, AgreesWithTheModelOnJoins) {
     }
 }
 
+TEST_F(VPathTest, AgreesWithTheModelWhereverInALongTextSomethingIsRemoved) {
+    // Clean text is looked through in blocks; nothing may slip through at their borders or ends.
+    for (const std::size_t length : {0U, 1U, 15U, 16U, 17U, 40U, 127U, 128U, 129U, 144U, 300U}) {
+        std::string clean;
+        while (clean.size() < length) clean += clean.size() % 9 == 0 ? '/' : 'n';
+        for (std::size_t at = 0; at <= length; ++at) {
+            for (const char* const piece : {"/", "//", "/.", "/./", "/..", "/../", "/..//", "/.n", "/...",
+                                            "//////////////////////////////////////////"}) {
+                const std::string text = "/" + clean.substr(0, at) + piece + clean.substr(at);
+                ASSERT_EQ(ResultOf(VPath(text)), ModelOfResolve(text, "/")) << text;
+            }
+        }
+    }
+}
+
 TEST_F(VPathTest, AgreesWithTheModelOnTheLongestTexts) {
     const WorkingDirectory here("/");
     for (const char* const piece : {"/a/..", "/./", "////", "/a", "/../", "/a/./b/..", "/...", "/."}) {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -46,9 +47,59 @@ std::string Join(const char* path, std::string_view tail) {
     return joined;
 }
 
-const char* FindSlash(const char* begin, const char* end) {
-    if (begin >= end) return nullptr;
-    return static_cast<const char*>(std::memchr(begin, '/', static_cast<std::size_t>(end - begin)));
+// Compilers turn a loop over so many bytes into a few instructions; a long text is worth more of them.
+constexpr std::ptrdiff_t kSmallBlock = 16;
+constexpr std::ptrdiff_t kLargeBlock = 128;
+
+bool IsRemovalAt(const char* slash) {
+    return slash[0] == '/' && (slash[1] == '/' || slash[1] == '.');
+}
+
+// True when one of the `Size` characters is a '/' with another one or a '.' behind it.
+template <std::ptrdiff_t Size>
+bool HasRemoval(const char* block) {
+    unsigned char found = 0;
+    for (std::ptrdiff_t i = 0; i < Size; ++i) {
+        const unsigned char isSlash = block[i] == '/';
+        const unsigned char isSlashNext = block[i + 1] == '/';
+        const unsigned char isDotNext = block[i + 1] == '.';
+        found |= isSlash & (isSlashNext | isDotNext);
+    }
+    return found != 0;
+}
+
+// The first '/' from `text` on that has another one or a '.' behind it, `end` when there is none: what stands
+// before it is canonical. The text goes on to a NUL at `end`.
+const char* FindRemoval(const char* text, const char* end) {
+    // Most paths have nothing to remove, and are scanned as fast as they can be read.
+    while (end - text >= kLargeBlock && !HasRemoval<kLargeBlock>(text)) text += kLargeBlock;
+    const bool isLong = end - text >= kSmallBlock;
+    while (end - text >= kSmallBlock && !HasRemoval<kSmallBlock>(text)) text += kSmallBlock;
+    // The rest is shorter than a block: the block that ends with it will do.
+    if (isLong && end - text < kSmallBlock && !HasRemoval<kSmallBlock>(end - kSmallBlock)) return end;
+    while (text < end && !IsRemovalAt(text)) ++text;
+    return text;
+}
+
+// The same where the next one is likely to be near, and the text to have been moved a moment ago: single
+// characters can be read before a move is all done.
+char* FindNextRemoval(char* text, char* end) {
+    char* const near = text + std::min(end - text, kSmallBlock);
+    while (text < near && !IsRemovalAt(text)) ++text;
+    return text < near ? text : text + (FindRemoval(text, end) - text);
+}
+
+// The last '/' of the run that begins at `slash`, before `end`.
+char* EndOfRun(char* slash, const char* end) {
+    const auto isAllSlashes = [](const char* block) {
+        unsigned char others = 0;
+        for (std::ptrdiff_t i = 0; i < kSmallBlock; ++i) others |= static_cast<unsigned char>(block[i] ^ '/');
+        return others == 0;
+    };
+    if (slash[1] != '/') return slash;
+    while (end - slash > kSmallBlock && isAllSlashes(slash + 1)) slash += kSmallBlock;
+    while (slash[1] == '/') ++slash;
+    return slash;
 }
 
 // The '/' that opens the component before the ".." at `dotDot`, or the leading '/' when there is none.
@@ -60,35 +111,34 @@ char* OpenerOfPreviousComponent(char* path, char* dotDot) {
     return opener;
 }
 
+// Where the text has to be moved to that begins with the last '/' behind the component [begin, slash); that
+// '/' itself when the component stays.
+char* DestinationBehind(char* path, char* begin, char* slash, char* lastSlash) {
+    const std::ptrdiff_t length = slash - begin;
+    if (length == 1 && begin[0] == '.') return begin - 1;
+    if (length == 2 && begin[0] == '.' && begin[1] == '.') return OpenerOfPreviousComponent(path, begin);
+    return lastSlash > slash ? slash : lastSlash;
+}
+
 // Canonicalises the absolute text from `path` to its NUL at `end`, in place and from left to right; the last
-// component is never looked at. Returns the new end, or null when a block could not be moved.
-char* RemoveDotsAndRuns(char* path, char* end) {
-    char* cursor = path;
-    while (const char* found = FindSlash(cursor, end)) {
-        char* const slash = path + (found - path);
-        char* after = slash;
-        while (*after == '/') ++after;
-        char* const lastSlash = after - 1;
-
-        const std::ptrdiff_t length = slash - cursor;
-        char* dest = nullptr;
-        if (length == 1 && cursor[0] == '.') {
-            dest = cursor - 1;
-        } else if (length == 2 && cursor[0] == '.' && cursor[1] == '.') {
-            dest = OpenerOfPreviousComponent(path, cursor);
-        } else if (lastSlash > slash) {
-            dest = slash;
-        } else {
-            cursor = after;
-            continue;
-        }
-
+// component is never looked at. Nothing is to be removed before the '/' at `cursor`. Returns the new end, or
+// null when a block could not be moved.
+char* RemoveDotsAndRuns(char* path, char* cursor, char* end) {
+    while (true) {
+        cursor = FindNextRemoval(cursor, end);
+        // A run of '/' ends the ordinary component before it, a '.' begins the one behind it.
+        char* const begin = cursor[1] == '.' ? cursor + 1 : cursor;
+        char* slash = begin;
+        while (slash < end && *slash != '/') ++slash;
+        if (slash >= end) return end;
+        char* const lastSlash = EndOfRun(slash, end);
+        char* const dest = DestinationBehind(path, begin, slash, lastSlash);
+        cursor = dest;
+        if (dest == lastSlash) continue;
         const std::size_t moved = static_cast<std::size_t>(end - lastSlash) + 1;
         if (memmove_s(dest, moved, lastSlash, moved) != 0) return nullptr;
         end -= lastSlash - dest;
-        cursor = dest + 1;
     }
-    return end;
 }
 
 }  // namespace
@@ -126,7 +176,10 @@ VPath::VPath(const char* text) : valid(false) {
 
 VPath::VPath(const std::string& text) : VPath(text.c_str()) {}
 
-VPath::VPath(const VPath& other) : VPath(other.valid, other.path, nullptr) {}
+VPath::VPath(const VPath& other) : valid(other.valid) {
+    path[0] = '\0';
+    if (strcpy_s(path, kPathCapacity, other.path) != 0) valid = false;
+}
 
 VPath& VPath::operator=(const VPath& other) {
     if (this == &other) return *this;
@@ -151,14 +204,19 @@ void VPath::ResolvePath(const char* text) {
         return;
     }
 
+    std::size_t canonical = 0;  // characters at the beginning, up to a '/', that stay as they are
     if (text[0] == '/') {
+        // The caller's text, not the fresh copy, which the processor may still be writing.
+        canonical = static_cast<std::size_t>(FindRemoval(text, text + length) - text);
         if (strcpy_s(path, kPathCapacity, text) != 0) return;
     } else {
         length = PutWorkingDirectoryBefore(text, length, path);
         if (length == 0) return;
     }
 
-    char* const end = RemoveDotsAndRuns(path, path + StripTrailingSlashes(path, length));
+    length = StripTrailingSlashes(path, length);
+    char* end = path + length;
+    if (canonical < length) end = RemoveDotsAndRuns(path, path + canonical, end);
     valid = true;
     // A failed move leaves the text as the step reached it; callers see a valid path all the same.
     if (end != nullptr) *end = '\0';
