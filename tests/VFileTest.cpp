@@ -927,6 +927,77 @@ TEST_F(VFileTest, VCopyFileToAFullDeviceDoesWhatThePlatformsStreamsDo) {
     }
 }
 
+// From the sizes at which the copy works on larger buffers on.
+const std::size_t kLargeSizes[] = {65535, 65536, 65537, 67584, 131072, 200000, 262145};
+
+TEST_F(VFileTest, VCopyFileToAFullDiskDoesWhatThePlatformsStreamsDo) {
+    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--size", "300000", "--tmpfs", "/mnt"}));
+    for (const std::size_t size : kLargeSizes) {
+        const std::string source = scratch_.Write("source", Bytes(size));
+        for (std::size_t used = 0; used <= 290000; used += 12288) {
+            SCOPED_TRACE(testing::Message() << size << " bytes, " << used << " used");
+            std::ofstream("/mnt/filler") << Bytes(used);
+
+            const CopyResult expected = CopyByPlainStreams(source, "/mnt/copy");
+            const std::string left = ReadWholeFile("/mnt/copy");
+            EXPECT_EQ(unlink("/mnt/copy"), 0);
+
+            EXPECT_EQ(CopyAndTakeLogLines(source, "/mnt/copy"), expected);
+            EXPECT_EQ(ReadWholeFile("/mnt/copy"), left);
+            EXPECT_EQ(unlink("/mnt/copy"), 0);
+        }
+    }
+}
+
+TEST_F(VFileTest, VCopyFileUpToTheLimitOfAFilesSizeDoesWhatThePlatformsStreamsDo) {
+    for (const std::size_t size : kLargeSizes) {
+        const std::string source = scratch_.Write("source", Bytes(size));
+        for (const rlim_t limit : {0U, 1U, 4096U, 5000U, 65535U, 65536U, 65537U, 100000U, 199999U, 262144U}) {
+            SCOPED_TRACE(testing::Message() << size << " bytes, limit " << limit);
+            const FileSizeLimit fileSizeLimit(limit);
+
+            EXPECT_EQ(CopyAndTakeLogLines(source, scratch_.Path("copy")),
+                      CopyByPlainStreams(source, scratch_.Path("plain")));
+            EXPECT_EQ(scratch_.Read("copy"), scratch_.Read("plain"));
+        }
+    }
+}
+
+TEST_F(VFileTest, VCopyFileOfALargeFileReadsAndWritesBlocksOf2048Bytes) {
+    const std::string source = scratch_.Write("source", Bytes(200000));
+    Sizes sizes;
+    const Replaced reading(calls::fread, [&](void* data, std::size_t size, std::size_t count, FILE* file) {
+        sizes.push_back(size * count);
+        return calls::real::fread(data, size, count, file);
+    });
+    const Replaced writing(calls::fwrite,
+                           [&](const void* data, std::size_t size, std::size_t count, FILE* file) {
+                               sizes.push_back(size * count);
+                               return calls::real::fwrite(data, size, count, file);
+                           });
+
+    EXPECT_EQ(Copy(source, scratch_.Path("copy")), 0);
+
+    EXPECT_EQ(scratch_.Read("copy"), Bytes(200000));
+    EXPECT_EQ(sizes.size(), 2u * 98 + 1);
+    EXPECT_THAT(Sizes(sizes.begin(), sizes.end() - 2), testing::Each(2048u));
+}
+
+TEST_F(VFileTest, VCopyFileOfALargeFileStopsAtAShortWriteThatIsNoErrorOfTheDisk) {
+    const std::string source = scratch_.Write("source", Bytes(100000));
+    int writes = 0;
+    const Replaced cutting(calls::fwrite,
+                           [&](const void* data, std::size_t size, std::size_t count, FILE* file) {
+                               return calls::real::fwrite(data, size, ++writes == 40 ? 7 : count, file);
+                           });
+
+    EXPECT_EQ(CopyAndTakeLogLines(source, scratch_.Path("copy")),
+              (CopyResult{-10000, {ShortWriteLine(7, 2048)}}));
+
+    EXPECT_EQ(writes, 40);
+    EXPECT_EQ(scratch_.Read("copy"), Bytes(100000).substr(0, 39 * 2048 + 7));
+}
+
 TEST_F(VFileTest, VCopyFileLosesUpToABufferOfDataOnAFullDeviceWithResult0) {
     if (StatusOf("/dev/full").st_blksize != 4096) GTEST_SKIP() << "streams to it have another buffer here";
     const struct {

@@ -16,6 +16,7 @@
 namespace {
 
 constexpr std::size_t kCopyBlockSize = 2048;
+constexpr off_t kLargeBufferSize = 64 * 1024;
 
 struct FileCloser {
     void operator()(FILE* file) const { (void)fclose(file); }  // nobody is promised the status of closing
@@ -55,18 +56,50 @@ FileHandle fopen_s(const char* path, const char* mode) {
     return file;
 }
 
-// Copies blocks until the source gives no more; a read error is not told apart from its end.
-int CopyBlocks(FILE* source, FILE* destination) {
+// Copies blocks until the source gives no more; a read error is not told apart from its end. With `isTrial`
+// an error of the destination is not logged.
+int CopyBlocks(FILE* source, FILE* destination, bool isTrial) {
     char block[kCopyBlockSize] = {};
     while (const std::size_t bytesRead = fread(block, 1, sizeof(block), source)) {
         const std::size_t bytesWritten = fwrite(block, 1, bytesRead, destination);
         if (bytesWritten != bytesRead) {
+            if (isTrial && ferror(destination) != 0) return kFailure;
             VFS_LOG("VCopyFile", kLogError, "ret=%d,len=%d", static_cast<int>(bytesWritten),
                     static_cast<int>(bytesRead));
             return kFailure;
         }
     }
     return kSuccess;
+}
+
+// Copies and closes the streams. `hasFailed` tells an error of the destination, also one that shows only when
+// the stream is flushed; without it nobody asks.
+int CopyAndClose(FileHandle& source, FileHandle& destination, bool* hasFailed) {
+    const int status = CopyBlocks(source.get(), destination.get(), hasFailed != nullptr);
+    // Callers rely on these two being unchecked: what does not fit at the last flush is not reported.
+    (void)fflush(source.get());
+    (void)fflush(destination.get());
+    if (hasFailed != nullptr) *hasFailed = ferror(destination.get()) != 0;
+    source.reset();
+    destination.reset();
+    return status;
+}
+
+// Large buffers are for two regular files; short copies would gain nothing.
+bool IsWorthLargeBuffers(FILE* source, FILE* destination) {
+    struct stat status;
+    return fstat(fileno(source), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_size > kLargeBufferSize && fstat(fileno(destination), &status) == 0 &&
+           S_ISREG(status.st_mode);
+}
+
+// The same with fewer, larger system calls.
+int CopyOnLargeBuffers(FileHandle& source, FileHandle& destination, bool& hasFailed) {
+    char sourceBuffer[kLargeBufferSize];
+    char destinationBuffer[kLargeBufferSize];
+    (void)setvbuf(source.get(), sourceBuffer, _IOFBF, sizeof(sourceBuffer));
+    (void)setvbuf(destination.get(), destinationBuffer, _IOFBF, sizeof(destinationBuffer));
+    return CopyAndClose(source, destination, &hasFailed);
 }
 
 // The kind of what `path` leads to, as the S_IF... bits; 0, which is no kind, when there is nothing.
@@ -76,20 +109,35 @@ mode_t FileKind(const std::string& path) {
 }
 
 // Calls `handleEntry` with the path and the kind of each entry of the directory, in the order of its stream;
-// not at all when it does not open.
+// not at all when it does not open. The path of the entry is built in `path`, behind that of the directory,
+// so that a walk needs no memory of its own for each entry.
 template <typename HandleEntry>
-void ForEachEntry(const std::string& directory, HandleEntry handleEntry) {
-    const DirHandle dir(opendir(directory.c_str()));
+void ForEachEntry(std::string& path, HandleEntry handleEntry) {
+    const DirHandle dir(opendir(path.c_str()));
     if (!dir) return;
 
-    // Made before the first call: `directory` may lie in a vector that the calls append to. It ends at its
-    // first NUL, as when it was opened: otherwise each entry would lead back to the directory itself.
-    const std::string prefix = directory.substr(0, directory.find('\0')) + "/";
+    path += '/';
+    const std::size_t length = path.size();
     while (const dirent* const entry = readdir(dir.get())) {
         if (IsSelfOrParent(entry->d_name)) continue;
-        const std::string entryPath = prefix + entry->d_name;
-        handleEntry(entryPath, FileKind(entryPath));
+        path.resize(length);
+        path += entry->d_name;
+        handleEntry(FileKind(path));
     }
+    path.resize(length - 1);
+}
+
+void ScanBelow(std::string& path, std::vector<std::string>& files) {
+    ForEachEntry(path, [&path, &files](mode_t kind) {
+        if (kind == S_IFDIR) ScanBelow(path, files);
+        if (kind == S_IFREG) files.push_back(path);
+    });
+}
+
+// The directory's path, which ends at its first NUL, as for opendir: otherwise each entry behind it would
+// lead back to the directory itself.
+std::string WithoutNul(const std::string& path) {
+    return path.substr(0, path.find('\0'));
 }
 
 }  // namespace
@@ -149,28 +197,29 @@ int VFile::AppendWriteFile(const char* path, const char* data, long len) {
 
 int VFile::VCopyFile(const char* srcFilename, const char* dstFilename) {
     const char* const sourcePath = TextOrEmpty(srcFilename);
-    FileHandle source = fopen_s(sourcePath, "rb");
-    if (!source) {
-        VFS_LOG("VCopyFile", kLogInfo, "Not Exist:srcFilename=%s", sourcePath);
-        return kFailure;
-    }
-
     const char* const destinationPath = TextOrEmpty(dstFilename);
-    FileHandle destination = fopen_s(destinationPath, "wb");
-    if (!destination) {
-        source.reset();
-        VFS_LOG("VCopyFile", kLogInfo, "Not fopen_s:dstFilename=%s", destinationPath);
-        return kFailure;
-    }
+    // Callers rely on how the default buffering of the destination shows a write error, or does not. A copy
+    // on large buffers that meets one is therefore done again from the beginning, on the default ones.
+    for (bool isFirst = true;; isFirst = false) {
+        FileHandle source = fopen_s(sourcePath, "rb");
+        if (!source) {
+            VFS_LOG("VCopyFile", kLogInfo, "Not Exist:srcFilename=%s", sourcePath);
+            return kFailure;
+        }
+        FileHandle destination = fopen_s(destinationPath, "wb");
+        if (!destination) {
+            source.reset();
+            VFS_LOG("VCopyFile", kLogInfo, "Not fopen_s:dstFilename=%s", destinationPath);
+            return kFailure;
+        }
+        if (!isFirst || !IsWorthLargeBuffers(source.get(), destination.get())) {
+            return CopyAndClose(source, destination, nullptr);
+        }
 
-    const int status = CopyBlocks(source.get(), destination.get());
-    // Callers rely on the buffering of the destination's stream and on these two being unchecked: what does
-    // not fit at the last flush is not reported.
-    (void)fflush(source.get());
-    (void)fflush(destination.get());
-    source.reset();
-    destination.reset();
-    return status;
+        bool hasFailed = false;
+        const int status = CopyOnLargeBuffers(source, destination, hasFailed);
+        if (!hasFailed) return status;
+    }
 }
 
 time_t VFile::GetFileLastModifiedTime(const std::string& path) {
@@ -179,14 +228,14 @@ time_t VFile::GetFileLastModifiedTime(const std::string& path) {
 }
 
 void VFile::ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs) {
-    ForEachEntry(path, [&subDirs](const std::string& entryPath, mode_t kind) {
+    // A copy also because `path` may lie in the vector that grows.
+    std::string entryPath = WithoutNul(path);
+    ForEachEntry(entryPath, [&entryPath, &subDirs](mode_t kind) {
         if (kind == S_IFDIR) subDirs.push_back(entryPath);
     });
 }
 
 void VFile::ScanDirectoriesFiles(std::string path, std::vector<std::string>& files) {
-    ForEachEntry(path, [&files](const std::string& entryPath, mode_t kind) {
-        if (kind == S_IFDIR) ScanDirectoriesFiles(entryPath, files);
-        if (kind == S_IFREG) files.push_back(entryPath);
-    });
+    path = WithoutNul(path);
+    ScanBelow(path, files);
 }
