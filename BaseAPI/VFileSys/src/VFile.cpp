@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::size_t kCopyBlockSize = 2048;
-constexpr off_t kLargeBufferSize = 64 * 1024;
+constexpr off_t kLargeBufferSize = off_t{64} * 1024;
 
 struct FileCloser {
     void operator()(FILE* file) const { (void)fclose(file); }  // nobody is promised the status of closing
