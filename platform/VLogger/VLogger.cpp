@@ -5,6 +5,7 @@
 #include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -213,6 +214,7 @@ void OpenLog::WriteToFile(const spdlog::details::log_msg& message) {
 struct State {
     std::mutex mutex;
     std::unique_ptr<OpenLog> openLog;
+    std::atomic<bool> isOpen{false};  // lets the lines of a program without a log cost next to nothing
 };
 
 // Never destroyed: a thread that still runs while the process exits may log.
@@ -233,12 +235,14 @@ void VLogger::StartSystem(const char* fileName, const char* directory, int fileC
     try {
         State& state = SharedState();
         const std::lock_guard<std::mutex> lock(state.mutex);
+        state.isOpen = false;
         state.openLog.reset();
         const std::size_t maxBytes = std::clamp<std::size_t>(maxFileKiB, 1, kMostKiB) * kKiB;
         const auto olderFiles = static_cast<std::size_t>(std::clamp(fileCount, 1, kMostFiles) - 1);
         state.openLog =
             std::make_unique<OpenLog>(LogPath(fileName, directory), maxBytes, olderFiles, detail, maxLevel,
                                       alsoOnStandardError || IsSetInEnvironment("VLOGGER_STDERR"));
+        state.isOpen = true;
     } catch (const std::exception& error) {
         ReportTrouble(error.what());
     }
@@ -246,14 +250,14 @@ void VLogger::StartSystem(const char* fileName, const char* directory, int fileC
 
 void VLogger::Log(const char* file, int line, const char* function, const char* /*module*/,
                   const char* /*tag*/, LogLevel level, const char* format, ...) {
-    if (format == nullptr) return;
+    State& state = SharedState();
+    if (format == nullptr || !state.isOpen) return;
 
     va_list arguments;
     va_start(arguments, format);
     try {
         std::string text = Format(format, arguments);
         if (!text.empty() && text.back() == '\n') text.pop_back();
-        State& state = SharedState();
         const std::lock_guard<std::mutex> lock(state.mutex);
         if (state.openLog) state.openLog->Write(file, line, function, level, Escaped(text));
     } catch (const std::exception& error) {
@@ -265,5 +269,6 @@ void VLogger::Log(const char* file, int line, const char* function, const char* 
 void VLogger::StopSystem() {
     State& state = SharedState();
     const std::lock_guard<std::mutex> lock(state.mutex);
+    state.isOpen = false;
     state.openLog.reset();
 }
