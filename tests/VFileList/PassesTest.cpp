@@ -1,1 +1,247 @@
+#include "Passes.h"
+
 #include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+const TargetObservation kNewWithBackup{TargetState::kNew, true};
+const TargetObservation kNewAlone{TargetState::kNew, false};
+const TargetObservation kPartialWithBackup{TargetState::kPartial, true};
+const TargetObservation kPartialAlone{TargetState::kPartial, false};
+const TargetObservation kOldWithBackup{TargetState::kOld, true};
+const TargetObservation kOldAlone{TargetState::kOld, false};
+const TargetObservation kRenamed{TargetState::kMissing, true};
+const TargetObservation kAbsent{TargetState::kMissing, false};
+const TargetObservation kUnknownAlone{TargetState::kUnknown, false};
+
+using Targets = std::vector<TargetObservation>;
+
+// What stood under a target's name before the upgrade.
+enum class Before { kNothing, kOther, kSame, kBeginning };
+
+// Every upgrade of up to four targets, cut off at every place: what is there then, and what is known about
+// it.
+struct Situation {
+    Targets targets;
+    std::string next;             // the pass to run next
+    std::vector<bool> isBrought;  // by -copy, where nothing had been
+};
+
+bool Stood(Before before) {
+    return before != Before::kNothing;
+}
+
+TargetObservation Untouched(Before before) {
+    switch (before) {
+        case Before::kOther:
+            return kOldAlone;
+        case Before::kSame:
+            return kNewAlone;
+        case Before::kBeginning:
+            return kPartialAlone;
+        case Before::kNothing:
+            break;
+    }
+    return kAbsent;
+}
+
+Situation DuringRename(const std::vector<Before>& release, std::size_t progress) {
+    Situation situation{{}, "-copy", std::vector<bool>(release.size(), false)};
+    for (std::size_t i = 0; i < release.size(); ++i) {
+        const bool isMoved = i < progress && Stood(release[i]);
+        situation.targets.push_back(isMoved ? kRenamed : Untouched(release[i]));
+        if (Stood(release[i]) && !isMoved) situation.next = "-rename";
+    }
+    return situation;
+}
+
+Situation DuringCopy(const std::vector<Before>& release, std::size_t progress, bool isCutOff) {
+    Situation situation{{}, "-copy", {}};
+    for (std::size_t i = 0; i < release.size(); ++i) {
+        const bool hasBackup = Stood(release[i]);
+        TargetState state = i < progress ? TargetState::kNew : TargetState::kMissing;
+        if (i == progress && isCutOff) state = TargetState::kPartial;
+        situation.targets.push_back({state, hasBackup});
+        situation.isBrought.push_back(state == TargetState::kNew && !hasBackup);
+    }
+    if (progress == release.size()) situation.next = "-clean";
+    return situation;
+}
+
+Situation DuringClean(const std::vector<Before>& release, std::size_t progress) {
+    Situation situation{{}, "", std::vector<bool>(release.size(), false)};
+    for (std::size_t i = 0; i < release.size(); ++i) {
+        const bool hasBackup = i >= progress && Stood(release[i]);
+        situation.targets.push_back({TargetState::kNew, hasBackup});
+        if (hasBackup) situation.next = "-clean";
+    }
+    return situation;
+}
+
+template <typename Check>
+void ForEachRelease(Check check) {
+    const Before all[] = {Before::kNothing, Before::kOther, Before::kSame, Before::kBeginning};
+    std::vector<std::vector<Before>> releases = {{}};
+    for (int size = 1; size <= 4; ++size) {
+        std::vector<std::vector<Before>> longer;
+        for (const auto& release : releases) {
+            for (const Before before : all) {
+                longer.push_back(release);
+                longer.back().push_back(before);
+            }
+        }
+        for (const auto& release : longer) check(release);
+        releases = longer;
+    }
+}
+
+std::string Shown(const Targets& targets) {
+    const char* const names[] = {"new", "partial", "old", "missing", "unknown"};
+    std::string text;
+    for (const TargetObservation& target : targets) {
+        text += std::string(names[static_cast<int>(target.state)]) + (target.hasBackup ? "+bak " : " ");
+    }
+    return text;
+}
+
+bool HasBackup(const Targets& targets) {
+    for (const TargetObservation& target : targets) {
+        if (target.hasBackup) return true;
+    }
+    return false;
+}
+
+TEST(PassesTest, KnowsTheNextPassWhereverRenameIsCutOff) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            const Situation situation = DuringRename(release, progress);
+            const PassesReport report = JudgePasses(situation.targets);
+            SCOPED_TRACE(Shown(situation.targets));
+
+            bool isAllSame = true;
+            for (const auto& target : situation.targets)
+                isAllSame = isAllSame && target.state == TargetState::kNew;
+            // An upgrade that would change nothing looks like one that is finished.
+            EXPECT_EQ(report.next, isAllSame ? "" : situation.next);
+        }
+    });
+}
+
+TEST(PassesTest, KnowsTheNextPassWhereverCopyIsCutOff) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            for (const bool isCutOff : {false, true}) {
+                const Situation situation =
+                    DuringCopy(release, progress, isCutOff && progress < release.size());
+                const PassesReport report = JudgePasses(situation.targets);
+                SCOPED_TRACE(Shown(situation.targets));
+
+                if (HasBackup(situation.targets)) {
+                    EXPECT_EQ(report.next, situation.next);
+                } else if (progress == release.size()) {
+                    EXPECT_EQ(report.next, "") << "nothing had a predecessor: there is nothing to clean";
+                } else if (progress > 0 || isCutOff) {
+                    // Installed files that don't change, or new ones: -rename does no harm in either case.
+                    EXPECT_EQ(report.next, "-rename");
+                    EXPECT_EQ(report.rename, PassState::kUnknown);
+                } else {
+                    EXPECT_EQ(report.next, "-copy");
+                }
+            }
+        }
+    });
+}
+
+TEST(PassesTest, KnowsTheNextPassWhereverCleanIsCutOff) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            const Situation situation = DuringClean(release, progress);
+            SCOPED_TRACE(Shown(situation.targets));
+            EXPECT_EQ(JudgePasses(situation.targets).next, situation.next);
+        }
+    });
+}
+
+TEST(PassesTest, NeverNamesRenameWhileABackupStandsBesideAFileOfThePackage) {
+    const Targets all = {kNewWithBackup, kNewAlone,      kPartialWithBackup,
+                         kPartialAlone,  kOldWithBackup, kOldAlone,
+                         kRenamed,       kAbsent,        kUnknownAlone};
+    for (const auto& first : all) {
+        for (const auto& second : all) {
+            for (const auto& third : all) {
+                for (const auto& copied : {kNewWithBackup, kPartialWithBackup}) {
+                    const Targets targets = {first, second, copied, third};
+                    EXPECT_NE(JudgePasses(targets).next, "-rename") << Shown(targets);
+                }
+            }
+        }
+    }
+}
+
+TEST(PassesTest, FilesThatFitNoPassLeaveTheDecisionToPeople) {
+    const Targets cases[] = {
+        {kNewWithBackup, kOldWithBackup},  // changed after -copy, or backups of an earlier upgrade
+        {kNewWithBackup, kOldAlone},       // a new file that was changed
+        {kOldWithBackup, kRenamed},        // made after -rename had passed
+        {kNewWithBackup, kUnknownAlone},
+    };
+    for (const Targets& targets : cases) {
+        const PassesReport report = JudgePasses(targets);
+        EXPECT_EQ(report.next, "") << Shown(targets);
+        EXPECT_EQ(report.rename, PassState::kUnknown) << Shown(targets);
+        EXPECT_NE(report.reason, "") << Shown(targets);
+    }
+}
+
+TEST(PassesTest, AnUpgradeThatHasNotBegunBesideOldBackupsBeginsWithRename) {
+    EXPECT_EQ(JudgePasses({kOldWithBackup, kOldWithBackup}).next, "-rename");
+    EXPECT_EQ(JudgePasses({kRenamed, kOldWithBackup}).next, "-rename");
+}
+
+TEST(PassesTest, AFileThatWasDeletedAfterCopyIsCopiedAgain) {
+    EXPECT_EQ(JudgePasses({kRenamed, kNewWithBackup, kNewAlone}).next, "-copy");
+}
+
+TEST(PassesTest, WithoutTargetsEverythingIsComplete) {
+    const PassesReport report = JudgePasses({});
+    EXPECT_EQ(report.clean, PassState::kComplete);
+    EXPECT_EQ(report.next, "");
+}
+
+TEST(PassesTest, TellsTheStatesOfThePasses) {
+    EXPECT_EQ(JudgePasses({kOldAlone}).rename, PassState::kIncomplete);
+    EXPECT_EQ(JudgePasses({kRenamed}).rename, PassState::kComplete);
+    EXPECT_EQ(JudgePasses({kRenamed}).copy, PassState::kIncomplete);
+    EXPECT_EQ(JudgePasses({kNewWithBackup}).copy, PassState::kComplete);
+    EXPECT_EQ(JudgePasses({kNewWithBackup}).clean, PassState::kIncomplete);
+    EXPECT_EQ(JudgePasses({kNewAlone}).clean, PassState::kComplete);
+}
+
+TEST(PassesTest, TakesNoInstalledFileForOneThatCopyBrought) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            const Situation situation = DuringRename(release, progress);
+            for (std::size_t i = 0; i < release.size(); ++i) {
+                EXPECT_FALSE(WasBroughtByCopy(situation.targets, i)) << Shown(situation.targets) << i;
+            }
+        }
+    });
+}
+
+TEST(PassesTest, KnowsTheFilesThatCopyBroughtWhileABackupIsLeft) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            const Situation situation = DuringCopy(release, progress, progress < release.size());
+            for (std::size_t i = 0; i < release.size(); ++i) {
+                EXPECT_EQ(WasBroughtByCopy(situation.targets, i),
+                          situation.isBrought[i] && HasBackup(situation.targets))
+                    << Shown(situation.targets) << i;
+            }
+        }
+    });
+}
+
+}  // namespace
