@@ -96,6 +96,7 @@ void AddMemoryRows(std::size_t size) {
             }
         });
     AddRow("Compression", "GzipCompress, " + Named(size))
+        .Growing("GzipCompress, bytes", static_cast<double>(size))
         .Ours([=] {
             const int packed = VCompressAndDeCompress::GzipCompress(
                 data->text.c_str(), length, data->packed.data(), static_cast<int>(data->packed.size()));
@@ -150,7 +151,9 @@ void AddArchiveRow(const char* name, std::size_t files, std::size_t size) {
          {std::size_t{100}, std::size_t{4096}, std::size_t{65536}, std::size_t{8} << 20}) {
         AddMemoryRows(size);
     }
+    AddArchiveRow("1 file of 1 KiB", 1, 1024);
     AddArchiveRow("10 files of 1 KiB", 10, 1024);
+    AddArchiveRow("1,000 files of 1 KiB", 1000, 1024);
     AddArchiveRow("100 files of 256 KiB", 100, 256 * 1024);
     return true;
 }();

@@ -68,13 +68,16 @@ void AddCopyRow(Place place, std::size_t size, double plainTarget, double filesy
         .Ours(CopyingWork(place, size, "ours", ours))
         .Beside("plain loop", plainTarget, CopyingWork(place, size, "plain", plainCopy))
         .Beside("std::filesystem::copy_file", filesystemTarget,
-                CopyingWork(place, size, "filesystem", filesystemCopy));
+                CopyingWork(place, size, "filesystem", filesystemCopy))
+        .Growing(place == Place::kDisk ? "VCopyFile on a disk, bytes" : "", static_cast<double>(size));
 }
 
 [[maybe_unused]] const bool kCopyRows = [] {
     AddCopyRow(Place::kDisk, 0, 0, 0.8);
     AddCopyRow(Place::kDisk, 1024, 0, 0.95);
     AddCopyRow(Place::kMemory, std::size_t{1024} * 1024, 0.92, 0);
+    AddCopyRow(Place::kDisk, std::size_t{64} * 1024, 0, 0);
+    AddCopyRow(Place::kDisk, std::size_t{1024} * 1024, 0, 0);
     AddCopyRow(Place::kDisk, std::size_t{64} * 1024 * 1024, 0.65, 1.5);
     AddCopyRow(Place::kDisk, std::size_t{512} * 1024 * 1024, 0.65, 1.5);
     return true;
@@ -97,6 +100,7 @@ void AddStreamRows(std::size_t size) {
         .Ours([=] {
             benchmark::DoNotOptimize(VFile::ReadBinFile(source(), buffer->data(), static_cast<long>(size)));
         })
+        .Growing("ReadBinFile, bytes", static_cast<double>(size))
         .Beside("std::ifstream, plainly", 1.0, [=] {
             std::ifstream file(source(), std::ios::binary | std::ios::ate);
             const auto length = file.tellg();
@@ -143,52 +147,58 @@ void AddStreamRows(std::size_t size) {
     return true;
 }();
 
-// 1,000 directories of 100 files each.
-const std::string& Tree() {
-    static const std::string path = [] {
-        const std::string root = MemoryDirectory() + "/tree";
-        for (int i = 0; i < 1000; ++i) {
-            const std::string directory = root + "/directory" + std::to_string(i);
-            fs::create_directories(directory);
-            for (int j = 0; j < 100; ++j) std::ofstream(directory + "/file" + std::to_string(j) + ".data");
-        }
-        return root;
-    }();
+// So many directories of 100 files each.
+std::string Tree(int directories) {
+    const std::string path = MemoryDirectory() + "/tree" + std::to_string(directories);
+    if (fs::exists(path)) return path;
+    const std::string root = path;
+    for (int i = 0; i < directories; ++i) {
+        const std::string directory = root + "/directory" + std::to_string(i);
+        fs::create_directories(directory);
+        for (int j = 0; j < 100; ++j) std::ofstream(directory + "/file" + std::to_string(j) + ".data");
+    }
     return path;
 }
 
-[[maybe_unused]] const bool kListingRows = [] {
-    AddRow("VFile", "ScanDirectoriesFiles, 100,000 files")
-        .Ours([] {
+void AddScanRow(int directories) {
+    const auto expected = static_cast<std::size_t>(directories) * 100;
+    const double target = directories == 1000 ? 1.0 : 0;
+    AddRow("VFile", "ScanDirectoriesFiles, " + std::to_string(expected) + " files")
+        .Ours([=] {
             std::vector<std::string> files;
-            VFile::ScanDirectoriesFiles(Tree(), files);
-            if (files.size() != 100000) std::abort();
+            VFile::ScanDirectoriesFiles(Tree(directories), files);
+            if (files.size() != expected) std::abort();
         })
-        .Beside("plain", 1.0,
-                [] {
+        .Beside("plain", target,
+                [=] {
                     std::vector<std::string> files;
-                    plain::ScanFiles(Tree(), files);
-                    if (files.size() != 100000) std::abort();
+                    plain::ScanFiles(Tree(directories), files);
+                    if (files.size() != expected) std::abort();
                 })
-        .Beside("std::filesystem iterator", 1.0,
-                [] {
+        .Beside("std::filesystem iterator", target,
+                [=] {
                     std::vector<std::string> files;
                     const auto options = fs::directory_options::follow_directory_symlink;
-                    for (const auto& entry : fs::recursive_directory_iterator(Tree(), options)) {
+                    for (const auto& entry : fs::recursive_directory_iterator(Tree(directories), options)) {
                         if (fs::is_regular_file(fs::status(entry.path()))) files.push_back(entry.path());
                     }
-                    if (files.size() != 100000) std::abort();
+                    if (files.size() != expected) std::abort();
                 })
-        .AtMostAllocations(105000);
+        .AtMostAllocations(static_cast<double>(expected) * (directories == 1000 ? 1.05 : 1.5))
+        .Growing("ScanDirectoriesFiles, files", static_cast<double>(expected));
+}
+
+[[maybe_unused]] const bool kListingRows = [] {
+    for (const int directories : {1, 10, 100, 1000}) AddScanRow(directories);
     AddRow("VFile", "ListSubDirectories, 1,000 directories")
         .Ours([] {
             std::vector<std::string> directories;
-            VFile::ListSubDirectories(Tree(), directories);
+            VFile::ListSubDirectories(Tree(1000), directories);
             if (directories.size() != 1000) std::abort();
         })
         .Beside("std::filesystem iterator", 1.0, [] {
             std::vector<std::string> directories;
-            for (const auto& entry : fs::directory_iterator(Tree())) {
+            for (const auto& entry : fs::directory_iterator(Tree(1000))) {
                 if (fs::is_directory(fs::status(entry.path()))) directories.push_back(entry.path());
             }
             if (directories.size() != 1000) std::abort();
@@ -208,16 +218,18 @@ auto MakingWork(const char* name, int levels, Make make) {
 }
 
 [[maybe_unused]] const bool kDirectoryRows = [] {
-    for (const int levels : {1, 10, 100}) {
+    for (const int levels : {1, 4, 10, 100}) {
         AddRow("VDir", "VMkDir, missing levels: " + std::to_string(levels))
             .Ours(MakingWork("made", levels,
                              [](const std::string& path) {
                                  if (VDir::VMkDir(path.c_str(), 0755) != 0) std::abort();
                              }))
             .Beside("std::filesystem::create_directories", 1.05,
-                    MakingWork("made-by-filesystem", levels, [](const std::string& path) {
-                        if (!fs::create_directories(path)) std::abort();
-                    }));
+                    MakingWork("made-by-filesystem", levels,
+                               [](const std::string& path) {
+                                   if (!fs::create_directories(path)) std::abort();
+                               }))
+            .Growing("VMkDir, missing levels", levels);
     }
     AddRow("VDir", "VMkDir, existing")
         .Ours([] { benchmark::DoNotOptimize(VDir::VMkDir(MemoryDirectory().c_str(), 0755)); })

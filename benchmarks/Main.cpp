@@ -120,6 +120,8 @@ void Table::Add(const Row& row, const std::map<std::string, Measurement>& measur
     }
     rows_.push_back({{"group", row.group},
                      {"work", row.work},
+                     {"series", row.series},
+                     {"size", row.size},
                      {"seconds", ours->second.seconds},
                      {"allocations", ours->second.allocations},
                      {"maxAllocations", row.maxAllocations},

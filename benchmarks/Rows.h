@@ -22,6 +22,8 @@ struct Row {
     Side ours;
     std::vector<Side> peers;
     double maxAllocations = -1;  // heap blocks a call; -1: for information
+    std::string series;          // rows of one name differ in the size of the work alone
+    double size = 0;
 };
 
 std::vector<Row>& Rows();
@@ -52,7 +54,7 @@ std::function<void(benchmark::State&)> RepeatTimed(Work work) {
 class AddRow {
 public:
     AddRow(std::string group, std::string work) {
-        Rows().push_back({std::move(group), std::move(work), {}, {}, -1});
+        Rows().push_back({std::move(group), std::move(work), {}, {}, -1, "", 0});
         index_ = Rows().size() - 1;
     }
 
@@ -74,6 +76,11 @@ public:
     template <typename Work>
     AddRow& BesideTimed(const std::string& peer, double target, Work work) {
         Rows()[index_].peers.push_back({peer, target, RepeatTimed(work), true});
+        return *this;
+    }
+    AddRow& Growing(const std::string& series, double size) {
+        Rows()[index_].series = series;
+        Rows()[index_].size = size;
         return *this;
     }
     AddRow& AtMostAllocations(double count) {

@@ -11,20 +11,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kFiles = 5000;
 constexpr std::size_t kFileSize = 2000;
 
-// A package of 5,000 small files, its file list cut into `keys` keys.
-std::string Package(int keys) {
-    const std::string path = MemoryDirectory() + "/package" + std::to_string(keys);
+// A package of `files` small files, its file list cut into `keys` keys.
+std::string Package(int files, int keys) {
+    const std::string path =
+        MemoryDirectory() + "/package" + std::to_string(files) + "-" + std::to_string(keys);
     if (fs::exists(path)) return path;
     const std::string content = SomeBytes(kFileSize);
     std::string list = "[Package_Intall_Type]\nPackageIntallType=Server\n[Server]\nBinFiles=" + path +
                        "/target\n[BinFiles]\n";
-    for (int i = 0; i < kFiles; ++i) {
+    for (int i = 0; i < files; ++i) {
         const std::string name = "file" + std::to_string(i);
         WriteFile(path + "/Common/" + name, content);
-        list += i % (kFiles / keys) == 0 ? "\nkey" + std::to_string(i) + "=" + name : "," + name;
+        list += i % (files / keys) == 0 ? "\nkey" + std::to_string(i) + "=" + name : "," + name;
     }
     WriteFile(path + "/filelist.ini", list + "\n");
     fs::create_directories(path + "/target");
@@ -42,9 +42,9 @@ auto Running(std::string (*prepare)(), std::string command) {
     };
 }
 
-template <int Keys>
+template <int Files, int Keys>
 std::string FreshPackage() {
-    const std::string path = Package(Keys);
+    const std::string path = Package(Files, Keys);
     fs::remove_all(path + "/target");
     fs::create_directories(path + "/target");
     return path;
@@ -54,25 +54,28 @@ const char kLogOff[] = "VLOGGER_DIRECTORY=/dev/null/none ";
 const char kLogOn[] = "VLOGGER_DIRECTORY=$PWD/log ";
 const char kCopy[] = VCOPYFILELISTINI_PATH " -copy filelist.ini 2>/dev/null";
 
-template <int Keys>
+template <int Files, int Keys>
 void AddCopyRow(bool isLogged) {
-    const double copyTarget = isLogged ? 0 : 1.2;
-    const double rsyncTarget = isLogged ? 0 : 1;
-    AddRow("Upgrade tool",
-           "-copy of 5,000 files, " + std::to_string(Keys) + " keys, log " + (isLogged ? "on" : "off"))
-        .OursTimed(Running(FreshPackage<Keys>, std::string(isLogged ? kLogOn : kLogOff) + kCopy))
-        .BesideTimed("cp -t", copyTarget, Running(FreshPackage<Keys>, "cp -t target Common/*"))
-        .BesideTimed("rsync -a", rsyncTarget, Running(FreshPackage<Keys>, "rsync -a Common/ target/"))
-        .BesideTimed("install", 0, Running(FreshPackage<Keys>, "install -t target Common/*"));
+    const bool isBound = !isLogged && Files == 5000;
+    const double copyTarget = isBound ? 1.2 : 0;
+    const double rsyncTarget = isBound ? 1 : 0;
+    AddRow("Upgrade tool", "-copy of " + std::to_string(Files) + " files, " + std::to_string(Keys) +
+                               " keys, log " + (isLogged ? "on" : "off"))
+        .OursTimed(Running(FreshPackage<Files, Keys>, std::string(isLogged ? kLogOn : kLogOff) + kCopy))
+        .BesideTimed("cp -t", copyTarget, Running(FreshPackage<Files, Keys>, "cp -t target Common/*"))
+        .BesideTimed("rsync -a", rsyncTarget, Running(FreshPackage<Files, Keys>, "rsync -a Common/ target/"))
+        .BesideTimed("install", 0, Running(FreshPackage<Files, Keys>, "install -t target Common/*"))
+        .Growing(isLogged || Keys != 10 ? "" : "-copy, files", Files);
 }
 
-// One file of 1 GiB, in memory, and its copy.
+// One file, in memory, and its copy.
+template <int MiB>
 std::string LargePackage() {
-    const std::string path = MemoryDirectory() + "/large";
+    const std::string path = MemoryDirectory() + "/large" + std::to_string(MiB);
     if (fs::exists(path)) return path;
-    const std::string block = SomeBytes(std::size_t{1} << 26);
+    const std::string block = SomeBytes(std::size_t{1} << 20);
     std::string content;
-    for (int i = 0; i < 16; ++i) content += block;
+    for (int i = 0; i < MiB; ++i) content += block;
     WriteFile(path + "/Common/file", content);
     WriteFile(path + "/target/file", content);
     WriteFile(path + "/filelist.ini", "[Package_Intall_Type]\nPackageIntallType=Server\n[Server]\nBinFiles=" +
@@ -80,13 +83,26 @@ std::string LargePackage() {
     return path;
 }
 
+template <int MiB>
+void AddVerifyRow() {
+    AddRow("vfilelist", "verify of a package of " + std::to_string(MiB) + " MiB")
+        .OursTimed(Running(LargePackage<MiB>, VFILELIST_PATH " verify filelist.ini >/dev/null"))
+        .BesideTimed("cmp", MiB == 1024 ? 1.1 : 0, Running(LargePackage<MiB>, "cmp Common/file target/file"))
+        .Growing("vfilelist verify, MiB", MiB);
+}
+
 [[maybe_unused]] const bool kRows = [] {
-    AddCopyRow<100>(false);
-    AddCopyRow<5000>(false);
-    AddCopyRow<100>(true);
-    AddRow("vfilelist", "verify of a 1 GiB package")
-        .OursTimed(Running(LargePackage, VFILELIST_PATH " verify filelist.ini >/dev/null"))
-        .BesideTimed("cmp", 1.1, Running(LargePackage, "cmp Common/file target/file"));
+    AddCopyRow<10, 10>(false);
+    AddCopyRow<100, 10>(false);
+    AddCopyRow<1000, 10>(false);
+    AddCopyRow<5000, 10>(false);
+    AddCopyRow<5000, 100>(false);
+    AddCopyRow<5000, 5000>(false);
+    AddCopyRow<5000, 100>(true);
+    AddVerifyRow<1>();
+    AddVerifyRow<64>();
+    AddVerifyRow<256>();
+    AddVerifyRow<1024>();
     return true;
 }();
 
