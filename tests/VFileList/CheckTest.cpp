@@ -1,1 +1,440 @@
+#include "Check.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FileSystem.h"
+#include "Package.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+std::vector<Finding> Find(const Package& package, const std::string& root = "", bool isErrorsOnly = false) {
+    Output output(true);  // JSON, of which FindTrouble writes nothing
+    return FindTrouble({package.ListPath(), root, isErrorsOnly}, output);
+}
+
+std::vector<std::string> CodesOf(const std::vector<Finding>& findings) {
+    std::vector<std::string> codes;
+    for (const Finding& finding : findings) codes.emplace_back(finding.kind->code);
+    return codes;
+}
+
+std::vector<std::string> FindCodes(const Package& package) {
+    return CodesOf(Find(package));
+}
+
+// A package with which nothing is wrong, on a server where nothing is wrong.
+void MakeFaultless(const Package& package) {
+    package.Bring("bin/tool", "new");
+    package.Install("tool", "old");
+    EXPECT_EQ(chmod(package.InstalledPath("tool").c_str(), 0644), 0);
+    package.WriteEntries("bin/tool");
+}
+
+std::string WithDirectory(const std::string& directory) {
+    return "[Server]\nBin=" + directory + "\n[Bin]\nf=bin/tool\n";
+}
+
+// A directory's path of `length` bytes, below the package's own.
+std::string LongDirectory(const Package& package, std::size_t length) {
+    return PathOfLength(package.scratch().Path("long"), length);
+}
+
+// So many entries that the value of their key has `length` bytes: all name the same file, in different ways.
+std::string EntriesOfLength(std::size_t length) {
+    std::string value = "bin/tool";
+    while (value.size() + 2 <= length) value.insert(0, "./");
+    if (value.size() < length) value.insert(value.rfind('/'), "/");
+    return value;
+}
+
+std::string MakePipe(const std::string& path) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0644), 0);
+    return path;
+}
+
+// A finding, what brings it about, and what looks much like that and is harmless.
+struct Case {
+    const char* code;
+    std::function<void(const Package&)> provoke;
+    std::function<void(const Package&)> comeNear;
+};
+
+const std::vector<Case>& Cases() {
+    static const std::vector<Case> cases = {
+        {"E-INI-UNREADABLE", [](const Package& p) { fs::remove(p.ListPath()); },
+         [](const Package& p) {
+             fs::rename(p.ListPath(), p.ListPath() + ".real");
+             fs::create_symlink("filelist.ini.real", p.ListPath());
+         }},
+        {"E-TYPE-MISSING", [](const Package& p) { p.WriteRawList(WithDirectory("@")); },
+         [](const Package& p) {
+             p.WriteRawList("[Package_Intall_Type]\nPackageIntallType = Server \n" + WithDirectory("@"));
+         }},
+        {"E-TYPE-TOO-LONG",
+         [](const Package& p) {
+             const std::string type(260, 't');
+             p.WriteRawList("[Package_Intall_Type]\nPackageIntallType=" + type + "\n[" + type +
+                            "]\nBin=@\n[Bin]\nf=bin/tool\n");
+         },
+         [](const Package& p) {
+             const std::string type(259, 't');
+             p.WriteRawList("[Package_Intall_Type]\nPackageIntallType=" + type + "\n[" + type +
+                            "]\nBin=@\n[Bin]\nf=bin/tool\n");
+         }},
+        {"E-TYPE-UNKNOWN", [](const Package& p) { p.WriteList("[server]\nBin=@\n[Bin]\nf=bin/tool\n"); },
+         [](const Package& p) { p.WriteList(WithDirectory("@")); }},
+        {"E-DIR-TOO-LONG", [](const Package& p) { p.WriteList(WithDirectory(LongDirectory(p, 260))); },
+         [](const Package& p) { p.WriteList(WithDirectory(LongDirectory(p, 259))); }},
+        {"E-DIR-EMPTY", [](const Package& p) { p.WriteList(WithDirectory("")); },
+         [](const Package& p) { p.WriteList(WithDirectory("  @  ")); }},
+        {"E-TARGET-ROOT", [](const Package& p) { p.WriteList(WithDirectory("/usr/..//.")); },
+         [](const Package& p) { p.WriteList(WithDirectory("/.." + p.InstalledPath())); }},
+        {"E-TARGET-RELATIVE", [](const Package& p) { p.WriteList(WithDirectory("installed")); },
+         [](const Package& p) { p.WriteList(WithDirectory("/" + p.InstalledPath())); }},
+        {"E-DIR-NOT-DIRECTORY", [](const Package& p) { p.WriteList(WithDirectory("@/tool")); },
+         [](const Package& p) { p.WriteList(WithDirectory("@/missing")); }},
+        {"E-LIST-TOO-LONG", [](const Package& p) { p.WriteEntries(EntriesOfLength(4096)); },
+         [](const Package& p) { p.WriteEntries(EntriesOfLength(4095)); }},
+        {"E-ENTRY-EMPTY", [](const Package& p) { p.WriteEntries("bin/tool,"); },
+         [](const Package& p) { p.WriteEntries("bin//tool"); }},
+        {"E-ENTRY-OUTSIDE", [](const Package& p) { p.WriteEntries("bin/../../filelist.ini"); },
+         [](const Package& p) { p.WriteEntries("bin/../bin/tool"); }},
+        {"E-NAME-BAK",
+         [](const Package& p) {
+             p.Bring("bin/tool.bak", "");
+             p.WriteEntries("bin/tool.bak");
+         },
+         [](const Package& p) {
+             p.Bring("bin/tool.bakery", "");
+             p.WriteEntries("bin/tool.bakery");
+         }},
+        {"E-NAME-TOO-LONG",
+         [](const Package& p) {
+             p.Bring(std::string(252, 'n'), "");
+             p.WriteEntries(std::string(252, 'n'));
+         },
+         [](const Package& p) {
+             p.Bring(std::string(251, 'n'), "");
+             p.WriteEntries(std::string(251, 'n'));
+         }},
+        {"E-DUPLICATE-NAME",
+         [](const Package& p) {
+             p.Bring("sbin/tool", "");
+             p.WriteList("[Server]\nA=@\nB=@/../installed/\n[A]\nf=bin/tool\n[B]\nf=sbin/tool\n");
+         },
+         [](const Package& p) {
+             p.Bring("sbin/tool", "");
+             p.WriteList("[Server]\nA=@\nB=@/sbin\n[A]\nf=bin/tool\n[B]\nf=sbin/tool\n");
+         }},
+        {"E-SOURCE-MISSING", [](const Package& p) { p.WriteEntries("bin/tools"); },
+         [](const Package& p) {
+             fs::create_symlink("tool", p.SourcePath("bin/link"));
+             p.WriteEntries("bin/link");
+         }},
+        {"E-SOURCE-UNREADABLE",
+         [](const Package& p) {
+             fs::create_symlink("loop", p.SourcePath("bin/loop"));  // no rights keep root from reading
+             p.WriteEntries("bin/loop");
+         },
+         [](const Package& p) { EXPECT_EQ(chmod(p.SourcePath("bin/tool").c_str(), 0444), 0); }},
+        {"E-SOURCE-NOT-REGULAR", [](const Package& p) { p.WriteEntries("bin"); },
+         [](const Package& p) {
+             p.Bring("bin/empty", "");
+             p.WriteEntries("bin/empty");
+         }},
+        {"E-TARGET-DIRECTORY",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_directory(p.InstalledPath("tool"));
+         },
+         [](const Package& p) { fs::create_directory(p.InstalledPath("tool.d")); }},
+        {"E-TARGET-DANGLING",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_symlink("nowhere", p.InstalledPath("tool"));
+         },
+         [](const Package& p) {
+             fs::rename(p.InstalledPath("tool"), p.InstalledPath("tool-1.0"));
+             fs::create_symlink("tool-1.0", p.InstalledPath("tool"));
+         }},
+        {"E-TARGET-SPECIAL",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             MakePipe(p.InstalledPath("tool"));
+         },
+         [](const Package& p) { MakePipe(p.InstalledPath("pipe")); }},
+        {"E-TARGET-IN-PACKAGE",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_symlink(p.SourcePath("bin/tool"), p.InstalledPath("tool"));
+         },
+         [](const Package& p) { p.Install("tool", "new"); }},
+        {"E-BACKUP-SAME-FILE",
+         [](const Package& p) { fs::create_hard_link(p.InstalledPath("tool"), p.InstalledPath("tool.bak")); },
+         [](const Package& p) {
+             fs::create_hard_link(p.InstalledPath("tool"), p.InstalledPath("tool.old"));
+         }},
+        {"W-LIST-EMPTY", [](const Package& p) { p.WriteList("[Server]\nBin=@\n[bin]\nf=bin/tool\n"); },
+         [](const Package& p) { p.WriteList("[Server]\nBin=@\n[Bin]\ne=\nf=bin/tool\n"); }},
+        {"W-ENTRY-BLANKS",
+         [](const Package& p) {
+             p.Bring(" tool", "");
+             p.WriteEntries("bin/tool, tool");
+         },
+         [](const Package& p) {
+             p.Bring("a tool", "");
+             p.WriteEntries("bin/tool,a tool");
+         }},
+        {"W-ENTRY-BACKSLASH",
+         [](const Package& p) {
+             p.Bring("bin\\tool", "");
+             p.WriteEntries("bin\\tool");
+         },
+         [](const Package& p) { p.WriteEntries("bin/tool"); }},
+        {"W-SOURCE-UNLISTED", [](const Package& p) { p.Bring("bin/forgotten", ""); },
+         [](const Package& p) {
+             fs::create_directory(p.SourcePath("empty"));
+             p.WriteEntries("./bin//tool");
+         }},
+        {"W-MODE-LOST", [](const Package& p) { EXPECT_EQ(chmod(p.InstalledPath("tool").c_str(), 0755), 0); },
+         [](const Package& p) { EXPECT_EQ(chmod(p.SourcePath("bin/tool").c_str(), 0755), 0); }},
+        {"W-OLD-BACKUP", [](const Package& p) { p.Install("tool.bak", "older"); },
+         [](const Package& p) { p.Install("tool.bak.old", "older"); }},
+    };
+    return cases;
+}
+
+// Those that need a namespace or a process of their own; each has tests below.
+const std::set<std::string> kOtherCases = {"W-TARGET-BUSY", "W-SPACE", "W-TARGET-NOT-WRITABLE"};
+
+class CheckTest : public testing::Test {
+protected:
+    CheckTest() { MakeFaultless(package_); }
+
+    const Umask umask_{022};
+    const Package package_;
+};
+
+TEST_F(CheckTest, FindsNothingInAFaultlessPackage) {
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+}
+
+TEST_F(CheckTest, FindsEachKindWhereItIsAndNotWhereItOnlySeemsToBe) {
+    for (const Case& one : Cases()) {
+        SCOPED_TRACE(one.code);
+        const Package bad;
+        MakeFaultless(bad);
+        one.provoke(bad);
+        EXPECT_THAT(FindCodes(bad), Contains(one.code));
+
+        const Package good;
+        MakeFaultless(good);
+        one.comeNear(good);
+        EXPECT_THAT(FindCodes(good), Not(Contains(one.code)));
+    }
+}
+
+TEST_F(CheckTest, HasACaseForEveryKind) {
+    std::set<std::string> tried = kOtherCases;
+    for (const Case& one : Cases()) tried.insert(one.code);
+    std::set<std::string> known;
+    for (const FindingKind& kind : FindingKinds()) known.insert(kind.code);
+
+    EXPECT_EQ(tried, known);
+}
+
+TEST_F(CheckTest, FindsAProgramThatRunsFromATarget) {
+    fs::copy_file("/bin/sleep", package_.InstalledPath("tool"), fs::copy_options::overwrite_existing);
+    fs::copy_file("/bin/sleep", package_.InstalledPath("other"));
+    const auto start = [this](const char* name) {
+        const std::string path = package_.InstalledPath(name);
+        EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+        int ready[2];
+        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            (void)execl(path.c_str(), name, "1000", nullptr);
+            _exit(127);
+        }
+        // The pipe is closed by the exec, and not before.
+        (void)close(ready[1]);
+        char byte;
+        EXPECT_EQ(read(ready[0], &byte, 1), 0);
+        (void)close(ready[0]);
+        return child;
+    };
+    const auto stop = [](pid_t child) {
+        EXPECT_EQ(kill(child, SIGKILL), 0);
+        EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    };
+
+    const pid_t other = start("other");
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-TARGET-BUSY")));
+    const pid_t child = start("tool");
+    EXPECT_THAT(FindCodes(package_), Contains("W-TARGET-BUSY"));
+
+    stop(child);
+    stop(other);
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-TARGET-BUSY")));
+}
+
+TEST_F(CheckTest, FindsTooLittleSpace) {
+    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--size", "65536", "--tmpfs", "/mnt"}));
+    package_.WriteList(WithDirectory("/mnt"));
+
+    package_.Bring("bin/tool", std::string(65536, 'x'));
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-SPACE")));
+    package_.Bring("bin/tool", std::string(65537, 'x'));
+    EXPECT_THAT(FindCodes(package_), Contains("W-SPACE"));
+    // Where it goes need not be there yet.
+    package_.WriteList(WithDirectory("/mnt/a/b"));
+    EXPECT_THAT(FindCodes(package_), Contains("W-SPACE"));
+}
+
+TEST_F(CheckTest, FindsADirectoryThatCannotBeWritten) {
+    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--tmpfs", "/mnt"}));
+    package_.WriteList(WithDirectory("/usr/lib"));  // the host's, which is bound read-only
+    EXPECT_THAT(FindCodes(package_), Contains("W-TARGET-NOT-WRITABLE"));
+    package_.WriteList(WithDirectory("/mnt/missing"));
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-TARGET-NOT-WRITABLE")));
+}
+
+TEST_F(CheckTest, FindsTheOwnerThatWillBeLost) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chown(package_.InstalledPath("tool").c_str(), 65534, 65534), 0);
+
+    EXPECT_THAT(FindCodes(package_), Contains("W-MODE-LOST"));
+}
+
+TEST_F(CheckTest, FindsTheModeOfANewFileThatWillBeLost) {
+    fs::remove(package_.InstalledPath("tool"));
+    EXPECT_EQ(chmod(package_.SourcePath("bin/tool").c_str(), 0755), 0);
+
+    EXPECT_THAT(FindCodes(package_), Contains("W-MODE-LOST"));
+}
+
+TEST_F(CheckTest, FindsEntriesThatLeaveCommonInOtherWays) {
+    for (const char* const entry : {"/etc/passwd", "..", "../secret", "bin/../../../secret", "bin/.."}) {
+        package_.WriteEntries(entry);
+        const std::vector<std::string> codes = FindCodes(package_);
+        const bool staysInside = std::string(entry) == "bin/..";
+        EXPECT_EQ(std::count(codes.begin(), codes.end(), "E-ENTRY-OUTSIDE"), staysInside ? 0 : 1) << entry;
+        EXPECT_THAT(codes, Not(IsEmpty())) << entry;
+    }
+    package_.scratch().Write("secret", "");
+    fs::create_symlink("../../secret", package_.SourcePath("link"));
+    package_.WriteEntries("link");
+    EXPECT_THAT(FindCodes(package_), Contains("E-ENTRY-OUTSIDE"));
+}
+
+TEST_F(CheckTest, SaysWhereItFoundSomething) {
+    package_.WriteList("[Server]\nBin=@\nLib=\n[Bin]\nf=bin/tool,bin/lost\n[Lib]\n");
+    std::vector<Finding> findings = Find(package_, "", true);
+
+    ASSERT_EQ(findings.size(), 2u);
+    EXPECT_STREQ(findings[0].kind->code, "E-DIR-EMPTY");
+    EXPECT_EQ(findings[0].section, "Server");
+    EXPECT_EQ(findings[0].key, "Lib");
+    EXPECT_STREQ(findings[1].kind->code, "E-SOURCE-MISSING");
+    EXPECT_EQ(findings[1].section, "Bin");
+    EXPECT_EQ(findings[1].key, "f");
+    EXPECT_EQ(findings[1].entry, "bin/lost");
+    EXPECT_EQ(findings[1].path, package_.SourcePath("bin/lost"));
+}
+
+TEST_F(CheckTest, LeavesWarningsOutWhenOnlyErrorsAreAskedFor) {
+    package_.Bring("unlisted", "");
+    EXPECT_EQ(package_.Run("check").exitStatus, 1);
+    EXPECT_EQ(package_.Run("check", {"--errors-only"}).exitStatus, 0);
+
+    package_.WriteEntries("bin/tool,lost");
+    EXPECT_EQ(package_.Run("check", {"--errors-only"}).exitStatus, 1);
+    EXPECT_THAT(CodesOf(Find(package_, "", true)), testing::ElementsAre("E-SOURCE-MISSING"));
+}
+
+TEST_F(CheckTest, ExitsWithTheStatusOfWhatItFound) {
+    EXPECT_EQ(package_.Run("check").exitStatus, 0);
+    package_.WriteEntries("lost");
+    EXPECT_EQ(package_.Run("check").exitStatus, 1);
+    fs::remove(package_.ListPath());
+    EXPECT_EQ(package_.Run("check").exitStatus, 2);
+}
+
+TEST_F(CheckTest, LooksForTargetsBelowTheRoot) {
+    // In the image /opt/app is a link to /data/app, the image's own.
+    package_.scratch().Write("image/data/app/tool.bak", "");
+    package_.scratch().Link("image/opt/app", "/data/app");
+    package_.WriteList(WithDirectory("/opt/app"));
+    const std::string root = package_.scratch().Path("image");
+
+    EXPECT_THAT(CodesOf(Find(package_, root)), testing::ElementsAre("W-OLD-BACKUP"));
+    package_.scratch().Link("image/data/app/tool", "/data/tool-1.0");
+    EXPECT_THAT(CodesOf(Find(package_, root)), Contains("E-TARGET-DANGLING"));
+    package_.scratch().Write("image/data/tool-1.0", "");
+    EXPECT_THAT(CodesOf(Find(package_, root)), Not(Contains("E-TARGET-DANGLING")));
+}
+
+TEST_F(CheckTest, AnEmptyRootChecksTheListAndThePackageAlone) {
+    package_.Install("tool.bak", "older");
+    const std::string root = package_.scratch().MakeDirectory("empty");
+
+    EXPECT_THAT(CodesOf(Find(package_, root)), IsEmpty());
+    package_.WriteEntries("lost");
+    EXPECT_THAT(CodesOf(Find(package_, root)), Contains("E-SOURCE-MISSING"));
+}
+
+TEST_F(CheckTest, ChangesNothing) {
+    package_.Install("tool.bak", "older");
+    package_.WriteEntries("bin/tool,lost,,x\\y");
+    const auto look = [this] {
+        return RunProcess({"find", package_.scratch().Path(), "-printf", "%p %i %s %m %U %T@ %C@\n"}).out;
+    };
+    const std::string before = look();
+
+    EXPECT_EQ(package_.Run("check").exitStatus, 1);
+
+    EXPECT_EQ(look(), before);
+}
+
+TEST_F(CheckTest, ShowsControlCharactersEscaped) {
+    package_.WriteEntries("bin/to\033[2Jol");
+
+    const ProcessResult result = package_.Run("check");
+
+    EXPECT_THAT(result.out, Not(HasSubstr("\033")));
+    EXPECT_THAT(result.out, HasSubstr("bin/to\\x1b[2Jol"));
+}
+
+TEST_F(CheckTest, ShowsAKindOnceWithAllItsPlaces) {
+    package_.WriteEntries("lost,gone");
+
+    const std::string text = package_.Run("check").out;
+
+    EXPECT_EQ(text.find("E-SOURCE-MISSING"), text.rfind("E-SOURCE-MISSING"));
+    EXPECT_THAT(text, HasSubstr("[Bin] f: lost -> " + package_.SourcePath("lost")));
+    EXPECT_THAT(text, HasSubstr("[Bin] f: gone -> " + package_.SourcePath("gone")));
+    EXPECT_THAT(text, HasSubstr("What happens: -copy fails there"));
+    EXPECT_THAT(text, HasSubstr("What to do:   Add the file"));
+}
+
+}  // namespace

@@ -1,1 +1,431 @@
+#include "Rollback.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FileSystem.h"
+#include "Package.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class RollbackTest : public testing::Test {
+protected:
+    RollbackTest() {
+        package_.Bring("tool", "the new tool");
+        package_.Install("tool", "old");
+        package_.WriteEntries("tool");
+    }
+
+    void RunPasses(const std::vector<std::string>& passes) const {
+        for (const std::string& pass : passes) ASSERT_EQ(package_.RunPass(pass), 0) << pass;
+    }
+
+    int Rollback(const std::vector<std::string>& options = {}) const {
+        return package_.Run("rollback", options).exitStatus;
+    }
+
+    // What was done to the file `name`.
+    std::string ActionOn(const std::string& name, const std::vector<std::string>& options = {}) const {
+        const nlohmann::json report = package_.RunJson("rollback", options);
+        for (const auto& action : report["actions"]) {
+            if (action["target"] == package_.InstalledPath(name)) return action["action"];
+        }
+        return "none";
+    }
+
+    void SetMode(const std::string& name, mode_t mode) const {
+        ASSERT_EQ(chmod(package_.InstalledPath(name).c_str(), mode), 0);
+    }
+    mode_t ModeOf(const std::string& name) const { return PermissionsOf(package_.InstalledPath(name)); }
+
+    // As if -copy had ended a while ago: what happens from now on is later than it.
+    void LetTimePass() const {
+        for (const auto& entry : fs::recursive_directory_iterator(package_.InstalledPath()))
+            Age(entry.path());
+        Age(package_.InstalledPath());
+    }
+    static void Age(const std::string& path) {
+        timespec times[2] = {{0, UTIME_OMIT}, {}};
+        times[1] = StatusOf(path).st_mtim;
+        times[1].tv_sec -= 60;
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+
+    const Umask umask_{022};
+    const Package package_;
+};
+
+TEST_F(RollbackTest, BringsBackContentAndMode) {
+    SetMode("tool", 04755);
+    RunPasses({"-rename", "-copy"});
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(ModeOf("tool"), 04755u);
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+}
+
+TEST_F(RollbackTest, BringsBackTheOwner) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chown(package_.InstalledPath("tool").c_str(), 65534, 65533), 0);
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(StatusOf(package_.InstalledPath("tool")).st_uid, 65534u);
+    EXPECT_EQ(StatusOf(package_.InstalledPath("tool")).st_gid, 65533u);
+}
+
+TEST_F(RollbackTest, PutsBackTheVeryFile) {
+    const ino_t inode = StatusOf(package_.InstalledPath("tool")).st_ino;
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(StatusOf(package_.InstalledPath("tool")).st_ino, inode);
+}
+
+TEST_F(RollbackTest, DryRunChangesNothingAndSaysWhatTheRollbackWillSay) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+    const std::vector<std::string> options = {"--remove-new"};
+
+    nlohmann::json dryRun = package_.RunJson("rollback", {"--remove-new", "--dry-run"});
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("fresh", "tool", "tool.bak"));
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    const nlohmann::json run = package_.RunJson("rollback", options);
+
+    EXPECT_EQ(dryRun["dryRun"], true);
+    dryRun["dryRun"] = false;
+    EXPECT_EQ(dryRun, run);
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+}
+
+TEST_F(RollbackTest, DoesNoHarmTheSecondTime) {
+    RunPasses({"-rename", "-copy"});
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(Rollback(), 0);
+    EXPECT_EQ(ActionOn("tool"), "nothing");
+    EXPECT_EQ(Rollback({"--remove-new", "--force"}), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, PutsABackupOverAnUnfinishedCopy) {
+    RunPasses({"-rename"});
+    for (const std::string& content :
+         {std::string(), std::string("the n"), std::string("the new\0\0\0\0", 11)}) {
+        package_.Install("tool", content);
+        package_.Install("tool.bak", "old");
+        EXPECT_EQ(Rollback(), 0) << content;
+        EXPECT_EQ(package_.Installed("tool"), "old");
+    }
+}
+
+TEST_F(RollbackTest, LeavesAFileAloneThatIsNotThePackagesWork) {
+    // An installed file that -rename has not reached, beside a backup that an earlier upgrade forgot.
+    package_.Install("tool.bak", "much older");
+
+    EXPECT_EQ(Rollback(), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed("tool.bak"), "much older");
+    EXPECT_EQ(Rollback({"--force"}), 0);
+    EXPECT_EQ(package_.Installed("tool"), "much older");
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+}
+
+TEST_F(RollbackTest, LeavesAFileAloneThatItCannotCompare) {
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.SourcePath("tool"));
+
+    EXPECT_EQ(Rollback(), 1);
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(Rollback({"--force"}), 0);
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, ReportsWhatHasNoBackup) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh,never");
+    EXPECT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.RunPass("-copy"), 240);
+
+    const nlohmann::json report = package_.RunJson("rollback");
+
+    ASSERT_EQ(report["actions"].size(), 3u);
+    EXPECT_EQ(report["actions"][1]["action"], "kept");
+    EXPECT_EQ(report["actions"][1]["state"], "new");
+    EXPECT_EQ(report["actions"][2]["action"], "nothing");
+    EXPECT_EQ(report["actions"][2]["state"], "missing");
+    EXPECT_EQ(report["summary"]["problems"], 0);
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("fresh", "tool"));
+}
+
+TEST_F(RollbackTest, RemovesNewFilesWhenAskedWhereverTheyStandInTheList) {
+    package_.Bring("first", "first");
+    package_.Bring("last", "last");
+    package_.WriteEntries("first,tool,last");
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 0);
+
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, KeepsNewFilesThatWereChanged) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("fresher", "fresher");
+    package_.WriteEntries("tool,fresh,fresher");
+    RunPasses({"-rename", "-copy"});
+    package_.Install("fresh", "edited");
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1) << "a changed file makes it uncertain how far the passes came";
+
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("fresh", "fresher", "tool"));
+    EXPECT_EQ(package_.Installed("fresh"), "edited");
+}
+
+TEST_F(RollbackTest, KeepsAnUnfinishedNewFile) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+    package_.Install("fresh", "fre");
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("fresh"), "fre");
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, RemovesNothingAfterClean) {
+    RunPasses({"-rename", "-copy", "-clean"});
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+}
+
+TEST_F(RollbackTest, RemovesNothingWhoseBackupAHalfFinishedCleanMayHaveTaken) {
+    package_.Bring("other", "the other new one");
+    package_.Install("other", "old");
+    package_.WriteEntries("tool,other");
+    RunPasses({"-rename", "-copy"});
+    LetTimePass();
+    fs::remove(package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
+TEST_F(RollbackTest, RemovesNoUnchangedFileThatRenameHadNotReached) {
+    package_.Bring("unchanged", "unchanged");
+    package_.Install("unchanged", "unchanged");
+    package_.WriteEntries("tool,unchanged");
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+
+    (void)Rollback({"--remove-new"});
+
+    EXPECT_EQ(package_.Installed("unchanged"), "unchanged");
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, RemovesNoUnchangedFileThatItRestoredBefore) {
+    package_.Bring("unchanged", "unchanged");
+    package_.Install("unchanged", "unchanged");
+    package_.WriteEntries("unchanged,tool");
+    RunPasses({"-rename", "-copy"});
+    EXPECT_EQ(Rollback({"--remove-new"}), 0);
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1) << "nothing tells it from a new file any more";
+
+    EXPECT_EQ(package_.Installed("unchanged"), "unchanged");
+}
+
+TEST_F(RollbackTest, BringsBackALinkAsALink) {
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(fs::read_symlink(package_.InstalledPath("tool")), "tool-1.0");
+    EXPECT_EQ(package_.Installed("tool-1.0"), "old");
+}
+
+TEST_F(RollbackTest, BringsBackADirectoryThatStoodWhereThePackageHasAFile) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("tool/inside", "kept");
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool/inside"), "kept");
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+}
+
+TEST_F(RollbackTest, TakesASecondNameOfTheFileForNoBackup) {
+    fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool", "tool.bak"));
+}
+
+TEST_F(RollbackTest, GoesOnBehindAFileThatItCannotRestore) {
+    // The rename of a file over a directory fails.
+    package_.Bring("other", "new");
+    package_.Install("other", "old");
+    package_.WriteEntries("tool,other");
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+
+    EXPECT_EQ(Rollback({"--force"}), 1);
+
+    EXPECT_EQ(package_.Installed("other"), "old");
+    EXPECT_EQ(package_.Installed("tool.bak"), "old");
+    EXPECT_EQ(ActionOn("tool", {"--force"}), "failed");
+}
+
+TEST_F(RollbackTest, SaysSoWhenTheFileSystemIsReadOnly) {
+    CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{}));
+    RunPasses({"-rename", "-copy"});
+    const std::vector<std::string> inside = {"bwrap",
+                                             "--bind",
+                                             "/",
+                                             "/",
+                                             "--dev",
+                                             "/dev",
+                                             "--ro-bind",
+                                             package_.InstalledPath(),
+                                             package_.InstalledPath()};
+
+    const ProcessResult result =
+        RunProcess(Concatenate(inside, {VFILELIST_PATH, "rollback", package_.ListPath()}));
+
+    EXPECT_EQ(result.exitStatus, 1) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("Read-only file system"));
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("tool.bak"), "old");
+}
+
+TEST_F(RollbackTest, HandlesTwoEntriesOfOneTargetOnce) {
+    package_.Bring("other/tool", "the other new tool");
+    package_.WriteEntries("tool,other/tool");
+    RunPasses({"-rename", "-copy"});
+
+    const nlohmann::json report = package_.RunJson("rollback");
+
+    EXPECT_EQ(report["actions"].size(), 1u);
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, IsNotStoppedByAnEntryWithoutAFileName) {
+    RunPasses({"-rename", "-copy"});
+    package_.WriteEntries(",tool,");
+    package_.Install(".bak", "nobody's business");
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed(".bak"), "nobody's business");
+}
+
+TEST_F(RollbackTest, ShowsControlCharactersEscaped) {
+    package_.WriteEntries("to\033ol");
+
+    EXPECT_THAT(package_.Run("rollback").out, Not(HasSubstr("\033")));
+}
+
+TEST_F(RollbackTest, OnlyModesGivesTheNewFilesTheModesOfTheirBackups) {
+    SetMode("tool", 04711);
+    RunPasses({"-rename", "-copy"});
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 0);
+
+    EXPECT_EQ(ModeOf("tool"), 04711u);
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("tool.bak"), "old");
+    EXPECT_EQ(ActionOn("tool", {"--only-modes"}), "nothing") << "the second time";
+}
+
+TEST_F(RollbackTest, OnlyModesGivesTheOwnerAndKeepsTheSetUserIdBit) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chown(package_.InstalledPath("tool").c_str(), 65534, 65533), 0);
+    SetMode("tool", 06755);
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 0);
+
+    EXPECT_EQ(StatusOf(package_.InstalledPath("tool")).st_uid, 65534u);
+    EXPECT_EQ(StatusOf(package_.InstalledPath("tool")).st_gid, 65533u);
+    EXPECT_EQ(ModeOf("tool"), 06755u);
+}
+
+TEST_F(RollbackTest, OnlyModesDryRunChangesNothing) {
+    SetMode("tool", 0755);
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(ActionOn("tool", {"--only-modes", "--dry-run"}), "mode-set");
+
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+}
+
+TEST_F(RollbackTest, OnlyModesKeepsItsHandsOffWhatIsNotThePackagesFile) {
+    SetMode("tool", 0755);
+    RunPasses({"-rename"});
+    EXPECT_EQ(Rollback({"--only-modes"}), 1) << "not copied yet";
+    for (const char* const content : {"the n", "foreign"}) {
+        package_.Install("tool", content);
+        SetMode("tool", 0600);
+        EXPECT_EQ(Rollback({"--only-modes"}), 1) << content;
+        EXPECT_EQ(ModeOf("tool"), 0600u) << content;
+    }
+    EXPECT_EQ(package_.Installed("tool.bak"), "old");
+}
+
+TEST_F(RollbackTest, OnlyModesNamesWhatHasNoBackup) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+
+    const ProcessResult result = package_.Run("rollback", {"--only-modes"});
+
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(result.out, HasSubstr(package_.InstalledPath("fresh") + "  (no backup; mode 0644"));
+}
+
+TEST_F(RollbackTest, OnlyModesTakesTheModeOfWhatABackedUpLinkLedTo) {
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    SetMode("tool-1.0", 0750);
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 0);
+
+    EXPECT_EQ(ModeOf("tool"), 0750u);
+}
+
+}  // namespace

@@ -1,1 +1,277 @@
+#include "Verify.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FileSystem.h"
+#include "Package.h"
+#include "Sanitizer.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::HasSubstr;
+
+class VerifyTest : public testing::Test {
+protected:
+    VerifyTest() {
+        package_.Bring("tool", "the new tool");
+        package_.Install("tool", "old");
+        package_.WriteEntries("tool");
+    }
+
+    void RunPasses(const std::vector<std::string>& passes) const {
+        for (const std::string& pass : passes) ASSERT_EQ(package_.RunPass(pass), 0) << pass;
+    }
+
+    // The report on the first target.
+    nlohmann::json Target() const { return package_.RunJson("verify")["targets"][0]; }
+    std::string State() const { return Target()["state"]; }
+    int Verify(const std::vector<std::string>& options = {}) const {
+        return package_.Run("verify", options).exitStatus;
+    }
+
+    const Umask umask_{022};
+    const Package package_;
+};
+
+TEST_F(VerifyTest, TellsTheStateByTheContent) {
+    const std::string wanted = "the new tool";
+    const struct {
+        std::string content;
+        const char* state;
+    } cases[] = {
+        {wanted, "new"},
+        {"the new tooL", "old"},
+        {"The new tool", "old"},
+        {"the new tool!", "old"},
+        {"old", "old"},
+        {"", "partial"},
+        {"the new too", "partial"},
+        {std::string("the new\0\0\0\0\0", 12), "partial"},
+        {std::string("the new\0\0\0\0\0\0", 13), "old"},
+        {std::string("the\0\0\0\0tool", 11), "old"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.content);
+        package_.Install("tool", row.content);
+        EXPECT_EQ(State(), row.state);
+    }
+    fs::remove(package_.InstalledPath("tool"));
+    EXPECT_EQ(State(), "missing");
+}
+
+TEST_F(VerifyTest, ComparesEveryByteOfLongFiles) {
+    constexpr std::size_t kBlock = 256 * 1024;
+    for (const std::size_t size : {kBlock - 1, kBlock, kBlock + 1, 2 * kBlock, 3 * kBlock + 5}) {
+        std::string content(size, 'x');
+        package_.Bring("tool", content);
+        package_.Install("tool", content);
+        EXPECT_EQ(State(), "new") << size;
+        for (const std::size_t at : {std::size_t{0}, kBlock - 2, size / 2, size - 1}) {
+            content[at] = 'y';
+            package_.Install("tool", content);
+            EXPECT_EQ(State(), "old") << size << " at " << at;
+            content[at] = 'x';
+        }
+        package_.Install("tool", content.substr(0, size - 1));
+        EXPECT_EQ(State(), "partial") << size;
+        package_.Install("tool", content.substr(0, size / 2) + std::string(size - size / 2, '\0'));
+        EXPECT_EQ(State(), "partial") << size;
+    }
+}
+
+TEST_F(VerifyTest, CallsUnknownWhatCannotBeCompared) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+    EXPECT_EQ(State(), "unknown");
+    fs::remove(package_.InstalledPath("tool"));
+    ASSERT_EQ(mkfifo(package_.InstalledPath("tool").c_str(), 0600), 0);
+    EXPECT_EQ(State(), "unknown") << "and does not wait for a writer";
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("tool", "old");
+    fs::remove(package_.SourcePath("tool"));
+    EXPECT_EQ(State(), "unknown");
+    EXPECT_EQ(package_.RunJson("verify")["summary"]["sourcesLacking"], 1);
+}
+
+TEST_F(VerifyTest, FollowsALinkAndCallsADanglingOneMissing) {
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    package_.Install("tool-1.0", "the new tool");
+    EXPECT_EQ(State(), "new");
+    fs::remove(package_.InstalledPath("tool-1.0"));
+    EXPECT_EQ(State(), "missing");
+}
+
+TEST_F(VerifyTest, ComparesModesWithThoseOfTheBackups) {
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    RunPasses({"-rename", "-copy"});
+
+    const nlohmann::json target = Target();
+    EXPECT_EQ(target["mode"], "0644");
+    EXPECT_EQ(target["backupMode"], "0755");
+    EXPECT_EQ(target["modeDiffers"], true);
+    EXPECT_EQ(Verify(), 1);
+    EXPECT_EQ(Verify({"--ignore-modes"}), 0);
+    EXPECT_THAT(package_.Run("verify").out, HasSubstr("vfilelist rollback --only-modes"));
+
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    EXPECT_EQ(Verify(), 0);
+}
+
+TEST_F(VerifyTest, ComparesOwnersWithThoseOfTheBackups) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chown(package_.InstalledPath("tool").c_str(), 65534, 65533), 0);
+    RunPasses({"-rename", "-copy"});
+
+    const nlohmann::json target = Target();
+    EXPECT_EQ(target["owner"], "0:0");
+    EXPECT_EQ(target["backupOwner"], "65534:65533");
+    EXPECT_EQ(target["ownerDiffers"], true);
+    EXPECT_EQ(Verify(), 1);
+    EXPECT_EQ(Verify({"--ignore-modes"}), 0);
+}
+
+TEST_F(VerifyTest, ExitsWith0OnlyInTheExpectedState) {
+    const std::vector<std::string> states = {"renamed", "copied", "cleaned", "restored"};
+    const auto expect = [&](const char* when, const std::vector<int>& statuses) {
+        for (std::size_t i = 0; i < states.size(); ++i) {
+            EXPECT_EQ(Verify({"--expect", states[i]}), statuses[i]) << when << ", " << states[i];
+        }
+        EXPECT_EQ(Verify(), statuses[1]) << when;
+    };
+    expect("before", {1, 1, 1, 0});
+    RunPasses({"-rename"});
+    expect("after -rename", {0, 1, 1, 1});
+    RunPasses({"-copy"});
+    expect("after -copy", {1, 0, 1, 1});
+    EXPECT_EQ(package_.Run("rollback").exitStatus, 0);
+    expect("after the rollback", {1, 1, 1, 0});
+    RunPasses({"-rename", "-copy", "-clean"});
+    expect("after -clean", {1, 0, 0, 0});
+}
+
+TEST_F(VerifyTest, IsNotContentWhileThePassesSkipAKey) {
+    package_.WriteList("[Server]\nBin=@\n[Bin]\nf=tool\nlong=" + std::string(4096, 'x') + "\n");
+    RunPasses({"-rename", "-copy"});
+
+    int status = 0;
+    const nlohmann::json report = package_.RunJson("verify", {}, &status);
+
+    EXPECT_EQ(status, 1);
+    ASSERT_EQ(report["problems"].size(), 1u);
+    EXPECT_EQ(report["problems"][0]["code"], "E-LIST-TOO-LONG");
+    EXPECT_EQ(report["problems"][0]["key"], "long");
+}
+
+TEST_F(VerifyTest, IsNotContentWithAnEntryThatHasNoFileName) {
+    RunPasses({"-rename", "-copy"});
+    package_.WriteEntries("tool,");
+
+    int status = 0;
+    const nlohmann::json report = package_.RunJson("verify", {}, &status);
+
+    EXPECT_EQ(status, 1);
+    ASSERT_EQ(report["problems"].size(), 1u);
+    EXPECT_EQ(report["problems"][0]["code"], "E-ENTRY-EMPTY");
+}
+
+TEST_F(VerifyTest, NamesEveryEntryOfATarget) {
+    package_.Bring("other/tool", "from the other one");
+    package_.WriteEntries("tool,other/tool");
+    RunPasses({"-rename", "-copy"});
+
+    const nlohmann::json target = Target();
+    EXPECT_EQ(target["state"], "new");
+    ASSERT_EQ(target["entries"].size(), 2u);
+    EXPECT_EQ(target["entries"][0]["entry"], "tool");
+    EXPECT_EQ(target["entries"][1]["entry"], "other/tool");
+
+    package_.Install("tool", "the new tool");
+    EXPECT_EQ(State(), "partial") << "the second entry has not been copied yet";
+}
+
+TEST_F(VerifyTest, SaysWhatToRunNext) {
+    EXPECT_THAT(package_.Run("verify").out,
+                HasSubstr("Next:    VCopyFileListIni -rename " + package_.ListPath()));
+    RunPasses({"-rename"});
+    EXPECT_THAT(package_.Run("verify").out,
+                HasSubstr("Next:    VCopyFileListIni -copy " + package_.ListPath()));
+    RunPasses({"-copy"});
+    EXPECT_THAT(package_.Run("verify").out,
+                HasSubstr("Next:    VCopyFileListIni -clean " + package_.ListPath()));
+    RunPasses({"-clean"});
+    EXPECT_THAT(package_.Run("verify").out, HasSubstr("Next:    nothing\n"));
+}
+
+TEST_F(VerifyTest, ChangesNothing) {
+    RunPasses({"-rename", "-copy"});
+    const auto look = [this] {
+        return RunProcess({"find", package_.scratch().Path(), "-printf", "%p %i %s %m %U %T@ %C@\n"}).out;
+    };
+    const std::string before = look();
+
+    EXPECT_EQ(Verify(), 0);
+
+    EXPECT_EQ(look(), before);
+}
+
+// The most memory, in KiB, that `vfilelist verify` has at once; run in a child whose children it alone is.
+long PeakMemory(const Package& package) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)RunProcess({VFILELIST_PATH, "verify", package.ListPath()});
+        rusage usage{};
+        (void)getrusage(RUSAGE_CHILDREN, &usage);
+        (void)!write(ends[1], &usage.ru_maxrss, sizeof(usage.ru_maxrss));
+        _exit(0);
+    }
+    long kibibytes = -1;
+    EXPECT_EQ(read(ends[0], &kibibytes, sizeof(kibibytes)), static_cast<ssize_t>(sizeof(kibibytes)));
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    (void)close(ends[0]);
+    (void)close(ends[1]);
+    return kibibytes;
+}
+
+TEST_F(VerifyTest, NeedsNoMoreMemoryForLargeFiles) {
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "the sanitizer's memory counts";
+    const long small = PeakMemory(package_);
+    for (const std::string& path : {package_.SourcePath("tool"), package_.InstalledPath("tool")}) {
+        fs::resize_file(path, std::uintmax_t{1} << 28);
+    }
+    package_.Install("tool", "the new tool");
+    fs::resize_file(package_.InstalledPath("tool"), std::uintmax_t{1} << 28);
+    ASSERT_EQ(State(), "new");
+
+    EXPECT_LT(PeakMemory(package_), small + 1024);
+}
+
+TEST_F(VerifyTest, NeedsLittleMoreMemoryForManyFiles) {
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "the sanitizer's memory counts";
+    const long small = PeakMemory(package_);
+    std::string list = "[Server]\nBin=@\n[Bin]\n";
+    for (int i = 0; i < 10000; ++i) {
+        const std::string name = "file" + std::to_string(i);
+        list += name + "=" + name + "\n";
+    }
+    package_.WriteList(list);
+
+    EXPECT_LT(PeakMemory(package_), small + 16 * 1024) << "the list itself, and a little for each file";
+}
+
+}  // namespace

@@ -257,7 +257,10 @@ bool Checker::CheckIsInside(const Entry& entry) {
         return false;
     }
     const std::optional<std::string> real = CanonicalPath(source);
-    if (!common_ || !real || real->compare(0, common_->size() + 1, *common_ + "/") == 0) return true;
+    if (!common_ || !real || *real == *common_ ||
+        real->compare(0, common_->size() + 1, *common_ + "/") == 0) {
+        return true;
+    }
     Add("E-ENTRY-OUTSIDE", entry, source, "a link leads to " + *real);
     return false;
 }
