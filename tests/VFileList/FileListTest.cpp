@@ -1,1 +1,125 @@
+#include "FileList.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Package.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+
+class FileListTest : public testing::Test {
+protected:
+    static std::vector<std::string> EntriesOf(const FileList& list) {
+        std::vector<std::string> texts;
+        for (const Entry& entry : list.entries()) {
+            texts.push_back(list.ListOf(entry).section + "." + list.KeyOf(entry) + ": " + entry.text);
+        }
+        return texts;
+    }
+
+    const Package package_;
+};
+
+TEST_F(FileListTest, HasListsKeysAndEntriesInTheOrderOfTheTool) {
+    package_.WriteList("[Server]\nb=@/b\nB=@/B/\n[b]\nx=1\n[B]\nk2=2,,3 \nK=4\nempty=\n");
+    const FileList list(package_.ListPath());
+
+    EXPECT_EQ(list.installType(), "Server");
+    ASSERT_EQ(list.lists().size(), 2u);
+    EXPECT_EQ(list.lists()[0].directory, package_.InstalledPath("B/"));
+    EXPECT_EQ(list.lists()[1].directory, package_.InstalledPath("b/"));
+    EXPECT_EQ(list.lists()[0].keys.size(), 3u);
+    EXPECT_THAT(EntriesOf(list), ElementsAre("B.K: 4", "B.k2: 2", "B.k2: ", "B.k2: 3", "b.x: 1"));
+}
+
+TEST_F(FileListTest, KnowsTheLengthOfValuesThatTheToolDoesNotRead) {
+    package_.WriteList("[Server]\nBin=/" + std::string(400, 'd') + "\n[Bin]\nf=" + std::string(70000, 'x') +
+                       "\ng=" + std::string(4095, 'y') + "\n");
+    const FileList list(package_.ListPath());
+
+    EXPECT_EQ(list.lists()[0].directory, "/") << "what the tool makes of it";
+    EXPECT_EQ(list.lists()[0].directoryValueLength, 401u);
+    ASSERT_EQ(list.SkippedKeys().size(), 1u);
+    EXPECT_EQ(list.SkippedKeys()[0].key.name, "f");
+    EXPECT_EQ(list.SkippedKeys()[0].key.valueLength, 70000u);
+    EXPECT_EQ(list.entries().size(), 1u);
+}
+
+TEST_F(FileListTest, BuildsThePathsOfTheTool) {
+    package_.WriteEntries("lib\\sub/one.so");
+    const FileList list(package_.ListPath());
+    const Entry& entry = list.entries().at(0);
+
+    EXPECT_EQ(list.SourceOf(entry), package_.SourcePath("lib\\sub/one.so"));
+    EXPECT_EQ(list.TargetOf(entry), package_.InstalledPath("one.so"));
+    EXPECT_EQ(list.BackupOf(entry), package_.InstalledPath("one.so.bak"));
+    EXPECT_EQ(list.PlaceOf(entry), list.TargetOf(entry));
+}
+
+TEST_F(FileListTest, TakesOneFileForOneTargetHoweverItsDirectoryIsSpelt) {
+    package_.Install("x", "");
+    fs::create_symlink("installed", package_.scratch().Path("link"));
+    package_.WriteList("[Server]\nA=@\nB=@/../installed\nC=@/../link\nD=@/d\nE=@/e/../d\n" +
+                       std::string("[A]\nf=x,y\n[B]\nf=x\n[C]\nf=a/x\n[D]\nf=x\n[E]\nf=x\n"));
+
+    std::vector<std::vector<std::size_t>> targets;
+    for (const Target& target : FileList(package_.ListPath()).Targets()) targets.push_back(target.entries);
+
+    EXPECT_THAT(targets, ElementsAre(ElementsAre(0u, 2u, 3u), ElementsAre(1u), ElementsAre(4u, 5u)));
+}
+
+TEST_F(FileListTest, EntriesWithoutAFileNameHaveNoTarget) {
+    package_.WriteEntries("a/,,.,b/..,c\\,x");
+    const FileList list(package_.ListPath());
+
+    EXPECT_EQ(list.entries().size(), 6u);
+    ASSERT_EQ(list.Targets().size(), 1u);
+    EXPECT_THAT(list.Targets()[0].entries, ElementsAre(5u));
+}
+
+TEST_F(FileListTest, HasNothingWithoutADirectoryList) {
+    package_.WriteRawList("[Server]\nBin=@\n");
+
+    EXPECT_TRUE(FileList(package_.ListPath()).lists().empty());
+}
+
+TEST_F(FileListTest, SaysWhyAListCannotBeRead) {
+    package_.WriteEntries("x");
+    EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath()), "");
+    EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath() + ".missing"), "No such file or directory");
+    EXPECT_EQ(FileList::WhyUnreadable(package_.scratch().Path()), "Is a directory");
+    EXPECT_EQ(FileList::WhyUnreadable("/dev/null"), "not a regular file");
+}
+
+TEST_F(FileListTest, ResolvesBelowARootAsIfThatWereTheRootDirectory) {
+    const ScratchDirectory& root = package_.scratch();
+    root.Write("data/app/file", "");
+    root.Link("absolute", "/data/app");
+    root.Link("data/relative", "../data/app");
+    root.Link("escaping", "../../../../data");
+    root.Link("loop", "loop");
+    const struct {
+        const char* path;
+        const char* resolved;
+    } cases[] = {{"/data/app/file", "data/app/file"},
+                 {"/absolute/file", "data/app/file"},
+                 {"/data/relative/file", "data/app/file"},
+                 {"/escaping/app", "data/app"},
+                 {"/../../data", "data"},
+                 {"/data/./app/../app//file", "data/app/file"},
+                 {"/missing/../data/none", "data/none"}};
+    for (const auto& row : cases) {
+        EXPECT_EQ(ResolveBelowRoot(root.Path(), row.path), root.Path(row.resolved)) << row.path;
+    }
+    EXPECT_EQ(ResolveBelowRoot(root.Path(), "/loop"), root.Path("loop")) << "a loop of links ends";
+}
+
+}  // namespace
