@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""charts.py FIGURES.json DIRECTORY: draws what ./dev bench measured, as SVG that is readable in light and dark.
+"""charts.py FIGURES.json DIRECTORY [DOCUMENT]: draws what ./dev bench measured.
 
-ratios.svg has ours / peer for every row, growth.svg the time beside the size of the work; the table goes to
-standard output as Markdown.
+The charts go to DIRECTORY, as SVG that is readable in light and dark: ratios.svg has ours / peer for every row,
+growth.svg the time beside the size of the work. The table replaces what stands between the lines <!-- table --> and
+<!-- end of table --> of the Markdown DOCUMENT.
 """
 import html
 import json
@@ -89,7 +90,7 @@ def growth(rows):
         for (size, seconds), x, y in ((points[0], xs[0], ys[0]), (points[-1], xs[-1], ys[-1])):
             anchor = "start" if x == xs[0] else "end"
             body.append(text(px(x), y0 + 145, f"{size:,.0f}", "small", anchor))
-            body.append(text(px(x), py(y) - 8, shown_time(seconds), "small", anchor))
+            body.append(text(px(x), py(y) - (18 if x == xs[0] else 8), shown_time(seconds), "small", anchor))
     lines = (len(series) + columns - 1) // columns
     return svg(columns * width + 20, 30 + lines * height, "Processor time as the work grows", body)
 
@@ -111,12 +112,19 @@ def table(rows):
     return "\n".join(lines)
 
 
+def put_table(document, lines):
+    before, rest = document.read_text().split("<!-- table -->\n", 1)
+    after = rest.split("<!-- end of table -->", 1)[1]
+    document.write_text(f"{before}<!-- table -->\n{lines}\n\n<!-- end of table -->{after}")
+
+
 def main():
     rows = json.loads(pathlib.Path(sys.argv[1]).read_text())["rows"]
     directory = pathlib.Path(sys.argv[2])
     (directory / "ratios.svg").write_text(ratios(rows))
     (directory / "growth.svg").write_text(growth(rows))
-    print(table(rows))
+    if len(sys.argv) > 3:
+        put_table(pathlib.Path(sys.argv[3]), table(rows))
 
 
 main()

@@ -75,6 +75,13 @@ void AppendEscaped(std::string& out, unsigned char byte) {
 
 // The text with its control characters shown: nothing in it can end the line or steer a terminal.
 std::string Escaped(std::string_view text) {
+    const auto isPlain = [](char character) {
+        const auto byte = static_cast<unsigned char>(character);
+        return byte >= 0x20 && byte != 0x7f && byte != 0xc2;
+    };
+    // Nearly every line has nothing to escape.
+    if (std::all_of(text.begin(), text.end(), isPlain)) return std::string(text);
+
     std::string line;
     line.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {

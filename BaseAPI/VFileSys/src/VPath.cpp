@@ -41,9 +41,10 @@ std::size_t PutWorkingDirectoryBefore(const char* text, std::size_t length, char
 }
 
 std::string Join(const char* path, std::string_view tail) {
+    const std::size_t length = std::strlen(path);
     std::string joined;
-    joined.reserve(std::strlen(path) + 1 + tail.size());
-    joined.append(path).append(1, '/').append(tail);
+    joined.reserve(length + 1 + tail.size());
+    joined.append(path, length).append(1, '/').append(tail);
     return joined;
 }
 
