@@ -1,5 +1,11 @@
 #include "Package.h"
 
+Package::Package() {
+    // What the file list leaves out need not be there, but the two directories are.
+    (void)scratch_.MakeDirectory("installed");
+    (void)scratch_.MakeDirectory("package/Common");
+}
+
 std::string Package::WriteList(const std::string& rest) const {
     return WriteRawList("[Package_Intall_Type]\nPackageIntallType=Server\n" + rest);
 }

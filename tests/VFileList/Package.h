@@ -11,6 +11,7 @@
 
 class Package {
 public:
+    Package();
     // Writes the file list with the install type "Server"; `rest` has the directory list [Server] and the
     // lists. "@" stands for the directory of the installed release.
     std::string WriteList(const std::string& rest) const;
