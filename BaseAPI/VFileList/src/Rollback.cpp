@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "Files.h"
-#include "Inspection.h"
 #include "Passes.h"
+#include "TargetFacts.h"
 
 namespace {
 
@@ -64,7 +64,7 @@ public:
     int Run();
 
 private:
-    void Inspect();
+    void Examine();
     void NoteTimes(const std::string& directory, const TargetFacts& facts);
     void ShowHead();
 
@@ -81,7 +81,7 @@ private:
     void SetMode(std::size_t index);
     void ChangeMode(std::size_t index);
 
-    bool IsAsInspected(std::size_t index) const;
+    bool IsAsExamined(std::size_t index) const;
     void SyncDirectories();
     void Report(std::size_t index, Action action, const std::string& detail, bool isProblem = false);
     void ReportFailure(std::size_t index, int error);
@@ -114,7 +114,7 @@ private:
 
 int RollbackRun::Run() {
     ShowHead();
-    Inspect();
+    Examine();
     output_.BeginList("actions");
     if (options_.isOnlyModes) {
         SetModes();
@@ -140,13 +140,13 @@ void RollbackRun::ShowHead() {
     output_.Line();
 }
 
-void RollbackRun::Inspect() {
-    Inspector inspector(list_);
+void RollbackRun::Examine() {
+    TargetExaminer examiner(list_);
     facts_.reserve(targets_.size());
     observations_.reserve(targets_.size());
     for (const Target& target : targets_) {
         output_.Progress("rollback: compare", facts_.size(), targets_.size());
-        facts_.push_back(inspector.Inspect(target));
+        facts_.push_back(examiner.Examine(target));
         observations_.push_back(facts_.back().Observation());
         NoteTimes(DirectoryOf(facts_.size() - 1), facts_.back());
     }
@@ -181,7 +181,7 @@ bool RollbackRun::IsCertainlyNew(std::size_t index) const {
 
 void RollbackRun::Remove(std::size_t index) {
     if (!options_.isDryRun) {
-        if (!IsAsInspected(index)) return;
+        if (!IsAsExamined(index)) return;
         if (unlink(PathOf(index).c_str()) != 0) {
             ReportFailure(index, errno);
             removed_.insert(index);
@@ -214,7 +214,7 @@ void RollbackRun::Restore(std::size_t index) {
                cause + "neither the package's file nor a part of it; --force puts the backup over it", true);
     } else if (options_.isDryRun) {
         Report(index, Action::kRestored, "");
-    } else if (!IsAsInspected(index)) {
+    } else if (!IsAsExamined(index)) {
         Report(index, Action::kKept, "changed while the rollback ran", true);
     } else {
         PutBack(index);
@@ -310,7 +310,7 @@ void RollbackRun::ChangeMode(std::size_t index) {
 }
 
 // Nobody has changed the target or its backup since they were looked at.
-bool RollbackRun::IsAsInspected(std::size_t index) const {
+bool RollbackRun::IsAsExamined(std::size_t index) const {
     const TargetFacts& facts = facts_[index];
     struct stat now {};
     const bool isOccupied = lstat(PathOf(index).c_str(), &now) == 0;

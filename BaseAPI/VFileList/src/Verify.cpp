@@ -4,8 +4,8 @@
 #include <map>
 #include <vector>
 
-#include "Inspection.h"
 #include "Passes.h"
+#include "TargetFacts.h"
 
 namespace {
 
@@ -81,11 +81,11 @@ private:
 int Verifier::Run() {
     ShowHead();
     const std::vector<Target> targets = list_.Targets();
-    Inspector inspector(list_);
+    TargetExaminer examiner(list_);
     output_.BeginList("targets");
     for (const Target& target : targets) {
         output_.Progress("verify", observations_.size(), targets.size());
-        const TargetFacts facts = inspector.Inspect(target);
+        const TargetFacts facts = examiner.Examine(target);
         Count(facts);
         ShowTarget(target, facts);
     }

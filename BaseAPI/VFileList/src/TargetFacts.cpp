@@ -1,5 +1,5 @@
 // Looks at an installed file, its backup, and the package's file.
-#include "Inspection.h"
+#include "TargetFacts.h"
 
 #include <cerrno>
 #include <cstring>
@@ -20,7 +20,7 @@ bool TargetFacts::IsOwnerDifferent() const {
            (status.st_uid != reference.st_uid || status.st_gid != reference.st_gid);
 }
 
-TargetFacts Inspector::Inspect(const Target& target) {
+TargetFacts TargetExaminer::Examine(const Target& target) {
     TargetFacts facts;
     LookAtTarget(target, facts);
     LookAtBackup(list_.BackupOf(EntryOf(target)), facts);
@@ -31,7 +31,7 @@ TargetFacts Inspector::Inspect(const Target& target) {
     return facts;
 }
 
-void Inspector::LookAtTarget(const Target& target, TargetFacts& facts) {
+void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
     const std::string path = list_.TargetOf(EntryOf(target));
     if (lstat(path.c_str(), &facts.status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return;
@@ -54,7 +54,7 @@ void Inspector::LookAtTarget(const Target& target, TargetFacts& facts) {
     }
 }
 
-void Inspector::LookAtBackup(const std::string& path, TargetFacts& facts) const {
+void TargetExaminer::LookAtBackup(const std::string& path, TargetFacts& facts) const {
     if (lstat(path.c_str(), &facts.backup) != 0) return;
     if (facts.isOccupied && IsSameFile(facts.backup, facts.status)) {
         facts.detail = "NAME.bak is the same file, and no backup";
@@ -66,7 +66,7 @@ void Inspector::LookAtBackup(const std::string& path, TargetFacts& facts) const 
 
 // When several entries go to one target, the last one is what it shall hold; with one of the others it is on
 // its way there.
-void Inspector::CompareWithPackage(const Target& target, TargetFacts& facts) {
+void TargetExaminer::CompareWithPackage(const Target& target, TargetFacts& facts) {
     const std::string path = list_.TargetOf(EntryOf(target));
     facts.state = TargetState::kOld;
     for (auto index = target.entries.rbegin(); index != target.entries.rend(); ++index) {

@@ -1,6 +1,6 @@
 // The installed files of a file list, looked at one by one.
-#ifndef VFILELIST_INSPECTION_H
-#define VFILELIST_INSPECTION_H
+#ifndef VFILELIST_TARGETFACTS_H
+#define VFILELIST_TARGETFACTS_H
 
 #include <sys/stat.h>
 
@@ -27,11 +27,11 @@ struct TargetFacts {
     bool IsOwnerDifferent() const;
 };
 
-class Inspector {
+class TargetExaminer {
 public:
-    explicit Inspector(const FileList& list) : list_(list) {}
+    explicit TargetExaminer(const FileList& list) : list_(list) {}
 
-    TargetFacts Inspect(const Target& target);
+    TargetFacts Examine(const Target& target);
 
     // The entry whose file stands there at the end: the last of those that go there.
     const Entry& EntryOf(const Target& target) const { return list_.entries()[target.entries.back()]; }

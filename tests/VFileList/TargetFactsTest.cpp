@@ -1,4 +1,4 @@
-#include "Inspection.h"
+#include "TargetFacts.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,19 +13,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class InspectionTest : public testing::Test {
+class TargetFactsTest : public testing::Test {
 protected:
-    TargetFacts Inspect() const {
+    TargetFacts Examine() const {
         const FileList list(package_.ListPath());
         const std::vector<Target> targets = list.Targets();
         EXPECT_EQ(targets.size(), 1u);
-        return Inspector(list).Inspect(targets.at(0));
+        return TargetExaminer(list).Examine(targets.at(0));
     }
 
     const Package package_;
 };
 
-TEST_F(InspectionTest, KnowsAFileItsBackupAndThePackagesFile) {
+TEST_F(TargetFactsTest, KnowsAFileItsBackupAndThePackagesFile) {
     package_.Bring("tool", "new");
     package_.Install("tool", "new");
     package_.Install("tool.bak", "older");
@@ -33,7 +33,7 @@ TEST_F(InspectionTest, KnowsAFileItsBackupAndThePackagesFile) {
     ASSERT_EQ(chmod(package_.InstalledPath("tool.bak").c_str(), 0755), 0);
     package_.WriteEntries("tool");
 
-    const TargetFacts facts = Inspect();
+    const TargetFacts facts = Examine();
 
     EXPECT_EQ(facts.state, TargetState::kNew);
     EXPECT_TRUE(facts.hasBackup);
@@ -44,14 +44,14 @@ TEST_F(InspectionTest, KnowsAFileItsBackupAndThePackagesFile) {
     EXPECT_FALSE(facts.IsOwnerDifferent());
 }
 
-TEST_F(InspectionTest, KnowsADanglingLinkAndADanglingBackup) {
+TEST_F(TargetFactsTest, KnowsADanglingLinkAndADanglingBackup) {
     package_.Bring("tool", "new");
     package_.Install("other", "");
     fs::create_symlink("nowhere", package_.InstalledPath("tool"));
     fs::create_symlink("nowhere", package_.InstalledPath("tool.bak"));
     package_.WriteEntries("tool");
 
-    const TargetFacts facts = Inspect();
+    const TargetFacts facts = Examine();
 
     EXPECT_EQ(facts.state, TargetState::kMissing);
     EXPECT_TRUE(facts.isOccupied);
@@ -59,16 +59,16 @@ TEST_F(InspectionTest, KnowsADanglingLinkAndADanglingBackup) {
     EXPECT_FALSE(facts.hasReference);
 }
 
-TEST_F(InspectionTest, TakesASecondNameOfTheSameFileForNoBackup) {
+TEST_F(TargetFactsTest, TakesASecondNameOfTheSameFileForNoBackup) {
     package_.Bring("tool", "new");
     package_.Install("tool", "old");
     fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     package_.WriteEntries("tool");
 
-    EXPECT_FALSE(Inspect().hasBackup);
+    EXPECT_FALSE(Examine().hasBackup);
 }
 
-TEST_F(InspectionTest, ComparesWithTheLastOfSeveralEntriesFirst) {
+TEST_F(TargetFactsTest, ComparesWithTheLastOfSeveralEntriesFirst) {
     package_.Bring("a/tool", "from a");
     package_.Bring("b/tool", "from b");
     package_.WriteEntries("a/tool,b/tool");
@@ -81,7 +81,7 @@ TEST_F(InspectionTest, ComparesWithTheLastOfSeveralEntriesFirst) {
                  {"else", TargetState::kOld}};
     for (const auto& row : cases) {
         package_.Install("tool", row.content);
-        EXPECT_EQ(Inspect().state, row.state) << row.content;
+        EXPECT_EQ(Examine().state, row.state) << row.content;
     }
 }
 
