@@ -184,6 +184,13 @@ void AddScanRow(int directories) {
                     }
                     if (files.size() != expected) std::abort();
                 })
+        .BesideTimed("find -L, as a process", 0,
+                     [=] {
+                         const std::string command = "find -L " + Tree(directories) + " -type f >/dev/null";
+                         const double before = ProcessorTime();
+                         if (std::system(command.c_str()) != 0) std::abort();
+                         return ProcessorTime() - before;
+                     })
         .AtMostAllocations(static_cast<double>(expected) * (directories == 1000 ? 1.05 : 1.5))
         .Growing("ScanDirectoriesFiles, files", static_cast<double>(expected));
 }

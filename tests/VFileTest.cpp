@@ -1305,6 +1305,23 @@ TEST_F(VFileTest, ListingsTellKindsApartByTheWholeFileTypeField) {
     }
 }
 
+TEST_F(VFileTest, ScanDirectoriesFilesAllocatesLittleMoreThanWhatItReturns) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is the sanitizer's";
+    for (int i = 0; i < 10; ++i) {
+        const std::string directory = "a-directory-with-a-long-name/number" + std::to_string(i) + "/file";
+        for (int j = 0; j < 100; ++j) scratch_.Write(directory + std::to_string(j), "");
+    }
+    Texts files;
+    const long before = heap::Allocations();
+
+    VFile::ScanDirectoriesFiles(scratch_.Path(), files);
+
+    const long allocations = heap::Allocations() - before;
+    EXPECT_EQ(files.size(), 1000u);
+    EXPECT_GE(allocations, 1000) << "one for each path";
+    EXPECT_LE(allocations, 1050) << "and a few for the directories and the list";
+}
+
 TEST_F(VFileTest, ScanDirectoriesFilesPassesOverAnEntryWhoseStatFailsAfterARegularFile) {
     for (const char* const name : {"1", "2", "3"}) scratch_.Write(name, "");
     const Texts names = NamesInStreamOrder(scratch_.Path());

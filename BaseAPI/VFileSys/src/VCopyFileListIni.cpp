@@ -183,7 +183,7 @@ std::string GetFileName(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-void GetKeyItemList(std::string section, std::string key, std::string iniPath,
+void GetKeyItemList(const std::string& section, const std::string& key, const std::string& iniPath,
                     std::vector<std::string>& out) {
     char value[kListValueCapacity] = {};
     // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing that

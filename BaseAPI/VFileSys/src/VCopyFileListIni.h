@@ -29,7 +29,8 @@ std::string GetFileName(std::string path);
 
 // Appends the entries of one key of a file-list section to `out`. A value of more than 4095 bytes counts as
 // missing.
-void GetKeyItemList(std::string section, std::string key, std::string iniPath, std::vector<std::string>& out);
+void GetKeyItemList(const std::string& section, const std::string& key, const std::string& iniPath,
+                    std::vector<std::string>& out);
 
 // Appends the entries of all keys of a file-list section to `out`, key by key in byte-wise order.
 void GetSectionItemList(std::string section, std::string iniPath, std::vector<std::string>& out);
