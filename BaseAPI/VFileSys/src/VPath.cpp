@@ -127,6 +127,7 @@ char* DestinationBehind(char* path, char* begin, char* slash, char* lastSlash) {
 char* RemoveDotsAndRuns(char* path, char* cursor, char* end) {
     while (true) {
         cursor = FindNextRemoval(cursor, end);
+        if (cursor == end) return end;
         // A run of '/' ends the ordinary component before it, a '.' begins the one behind it.
         char* const begin = cursor[1] == '.' ? cursor + 1 : cursor;
         char* slash = begin;
