@@ -333,6 +333,15 @@ TEST_F(CheckTest, FindsTheModeOfANewFileThatWillBeLost) {
     EXPECT_THAT(FindCodes(package_), Contains("W-MODE-LOST"));
 }
 
+TEST_F(CheckTest, SaysNothingOfTheModeOfAFileThatThePackageLacks) {
+    package_.Bring("script", "");
+    EXPECT_EQ(chmod(package_.SourcePath("script").c_str(), 0755), 0);
+    package_.WriteEntries("script,lost,bin/tool");
+
+    const std::vector<std::string> codes = FindCodes(package_);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), "W-MODE-LOST"), 1);
+}
+
 TEST_F(CheckTest, FindsEntriesThatLeaveCommonInOtherWays) {
     for (const char* const entry : {"/etc/passwd", "..", "../secret", "bin/../../../secret", "bin/.."}) {
         package_.WriteEntries(entry);

@@ -115,7 +115,7 @@ private:
     std::map<dev_t, Space> spaces_;
     const std::map<FileId, std::string> programs_ = RunningPrograms();
     const mode_t newMode_ = 0666 & ~CurrentUmask();
-    struct stat source_ {};  // of the entry in hand
+    struct stat source_ {};  // of the entry in hand; empty when the package lacks it
 };
 
 std::vector<Finding> Checker::Run() {
@@ -196,6 +196,7 @@ void Checker::CheckEntry(const Entry& entry) {
         return;
     }
     CheckName(entry);
+    source_ = {};
     const bool hasSource = CheckSource(entry);
     if (HasFileName(entry) && IsUsable(list_.ListOf(entry))) {
         CheckTarget(entry);
