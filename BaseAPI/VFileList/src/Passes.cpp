@@ -35,12 +35,12 @@ bool All(const std::vector<TargetObservation>& targets, Predicate predicate) {
     return std::all_of(targets.begin(), targets.end(), predicate);
 }
 
-// A target without a backup that -copy can't have made, since it has not come so far: an earlier one is
-// missing. A later one that is renamed shows that -rename has passed, and found nothing here.
+// Told while some target is renamed, and none is copied over a backup. With the renamed ones all before it,
+// this one is not copied: -copy has not come so far. One behind it shows that -rename has passed, and found
+// nothing here.
 bool IsStillInstalled(const std::vector<TargetObservation>& targets, std::size_t index) {
     const auto here = targets.begin() + static_cast<std::ptrdiff_t>(index);
-    return std::any_of(targets.begin(), here, [](const auto& target) { return !IsThere(target); }) &&
-           std::none_of(here, targets.end(), IsRenamed);
+    return std::none_of(here, targets.end(), IsRenamed);
 }
 
 PassesReport Next(const char* pass) {
