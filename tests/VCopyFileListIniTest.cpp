@@ -140,6 +140,31 @@ TEST_F(VCopyFileListIniTest, GetFileNameIsWhatStandsBehindTheLastSeparator) {
     EXPECT_EQ(GetFileName(" lib/ a.so "), " a.so ");
 }
 
+TEST_F(VCopyFileListIniTest, GetKeyItemListAppendsTheEntriesOfOneKey) {
+    const std::string list =
+        WriteRawList("[Bin]\na=1,2\nb=3\nempty=\nlonger=" + std::string(4096, 'x') + "\n");
+    std::vector<std::string> entries = {"before"};
+
+    for (const char* const key : {"b", "empty", "longer", "missing", "a"}) {
+        testing::internal::CaptureStderr();
+        GetKeyItemList("Bin", key, list, entries);
+        (void)testing::internal::GetCapturedStderr();
+    }
+
+    EXPECT_THAT(entries, ElementsAre("before", "3", "1", "2"));
+}
+
+TEST_F(VCopyFileListIniTest, ReadInstallTypeIsEmptyWithoutOne) {
+    EXPECT_EQ(ReadInstallType(WriteList("")), "Server");
+    EXPECT_EQ(ReadInstallType(WriteRawList("[Package_Intall_Type]\nPackageInstallType=Server\n")), "");
+}
+
+TEST_F(VCopyFileListIniTest, SourceDirectoryLiesBesideTheFileList) {
+    EXPECT_EQ(SourceDirectory("/pkg/filelist.ini"), "/pkg/Common/");
+    EXPECT_EQ(SourceDirectory("filelist.ini"), "Common/");
+    EXPECT_EQ(SourceDirectory("/filelist.ini"), "/Common/");
+}
+
 TEST_F(VCopyFileListIniTest, ReadIniValueReadsUpTo259Bytes) {
     const std::string longest(259, 'v');
     const std::string list =
