@@ -209,7 +209,7 @@ health HOST'
 way_back_calls='service worker stopped
 service server stopped
 vfilelist rollback LIST --remove-new
-vfilelist verify LIST --expect restored --json
+vfilelist verify LIST --expect restored
 service server started
 service worker started'
 
