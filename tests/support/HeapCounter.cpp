@@ -30,6 +30,12 @@ namespace {
 std::atomic<long> liveBlocks{0};
 std::atomic<long> allocations{0};
 
+bool FailsNow() {
+    if (!calls::FailsNow("malloc")) return false;
+    errno = ENOMEM;
+    return true;
+}
+
 void* Counted(void* block) {
     if (block != nullptr) {
         liveBlocks.fetch_add(1, std::memory_order_relaxed);
@@ -64,12 +70,14 @@ VFS_TEST_EXPORT void* malloc(size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
+    if (FailsNow()) return nullptr;
     return Counted(__libc_malloc(size));
 }
 VFS_TEST_EXPORT void* calloc(size_t count, size_t size) {
-    return Counted(__libc_calloc(count, size));
+    return FailsNow() ? nullptr : Counted(__libc_calloc(count, size));
 }
 VFS_TEST_EXPORT void* realloc(void* block, size_t size) {
+    if (FailsNow()) return nullptr;
     if (block == nullptr) return Counted(__libc_realloc(nullptr, size));
     return __libc_realloc(block, size);
 }

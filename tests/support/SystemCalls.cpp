@@ -22,13 +22,30 @@ VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_HOOK)
 
 bool calls::snprintfFails = false;
 bool calls::sprintfFails = false;
+bool (*calls::failsNow)(const char*) = nullptr;
+
+namespace {
+thread_local int pauses = 0;
+}
+
+bool calls::FailsNow(const char* call) {
+    return failsNow != nullptr && pauses == 0 && failsNow(call);
+}
+
+calls::WithoutFaults::WithoutFaults() {
+    ++pauses;
+}
+
+calls::WithoutFaults::~WithoutFaults() {
+    --pauses;
+}
 
 extern "C" __attribute__((visibility("default"))) int VfsTest_snprintf_s(char*, size_t, size_t, const char*,
                                                                          ...) __asm__("snprintf_s");
 extern "C" __attribute__((format(printf, 4, 5))) int VfsTest_snprintf_s(char* dest, size_t destMax,
                                                                         size_t count, const char* format,
                                                                         ...) {
-    if (calls::snprintfFails) return -1;
+    if (calls::snprintfFails || calls::FailsNow("snprintf_s")) return -1;
     va_list arguments;
     va_start(arguments, format);
     const int length = vsnprintf(dest, destMax, format, arguments);
@@ -40,7 +57,7 @@ extern "C" __attribute__((visibility("default"))) int VfsTest_sprintf_s(char*, s
                                                                         ...) __asm__("sprintf_s");
 extern "C" __attribute__((format(printf, 3, 4))) int VfsTest_sprintf_s(char* dest, size_t destMax,
                                                                        const char* format, ...) {
-    if (calls::sprintfFails) return -1;
+    if (calls::sprintfFails || calls::FailsNow("sprintf_s")) return -1;
     va_list arguments;
     va_start(arguments, format);
     const int length = vsnprintf(dest, destMax, format, arguments);

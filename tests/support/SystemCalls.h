@@ -11,6 +11,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <zlib.h>
 
 #include <cstdint>
@@ -36,7 +37,9 @@
     X(int, fflush, (FILE * file), (file))                                                                   \
     X(char*, fgets, (char* line, int size, FILE* file), (line, size, file))                                 \
     X(FILE*, fopen, (const char* path, const char* mode), (path, mode))                                     \
+    X(FILE*, fopen64, (const char* path, const char* mode), (path, mode))                                   \
     X(size_t, fread, (void* data, size_t size, size_t count, FILE* file), (data, size, count, file))        \
+    X(int, fstat, (int fd, struct stat* status), (fd, status))                                              \
     X(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file), (data, size, count, file)) \
     X(char*, getcwd, (char* buffer, size_t size), (buffer, size))                                           \
     X(ssize_t, getline, (char** line, size_t* capacity, FILE* file), (line, capacity, file))                \
@@ -48,6 +51,7 @@
     X(int, inotify_add_watch, (int fd, const char* path, uint32_t mask), (fd, path, mask))                  \
     X(int, inotify_init, (), ())                                                                            \
     X(int, lchown, (const char* path, uid_t user, gid_t group), (path, user, group))                        \
+    X(off64_t, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence))                         \
     X(int, memmove_s, (void* dest, size_t destMax, const void* src, size_t count),                          \
       (dest, destMax, src, count))                                                                          \
     X(int, memset_s, (void* dest, size_t destMax, int value, size_t count), (dest, destMax, value, count))  \
@@ -65,11 +69,14 @@
     X(int, remove, (const char* path), (path))                                                              \
     X(int, rename, (const char* from, const char* to), (from, to))                                          \
     X(int, rmdir, (const char* path), (path))                                                               \
+    X(int, setvbuf, (FILE * file, char* buffer, int mode, size_t size), (file, buffer, mode, size))         \
     X(int, stat, (const char* path, struct stat* status), (path, status))                                   \
     X(int, strcpy_s, (char* dest, size_t destMax, const char* src), (dest, destMax, src))                   \
     X(int, strncpy_s, (char* dest, size_t destMax, const char* src, size_t count),                          \
       (dest, destMax, src, count))                                                                          \
-    X(int, system, (const char* command), (command))
+    X(int, system, (const char* command), (command))                                                        \
+    X(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))                            \
+    X(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 
 namespace calls {
 
@@ -103,6 +110,22 @@ extern bool sprintfFails;
 
 // Makes every operator new throw std::bad_alloc.
 extern bool newFails;
+
+// Asked by every allocation, by the two formatting functions, and by whatever else a test lets ask it: true
+// makes the call fail. It must not allocate.
+extern bool (*failsNow)(const char* call);
+// What failsNow says; false while it is null or this thread does not ask.
+bool FailsNow(const char* call);
+
+// What a test double needs does not fail with what the library needs: while it lives, its thread does not
+// ask failsNow.
+class WithoutFaults {
+public:
+    WithoutFaults();
+    ~WithoutFaults();
+    WithoutFaults(const WithoutFaults&) = delete;
+    WithoutFaults& operator=(const WithoutFaults&) = delete;
+};
 
 // Makes the allocation of exactly `size` bytes by malloc fail while it is not 0.
 extern size_t failingMallocSize;

@@ -1,0 +1,109 @@
+#include "FaultGate.h"
+
+#include <cerrno>
+#include <cstring>
+#include <type_traits>
+
+#include "SystemCalls.h"
+#include "VIni.h"
+
+namespace {
+
+// Nothing here may allocate: allocations ask the gate, too.
+struct Counter {
+    const char* call;
+    long count;
+};
+Counter counters[96];
+char faultyCall[32];
+long faultyN;
+bool isOnwards;
+int faultyError;
+
+long Count(const char* call) {
+    Counter* counter = counters;
+    while (counter->call != nullptr && std::strcmp(counter->call, call) != 0) ++counter;
+    counter->call = call;
+    return ++counter->count;
+}
+
+bool IsFaulty(const char* call) {
+    const long count = Count(call);
+    if (std::strcmp(call, faultyCall) != 0 || count < faultyN) return false;
+    if (count > faultyN && !isOnwards) return false;
+    errno = faultyError;
+    return true;
+}
+
+bool IsOneOf(const char* call, std::initializer_list<const char*> names) {
+    for (const char* const name : names) {
+        if (std::strcmp(name, call) == 0) return true;
+    }
+    return false;
+}
+
+// Those that release something, whatever they say of it.
+bool Releases(const char* call) {
+    return IsOneOf(call, {"close", "closedir", "deflateEnd", "fclose", "inflateEnd", "pclose"});
+}
+
+// What the call gives when it fails.
+template <typename Result>
+Result Failure(const char* call) {
+    if constexpr (std::is_pointer_v<Result>) {
+        return nullptr;
+    } else if constexpr (std::is_same_v<Result, size_t>) {
+        return 0;
+    } else {
+        if (IsOneOf(call, {"memmove_s", "memset_s", "strcpy_s", "strncpy_s"})) return EINVAL;
+        if (IsOneOf(call, {"compress", "deflate", "deflateEnd", "deflateInit2_", "inflate", "inflateEnd",
+                           "inflateInit2_"})) {
+            return Z_MEM_ERROR;
+        }
+        if (IsOneOf(call, {"pthread_create"})) return faultyError;
+        return -1;
+    }
+}
+
+// The user database keeps what it has read, and reads it again after a failure: its memory is its own.
+bool HasMemoryOfItsOwn(const char* call) {
+    return IsOneOf(call, {"getpwnam"});
+}
+
+// Stands in front of each platform call for as long as the program runs.
+#define VFS_TEST_DEFINE_GATE(result, name, parameters, arguments)              \
+    const Replaced gateOf_##name(calls::name, [] parameters -> result {        \
+        if (!calls::FailsNow(#name)) {                                         \
+            if (!HasMemoryOfItsOwn(#name)) return calls::real::name arguments; \
+            const calls::WithoutFaults paused;                                 \
+            return calls::real::name arguments;                                \
+        }                                                                      \
+        if (Releases(#name)) {                                                 \
+            (void)calls::real::name arguments;                                 \
+            errno = faultyError;                                               \
+        }                                                                      \
+        return Failure<result>(#name);                                         \
+    });
+VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_GATE)
+
+}  // namespace
+
+void gate::Open(const Fault& fault) {
+    fault.call.copy(faultyCall, sizeof(faultyCall) - 1);
+    faultyN = fault.n;
+    isOnwards = fault.isOnwards;
+    faultyError = fault.error;
+    calls::failsNow = IsFaulty;
+}
+
+void gate::Close() {
+    calls::failsNow = nullptr;
+}
+
+std::map<std::string, long> gate::Counts() {
+    std::map<std::string, long> counts;
+    for (const Counter& counter : counters) {
+        if (counter.call != nullptr) counts[counter.call] = counter.count;
+    }
+    return counts;
+}
