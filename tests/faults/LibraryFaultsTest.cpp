@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <vector>
 
+#include "FaultTexts.h"
 #include "Process.h"
 #include "Sweep.h"
 #include "SystemCalls.h"
@@ -22,31 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const char kBadAlloc[] = "St9bad_alloc";
-
-void Nothing() {}
-
-void Write(const std::string& name, const std::string& content) {
-    std::ofstream(name) << content;
-}
-
-std::string Text(long value) {
-    const int error = errno;
-    const calls::WithoutFaults paused;
-    std::string text = std::to_string(value);
-    errno = error;
-    return text;
-}
-
-std::string Text(const char* text) {
-    const calls::WithoutFaults paused;
-    return text;
-}
-
-std::string Pattern(std::size_t size) {
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) text += static_cast<char>('a' + i % 23);
-    return text;
-}
 
 TEST(LibraryFaultsTest, ResolveARelativePath) {
     Sweep sweep("VPath of a relative text", {Nothing, [] {
