@@ -1,7 +1,10 @@
 #include "FaultGate.h"
 
+#include <dlfcn.h>
+
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <type_traits>
 
 #include "SystemCalls.h"
@@ -65,6 +68,12 @@ Result Failure(const char* call) {
     }
 }
 
+// The definition of a function behind this program's own.
+template <typename Function>
+Function Next(const char* symbol) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol));
+}
+
 // The user database keeps what it has read, and reads it again after a failure: its memory is its own.
 bool HasMemoryOfItsOwn(const char* call) {
     return IsOneOf(call, {"getpwnam"});
@@ -87,6 +96,26 @@ bool HasMemoryOfItsOwn(const char* call) {
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_GATE)
 
 }  // namespace
+
+// The INI reader's two operations, as calls among the others. What the reader calls itself is its own.
+
+int VIni::IniGetString(const char* section, const char* key, const char* defaultValue, char* buffer,
+                       int bufferSize, const char* iniPath) {
+    static const auto next = Next<decltype(&VIni::IniGetString)>("_ZN4VIni12IniGetStringEPKcS1_S1_PciS1_");
+    const bool fails = calls::FailsNow("IniGetString");
+    const calls::WithoutFaults paused;
+    return next(section, fails ? "no such key" : key, defaultValue, buffer, bufferSize, iniPath);
+}
+
+int VIni::IniGetStringItems(const char* section, std::set<std::string>& keys, const char* iniPath) {
+    static const auto next = Next<decltype(&VIni::IniGetStringItems)>(
+        "_ZN4VIni17IniGetStringItemsEPKcRSt3setINSt7__cxx1112basic_stringIcSt11char_"
+        "traitsIcESaIcEEESt4lessIS8_"
+        "ESaIS8_EES1_");
+    const bool fails = calls::FailsNow("IniGetStringItems");
+    const calls::WithoutFaults paused;
+    return next(fails ? "no such section" : section, keys, iniPath);
+}
 
 void gate::Open(const Fault& fault) {
     fault.call.copy(faultyCall, sizeof(faultyCall) - 1);

@@ -131,14 +131,18 @@ Outcome RunHere(const Operation& operation, const Fault& fault) {
         outcome.calls += call + " " + std::to_string(count) + " ";
         if (call == fault.call && count >= fault.n) outcome.hits = fault.isOnwards ? count - fault.n + 1 : 1;
     }
+    outcome.dir = dir;
+    outcome.afterwards = operation.afterwards();
     return outcome;
 }
 
 void Send(int fd, const Outcome& outcome) {
-    const std::string text = nlohmann::json{
-        {"result", outcome.result}, {"error", outcome.error}, {"log", outcome.log},
-        {"files", outcome.files},   {"leaks", outcome.leaks}, {"hits", outcome.hits},
-        {"calls", outcome.calls}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    const std::string text =
+        nlohmann::json{
+            {"result", outcome.result}, {"error", outcome.error}, {"log", outcome.log},
+            {"files", outcome.files},   {"leaks", outcome.leaks}, {"hits", outcome.hits},
+            {"calls", outcome.calls},   {"dir", outcome.dir},     {"afterwards", outcome.afterwards}}
+            .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     for (std::size_t sent = 0; sent < text.size();) {
         const ssize_t size = write(fd, text.data() + sent, text.size() - sent);
         if (size <= 0) _exit(3);
@@ -168,6 +172,8 @@ Outcome Received(const std::string& text, int waitStatus) {
     outcome.leaks = json["leaks"];
     outcome.hits = json["hits"];
     outcome.calls = json["calls"];
+    outcome.dir = json["dir"];
+    outcome.afterwards = json["afterwards"];
     return outcome;
 }
 

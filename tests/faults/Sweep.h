@@ -16,10 +16,12 @@ struct Outcome {
     std::string result;            // as the operation's function gives it
     int error = 0;                 // errno behind the operation
     std::vector<std::string> log;  // "function level text"
-    std::string files;  // "name=content" of all files, in order of their names; directories end in '/'
-    std::string leaks;  // descriptors or heap blocks left, or how the process died; empty if all is well
-    long hits = 0;      // how many calls failed
-    std::string calls;  // "name count" of each call
+    std::string files;       // "name=content" of all files, in order of their names; directories end in '/'
+    std::string leaks;       // descriptors or heap blocks left, or how the process died; empty if all is well
+    long hits = 0;           // how many calls failed
+    std::string calls;       // "name count" of each call
+    std::string dir;         // the run's own directory
+    std::string afterwards;  // as the operation's second function gives it
 };
 
 // An operation in a directory of its own, which is the working directory.
@@ -32,6 +34,8 @@ struct Operation {
     // It can be run once in a process's life only. Heap blocks are not counted then, since there is no run
     // before it that makes what is made once.
     bool endsWithTheProcess = false;
+    // Runs without faults, when all else has been looked at.
+    std::function<std::string()> afterwards = [] { return std::string(); };
 };
 
 Outcome RunWithFault(const Operation& operation, const Fault& fault);

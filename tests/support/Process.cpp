@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <stdexcept>
 
 namespace {
@@ -139,8 +140,9 @@ void RunThisTestInPrivateNamespace(const std::vector<std::string>& options) {
         RunProcess(Concatenate(PrivateNamespace(options), command),
                    {"TMPDIR=/tmp", "GTEST_OUTPUT=", std::string(kInsideVariable) + "=1"});
 
-    EXPECT_EQ(run.exitStatus, 0) << run.out << run.err;
-    EXPECT_NE(run.out.find("[       OK ] " + name), std::string::npos) << run.out << run.err;
+    std::cout << run.out;
+    EXPECT_EQ(run.exitStatus, 0) << run.err;
+    EXPECT_NE(run.out.find("[       OK ] " + name), std::string::npos) << run.err;
 }
 
 std::vector<std::string> Concatenate(std::vector<std::string> left, const std::vector<std::string>& right) {
