@@ -2,8 +2,10 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <set>
 #include <type_traits>
 
@@ -118,7 +120,8 @@ int VIni::IniGetStringItems(const char* section, std::set<std::string>& keys, co
 }
 
 void gate::Open(const Fault& fault) {
-    fault.call.copy(faultyCall, sizeof(faultyCall) - 1);
+    std::fill(std::begin(counters), std::end(counters), Counter{nullptr, 0});
+    faultyCall[fault.call.copy(faultyCall, sizeof(faultyCall) - 1)] = '\0';
     faultyN = fault.n;
     isOnwards = fault.isOnwards;
     faultyError = fault.error;

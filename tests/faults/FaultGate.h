@@ -14,11 +14,11 @@ struct Fault {
 
 namespace gate {
 
-// While it is open, calls are counted and `fault` happens. Opens once in a process's life.
+// While it is open, calls are counted, from 0 on, and `fault` happens.
 void Open(const Fault& fault);
 void Close();
 
-// How often each call was made while the gate was open.
+// How often each call was made while the gate was open last.
 std::map<std::string, long> Counts();
 
 }  // namespace gate

@@ -4,7 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
+#include <iostream>
+#include <random>
+#include <sstream>
 
 #include "FaultTexts.h"
 #include "Process.h"
@@ -175,6 +179,63 @@ protected:
         });
     }
 };
+
+// Those that may fail in a pass, and how often a pass makes them.
+std::map<std::string, long> CallsOf(const Operation& operation) {
+    std::map<std::string, long> calls;
+    std::istringstream text(RunWithFault(operation, {"", 0, false, 0}).calls);
+    std::string call;
+    long count = 0;
+    while (text >> call >> count) calls[call] = count;
+    return calls;
+}
+
+Fault RandomFault(std::mt19937& random, const std::map<std::string, long>& calls) {
+    auto call = calls.begin();
+    std::advance(call, random() % calls.size());
+    const int errors[] = {ENOENT, EACCES, EIO, ENOSPC};
+    return {call->first, 1 + static_cast<long>(random()) % call->second, random() % 2 == 0,
+            errors[random() % 4]};
+}
+
+// A pass fails somewhere, the attempt to repeat it fails somewhere else, and the one behind it ends well.
+TEST_F(UpgradeFaultsTest, AThousandPairsOfFaults) {
+    CONTINUE_IN_PRIVATE_NAMESPACE({});
+    constexpr int kPairs = 1000;
+    std::mt19937 random(20261121);
+    const std::vector<std::vector<const char*>> passes = {
+        {"-rename"}, {"-rename", "-copy"}, {"-rename", "-copy", "-clean"}};
+    std::vector<std::map<std::string, long>> calls(passes.size());
+    for (int i = 0; i < kPairs; ++i) {
+        const std::size_t which = random() % passes.size();
+        const std::string pass = passes[which].back();
+        Operation operation;
+        operation.prepare = [&] {
+            MakeInstalledFiles();
+            for (std::size_t k = 0; k < which; ++k) ASSERT_EQ(RunPass(passes[which][k]), 0);
+        };
+        operation.run = [pass] { return Text(RunPass(pass.c_str())); };
+        if (calls[which].empty()) calls[which] = CallsOf(operation);
+        const Fault first = RandomFault(random, calls[which]);
+        const Fault second = RandomFault(random, calls[which]);
+        operation.afterwards = [&second, pass] {
+            std::string wrong = WhatIsLost(pass);
+            gate::Open(second);
+            (void)RunPass(pass.c_str());
+            gate::Close();
+            wrong += WhatIsLost(pass);
+            wrong += RunTheRest(pass);
+            return wrong + WhatIsWrongInTheEnd();
+        };
+
+        const Outcome outcome = RunWithFault(operation, first);
+
+        EXPECT_EQ(outcome.leaks + outcome.afterwards, "")
+            << "pair " << i << ": " << pass << ", " << first.call << " " << first.n << ", then "
+            << second.call << " " << second.n;
+    }
+    std::cout << "Faults: pairs of faults: " << kPairs << " points, " << kPairs << " runs\n";
+}
 
 TEST_F(UpgradeFaultsTest, Rename) {
     CONTINUE_IN_PRIVATE_NAMESPACE({});
