@@ -85,6 +85,9 @@ public:
     Row& Expect(const std::string& call, long n, const std::string& result);
     Row& Expect(const std::string& call, long first, long last, const std::string& result);
 
+    // How often this call is made differs from run to run: a fault may come too late to happen.
+    void CountVaries(const std::string& call);
+
     // Judges by itself; the rows are not asked then. `normal` is the outcome without a fault.
     using Judge = std::function<void(const Fault& fault, const Outcome& outcome, const Outcome& normal)>;
     // Every call fails once, and all from it on, with three values of errno; every allocation, too. Prints
@@ -97,6 +100,7 @@ private:
 
     std::string name_;
     Operation operation_;
+    std::string varyingCall_;
     std::vector<Row> rows_;
 };
 
