@@ -14,6 +14,11 @@ if(VFILESYS_SANITIZE)
   target_compile_options(vfs_build_flags INTERFACE
     -fsanitize=${VFILESYS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(vfs_build_flags INTERFACE -fsanitize=${VFILESYS_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # clang's sanitizers are part of the program, so that a library has undefined names. Takes back what the
+    # libraries ask for themselves.
+    target_link_options(vfs_build_flags INTERFACE LINKER:-z,undefs)
+  endif()
 else()
   # Fortified functions need the optimiser; they are switched off again in the few sources whose calls
   # they would rename (see BaseAPI/VFileSys/CMakeLists.txt).
@@ -25,6 +30,10 @@ else()
   elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
     target_compile_options(vfs_build_flags INTERFACE -mbranch-protection=standard)
   endif()
+endif()
+if(VFILESYS_BUILD_FUZZERS)
+  # Tells the fuzzing engine which branches an input reaches.
+  target_compile_options(vfs_build_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 target_link_options(vfs_build_flags INTERFACE LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
 

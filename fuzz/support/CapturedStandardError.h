@@ -1,0 +1,34 @@
+// Keeps what is written to `stderr`, the stream, for as long as it lives: quiet, and there to be judged. What
+// the engine and the sanitizers print is not concerned.
+#ifndef FUZZ_SUPPORT_CAPTUREDSTANDARDERROR_H
+#define FUZZ_SUPPORT_CAPTUREDSTANDARDERROR_H
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+class CapturedStandardError {
+public:
+    CapturedStandardError() : stream_(open_memstream(&text_, &size_)), old_(std::exchange(stderr, stream_)) {}
+    ~CapturedStandardError() {
+        stderr = old_;
+        (void)std::fclose(stream_);
+        std::free(text_);
+    }
+    CapturedStandardError(const CapturedStandardError&) = delete;
+    CapturedStandardError& operator=(const CapturedStandardError&) = delete;
+
+    std::string Text() const {
+        (void)std::fflush(stream_);
+        return std::string(text_, size_);
+    }
+
+private:
+    char* text_ = nullptr;
+    std::size_t size_ = 0;
+    FILE* stream_;
+    FILE* old_;
+};
+
+#endif
