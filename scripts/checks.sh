@@ -11,6 +11,7 @@ asan      build,test              ... also with AddressSanitizer and UndefinedBe
 tsan      build,test,tsan         ... also with ThreadSanitizer
 tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
 symbols   build,test              the libraries export and import exactly the listed names
+fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
 install   build                   an outside project builds against the installed package
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
@@ -79,6 +80,12 @@ check_symbols() {
             "build/$preset/BaseAPI/VCopyFileListIni/VCopyFileListIni" \
             "build/$preset/BaseAPI/VFileList/vfilelist"
     done
+}
+
+check_fuzz() {
+    prepare_fuzzers
+    run_fuzz_seeds "${all_fuzz_targets[@]}"
+    fuzz 6 "${all_fuzz_targets[@]}"
 }
 
 check_install() {
