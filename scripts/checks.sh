@@ -11,7 +11,13 @@ asan      build,test              ... also with AddressSanitizer and UndefinedBe
 tsan      build,test,tsan         ... also with ThreadSanitizer
 tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
 symbols   build,test              the libraries export and import exactly the listed names
+hardening build                   what is installed has the protections that the build asks for
+abi       build,test,abi          the binary interface is the one that programs rely on
+faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
+crash     build,test              an upgrade may be killed before each of its system calls
 fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
+valgrind  build,test,valgrind     memcheck has nothing to say about the tests
+delivered build,test              every test passes with the libraries as they are installed
 install   build                   an outside project builds against the installed package
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
@@ -86,6 +92,87 @@ check_fuzz() {
     prepare_fuzzers
     run_fuzz_seeds "${all_fuzz_targets[@]}"
     fuzz 6 "${all_fuzz_targets[@]}"
+}
+
+# The release as it is installed, in build/installed.
+install_release() {
+    configure release
+    build release
+    rm -rf build/installed
+    quietly "Installing into build/installed" cmake --install build/release --prefix "$PWD/build/installed"
+}
+
+installed_binaries() { find build/installed \( -name '*.so' -o -path '*/bin/*' \) -type f | sort; }
+
+check_hardening() {
+    local -a binaries
+    install_release
+    mapfile -t binaries < <(installed_binaries)
+    tests/hardening/check.sh "${binaries[@]}"
+}
+
+check_abi() {
+    configure default
+    build default VFileSys
+    tests/abi/check.sh build/default/BaseAPI/VFileSys/libVFileSys.so BaseAPI/VFileSys/include
+}
+
+# Runs a test program whole, shows what it covered, and adds it up. Its whole log is shown only if it fails.
+run_sweep() {  # PROGRAM PATTERN
+    local log status=0
+    log=$(mktemp)
+    "$1" >"$log" 2>&1 || status=$?
+    if ((status != 0)); then cat "$log" >&2; fi
+    grep -hE "$2" "$log" | sort -u || true
+    awk -v pattern="$2" '
+        $0 ~ pattern && !seen[$0]++ {
+            for (i = 2; i <= NF; ++i) {
+                if ($i ~ /^points/) points += $(i - 1)
+                if ($i ~ /^runs/) runs += $(i - 1)
+            }
+        }
+        END { if (runs > 0) printf "%d points, %d runs\n", points, runs }' "$log"
+    grep -E '^\[  (PASSED|SKIPPED|FAILED) ' "$log" | tail -1
+    rm "$log"
+    return "$status"
+}
+
+check_faults() {
+    configure default
+    build default fault_tests
+    run_sweep build/default/tests/fault_tests '^Faults: '
+}
+
+check_crash() {
+    configure default
+    build default killed_upgrade_tests
+    run_sweep build/default/tests/killed_upgrade_tests 'killed at system calls'
+}
+
+# The tests' own heap counter steps aside for memcheck's. What is not ours and only started by tests is not watched.
+check_valgrind() {
+    local program logs=build/default/valgrind
+    configure default
+    build default
+    rm -rf "$logs"
+    mkdir -p "$logs"
+    for program in vfilesys_tests platform_tests process_tests vfilelist_tests; do
+        note "$program ..."
+        valgrind --quiet --soname-synonyms=somalloc=NONE --leak-check=full --errors-for-leak-kinds=definite,indirect \
+            --track-fds=yes --error-exitcode=99 --trace-children=yes --trace-children-skip='/bin/*,/usr/bin/*' \
+            --log-file="$PWD/$logs/$program.%p" "build/default/tests/$program" --gtest_brief=1 >"$logs/$program.out" 2>&1 ||
+            { cat "$logs/$program.out" "$logs/$program".[0-9]* >&2; return 1; }
+        grep -E '^\[  (PASSED|SKIPPED) ' "$logs/$program.out" || true
+    done
+    note "$(find "$logs" -name '*.[0-9]*' | wc -l) processes watched"
+}
+
+# The tests are those of a build of the same kind; the libraries that they run on are the installed ones.
+check_delivered() {
+    install_release
+    configure delivered
+    build delivered
+    LD_LIBRARY_PATH=$PWD/build/installed/lib run_tests delivered
 }
 
 check_install() {

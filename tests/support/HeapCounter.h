@@ -4,7 +4,7 @@
 
 namespace heap {
 
-// False where a sanitizer owns the heap: it finds leaks itself, and the counts below stay 0.
+// False where a sanitizer or memcheck owns the heap: it finds leaks itself, and the counts below stay 0.
 bool IsCounted();
 // Blocks that are allocated and not freed now.
 long LiveBlocks();
