@@ -15,6 +15,7 @@ hardening build                   what is installed has the protections that the
 abi       build,test,abi          the binary interface is the one that programs rely on
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
+soak      build,test              a hundred times the repetitions: random paths, firewall passes, long use
 fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
 valgrind  build,test,valgrind     memcheck has nothing to say about the tests
 delivered build,test              every test passes with the libraries as they are installed
@@ -147,6 +148,13 @@ check_crash() {
     configure default
     build default killed_upgrade_tests
     run_sweep build/default/tests/killed_upgrade_tests 'killed at system calls'
+}
+
+check_soak() {
+    configure default
+    build default vfilesys_tests
+    VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
+        --gtest_filter='VPathTest.AgreesWith*:*WithoutGrowing:ConcurrencyTest.Long*'
 }
 
 # The tests' own heap counter steps aside for memcheck's. What is not ours and only started by tests is not watched.

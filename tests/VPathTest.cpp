@@ -14,6 +14,7 @@
 
 #include "PathModel.h"
 #include "Resources.h"
+#include "Scale.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
 
@@ -758,14 +759,14 @@ void GoDown(const std::string& path, std::size_t from) {
 }
 
 // A sanitizer makes everything many times slower.
-int Rounds(int count) {
-    return heap::IsCounted() ? count : count / 20;
+long Rounds(long count) {
+    return heap::IsCounted() ? count * TestScale() : count / 20;
 }
 
-void CompareWithModel(const std::string& workingDirectory, unsigned seed, int shortTexts, int longTexts) {
+void CompareWithModel(const std::string& workingDirectory, unsigned seed, long shortTexts, long longTexts) {
     TextMaker maker(seed);
     VPath path("/");
-    for (int i = 0; i < shortTexts + longTexts; ++i) {
+    for (long i = 0; i < shortTexts + longTexts; ++i) {
         const std::string text = i < shortTexts ? maker.Make(maker.Pick(12)) : maker.MakeLong();
         path.ResolvePath(text.c_str());
         ASSERT_EQ(ResultOf(path), ModelOfResolve(text, workingDirectory)) << "text: " << text;
@@ -774,12 +775,12 @@ void CompareWithModel(const std::string& workingDirectory, unsigned seed, int sh
 
 TEST_F(VPathTest, AgreesWithTheModelInTheRootDirectory) {
     const WorkingDirectory here("/");
-    CompareWithModel("/", 1, Rounds(200000), Rounds(2000));
+    CompareWithModel("/", 1, Rounds(500000), Rounds(2000));
 }
 
 TEST_F(VPathTest, AgreesWithTheModelInAShortDirectory) {
     const WorkingDirectory here("/usr");
-    CompareWithModel("/usr", 2, Rounds(200000), Rounds(2000));
+    CompareWithModel("/usr", 2, Rounds(500000), Rounds(2000));
 }
 
 TEST_F(VPathTest, AgreesWithTheModelInVeryLongDirectories) {
@@ -807,7 +808,7 @@ TEST_F(VPathTest, IsInvalidWhenTheWorkingDirectoryIsLongerThanThePathCanHold) {
 TEST_F(VPathTest, AgreesWithTheModelOnJoins) {
     TextMaker maker(3);
     VPath path("/");
-    for (int i = 0; i < Rounds(50000); ++i) {
+    for (long i = 0; i < Rounds(50000); ++i) {
         const std::string before = StoredText(path);
         const std::string tail = maker.Make(maker.Pick(8));
         const std::optional<std::string> expected = ModelOfJoin(before, tail);

@@ -13,13 +13,16 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <iostream>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "Process.h"
 #include "Resources.h"
+#include "Scale.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
 
@@ -207,6 +210,33 @@ TEST_F(VFixFirewallTest, RepairsUntilItIsStopped) {
         const std::vector<LogLine> pass = PassLines({Output("repaired\n"), Status(0)});
         EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(Joined({pass, pass, pass, pass, pass}))));
     });
+}
+
+TEST_F(VFixFirewallTest, GoesOnForAnyNumberOfPassesWithoutGrowing) {
+    const long passes = 1000 * TestScale();
+    InChild([passes] {
+        const Replaced start(calls::popen, InHelpersPlace("echo repaired"));
+        std::atomic<long> sleeps{0};
+        long blocks = 0;
+        int descriptors = 0;
+        const Replaced sleep(calls::nanosleep, [&](const timespec*, timespec*) {
+            LogRecorder::Clear();
+            ++sleeps;
+            if (sleeps == 10) {
+                blocks = heap::LiveBlocks();
+                descriptors = OpenDescriptors();
+            }
+            if (sleeps < passes) return 0;
+            EXPECT_EQ(heap::LiveBlocks(), blocks);
+            EXPECT_EQ(OpenDescriptors(), descriptors);
+            VFixFirewall::FixFirewallStop();
+            return 0;
+        });
+        VFixFirewall::FixFirewallStart();
+        while (sleeps < passes) std::this_thread::yield();
+        EXPECT_TRUE(LogRecorder::WaitFor("FixFirewallThread exit"));
+    });
+    std::cout << "Soak: " << passes << " passes of the firewall fixer\n";
 }
 
 TEST_F(VFixFirewallTest, GoesOnWhenASignalShortensItsSleep) {
