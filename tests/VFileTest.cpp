@@ -983,6 +983,24 @@ TEST_F(VFileTest, VCopyFileOfALargeFileReadsAndWritesBlocksOf2048Bytes) {
     EXPECT_THAT(Sizes(sizes.begin(), sizes.end() - 2), testing::Each(2048u));
 }
 
+TEST_F(VFileTest, VCopyFileCopiesALargeFileWhoseStatusCannotBeTold) {
+    const std::string source = scratch_.Write("source", Bytes(200000));
+    for (const int answers : {0, 1}) {
+        int questions = 0;
+        const Replaced replaced(calls::fstat, [&](int fd, struct stat* status) {
+            if (questions++ != answers) return calls::real::fstat(fd, status);
+            errno = EIO;
+            return -1;
+        });
+
+        EXPECT_EQ(Copy(source, scratch_.Path("copy")), 0);
+
+        EXPECT_EQ(scratch_.Read("copy"), Bytes(200000)) << answers;
+        EXPECT_GT(questions, answers);
+        fs::remove(scratch_.Path("copy"));
+    }
+}
+
 TEST_F(VFileTest, VCopyFileOfALargeFileStopsAtAShortWriteThatIsNoErrorOfTheDisk) {
     const std::string source = scratch_.Write("source", Bytes(100000));
     int writes = 0;

@@ -275,6 +275,17 @@ TEST_F(VPathTest, IsInvalidWhenACopyReportsAnError) {
     }
 }
 
+TEST_F(VPathTest, IsInvalidWhenItsOwnTextCannotBeSetAside) {
+    VPath path("/a/b");
+    const PathText text = path.RealPath();
+    {
+        const Replaced replaced(calls::strcpy_s, [](char*, size_t, const char*) { return ERANGE; });
+        path.ResolvePath(text.text);
+    }
+
+    EXPECT_FALSE(IsValid(path));
+}
+
 TEST_F(VPathTest, DeliberatelyStaysValidWhenABlockCannotBeMoved) {
     VPath path("/old");
     {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -17,12 +18,15 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "Sanitizer.h"
+#include "SystemCalls.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -36,6 +40,15 @@ std::vector<std::string> CodesOf(const std::vector<Finding>& findings) {
     std::vector<std::string> codes;
     for (const Finding& finding : findings) codes.emplace_back(finding.kind->code);
     return codes;
+}
+
+// What is said of the findings with this code.
+std::vector<std::string> DetailsOf(const std::string& code, const Package& package) {
+    std::vector<std::string> details;
+    for (const Finding& finding : Find(package)) {
+        if (finding.kind->code == code) details.push_back(finding.detail);
+    }
+    return details;
 }
 
 std::vector<std::string> FindCodes(const Package& package) {
@@ -444,6 +457,184 @@ TEST_F(CheckTest, ShowsAKindOnceWithAllItsPlaces) {
     EXPECT_THAT(text, HasSubstr("[Bin] f: gone -> " + package_.SourcePath("gone")));
     EXPECT_THAT(text, HasSubstr("What happens: -copy fails there"));
     EXPECT_THAT(text, HasSubstr("What to do:   Add the file"));
+}
+
+TEST_F(CheckTest, SeesBlanksOnEitherSideOfAnEntry) {
+    for (const char* const entry : {" tool", "\ttool", "tool ", "tool\t"}) {
+        package_.WriteEntries("bin/tool," + std::string(entry) + ",bin/tool");
+        EXPECT_THAT(DetailsOf("W-ENTRY-BLANKS", package_), ElementsAre("\"" + std::string(entry) + "\""));
+    }
+}
+
+TEST_F(CheckTest, TakesAFileBelowAFileForMissing) {
+    package_.WriteEntries("bin/tool/below");
+
+    EXPECT_THAT(DetailsOf("E-SOURCE-MISSING", package_), ElementsAre(""));
+}
+
+TEST_F(CheckTest, SaysWhatIsNoRegularFile) {
+    package_.WriteEntries("bin");
+    EXPECT_THAT(DetailsOf("E-SOURCE-NOT-REGULAR", package_), ElementsAre("a directory"));
+    MakePipe(package_.SourcePath("pipe"));
+    package_.WriteEntries("pipe");
+    EXPECT_THAT(DetailsOf("E-SOURCE-NOT-REGULAR", package_), ElementsAre("a special file"));
+}
+
+TEST_F(CheckTest, FindsAPackagesFileThatCannotBeOpened) {
+    const std::string source = package_.SourcePath("bin/tool");
+    const Replaced replaced(calls::open, [&source](const char* path, int flags, mode_t mode) {
+        if (path != source) return calls::real::open(path, flags, mode);
+        errno = EACCES;
+        return -1;
+    });
+
+    EXPECT_THAT(DetailsOf("E-SOURCE-UNREADABLE", package_), ElementsAre("Permission denied"));
+}
+
+TEST_F(CheckTest, FindsNoEntryOutsideOfAPackageWithoutCommon) {
+    fs::remove_all(package_.SourcePath(""));
+
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-SOURCE-MISSING"));
+}
+
+TEST_F(CheckTest, SaysNothingOfATargetThatGoesAwayMeanwhile) {
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    const std::string target = package_.InstalledPath("tool");
+    for (const int lastLook : {0, 1}) {
+        int looks = 0;
+        const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
+            if (path != target || looks++ < lastLook) return calls::real::stat(path, status);
+            errno = ENOENT;
+            return -1;
+        });
+        EXPECT_THAT(FindCodes(package_), IsEmpty()) << lastLook;
+    }
+}
+
+TEST_F(CheckTest, SaysEachThingThatAFileWillLose) {
+    const auto detailWith = [this](mode_t mode, uid_t user, gid_t group) {
+        EXPECT_EQ(chmod(package_.InstalledPath("tool").c_str(), mode), 0);
+        const Replaced replacedUser(calls::geteuid, [user] { return user; });
+        const Replaced replacedGroup(calls::getegid, [group] { return group; });
+        return DetailsOf("W-MODE-LOST", package_);
+    };
+    const struct stat status = StatusOf(package_.InstalledPath("tool"));
+    const uid_t user = status.st_uid;
+    const gid_t group = status.st_gid;
+    const std::string owner =
+        "owner " + std::to_string(user) + ":" + std::to_string(group) + " becomes " + std::to_string(user);
+
+    EXPECT_THAT(detailWith(0644, user, group), IsEmpty());
+    EXPECT_THAT(detailWith(0755, user, group), ElementsAre("0755 becomes 0644"));
+    EXPECT_THAT(detailWith(0644, user, group + 1), ElementsAre(owner + ":" + std::to_string(group + 1)));
+    EXPECT_THAT(detailWith(0755, user, group + 1),
+                ElementsAre("0755 becomes 0644, " + owner + ":" + std::to_string(group + 1)));
+    EXPECT_THAT(detailWith(0644, user + 1, group),
+                ElementsAre("owner " + std::to_string(user) + ":" + std::to_string(group) + " becomes " +
+                            std::to_string(user + 1) + ":" + std::to_string(group)));
+}
+
+TEST_F(CheckTest, FindsAnUnlistedLinkToADirectoryAndNothingInIt) {
+    package_.Bring("elsewhere/file", "");
+    fs::rename(package_.SourcePath("elsewhere"), package_.scratch().Path("elsewhere"));
+    fs::create_directory_symlink(package_.scratch().Path("elsewhere"), package_.SourcePath("link"));
+
+    std::vector<std::string> unlisted;
+    for (const Finding& finding : Find(package_)) unlisted.push_back(finding.entry);
+    EXPECT_THAT(unlisted, ElementsAre("link"));
+}
+
+TEST_F(CheckTest, EndsTheSearchForUnlistedFilesWhereADirectoryCannotBeRead) {
+    package_.Bring("forgotten", "");
+    const Replaced replaced(calls::readdir, [](DIR*) -> dirent* {
+        errno = EIO;
+        return nullptr;
+    });
+
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-SOURCE-UNLISTED")));
+}
+
+// A file system with 4 KiB blocks.
+auto FileSystemWith(unsigned long forRoot, unsigned long forOthers, unsigned long files,
+                    unsigned long freeFiles) {
+    return [=](const char*, struct statvfs* status) {
+        *status = {};
+        status->f_frsize = 4096;
+        status->f_bfree = forRoot;
+        status->f_bavail = forOthers;
+        status->f_files = files;
+        status->f_favail = freeFiles;
+        return 0;
+    };
+}
+
+TEST_F(CheckTest, LeavesTheReserveToRoot) {
+    package_.Bring("bin/tool", std::string(4097, 'x'));
+    const auto detailsFor = [this](uid_t user) {
+        const Replaced replacedUser(calls::geteuid, [user] { return user; });
+        const Replaced replaced(calls::statvfs, FileSystemWith(2, 1, 10, 10));
+        return DetailsOf("W-SPACE", package_);
+    };
+
+    EXPECT_THAT(detailsFor(0), IsEmpty());
+    EXPECT_THAT(detailsFor(1000), ElementsAre("8.0 KiB are needed, 4.0 KiB are free"));
+}
+
+TEST_F(CheckTest, FindsTooFewFreeFiles) {
+    package_.Bring("bin/fresh", "");
+    package_.WriteEntries("bin/tool,bin/fresh");
+    const auto detailsWith = [this](unsigned long files, unsigned long freeFiles) {
+        const Replaced replaced(calls::statvfs, FileSystemWith(100, 100, files, freeFiles));
+        return DetailsOf("W-SPACE", package_);
+    };
+
+    EXPECT_THAT(detailsWith(10, 2), IsEmpty());
+    EXPECT_THAT(detailsWith(10, 1), ElementsAre("2 files are to be made, 1 are possible"));
+    EXPECT_THAT(detailsWith(0, 0), IsEmpty()) << "a file system that does not count them";
+}
+
+TEST_F(CheckTest, SaysNothingOfSpaceThatCannotBeTold) {
+    for (const int answers : {0, 1}) {
+        int questions = 0;
+        const Replaced replaced(calls::statvfs, [&](const char* path, struct statvfs* status) {
+            if (questions++ < answers) return FileSystemWith(0, 0, 0, 0)(path, status);
+            errno = ENOSYS;
+            return -1;
+        });
+        EXPECT_THAT(FindCodes(package_), Not(Contains("W-SPACE"))) << answers;
+        EXPECT_EQ(questions, answers + 1);
+    }
+}
+
+TEST_F(CheckTest, SaysNothingOfADirectoryThatCannotBeLookedAt) {
+    // Not even the root directory: nothing on the way there.
+    const std::string target = package_.InstalledPath("tool");
+    const Replaced replaced(calls::stat, [&target](const char* path, struct stat* status) {
+        if (target.compare(0, std::string(path).size(), path) != 0) return calls::real::stat(path, status);
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-DIR-NOT-DIRECTORY")));
+    EXPECT_THAT(FindCodes(package_), Not(Contains("W-SPACE")));
+}
+
+TEST_F(CheckTest, LooksForRunningProgramsAmongTheProcessesAlone) {
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER) GTEST_SKIP() << "a sanitizer reads /proc";
+    SKIP_WITHOUT_PRIVATE_NAMESPACE();
+    const auto find = [this](const std::string& name) {
+        // The loader looks for the program's libraries beside what /proc/self/exe leads to.
+        const std::vector<std::string> inside = PrivateNamespace(
+            {"--ro-bind", package_.scratch().Path(), package_.scratch().Path(), "--tmpfs", "/proc", "--dir",
+             "/proc/self", "--symlink", VFILELIST_PATH, "/proc/self/exe", "--dir", "/proc/" + name,
+             "--symlink", package_.InstalledPath("tool"), "/proc/" + name + "/exe"});
+        return RunProcess(Concatenate(inside, {VFILELIST_PATH, "check", package_.ListPath()})).out;
+    };
+
+    EXPECT_THAT(find("4711"), HasSubstr("(process 4711)"));
+    for (const char* const name : {"47-11", "4711x"}) {
+        EXPECT_THAT(find(name), Not(HasSubstr("W-TARGET-BUSY"))) << name;
+    }
 }
 
 }  // namespace

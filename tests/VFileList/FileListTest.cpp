@@ -3,11 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "Package.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -120,6 +122,24 @@ TEST_F(FileListTest, ResolvesBelowARootAsIfThatWereTheRootDirectory) {
         EXPECT_EQ(ResolveBelowRoot(root.Path(), row.path), root.Path(row.resolved)) << row.path;
     }
     EXPECT_EQ(ResolveBelowRoot(root.Path(), "/loop"), root.Path("loop")) << "a loop of links ends";
+}
+
+TEST_F(FileListTest, SaysThatTheStatusOfAListCannotBeTold) {
+    package_.WriteEntries("x");
+    const Replaced replaced(calls::fstat, [](int, struct stat*) {
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath()), "Input/output error");
+}
+
+TEST_F(FileListTest, HasNothingWithoutAFile) {
+    const FileList list(package_.ListPath() + ".missing");
+
+    EXPECT_TRUE(list.lists().empty());
+    EXPECT_EQ(list.installType(), "");
+    EXPECT_EQ(list.installTypeLength(), 0u);
 }
 
 }  // namespace

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "ScratchDirectory.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -22,6 +25,11 @@ protected:
     static std::size_t OpenDescriptors() {
         const fs::directory_iterator descriptors("/proc/self/fd");
         return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+    }
+
+    // What bears the name of the installed file's descriptor.
+    static bool IsInstalled(int fd) {
+        return fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename() == "file";
     }
 
     ScratchDirectory scratch_;
@@ -116,6 +124,91 @@ TEST_F(FilesTest, NoticesThatAFileWasTouched) {
     EXPECT_TRUE(IsSameFile(before, now));
     ASSERT_EQ(stat(scratch_.Write("other", "x").c_str(), &now), 0);
     EXPECT_FALSE(IsSameFile(before, now));
+}
+
+TEST_F(FilesTest, GoesOnAfterAReadThatASignalInterrupted) {
+    int interruptions = 2;
+    const Replaced replaced(calls::read, [&interruptions](int fd, void* data, size_t size) -> ssize_t {
+        if (interruptions == 0) return calls::real::read(fd, data, size);
+        --interruptions;
+        errno = EINTR;
+        return -1;
+    });
+
+    EXPECT_EQ(Compare("abc", "abc"), Content::kSame);
+    EXPECT_EQ(interruptions, 0);
+}
+
+TEST_F(FilesTest, SaysThatAFileCannotBeRead) {
+    for (const bool isInstalledBad : {true, false}) {
+        const Replaced replaced(calls::read, [isInstalledBad](int fd, void* data, size_t size) -> ssize_t {
+            if (IsInstalled(fd) != isInstalledBad) return calls::real::read(fd, data, size);
+            errno = EIO;
+            return -1;
+        });
+
+        EXPECT_EQ(Compare("abc", "abc"), Content::kUnreadable) << isInstalledBad;
+        EXPECT_EQ(trouble_, scratch_.Path("file") + ": Input/output error");
+    }
+}
+
+TEST_F(FilesTest, TakesAFileForForeignWhoseRestCannotBeRead) {
+    constexpr std::size_t kBlock = 256 * 1024;
+    const std::string packaged(2 * kBlock, 'x');
+    const Replaced replaced(calls::read, [](int fd, void* data, size_t size) -> ssize_t {
+        if (!IsInstalled(fd) || lseek(fd, 0, SEEK_CUR) < static_cast<off_t>(kBlock)) {
+            return calls::real::read(fd, data, size);
+        }
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_EQ(Compare(std::string(2 * kBlock, '\0'), packaged), Content::kOther);
+}
+
+TEST_F(FilesTest, SaysThatTheStatusOfAFileCannotBeTold) {
+    const std::string file = scratch_.Write("file", "x");
+    const std::size_t before = OpenDescriptors();
+    const Replaced replaced(calls::fstat, [](int, struct stat*) {
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_EQ(comparer_.Compare(file, file, trouble_), Content::kUnreadable);
+    EXPECT_EQ(trouble_, file + ": Input/output error");
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(FilesTest, TakesAFileForForeignThatGrowsBeyondThePackagesWhileItIsRead) {
+    const std::string file = scratch_.Path("file");
+    bool hasGrown = false;
+    const Replaced replaced(calls::read, [&](int fd, void* data, size_t size) {
+        if (!hasGrown) std::ofstream(file, std::ios::app) << "d";
+        hasGrown = true;
+        return calls::real::read(fd, data, size);
+    });
+
+    EXPECT_EQ(Compare("abc", "abc"), Content::kOther);
+}
+
+TEST_F(FilesTest, NoticesEveryKindOfChange) {
+    struct stat before {};
+    ASSERT_EQ(stat(scratch_.Write("file", "x").c_str(), &before), 0);
+    const auto isNoticed = [&before](auto change) {
+        struct stat now = before;
+        change(now);
+        return !IsUnchanged(before, now);
+    };
+
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_dev; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_ino; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_size; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_mode; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_mtim.tv_sec; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_mtim.tv_nsec; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_ctim.tv_sec; }));
+    EXPECT_TRUE(isNoticed([](struct stat& now) { ++now.st_ctim.tv_nsec; }));
+    EXPECT_FALSE(isNoticed([](struct stat& now) { ++now.st_atim.tv_sec; })) << "somebody has read it";
 }
 
 }  // namespace

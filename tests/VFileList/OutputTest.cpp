@@ -1,10 +1,60 @@
 #include "Output.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
 #include <string>
 
+#include "SystemCalls.h"
+
 namespace {
+
+// Sets a variable of the environment, or takes it away, for as long as it lives.
+class Variable {
+public:
+    Variable(const char* name, const char* value) : name_(name) {
+        if (const char* const old = std::getenv(name)) old_ = old;
+        Set(value);
+    }
+    ~Variable() { Set(old_ ? old_->c_str() : nullptr); }
+    Variable(const Variable&) = delete;
+    Variable& operator=(const Variable&) = delete;
+
+private:
+    void Set(const char* value) const {
+        EXPECT_EQ(value == nullptr ? unsetenv(name_) : setenv(name_, value, 1), 0);
+    }
+
+    const char* const name_;
+    std::optional<std::string> old_;
+};
+
+// Everything is a terminal, or nothing.
+auto Terminal(bool isTerminal) {
+    return [isTerminal](int) { return isTerminal ? 1 : 0; };
+}
+
+// What a progress line of two steps, `milliseconds` apart, writes to standard error.
+std::string ProgressAfter(long milliseconds) {
+    timespec now{1000, 0};
+    const Replaced replaced(calls::clock_gettime, [&now](clockid_t, timespec* time) {
+        *time = now;
+        return 0;
+    });
+    testing::internal::CaptureStderr();
+    {
+        Output output(true);
+        output.Progress("verify", 1, 9);
+        now.tv_sec += milliseconds / 1000;
+        now.tv_nsec += milliseconds % 1000 * 1000000;
+        output.Progress("verify", 2, 9);
+    }
+    return testing::internal::GetCapturedStderr();
+}
 
 TEST(OutputTest, EscapesWhatSteersATerminal) {
     EXPECT_EQ(Shown("plain text, Zürich"), "plain text, Zürich");
@@ -72,6 +122,98 @@ TEST(OutputTest, WritesNothingButLinesForPeople) {
     EXPECT_TRUE(output.Finish());
 
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "text\n");
+}
+
+TEST(OutputTest, PaintsEveryStyleOnATerminal) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable term("TERM", "xterm");
+    const Variable noColour("NO_COLOR", nullptr);
+    const Output output(false);
+
+    EXPECT_EQ(output.Paint(Style::kPlain, "text"), "text");
+    EXPECT_EQ(output.Paint(Style::kBold, "text"), "\033[1mtext\033[0m");
+    EXPECT_EQ(output.Paint(Style::kDim, "text"), "\033[2mtext\033[0m");
+    EXPECT_EQ(output.Paint(Style::kGood, "text"), "\033[32mtext\033[0m");
+    EXPECT_EQ(output.Paint(Style::kWarning, "text"), "\033[33mtext\033[0m");
+    EXPECT_EQ(output.Paint(Style::kError, "text"), "\033[31mtext\033[0m");
+}
+
+TEST(OutputTest, PaintsWhereTheEnvironmentSaysNothing) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable term("TERM", nullptr);
+    const auto isPainted = [](const char* noColour) {
+        const Variable variable("NO_COLOR", noColour);
+        return Output(false).Paint(Style::kGood, "text") != "text";
+    };
+
+    EXPECT_TRUE(isPainted(nullptr));
+    EXPECT_TRUE(isPainted(""));
+    EXPECT_FALSE(isPainted("1"));
+}
+
+TEST(OutputTest, PaintsNothingInJson) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable noColour("NO_COLOR", nullptr);
+
+    EXPECT_EQ(Output(true).Paint(Style::kError, "text"), "text");
+}
+
+TEST(OutputTest, ShowsTheProgressOfLongWorkAndWipesItAway) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable term("TERM", "xterm");
+
+    EXPECT_EQ(ProgressAfter(499), "") << "not worth it yet";
+    EXPECT_EQ(ProgressAfter(500), "\r\033[Kverify: 2 of 9 files\r\033[K");
+}
+
+TEST(OutputTest, ShowsNoProgressWithoutATerminal) {
+    const Replaced replaced(calls::isatty, Terminal(false));
+
+    EXPECT_EQ(ProgressAfter(5000), "");
+}
+
+TEST(OutputTest, RenewsTheProgressTenTimesASecond) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable term("TERM", "xterm");
+    timespec now{1000, 0};
+    const Replaced clock(calls::clock_gettime, [&now](clockid_t, timespec* time) {
+        *time = now;
+        return 0;
+    });
+    testing::internal::CaptureStderr();
+    {
+        Output output(true);
+        now.tv_sec += 1;
+        output.Progress("plan", 1, 3);
+        now.tv_nsec = 99999999;
+        output.Progress("plan", 2, 3);
+        now.tv_nsec = 100000000;
+        output.Progress("plan", 3, 3);
+        EXPECT_TRUE(output.Finish());
+    }
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "\r\033[Kplan: 1 of 3 files\r\033[Kplan: 3 of 3 files\r\033[K");
+}
+
+TEST(OutputTest, RemembersThatSomethingCouldNotBeWritten) {
+    ASSERT_EQ(std::fflush(stdout), 0);
+    const int kept = dup(STDOUT_FILENO);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(full, STDOUT_FILENO), STDOUT_FILENO);
+    Output output(false);
+    output.Line(std::string(100000, 'x'));
+    (void)std::fflush(stdout);
+    // From here on there is room, but a part of the report is lost.
+    const int restored = dup2(kept, STDOUT_FILENO);
+    const bool isWritten = output.Finish();
+    std::clearerr(stdout);
+    (void)close(full);
+    (void)close(kept);
+
+    EXPECT_EQ(restored, STDOUT_FILENO);
+    EXPECT_FALSE(isWritten);
+    EXPECT_TRUE(output.Finish());
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -11,6 +13,8 @@
 #include <vector>
 
 #include "Package.h"
+#include "Report.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -29,6 +33,15 @@ std::vector<std::string> StepsOf(const Package& package) {
                         path.substr(package.InstalledPath().size() + 1) + " " + size);
     }
     return steps;
+}
+
+// Why the plan's last step fails; the empty text when it does not.
+std::string WhyItFails(const Package& package) {
+    const nlohmann::json report =
+        ReportOf([&package](Output& output) { return Plan(FileList(package.ListPath()), output); });
+    const auto& last = report["steps"].back();
+    return last["step"] == "fail" ? last["pass"].get<std::string>() + ": " + last["detail"].get<std::string>()
+                                  : "";
 }
 
 class PlanTest : public testing::Test {
@@ -106,6 +119,19 @@ TEST_F(PlanTest, ChangesNothing) {
     EXPECT_EQ(look(), before);
 }
 
+// The files, with a file or a directory moved.
+std::map<std::string, std::uintmax_t> Moved(const std::map<std::string, std::uintmax_t>& files,
+                                            const std::string& from, const std::string& to) {
+    std::map<std::string, std::uintmax_t> before;
+    std::map<std::string, std::uintmax_t> moved;
+    for (const auto& [name, size] : files) {
+        const bool isMoved = (name + "/").compare(0, from.size() + 1, from + "/") == 0;
+        (isMoved ? moved[to + name.substr(from.size())] : before[name]) = size;
+    }
+    moved.merge(before);
+    return moved;
+}
+
 // What the plan leads to: the names that exist, with their sizes, when every step is taken.
 std::map<std::string, std::uintmax_t> FilesAfter(const Package& package, const nlohmann::json& plan,
                                                  std::map<std::string, std::uintmax_t> files) {
@@ -113,8 +139,7 @@ std::map<std::string, std::uintmax_t> FilesAfter(const Package& package, const n
         const std::string path =
             fs::path(step["path"].get<std::string>()).lexically_relative(package.InstalledPath());
         if (step["step"] == "rename") {
-            files[path + ".bak"] = files[path];
-            files.erase(path);
+            files = Moved(files, path, path + ".bak");
         } else if (step["step"] == "copy") {
             files[path] = step["size"];
         } else if (step["step"] == "remove") {
@@ -164,6 +189,17 @@ TEST_F(PlanTest, ForetellsWhatThePassesDo) {
              p.Install(name, "old");
              p.WriteEntries(name);
          }},
+        {"a directory where the package has a file",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             p.Install("tool/inside", "kept");
+         }},
+        {"a directory with a file for a backup",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_directory(p.InstalledPath("tool"));
+             p.Install("tool.bak", "older than old");
+         }},
         {"missing target directories",
          [](const Package& p) {
              p.WriteList("[Server]\nA=@/a/b\nB=@/a/b/\n[A]\nf=bin/tool\n[B]\nf=bin/tool\n");
@@ -206,6 +242,74 @@ TEST_F(PlanTest, ForetellsWhatThePassesDo) {
         }
         EXPECT_EQ(found, foretold);
     }
+}
+
+TEST_F(PlanTest, SaysWhyRenameWillFail) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+    package_.Install("tool.bak", "older");
+    EXPECT_EQ(WhyItFails(package_), "-rename: NAME is a directory, NAME.bak is not");
+    fs::remove(package_.InstalledPath("tool.bak"));
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    package_.Install("tool", "old");
+    EXPECT_EQ(WhyItFails(package_), "-rename: NAME.bak is a directory");
+}
+
+TEST_F(PlanTest, KnowsTheLongestNameThatHasRoomForItsBackup) {
+    for (const std::size_t length : {std::size_t{251}, std::size_t{252}}) {
+        const std::string name(length, 'n');
+        package_.Bring(name, "new");
+        package_.Install(name, "old");
+        package_.WriteEntries(name);
+        EXPECT_EQ(WhyItFails(package_), length == 251 ? "" : "-rename: the name is too long for its backup");
+    }
+}
+
+TEST_F(PlanTest, SaysWhichDirectoryCannotBeWritten) {
+    const Replaced replaced(calls::faccessat, [](int, const char*, int, int) {
+        errno = EROFS;
+        return -1;
+    });
+
+    EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + "/: Read-only file system");
+    fs::remove(package_.InstalledPath("tool"));
+    EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + "/: Read-only file system");
+}
+
+TEST_F(PlanTest, SaysThatThePackagesFileCannotBeOpened) {
+    const std::string source = package_.SourcePath("bin/tool");
+    const Replaced replaced(calls::open, [&source](const char* path, int flags, mode_t mode) {
+        if (path != source) return calls::real::open(path, flags, mode);
+        errno = EACCES;
+        return -1;
+    });
+
+    EXPECT_EQ(WhyItFails(package_), "-copy: bin/tool: Permission denied");
+}
+
+TEST_F(PlanTest, SaysThatThePackagesFileIsASpecialOne) {
+    fs::remove(package_.SourcePath("bin/tool"));
+    ASSERT_EQ(mkfifo(package_.SourcePath("bin/tool").c_str(), 0600), 0);
+
+    EXPECT_EQ(WhyItFails(package_), "-copy: bin/tool is a special file");
+}
+
+TEST_F(PlanTest, TakesAFileWhoseStatusCannotBeToldForARegularOne) {
+    const Replaced replaced(calls::fstat, [this](int fd, struct stat* status) {
+        const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
+        if (path != package_.SourcePath("bin/tool")) return calls::real::fstat(fd, status);
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_EQ(WhyItFails(package_), "");
+}
+
+TEST_F(PlanTest, SaysThatCleanWillNotRemoveADirectory) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+
+    EXPECT_EQ(WhyItFails(package_), "-clean: a directory, which goes only if it is empty");
 }
 
 }  // namespace

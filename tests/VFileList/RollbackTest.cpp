@@ -6,12 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "Report.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -44,6 +48,29 @@ protected:
             if (action["target"] == package_.InstalledPath(name)) return action["action"];
         }
         return "none";
+    }
+
+    // The same in this process, where calls can be replaced: "kept: why".
+    std::string ActionHere(const std::string& name, const RollbackOptions& options = {}) const {
+        const nlohmann::json report = ReportHere(options);
+        for (const auto& action : report["actions"]) {
+            if (action["target"] != package_.InstalledPath(name)) continue;
+            return action["action"].get<std::string>() + ": " + action["detail"].get<std::string>();
+        }
+        return "none";
+    }
+    nlohmann::json ReportHere(const RollbackOptions& options = {}, int* exitStatus = nullptr) const {
+        const FileList list(package_.ListPath());
+        return ReportOf([&](Output& output) { return ::Rollback(list, options, output); }, exitStatus);
+    }
+
+    // Looks at the file `name`, and before the second look somebody makes a change.
+    auto WithChangeBeforeTheSecondLook(const std::string& name, const std::function<void()>& change) const {
+        return [path = package_.InstalledPath(name), change, looks = 0](const char* file,
+                                                                        struct stat* status) mutable {
+            if (file == path && ++looks == 2) change();
+            return calls::real::lstat(file, status);
+        };
     }
 
     void SetMode(const std::string& name, mode_t mode) const {
@@ -426,6 +453,276 @@ TEST_F(RollbackTest, OnlyModesTakesTheModeOfWhatABackedUpLinkLedTo) {
     EXPECT_EQ(Rollback({"--only-modes"}), 0);
 
     EXPECT_EQ(ModeOf("tool"), 0750u);
+}
+
+RollbackOptions RemovingNew() {
+    RollbackOptions options;
+    options.removesNew = true;
+    return options;
+}
+
+RollbackOptions OnlyModes() {
+    RollbackOptions options;
+    options.isOnlyModes = true;
+    return options;
+}
+
+TEST_F(RollbackTest, KeepsItsHandsOffWhatSomebodyChangesMeanwhile) {
+    const std::string tool = package_.InstalledPath("tool");
+    const std::string backup = package_.InstalledPath("tool.bak");
+    const std::vector<std::function<void()>> changes = {
+        [this] { package_.Install("tool", "foreign"); },
+        [&tool] { fs::remove(tool); },
+        [&backup] { fs::remove(backup); },
+        [&] {
+            package_.Install("another", "foreign");
+            fs::rename(package_.InstalledPath("another"), backup);
+        },
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        SCOPED_TRACE(i);
+        package_.Install("tool", "the new tool");
+        package_.Install("tool.bak", "old");
+        const Replaced replaced(calls::lstat, WithChangeBeforeTheSecondLook("tool", changes[i]));
+
+        EXPECT_EQ(ActionHere("tool"), "kept: changed while the rollback ran");
+    }
+    EXPECT_EQ(package_.Installed("tool.bak"), "foreign");
+}
+
+TEST_F(RollbackTest, PutsNoBackupOverAFileThatTurnsUpMeanwhile) {
+    RunPasses({"-rename"});
+    const Replaced replaced(
+        calls::lstat, WithChangeBeforeTheSecondLook("tool", [this] { package_.Install("tool", "foreign"); }));
+
+    EXPECT_EQ(ActionHere("tool"), "kept: changed while the rollback ran");
+    EXPECT_EQ(package_.Installed("tool"), "foreign");
+}
+
+TEST_F(RollbackTest, RemovesNoNewFileThatSomebodyChangesMeanwhile) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+    const Replaced replaced(calls::lstat, WithChangeBeforeTheSecondLook(
+                                              "fresh", [this] { package_.Install("fresh", "edited"); }));
+
+    EXPECT_THAT(ActionHere("fresh", RemovingNew()), testing::StartsWith("kept: "));
+    EXPECT_EQ(package_.Installed("fresh"), "edited");
+}
+
+TEST_F(RollbackTest, SaysWhyANewFileCannotBeRemovedAndGoesOn) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("fresh,tool");
+    RunPasses({"-rename", "-copy"});
+    LetTimePass();
+    const Replaced replaced(calls::unlink, [](const char*) {
+        errno = EPERM;
+        return -1;
+    });
+    package_.Install("tool.bak", "old");
+
+    int status = 0;
+    const nlohmann::json report = ReportHere(RemovingNew(), &status);
+
+    EXPECT_EQ(status, 1);
+    ASSERT_EQ(report["actions"].size(), 2u) << "one for each file";
+    EXPECT_EQ(report["actions"][0]["action"], "failed");
+    EXPECT_EQ(report["actions"][0]["detail"], "Operation not permitted");
+    EXPECT_EQ(report["summary"]["failed"], 1);
+    EXPECT_EQ(package_.Installed("fresh"), "fresh");
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
+TEST_F(RollbackTest, SaysWhyAFileCannotMakeRoomForADirectory) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("tool/inside", "kept");
+    RunPasses({"-rename", "-copy"});
+    const Replaced replaced(calls::unlink, [](const char*) {
+        errno = EBUSY;
+        return -1;
+    });
+
+    EXPECT_EQ(ActionHere("tool"), "failed: Device or resource busy");
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("tool.bak/inside"), "kept");
+}
+
+TEST_F(RollbackTest, PutsADirectoryBackOverAnEmptyOneWhenForced) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("tool/inside", "kept");
+    RunPasses({"-rename"});
+    fs::create_directory(package_.InstalledPath("tool"));
+
+    EXPECT_EQ(Rollback(), 1);
+    EXPECT_EQ(Rollback({"--force"}), 0);
+
+    EXPECT_EQ(package_.Installed("tool/inside"), "kept");
+}
+
+TEST_F(RollbackTest, SaysWhenADirectoryCannotBeSynchronised) {
+    const auto expectTrouble = [this](const char* cause) {
+        package_.Install("tool.bak", "old");
+        int status = 0;
+        testing::internal::CaptureStderr();
+        (void)ReportHere({}, &status);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "vfilelist: can't sync " + package_.InstalledPath() + "/: " + cause + "\n");
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(package_.Installed("tool"), "old") << "restored all the same";
+        fs::remove(package_.InstalledPath("tool"));
+    };
+    fs::remove(package_.InstalledPath("tool"));
+    {
+        const Replaced replaced(calls::fsync, [](int) {
+            errno = EIO;
+            return -1;
+        });
+        expectTrouble("Input/output error");
+    }
+    const Replaced replaced(calls::open, [](const char* path, int flags, mode_t mode) {
+        if ((flags & O_DIRECTORY) == 0) return calls::real::open(path, flags, mode);
+        errno = EMFILE;
+        return -1;
+    });
+    expectTrouble("Too many open files");
+}
+
+TEST_F(RollbackTest, SynchronisesEachDirectoryThatItChangesOnceAndNoOther) {
+    package_.Bring("other", "new");
+    package_.WriteList("[Server]\nA=@\nB=@/none\nC=@/kept\n[A]\nf=tool,other\n[B]\nf=tool\n[C]\nf=tool\n");
+    package_.Install("tool.bak", "old");
+    package_.Install("other.bak", "old");
+    package_.Install("kept/tool", "old");
+    fs::remove(package_.InstalledPath("tool"));
+    std::vector<std::string> synchronised;
+    const Replaced replaced(calls::fsync, [&synchronised](int fd) {
+        synchronised.push_back(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+        return calls::real::fsync(fd);
+    });
+
+    (void)ReportHere();
+
+    EXPECT_THAT(synchronised, ElementsAre(package_.InstalledPath()));
+}
+
+TEST_F(RollbackTest, KnowsNothingOfWhatIsNoFileAndHasNoBackup) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+
+    int status = 0;
+    const nlohmann::json report = ReportHere({}, &status);
+
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(report["actions"][0]["action"], "kept");
+    EXPECT_EQ(report["actions"][0]["detail"], "a directory; no backup");
+}
+
+TEST_F(RollbackTest, RemovesNewFilesThatWereNotWrittenInTheOrderOfTheList) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("later", "later");
+    package_.WriteEntries("fresh,later,tool");
+    RunPasses({"-rename", "-copy"});
+    Age(package_.InstalledPath());
+    Age(package_.InstalledPath("later"));
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 0);
+
+    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
+}
+
+TEST_F(RollbackTest, OnlyModesLeavesAFileAloneWhoseBackupLeadsNowhere) {
+    package_.Install("tool", "the new tool");
+    fs::create_symlink("nowhere", package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "kept: the backup is a link that points nowhere");
+}
+
+TEST_F(RollbackTest, OnlyModesSaysWhichCallFailed) {
+    SetMode("tool", 0755);
+    RunPasses({"-rename", "-copy"});
+    const std::string tool = package_.InstalledPath("tool");
+    {
+        const Replaced replaced(calls::open, [&tool](const char* path, int flags, mode_t mode) {
+            if (path != tool || (flags & O_NOFOLLOW) == 0) return calls::real::open(path, flags, mode);
+            errno = ELOOP;
+            return -1;
+        });
+        EXPECT_EQ(ActionHere("tool", OnlyModes()), "failed: Too many levels of symbolic links");
+    }
+    {
+        const Replaced replaced(calls::fchmod, [](int, mode_t) {
+            errno = EPERM;
+            return -1;
+        });
+        EXPECT_EQ(ActionHere("tool", OnlyModes()), "failed: Operation not permitted");
+    }
+    int changing = -1;
+    const Replaced opening(calls::open, [&changing](const char* path, int flags, mode_t mode) {
+        const int fd = calls::real::open(path, flags, mode);
+        if ((flags & O_NOFOLLOW) != 0) changing = fd;
+        return fd;
+    });
+    const Replaced replaced(calls::fstat, [&changing](int fd, struct stat* status) {
+        if (fd != changing) return calls::real::fstat(fd, status);
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "failed: Input/output error");
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+}
+
+TEST_F(RollbackTest, OnlyModesKeepsItsHandsOffWhatSomebodyChangesMeanwhile) {
+    SetMode("tool", 0755);
+    RunPasses({"-rename", "-copy"});
+    const std::string tool = package_.InstalledPath("tool");
+    const Replaced replaced(calls::open, [&](const char* path, int flags, mode_t mode) {
+        if (path == tool && (flags & O_NOFOLLOW) != 0) package_.Install("tool", "foreign");
+        return calls::real::open(path, flags, mode);
+    });
+
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "kept: changed while this ran");
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+}
+
+// The group of every backup becomes another one; only root could give files away.
+int StatusWithForeignBackups(const char* path, struct stat* status) {
+    const int result = calls::real::stat(path, status);
+    if (fs::path(path).extension() == ".bak") ++status->st_gid;
+    return result;
+}
+
+TEST_F(RollbackTest, OnlyModesGivesTheOwnerFirstThenTheMode) {
+    RunPasses({"-rename", "-copy"});
+    const struct stat old = StatusOf(package_.InstalledPath("tool"));
+    std::vector<std::string> steps;
+    const Replaced status(calls::stat, StatusWithForeignBackups);
+    const Replaced owner(calls::fchown, [&steps](int, uid_t user, gid_t group) {
+        steps.push_back("owner " + std::to_string(user) + ":" + std::to_string(group));
+        return 0;
+    });
+    const Replaced mode(calls::fchmod, [&steps](int, mode_t bits) {
+        steps.push_back("mode " + std::to_string(bits));
+        return 0;
+    });
+
+    EXPECT_THAT(ActionHere("tool", OnlyModes()), testing::StartsWith("mode-set: 0644 to 0644, owner "));
+
+    EXPECT_THAT(steps,
+                ElementsAre("owner " + std::to_string(old.st_uid) + ":" + std::to_string(old.st_gid + 1),
+                            "mode " + std::to_string(0644)));
+}
+
+TEST_F(RollbackTest, OnlyModesLeavesTheModeOfAFileThatItCannotGiveAway) {
+    SetMode("tool", 04755);
+    RunPasses({"-rename", "-copy"});
+    const Replaced status(calls::stat, StatusWithForeignBackups);
+    const Replaced owner(calls::fchown, [](int, uid_t, gid_t) {
+        errno = EPERM;
+        return -1;
+    });
+
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "failed: Operation not permitted");
+    EXPECT_EQ(ModeOf("tool"), 0644u) << "no set-user-id bit for a wrong owner";
 }
 
 }  // namespace

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "Package.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -83,6 +85,96 @@ TEST_F(TargetFactsTest, ComparesWithTheLastOfSeveralEntriesFirst) {
         package_.Install("tool", row.content);
         EXPECT_EQ(Examine().state, row.state) << row.content;
     }
+}
+
+TEST_F(TargetFactsTest, TakesAFileBelowAFileForMissing) {
+    package_.Bring("tool", "new");
+    package_.Install("file", "");
+    package_.WriteList("[Server]\nBin=@/file\n[Bin]\nf=tool\n");
+
+    const TargetFacts facts = Examine();
+
+    EXPECT_EQ(facts.state, TargetState::kMissing);
+    EXPECT_FALSE(facts.isOccupied);
+    EXPECT_EQ(facts.detail, "");
+}
+
+TEST_F(TargetFactsTest, KnowsNothingOfWhatItMayNotLookAt) {
+    package_.Bring("tool", "new");
+    package_.Install("tool", "old");
+    package_.WriteEntries("tool");
+    const Replaced replaced(calls::lstat, [](const char*, struct stat*) {
+        errno = EACCES;
+        return -1;
+    });
+
+    const TargetFacts facts = Examine();
+
+    EXPECT_EQ(facts.state, TargetState::kUnknown);
+    EXPECT_FALSE(facts.isOccupied);
+    EXPECT_EQ(facts.detail, "Permission denied");
+}
+
+TEST_F(TargetFactsTest, KnowsNothingOfALinkThatLeadsInACircle) {
+    package_.Bring("tool", "new");
+    fs::create_symlink("tool", package_.InstalledPath("tool"));
+    package_.WriteEntries("tool");
+
+    const TargetFacts facts = Examine();
+
+    EXPECT_EQ(facts.state, TargetState::kUnknown);
+    EXPECT_TRUE(facts.isOccupied);
+    EXPECT_EQ(facts.detail, "Too many levels of symbolic links");
+}
+
+TEST_F(TargetFactsTest, SaysWhyALinksFileCannotBeComparedRatherThanThatItIsALink) {
+    package_.Install("tool-1.0", "old");
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    package_.WriteEntries("tool");
+
+    const TargetFacts facts = Examine();
+
+    EXPECT_EQ(facts.state, TargetState::kUnknown);
+    EXPECT_EQ(facts.packageSize, -1);
+    EXPECT_EQ(facts.detail, package_.SourcePath("tool") + ": No such file or directory");
+}
+
+TEST_F(TargetFactsTest, SaysThatATargetIsALink) {
+    package_.Bring("tool", "new");
+    package_.Install("tool-1.0", "old");
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    package_.WriteEntries("tool");
+
+    EXPECT_EQ(Examine().detail, "a link");
+}
+
+TEST_F(TargetFactsTest, SaysThatADirectoryIsOneThoughThePackageLacksTheFile) {
+    fs::create_directory(package_.InstalledPath("tool"));
+    package_.WriteEntries("tool");
+
+    EXPECT_EQ(Examine().detail, "a directory");
+}
+
+TEST_F(TargetFactsTest, StaysPartialBesideAnEntryThatCannotBeCompared) {
+    package_.Bring("b/tool", "from b");
+    package_.Install("tool", "from");
+    package_.WriteEntries("a/tool,b/tool");
+
+    EXPECT_EQ(Examine().state, TargetState::kPartial);
+}
+
+TEST_F(TargetFactsTest, TellsAnotherUserAndAnotherGroup) {
+    TargetFacts facts;
+    facts.state = TargetState::kNew;
+    facts.hasReference = true;
+    EXPECT_FALSE(facts.IsOwnerDifferent());
+    facts.reference.st_gid = 1;
+    EXPECT_TRUE(facts.IsOwnerDifferent());
+    facts.reference.st_gid = 0;
+    facts.reference.st_uid = 1;
+    EXPECT_TRUE(facts.IsOwnerDifferent());
+    facts.state = TargetState::kOld;
+    EXPECT_FALSE(facts.IsOwnerDifferent());
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "FileSystem.h"
 #include "Package.h"
 #include "Sanitizer.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -224,6 +225,76 @@ TEST_F(VerifyTest, ChangesNothing) {
     EXPECT_EQ(Verify(), 0);
 
     EXPECT_EQ(look(), before);
+}
+
+TEST_F(VerifyTest, ShowsEachStateToPeople) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("half", "half of it");
+    package_.Install("half", "half");
+    package_.Install("same", "same");
+    package_.Bring("same", "same");
+    fs::create_directory(package_.InstalledPath("directory"));
+    package_.Bring("directory", "a file");
+    package_.WriteEntries("tool,fresh,half,same,directory");
+
+    const std::string out = package_.Run("verify").out;
+
+    EXPECT_THAT(out, HasSubstr("old      -       "));
+    EXPECT_THAT(out,
+                HasSubstr("missing  -       -     -              -  " + package_.InstalledPath("fresh")));
+    EXPECT_THAT(out, HasSubstr("partial  -       "));
+    EXPECT_THAT(out, HasSubstr("new      -       "));
+    EXPECT_THAT(out, HasSubstr("unknown  -       "));
+    EXPECT_THAT(out, HasSubstr(package_.InstalledPath("directory") + "  (a directory)\n"));
+    EXPECT_THAT(out, HasSubstr("5 files: 1 new, 1 partial, 1 old, 1 missing, 1 unknown, 0 backups.\n"));
+}
+
+TEST_F(VerifyTest, LeavesTheDecisionToPeopleWhereNoPassIsTheNext) {
+    package_.Bring("other", "the other new tool");
+    package_.WriteEntries("tool,other");
+    RunPasses({"-rename", "-copy"});
+    package_.Install("other", "somebody's own");
+
+    EXPECT_THAT(package_.Run("verify").out, HasSubstr("Look at the files before you run a pass: "));
+}
+
+TEST_F(VerifyTest, IsNotRenamedWhileOneOfTheFilesIsThere) {
+    package_.Install("other", "old");
+    package_.WriteEntries("tool,other");
+    RunPasses({"-rename"});
+    EXPECT_EQ(Verify({"--expect", "renamed"}), 0);
+    package_.Bring("other", "the other new tool");
+    package_.Install("other", "the other new tool");
+
+    EXPECT_EQ(Verify({"--expect", "renamed"}), 1);
+}
+
+// Lets every backup belong to somebody else.
+int StatusWithForeignBackups(const char* path, struct stat* status) {
+    const int result = calls::real::stat(path, status);
+    if (fs::path(path).extension() == ".bak") ++status->st_gid;
+    return result;
+}
+
+TEST_F(VerifyTest, ShowsAnotherOwnerBehindWhatElseThereIsToSay) {
+    RunPasses({"-rename", "-copy"});
+    const struct stat owner = StatusOf(package_.InstalledPath("tool"));
+    const std::string user = std::to_string(owner.st_uid) + ":";
+    const std::string detail = "owner " + user + std::to_string(owner.st_gid) + ", was " + user +
+                               std::to_string(owner.st_gid + 1) + ")\n";
+    const Replaced replaced(calls::stat, StatusWithForeignBackups);
+    const auto show = [this] {
+        testing::internal::CaptureStdout();
+        Output output(false);
+        EXPECT_EQ(::Verify(FileList(package_.ListPath()), {}, output), 1);
+        EXPECT_TRUE(output.Finish());
+        return testing::internal::GetCapturedStdout();
+    };
+
+    EXPECT_THAT(show(), HasSubstr(package_.InstalledPath("tool") + "  (" + detail));
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-2.0"));
+    fs::create_symlink("tool-2.0", package_.InstalledPath("tool"));
+    EXPECT_THAT(show(), HasSubstr(package_.InstalledPath("tool") + "  (a link, " + detail));
 }
 
 // The most memory, in KiB, that `vfilelist verify` has at once; run in a child whose children it alone is.

@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "Findings.h"
 #include "Package.h"
+#include "Sanitizer.h"
 
 namespace {
 
@@ -209,6 +212,20 @@ TEST_F(VFileListMainTest, WritesNothingToTheUpgradeLog) {
     }
 
     EXPECT_FALSE(package_.scratch().Has("log"));
+}
+
+TEST_F(VFileListMainTest, ExitsWith2WhenItRunsOutOfMemory) {
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "a sanitizer needs more addresses than a limit would leave";
+    // A file of 4 GiB that takes no room on the disk, and 1 GiB of memory to read it into.
+    package_.WriteEntries("tool");
+    std::filesystem::resize_file(package_.ListPath(), std::uintmax_t{1} << 32);
+
+    const ProcessResult result = RunProcess({"sh", "-c", "ulimit -v 1048576 && exec \"$@\"", "sh",
+                                             VFILELIST_PATH, "verify", package_.ListPath()});
+
+    EXPECT_EQ(result.exitStatus, 2) << result.out;
+    EXPECT_THAT(result.err, HasSubstr("vfilelist: std::bad_alloc\n"));
 }
 
 }  // namespace

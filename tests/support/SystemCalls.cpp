@@ -19,6 +19,7 @@
         return replacement != nullptr ? (*replacement)arguments : calls::real::name arguments;         \
     }
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DEFINE_HOOK)
+VFS_TEST_FILE_LIST_CALLS(VFS_TEST_DEFINE_HOOK)
 
 bool calls::snprintfFails = false;
 bool calls::sprintfFails = false;

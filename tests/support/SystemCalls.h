@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <zlib.h>
@@ -78,6 +79,22 @@
     X(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))                            \
     X(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 
+// What only vfilelist calls.
+#define VFS_TEST_FILE_LIST_CALLS(X)                                               \
+    X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))      \
+    X(int, faccessat, (int directory, const char* path, int mode, int flags),     \
+      (directory, path, mode, flags))                                             \
+    X(int, fchmod, (int fd, mode_t mode), (fd, mode))                             \
+    X(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group))          \
+    X(int, fsync, (int fd), (fd))                                                 \
+    X(gid_t, getegid, (), ())                                                     \
+    X(uid_t, geteuid, (), ())                                                     \
+    X(int, isatty, (int fd), (fd))                                                \
+    X(int, lstat, (const char* path, struct stat* status), (path, status))        \
+    X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode)) \
+    X(int, statvfs, (const char* path, struct statvfs* status), (path, status))   \
+    X(int, unlink, (const char* path), (path))
+
 namespace calls {
 
 // What stands in the place of a call, if anything. Constant from the start and never destroyed: calls come
@@ -95,12 +112,14 @@ struct Hook {
 
 #define VFS_TEST_DECLARE_HOOK(result, name, parameters, arguments) extern Hook<result parameters> name;
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_HOOK)
+VFS_TEST_FILE_LIST_CALLS(VFS_TEST_DECLARE_HOOK)
 #undef VFS_TEST_DECLARE_HOOK
 
 // The platform's own, whatever is in front of it.
 namespace real {
 #define VFS_TEST_DECLARE_REAL(result, name, parameters, arguments) result name parameters;
 VFS_TEST_SYSTEM_CALLS(VFS_TEST_DECLARE_REAL)
+VFS_TEST_FILE_LIST_CALLS(VFS_TEST_DECLARE_REAL)
 #undef VFS_TEST_DECLARE_REAL
 }  // namespace real
 
