@@ -10,6 +10,11 @@ target_compile_options(vfs_build_flags INTERFACE
   # It has to be the file map: a package build's own file map would beat a macro map.
   "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
 
+if(VFILESYS_COVERAGE)
+  # Counters that threads share, and no tail that is left out of them.
+  target_compile_options(vfs_build_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(vfs_build_flags INTERFACE --coverage)
+endif()
 if(VFILESYS_SANITIZE)
   target_compile_options(vfs_build_flags INTERFACE
     -fsanitize=${VFILESYS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -110,10 +110,11 @@ bool CanUsePrivateNamespace(std::string& why) {
 }
 
 std::vector<std::string> PrivateNamespace(const std::vector<std::string>& options) {
-    // The build tree may itself lie under /tmp.
-    return Concatenate({"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
-                        "--ro-bind", VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
-                       options);
+    // The build tree may itself lie under /tmp. It is writable where programs leave counters in it.
+    return Concatenate(
+        {"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
+         VFS_BUILD_DIRECTORY_BIND, VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
+        options);
 }
 
 std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const std::string& script) {
