@@ -16,6 +16,7 @@ hardening build                   what is installed has the protections that the
 abi       build,test,abi          the binary interface is the one that programs rely on
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
+powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 soak      build,test              a hundred times the repetitions: random paths, firewall passes, long use
 fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
 valgrind  build,test,valgrind     memcheck has nothing to say about the tests
@@ -168,6 +169,12 @@ check_crash() {
     configure default
     build default killed_upgrade_tests
     run_sweep build/default/tests/killed_upgrade_tests 'killed at system calls'
+}
+
+check_powerloss() {
+    configure default
+    build default VCopyFileListIni vfilelist
+    tests/powerloss/check.sh build/default
 }
 
 check_soak() {
