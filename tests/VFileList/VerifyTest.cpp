@@ -215,6 +215,16 @@ TEST_F(VerifyTest, SaysWhatToRunNext) {
     EXPECT_THAT(package_.Run("verify").out, HasSubstr("Next:    nothing\n"));
 }
 
+TEST_F(VerifyTest, NamesNoPassWhereAServiceChangedTheNewFile) {
+    RunPasses({"-rename", "-copy"});
+    package_.Install("tool", "the new tool, configured");
+
+    const nlohmann::json summary = package_.RunJson("verify")["summary"];
+
+    EXPECT_EQ(summary["next"], nullptr) << "-rename would destroy the backup";
+    EXPECT_THAT(summary["reason"].get<std::string>(), HasSubstr("changed after -copy"));
+}
+
 TEST_F(VerifyTest, ChangesNothing) {
     RunPasses({"-rename", "-copy"});
     const auto look = [this] {

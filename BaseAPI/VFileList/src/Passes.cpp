@@ -25,6 +25,10 @@ bool IsForeign(const TargetObservation& target) {
     return IsThere(target) && !IsFromPackage(target);
 }
 
+bool IsForeignBesideBackup(const TargetObservation& target) {
+    return IsForeign(target) && target.hasBackup;
+}
+
 template <typename Predicate>
 bool Any(const std::vector<TargetObservation>& targets, Predicate predicate) {
     return std::any_of(targets.begin(), targets.end(), predicate);
@@ -68,6 +72,12 @@ PassesReport AfterCopyBegan(const std::vector<TargetObservation>& targets) {
 }
 
 PassesReport AfterRenameBegan(const std::vector<TargetObservation>& targets) {
+    if (Any(targets, IsForeignBesideBackup)) {
+        return NobodyCanTell(
+            "a file that is not the package's stands beside its backup: either it was changed after -copy, "
+            "or "
+            "the backup is that of an earlier upgrade");
+    }
     bool isRenameCutOff = false;
     for (std::size_t i = 0; i < targets.size(); ++i) {
         const bool isInstalled =

@@ -33,7 +33,8 @@ struct PassesReport {
 // does: each pass visits the targets one by one, so that -copy cannot have come beyond a target that is
 // missing.
 //
-// When in doubt it never names -rename, which would destroy the backups once -copy has begun.
+// When in doubt it names nothing. It never names -rename while a file stands beside its backup: the file would
+// take the backup's place.
 PassesReport JudgePasses(const std::vector<TargetObservation>& targets);
 
 // The same judgement for one target that has no backup and is there: the package brought it, and it did not
