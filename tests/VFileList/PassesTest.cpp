@@ -20,6 +20,17 @@ const TargetObservation kUnknownWithBackup{TargetState::kUnknown, true};
 
 using Targets = std::vector<TargetObservation>;
 
+// The order in which an upgrade makes things.
+constexpr Moment kInstallation = 1;
+constexpr Moment kRename = 2;
+constexpr Moment kCopy = 3;
+
+TargetObservation WithTimes(TargetObservation target, Moment born) {
+    target.born = target.state == TargetState::kMissing ? 0 : born;
+    target.backedUp = target.hasBackup ? kRename : 0;
+    return target;
+}
+
 // What stood under a target's name before the upgrade.
 enum class Before { kNothing, kOther, kSame, kBeginning };
 
@@ -53,7 +64,7 @@ Situation DuringRename(const std::vector<Before>& release, std::size_t progress)
     Situation situation{{}, "-copy", std::vector<bool>(release.size(), false)};
     for (std::size_t i = 0; i < release.size(); ++i) {
         const bool isMoved = i < progress && Stood(release[i]);
-        situation.targets.push_back(isMoved ? kRenamed : Untouched(release[i]));
+        situation.targets.push_back(WithTimes(isMoved ? kRenamed : Untouched(release[i]), kInstallation));
         if (Stood(release[i]) && !isMoved) situation.next = "-rename";
     }
     return situation;
@@ -65,7 +76,7 @@ Situation DuringCopy(const std::vector<Before>& release, std::size_t progress, b
         const bool hasBackup = Stood(release[i]);
         TargetState state = i < progress ? TargetState::kNew : TargetState::kMissing;
         if (i == progress && isCutOff) state = TargetState::kPartial;
-        situation.targets.push_back({state, hasBackup});
+        situation.targets.push_back(WithTimes({state, hasBackup}, kCopy));
         situation.isBrought.push_back(state == TargetState::kNew && !hasBackup);
     }
     if (progress == release.size()) situation.next = "-clean";
@@ -76,10 +87,21 @@ Situation DuringClean(const std::vector<Before>& release, std::size_t progress) 
     Situation situation{{}, "", std::vector<bool>(release.size(), false)};
     for (std::size_t i = 0; i < release.size(); ++i) {
         const bool hasBackup = i >= progress && Stood(release[i]);
-        situation.targets.push_back({TargetState::kNew, hasBackup});
+        situation.targets.push_back(WithTimes({TargetState::kNew, hasBackup}, kCopy));
         if (hasBackup) situation.next = "-clean";
     }
     return situation;
+}
+
+// Of a complete -copy.
+Targets DuringRollback(const std::vector<Before>& release, std::size_t progress) {
+    Targets targets;
+    for (std::size_t i = 0; i < release.size(); ++i) {
+        const bool isRestored = i < progress && Stood(release[i]);
+        targets.push_back(isRestored ? WithTimes(Untouched(release[i]), kInstallation)
+                                     : WithTimes({TargetState::kNew, Stood(release[i])}, kCopy));
+    }
+    return targets;
 }
 
 template <typename Check>
@@ -259,6 +281,18 @@ TEST(PassesTest, TakesNoInstalledFileForOneThatCopyBrought) {
             const Situation situation = DuringRename(release, progress);
             for (std::size_t i = 0; i < release.size(); ++i) {
                 EXPECT_FALSE(WasBroughtByCopy(situation.targets, i)) << Shown(situation.targets) << i;
+            }
+        }
+    });
+}
+
+TEST(PassesTest, TakesNoRestoredFileForOneThatCopyBrought) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 0; progress <= release.size(); ++progress) {
+            const Targets targets = DuringRollback(release, progress);
+            for (std::size_t i = 0; i < release.size(); ++i) {
+                if (!Stood(release[i])) continue;
+                EXPECT_FALSE(WasBroughtByCopy(targets, i)) << Shown(targets) << i;
             }
         }
     });

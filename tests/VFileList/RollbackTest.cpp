@@ -78,17 +78,22 @@ protected:
     }
     mode_t ModeOf(const std::string& name) const { return PermissionsOf(package_.InstalledPath(name)); }
 
-    // As if -copy had ended a while ago: what happens from now on is later than it.
+    // The file system's clock goes in steps: what happens from now on is later than what was.
     void LetTimePass() const {
-        for (const auto& entry : fs::recursive_directory_iterator(package_.InstalledPath()))
-            Age(entry.path());
-        Age(package_.InstalledPath());
+        const timespec before = StatusOf(package_.scratch().Write("clock", "")).st_mtim;
+        timespec now = before;
+        while (now.tv_sec == before.tv_sec && now.tv_nsec == before.tv_nsec) {
+            now = StatusOf(package_.scratch().Write("clock", "")).st_mtim;
+        }
     }
-    static void Age(const std::string& path) {
-        timespec times[2] = {{0, UTIME_OMIT}, {}};
-        times[1] = StatusOf(path).st_mtim;
-        times[1].tv_sec -= 60;
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+
+    // -clean, killed after its first file.
+    void BeginClean() const { fs::remove(package_.InstalledPath("tool.bak")); }
+
+    void BringAnotherFile() const {
+        package_.Bring("other", "the other new one");
+        package_.Install("other", "old");
+        package_.WriteEntries("tool,other");
     }
 
     const Umask umask_{022};
@@ -252,17 +257,68 @@ TEST_F(RollbackTest, RemovesNothingAfterClean) {
 }
 
 TEST_F(RollbackTest, RemovesNothingWhoseBackupAHalfFinishedCleanMayHaveTaken) {
-    package_.Bring("other", "the other new one");
-    package_.Install("other", "old");
-    package_.WriteEntries("tool,other");
+    BringAnotherFile();
     RunPasses({"-rename", "-copy"});
     LetTimePass();
-    fs::remove(package_.InstalledPath("tool.bak"));
+    BeginClean();
 
     EXPECT_EQ(Rollback({"--remove-new"}), 1);
 
     EXPECT_EQ(package_.Installed("tool"), "the new tool");
     EXPECT_EQ(package_.Installed("other"), "old");
+}
+
+TEST_F(RollbackTest, RemovesNothingWhoseBackupWentBeforeASecondCopy) {
+    BringAnotherFile();
+    RunPasses({"-rename", "-copy"});
+    LetTimePass();
+    BeginClean();
+    LetTimePass();
+    RunPasses({"-copy"});
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
+TEST_F(RollbackTest, RemovesNothingWhereTimesAreKeptToTheSecond) {
+    BringAnotherFile();
+    RunPasses({"-rename", "-copy"});
+    BeginClean();
+    for (const char* const name : {"", "tool", "other"}) {
+        const timespec times[2] = {{0, UTIME_OMIT},
+                                   {StatusOf(package_.InstalledPath(name)).st_mtim.tv_sec, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, package_.InstalledPath(name).c_str(), times, 0), 0);
+    }
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+}
+
+TEST_F(RollbackTest, RemovesNoFileThatCopyWroteOverBecauseRenameWasCutOff) {
+    BringAnotherFile();
+    LetTimePass();
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    LetTimePass();
+    RunPasses({"-copy"});
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1) << "the other one is not new, though nothing is left of the old";
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed("other"), "the other new one");
+}
+
+TEST_F(RollbackTest, RemovesNothingForABackupThatSomebodyMadeAfterClean) {
+    BringAnotherFile();
+    RunPasses({"-rename", "-copy", "-clean"});
+    LetTimePass();
+    package_.Install("tool.bak", "the new tool");
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("other"), "the other new one");
 }
 
 TEST_F(RollbackTest, RemovesNoUnchangedFileThatRenameHadNotReached) {
@@ -286,6 +342,23 @@ TEST_F(RollbackTest, RemovesNoUnchangedFileThatItRestoredBefore) {
 
     EXPECT_EQ(Rollback({"--remove-new"}), 1) << "nothing tells it from a new file any more";
 
+    EXPECT_EQ(package_.Installed("unchanged"), "unchanged");
+}
+
+TEST_F(RollbackTest, RemovesNoUnchangedFileThatItRestoredBesideAFileThatItKept) {
+    package_.Bring("unchanged", "unchanged");
+    package_.Install("unchanged", "unchanged");
+    package_.WriteEntries("tool,unchanged");
+    LetTimePass();
+    RunPasses({"-rename", "-copy"});
+    package_.Install("tool", "changed by a service");
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+    EXPECT_EQ(package_.Installed("tool.bak"), "old");
+    package_.Install("tool", "the new tool");
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
     EXPECT_EQ(package_.Installed("unchanged"), "unchanged");
 }
 

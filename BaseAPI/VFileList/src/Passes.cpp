@@ -47,6 +47,10 @@ bool IsStillInstalled(const std::vector<TargetObservation>& targets, std::size_t
     return std::none_of(here, targets.end(), IsRenamed);
 }
 
+bool IsOlderThanABackup(const TargetObservation& file, const std::vector<TargetObservation>& targets) {
+    return Any(targets, [&file](const auto& target) { return file.born < target.backedUp; });
+}
+
 PassesReport Next(const char* pass) {
     const std::string next = pass;
     if (next == "-rename") {
@@ -117,5 +121,5 @@ bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t
     const auto here = targets.begin() + static_cast<std::ptrdiff_t>(index);
     return targets[index].state == TargetState::kNew && !targets[index].hasBackup &&
            Any(targets, [](const auto& target) { return target.hasBackup; }) && !Any(targets, IsForeign) &&
-           std::all_of(targets.begin(), here, IsThere);
+           std::all_of(targets.begin(), here, IsThere) && !IsOlderThanABackup(targets[index], targets);
 }

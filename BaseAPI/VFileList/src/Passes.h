@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "Files.h"
+
 enum class TargetState {
     kNew,      // holds what the package's file holds
     kPartial,  // a beginning of it: an unfinished copy
@@ -16,6 +18,8 @@ enum class TargetState {
 struct TargetObservation {
     TargetState state;
     bool hasBackup;
+    Moment born = 0;      // when NAME was made
+    Moment backedUp = 0;  // when something last happened to its backup, a change of its name included
 };
 
 enum class PassState { kComplete, kIncomplete, kUnknown };
@@ -33,12 +37,13 @@ struct PassesReport {
 // does: each pass visits the targets one by one, so that -copy cannot have come beyond a target that is
 // missing.
 //
-// When in doubt it names nothing. It never names -rename while a file stands beside its backup: the file would
-// take the backup's place.
+// When in doubt it names nothing. It never names -rename while a file stands beside its backup: the file
+// would take the backup's place.
 PassesReport JudgePasses(const std::vector<TargetObservation>& targets);
 
 // The same judgement for one target that has no backup and is there: the package brought it, and it did not
-// stand there before. False when that is not certain.
+// stand there before. False when that is not certain, and for a file that is older than some backup: -rename
+// makes the backups before -copy makes the files.
 bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t index);
 
 #endif

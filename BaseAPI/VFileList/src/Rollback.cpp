@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,10 +49,6 @@ ActionName NameOf(Action action) {
     return {"nothing", "-", "-", Style::kDim};
 }
 
-bool IsBefore(const timespec& left, const timespec& right) {
-    return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
-}
-
 bool IsFromPackage(const TargetFacts& facts) {
     return facts.state == TargetState::kNew || facts.state == TargetState::kPartial;
 }
@@ -65,11 +62,12 @@ public:
 
 private:
     void Examine();
-    void NoteTimes(const std::string& directory, const TargetFacts& facts);
+    void NoteTimes(std::size_t index);
     void ShowHead();
 
     void RemoveNewFiles();
     bool IsCertainlyNew(std::size_t index) const;
+    bool IsUntouchedSinceCopy(const std::string& directory) const;
     void Remove(std::size_t index);
 
     void RestoreBackups();
@@ -95,7 +93,7 @@ private:
     // When a directory last gained or lost a name, and when its last new file was written.
     struct DirectoryTimes {
         timespec changed{};
-        timespec lastCopy{};
+        Moment lastCopy = 0;
     };
 
     const FileList& list_;
@@ -105,6 +103,8 @@ private:
     std::vector<TargetFacts> facts_;
     std::vector<TargetObservation> observations_;
     std::map<std::string, DirectoryTimes> times_;
+    Moment lastWritten_ = 0;        // when the file that was looked at last was written
+    bool isWrittenInOneGo_ = true;  // each new file was made after the one before it was written
     std::set<std::size_t> removed_;
     std::set<std::string> changedDirectories_;
     std::map<Action, std::size_t> counts_;
@@ -148,16 +148,20 @@ void RollbackRun::Examine() {
         output_.Progress("rollback: compare", facts_.size(), targets_.size());
         facts_.push_back(examiner.Examine(target));
         observations_.push_back(facts_.back().Observation());
-        NoteTimes(DirectoryOf(facts_.size() - 1), facts_.back());
+        NoteTimes(facts_.size() - 1);
     }
 }
 
-void RollbackRun::NoteTimes(const std::string& directory, const TargetFacts& facts) {
+void RollbackRun::NoteTimes(std::size_t index) {
+    const std::string& directory = DirectoryOf(index);
     const auto [times, isNew] = times_.try_emplace(directory);
     struct stat status {};
     if (isNew && stat(directory.c_str(), &status) == 0) times->second.changed = status.st_mtim;
-    timespec& lastCopy = times->second.lastCopy;
-    if (IsFromPackage(facts) && IsBefore(lastCopy, facts.status.st_mtim)) lastCopy = facts.status.st_mtim;
+
+    if (!IsFromPackage(facts_[index])) return;
+    isWrittenInOneGo_ = isWrittenInOneGo_ && lastWritten_ <= observations_[index].born;
+    lastWritten_ = MomentOf(facts_[index].status.st_mtim);
+    times->second.lastCopy = std::max(times->second.lastCopy, lastWritten_);
 }
 
 void RollbackRun::RemoveNewFiles() {
@@ -166,17 +170,22 @@ void RollbackRun::RemoveNewFiles() {
     }
 }
 
-// A new file without a backup had no predecessor, or its backup is gone: because -clean has begun, or because
-// it is an unchanged file that a rollback has restored already. -clean goes in order, so that it has not come
-// beyond a backup that is still there; a rollback goes the same way. And neither has touched a directory that
-// has not changed since -copy wrote its last file.
+// A new file without a backup had no predecessor, or it has none any more: -copy wrote over the installed
+// file, which -rename had not moved, or the file was restored; its birth tells both. Or -clean has removed
+// its backup: -clean goes in order, so that it has not come beyond a backup that is still there.
 bool RollbackRun::IsCertainlyNew(std::size_t index) const {
-    if (!WasBroughtByCopy(observations_, index)) return false;
+    if (!facts_[index].birth || !WasBroughtByCopy(observations_, index)) return false;
     for (std::size_t i = 0; i < index; ++i) {
         if (observations_[i].hasBackup) return true;
     }
-    const DirectoryTimes& times = times_.at(DirectoryOf(index));
-    return !IsBefore(times.lastCopy, times.changed);
+    return IsUntouchedSinceCopy(DirectoryOf(index));
+}
+
+// No backup has gone from the directory since -copy wrote its last file there. A second -copy writes the
+// files anew and would hide it, and so would times that are kept to the second.
+bool RollbackRun::IsUntouchedSinceCopy(const std::string& directory) const {
+    const DirectoryTimes& times = times_.at(directory);
+    return isWrittenInOneGo_ && times.changed.tv_nsec != 0 && MomentOf(times.changed) <= times.lastCopy;
 }
 
 void RollbackRun::Remove(std::size_t index) {

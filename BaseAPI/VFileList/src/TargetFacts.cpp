@@ -10,6 +10,12 @@ constexpr mode_t kPermissions = 07777;
 
 }  // namespace
 
+// Without a birth the last change stands for it, which is later only for a file that -copy wrote over.
+TargetObservation TargetFacts::Observation() const {
+    const Moment born = birth.value_or(MomentOf(status.st_mtim));
+    return {state, hasBackup, isOccupied ? born : 0, hasBackup ? MomentOf(backup.st_ctim) : 0};
+}
+
 bool TargetFacts::IsModeDifferent() const {
     return state == TargetState::kNew && hasReference &&
            (status.st_mode & kPermissions) != (reference.st_mode & kPermissions);
@@ -40,6 +46,7 @@ void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
         return;
     }
     facts.isOccupied = true;
+    facts.birth = BirthOf(path);
     struct stat followed {};
     if (stat(path.c_str(), &followed) != 0) {
         // The passes take it for missing, too.

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
 
 #include "FileList.h"
@@ -13,15 +14,16 @@
 struct TargetFacts {
     TargetState state = TargetState::kMissing;
     bool hasBackup = false;
-    bool isOccupied = false;   // something bears the name, if only a link that points nowhere
-    std::string detail;        // what else there is to say; may be empty
-    struct stat status {};     // of NAME itself, if it is occupied
-    struct stat backup {};     // of NAME.bak itself, if there is a backup
-    struct stat reference {};  // of the file that the backup is or, being a link, leads to
+    bool isOccupied = false;      // something bears the name, if only a link that points nowhere
+    std::string detail;           // what else there is to say; may be empty
+    struct stat status {};        // of NAME itself, if it is occupied
+    struct stat backup {};        // of NAME.bak itself, if there is a backup
+    std::optional<Moment> birth;  // of NAME itself, where the file system tells
+    struct stat reference {};     // of the file that the backup is or, being a link, leads to
     bool hasReference = false;
     long long packageSize = -1;  // of the package's file; -1 when it can't be read
 
-    TargetObservation Observation() const { return {state, hasBackup}; }
+    TargetObservation Observation() const;
     // The new file has not the mode, or not the owner, of the backup.
     bool IsModeDifferent() const;
     bool IsOwnerDifferent() const;
