@@ -246,7 +246,9 @@ TEST(PassesTest, FilesThatFitNoPassLeaveTheDecisionToPeople) {
         {kOldWithBackup},             // changed after -copy, or not begun beside an old backup
         {kOldWithBackup, kNewAlone},  // the same, and a file that had no predecessor
         {kUnknownWithBackup},         // the package has lost its own file
-        {kRenamed, kOldWithBackup},   // -rename or -copy, cut off
+        {kRenamed, kNewWithBackup},   // removed after -copy, or an old backup behind a -rename cut off
+        {kRenamed, kPartialWithBackup},
+        {kRenamed, kOldWithBackup},  // -rename or -copy, cut off
     };
     for (const Targets& targets : cases) {
         const PassesReport report = JudgePasses(targets);
@@ -256,8 +258,29 @@ TEST(PassesTest, FilesThatFitNoPassLeaveTheDecisionToPeople) {
     }
 }
 
-TEST(PassesTest, AFileThatWasDeletedAfterCopyIsCopiedAgain) {
-    EXPECT_EQ(JudgePasses({kRenamed, kNewWithBackup, kNewAlone}).next, "-copy");
+TEST(PassesTest, NamesNoPassThatWouldWriteOverARestoredFile) {
+    ForEachRelease([](const std::vector<Before>& release) {
+        for (std::size_t progress = 1; progress <= release.size(); ++progress) {
+            const Targets targets = DuringRollback(release, progress);
+            for (std::size_t i = 0; i < progress; ++i) {
+                if (release[i] != Before::kBeginning || !HasBackup(targets)) continue;
+                EXPECT_EQ(JudgePasses(targets).next, "") << Shown(targets);
+            }
+        }
+    });
+}
+
+TEST(PassesTest, GoesOnWithAnUnfinishedCopyOfAFileWithoutPredecessorBeforeFilesOfAnEarlierTry) {
+    const Targets targets = {WithTimes(kNewWithBackup, kCopy), WithTimes(kPartialAlone, kCopy),
+                             WithTimes(kNewWithBackup, kCopy)};
+
+    EXPECT_EQ(JudgePasses(targets).next, "-copy");
+}
+
+TEST(PassesTest, WantsNoCopyOverARestoredFileWhileTheOthersAreStillRenamed) {
+    const Targets targets = {WithTimes(kPartialAlone, kInstallation), WithTimes(kRenamed, 0)};
+
+    EXPECT_EQ(JudgePasses(targets).next, "");
 }
 
 TEST(PassesTest, WithoutTargetsEverythingIsComplete) {

@@ -184,6 +184,35 @@ TEST_F(RollbackTest, LeavesAFileAloneThatIsNotThePackagesWork) {
     EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
 }
 
+TEST_F(RollbackTest, LeavesAnUnchangedFileAloneThatCopyCannotHaveReached) {
+    // -rename was cut off before the second file, which has a backup that an earlier upgrade forgot.
+    package_.Bring("unchanged", "second version");
+    package_.Install("unchanged", "second version");
+    package_.Install("unchanged.bak", "first version");
+    package_.WriteEntries("tool,unchanged");
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(package_.RunJson("verify")["summary"]["next"], nullptr);
+    EXPECT_EQ(Rollback(), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed("unchanged"), "second version");
+    EXPECT_EQ(package_.Installed("unchanged.bak"), "first version");
+}
+
+TEST_F(RollbackTest, RestoresTheFilesBehindADirectoryThatItWasKilledAt) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("tool/inside", "kept");
+    BringAnotherFile();
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("tool"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool/inside"), "kept");
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
 TEST_F(RollbackTest, LeavesAFileAloneThatItCannotCompare) {
     RunPasses({"-rename", "-copy"});
     fs::remove(package_.SourcePath("tool"));

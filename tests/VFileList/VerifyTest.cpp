@@ -225,6 +225,23 @@ TEST_F(VerifyTest, NamesNoPassWhereAServiceChangedTheNewFile) {
     EXPECT_THAT(summary["reason"].get<std::string>(), HasSubstr("changed after -copy"));
 }
 
+TEST_F(VerifyTest, NamesNoPassThatWritesOverAFileThatARollbackRestored) {
+    package_.Bring("other", "new");
+    package_.Install("other", "old");
+    package_.Install("tool", "the new");
+    package_.WriteEntries("tool,other");
+    RunPasses({"-rename", "-copy"});
+    fs::rename(package_.InstalledPath("tool.bak"), package_.InstalledPath("tool"));
+    ASSERT_EQ(chmod(package_.InstalledPath("other.bak").c_str(), 0600), 0)
+        << "later, on a clock with long ticks";
+
+    const nlohmann::json summary = package_.RunJson("verify")["summary"];
+
+    EXPECT_EQ(summary["states"]["partial"], 1);
+    EXPECT_EQ(summary["next"], nullptr);
+    EXPECT_THAT(summary["reason"].get<std::string>(), HasSubstr("a rollback has restored it"));
+}
+
 TEST_F(VerifyTest, ChangesNothing) {
     RunPasses({"-rename", "-copy"});
     const auto look = [this] {

@@ -89,8 +89,8 @@ const std::vector<FindingKind>& FindingKinds() {
          "After -copy run `vfilelist rollback --only-modes`; set the mode of files without a predecessor "
          "yourself."},
         {"W-OLD-BACKUP", "an old NAME.bak is there",
-         "-rename replaces it without a word. If -rename finds no NAME, a rollback takes the old one for the "
-         "backup.",
+         "-rename replaces it without a word. A rollback takes it for the upgrade's backup when "
+         "-rename finds no NAME or has not been run, and NAME holds what the package's file holds.",
          "If the last upgrade is finished, remove it (`VCopyFileListIni -clean` of that upgrade)."},
         {"W-TARGET-BUSY", "a target is being executed",
          "-rename moves it, and the running program goes on with the old file; -copy without -rename fails: "

@@ -51,6 +51,18 @@ bool IsOlderThanABackup(const TargetObservation& file, const std::vector<TargetO
     return Any(targets, [&file](const auto& target) { return file.born < target.backedUp; });
 }
 
+// Without a backup, and too old for an unfinished copy: an installed file, perhaps restored, whose content is
+// a beginning of the package's file. -copy would write over it.
+bool IsInstalledBeginning(const TargetObservation& target, const std::vector<TargetObservation>& targets) {
+    return target.state == TargetState::kPartial && !target.hasBackup && IsOlderThanABackup(target, targets);
+}
+
+// Copied over a backup, though an earlier target has been renamed and not been copied.
+bool HasCopyBeyondAGap(const std::vector<TargetObservation>& targets) {
+    const auto gap = std::find_if(targets.begin(), targets.end(), IsRenamed);
+    return std::any_of(gap, targets.end(), IsCopiedOverBackup);
+}
+
 PassesReport Next(const char* pass) {
     const std::string next = pass;
     if (next == "-rename") {
@@ -71,6 +83,16 @@ PassesReport AfterCopyBegan(const std::vector<TargetObservation>& targets) {
             "some files are the package's, with a backup beside them, and others are not: either they were "
             "changed after -copy, or the backups are those of an earlier upgrade");
     }
+    if (Any(targets, [&](const auto& target) { return IsInstalledBeginning(target, targets); })) {
+        return NobodyCanTell(
+            "a file without a backup is older than the backups, and holds a beginning of the package's file: "
+            "a rollback has restored it, or -rename has not reached it");
+    }
+    if (HasCopyBeyondAGap(targets)) {
+        return NobodyCanTell(
+            "a file stands beside its backup where -copy has not been yet: either an earlier file was "
+            "removed after -copy, or the backup is that of an earlier upgrade");
+    }
     const auto isNew = [](const auto& target) { return target.state == TargetState::kNew; };
     return All(targets, isNew) ? Next("-clean") : Next("-copy");
 }
@@ -79,13 +101,12 @@ PassesReport AfterRenameBegan(const std::vector<TargetObservation>& targets) {
     if (Any(targets, IsForeignBesideBackup)) {
         return NobodyCanTell(
             "a file that is not the package's stands beside its backup: either it was changed after -copy, "
-            "or "
-            "the backup is that of an earlier upgrade");
+            "or the backup is that of an earlier upgrade");
     }
     bool isRenameCutOff = false;
     for (std::size_t i = 0; i < targets.size(); ++i) {
-        const bool isInstalled =
-            IsForeign(targets[i]) || (IsThere(targets[i]) && IsStillInstalled(targets, i));
+        const bool isInstalled = IsForeign(targets[i]) || IsInstalledBeginning(targets[i], targets) ||
+                                 (IsThere(targets[i]) && IsStillInstalled(targets, i));
         isRenameCutOff = isRenameCutOff || isInstalled;
         if (isRenameCutOff && IsRenamed(targets[i])) {
             return NobodyCanTell(

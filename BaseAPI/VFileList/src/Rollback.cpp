@@ -72,6 +72,8 @@ private:
 
     void RestoreBackups();
     void Restore(std::size_t index);
+    std::string WhyKept(std::size_t index) const;
+    bool IsBeyondCopy(std::size_t index) const;
     void PutBack(std::size_t index);
     void ReportWithoutBackup(std::size_t index);
 
@@ -214,13 +216,9 @@ void RollbackRun::RestoreBackups() {
 }
 
 void RollbackRun::Restore(std::size_t index) {
-    const TargetFacts& facts = facts_[index];
-    // Only what the package brought is replaced: anything else may be the installed file itself, which
-    // -rename had not reached, beside the forgotten backup of an earlier upgrade.
-    if (facts.isOccupied && !IsFromPackage(facts) && !options_.isForced) {
-        const std::string cause = facts.detail.empty() ? "" : facts.detail + "; ";
-        Report(index, Action::kKept,
-               cause + "neither the package's file nor a part of it; --force puts the backup over it", true);
+    const std::string why = WhyKept(index);
+    if (!why.empty()) {
+        Report(index, Action::kKept, why, true);
     } else if (options_.isDryRun) {
         Report(index, Action::kRestored, "");
     } else if (!IsAsExamined(index)) {
@@ -228,6 +226,31 @@ void RollbackRun::Restore(std::size_t index) {
     } else {
         PutBack(index);
     }
+}
+
+// Only what the package brought is replaced: anything else may be the installed file itself, which -rename
+// had not reached, beside the forgotten backup of an earlier upgrade. Empty when the backup goes back.
+std::string RollbackRun::WhyKept(std::size_t index) const {
+    const TargetFacts& facts = facts_[index];
+    if (!facts.isOccupied || options_.isForced) return "";
+    if (!IsFromPackage(facts)) {
+        return (facts.detail.empty() ? "" : facts.detail + "; ") +
+               "neither the package's file nor a part of it; --force puts the backup over it";
+    }
+    if (IsBeyondCopy(index)) {
+        return "-copy has not come so far: it may be the installed file, beside a backup of an earlier "
+               "upgrade; remove that, or --force puts it over the file";
+    }
+    return "";
+}
+
+// An earlier target has been renamed and not been copied. A directory that is missing tells nothing: it goes
+// back in two steps, and a rollback may have been killed between them.
+bool RollbackRun::IsBeyondCopy(std::size_t index) const {
+    const auto here = facts_.begin() + static_cast<std::ptrdiff_t>(index);
+    return std::any_of(facts_.begin(), here, [](const TargetFacts& facts) {
+        return facts.state == TargetState::kMissing && facts.hasBackup && !S_ISDIR(facts.backup.st_mode);
+    });
 }
 
 void RollbackRun::PutBack(std::size_t index) {
