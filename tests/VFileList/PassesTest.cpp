@@ -283,6 +283,26 @@ TEST(PassesTest, WantsNoCopyOverARestoredFileWhileTheOthersAreStillRenamed) {
     EXPECT_EQ(JudgePasses(targets).next, "");
 }
 
+TEST(PassesTest, NamesNothingForABackupThatIsNone) {
+    TargetObservation doubtful = kOldAlone;
+    doubtful.isBackupDoubtful = true;
+    for (const TargetState state : {TargetState::kNew, TargetState::kOld, TargetState::kMissing}) {
+        doubtful.state = state;
+        EXPECT_EQ(JudgePasses({kNewWithBackup, doubtful}).next, "");
+        EXPECT_NE(JudgePasses({doubtful}).reason, "");
+    }
+}
+
+TEST(PassesTest, NothingIsLeftToCleanInALinkThatPointsNowhere) {
+    TargetObservation dangling = kNewWithBackup;
+    dangling.isBackupDangling = true;
+
+    EXPECT_EQ(JudgePasses({dangling, kNewAlone}).clean, PassState::kComplete);
+    EXPECT_EQ(JudgePasses({dangling, kNewWithBackup}).next, "-clean");
+    EXPECT_FALSE(WasBroughtByCopy({dangling, kNewAlone}, 1)) << "-clean may have been through";
+    EXPECT_TRUE(WasBroughtByCopy({dangling, kNewAlone, kNewWithBackup}, 1));
+}
+
 TEST(PassesTest, WithoutTargetsEverythingIsComplete) {
     const PassesReport report = JudgePasses({});
     EXPECT_EQ(report.clean, PassState::kComplete);

@@ -402,6 +402,117 @@ TEST_F(RollbackTest, BringsBackALinkAsALink) {
     EXPECT_EQ(package_.Installed("tool-1.0"), "old");
 }
 
+// After -clean, which does not see the link; "tool", its new file, and "other" are right as they are.
+class DanglingBackupTest : public RollbackTest {
+protected:
+    DanglingBackupTest() {
+        fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+        fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+        BringAnotherFile();
+        RunPasses({"-rename", "-copy"});
+        fs::remove(package_.InstalledPath("tool-1.0"));
+        RunPasses({"-clean"});
+    }
+};
+
+TEST_F(DanglingBackupTest, IsNotPutOverANewFile) {
+    EXPECT_EQ(Rollback(), 1);
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+
+    EXPECT_EQ(Rollback({"--force"}), 0);
+    EXPECT_EQ(fs::read_symlink(package_.InstalledPath("tool")), "tool-1.0");
+}
+
+TEST_F(DanglingBackupTest, IsNoEvidenceThatAFileIsNew) {
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("other"), "the other new one");
+}
+
+TEST_F(DanglingBackupTest, LeavesNothingToClean) {
+    EXPECT_EQ(package_.Run("verify", {"--expect", "cleaned"}).exitStatus, 0);
+    EXPECT_THAT(package_.Run("verify").out,
+                HasSubstr("(NAME.bak is a link that points nowhere; -clean passes over it)"));
+}
+
+TEST_F(RollbackTest, BringsBackALinkWhosePointeeComesBackToo) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("lib.so.1", "old");
+    fs::create_symlink("lib.so.1", package_.InstalledPath("lib.so"));
+    package_.Bring("lib.so", "new");
+    package_.Bring("lib.so.1", "new");
+    package_.WriteEntries("lib.so,lib.so.1");
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("lib.so.1"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(fs::read_symlink(package_.InstalledPath("lib.so")), "lib.so.1");
+    EXPECT_EQ(package_.Installed("lib.so.1"), "old");
+}
+
+TEST_F(RollbackTest, PutsNoLinkOverTheFileThatItLeadsTo) {
+    package_.Install("tool", "the new tool");
+    fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(package_.InstalledPath("tool"))));
+}
+
+TEST_F(RollbackTest, PutsNoListedFileOverAnother) {
+    package_.Bring("tool.bak", "new");
+    package_.Install("tool.bak", "a file of its own");
+    package_.Install("tool", "the new tool");
+    package_.WriteEntries("tool,tool.bak");
+
+    EXPECT_EQ(package_.RunJson("verify")["summary"]["next"], nullptr);
+    EXPECT_EQ(Rollback(), 1);
+    EXPECT_EQ(Rollback({"--force"}), 1);
+
+    EXPECT_EQ(package_.Installed("tool"), "the new tool");
+    EXPECT_EQ(package_.Installed("tool.bak"), "a file of its own");
+}
+
+TEST_F(RollbackTest, OnlyModesTakesNoModeFromADirectory) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 1);
+
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+}
+
+TEST_F(RollbackTest, KeepsAFileThatItCannotLookAtThoughItsBackupCanBe) {
+    package_.Install("tool.bak", "forgotten");
+    const std::string tool = package_.InstalledPath("tool");
+    int status = 0;
+    {
+        const Replaced replaced(calls::lstat, [&tool](const char* path, struct stat* result) {
+            if (path != tool) return calls::real::lstat(path, result);
+            errno = EIO;
+            return -1;
+        });
+        const FileList list(package_.ListPath());
+        (void)ReportOf([&](Output& output) { return ::Rollback(list, {}, output); }, &status);
+    }
+
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed("tool.bak"), "forgotten");
+}
+
+TEST_F(RollbackTest, KeepsAFileWhoseBackupItCannotLookAt) {
+    fs::create_symlink("loop", package_.InstalledPath("loop"));
+    package_.WriteList("[Server]\nBin=@/loop\n[Bin]\nf=tool\n");
+
+    EXPECT_EQ(Rollback(), 1);
+    EXPECT_EQ(Rollback({"--only-modes"}), 1);
+}
+
 TEST_F(RollbackTest, BringsBackADirectoryThatStoodWhereThePackageHasAFile) {
     fs::remove(package_.InstalledPath("tool"));
     package_.Install("tool/inside", "kept");

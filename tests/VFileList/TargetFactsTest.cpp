@@ -59,6 +59,9 @@ TEST_F(TargetFactsTest, KnowsADanglingLinkAndADanglingBackup) {
     EXPECT_TRUE(facts.isOccupied);
     EXPECT_TRUE(facts.hasBackup);
     EXPECT_FALSE(facts.hasReference);
+    EXPECT_TRUE(facts.isBackupDangling);
+    EXPECT_EQ(facts.detail,
+              "a link that points nowhere, NAME.bak is a link that points nowhere; -clean passes over it");
 }
 
 TEST_F(TargetFactsTest, TakesASecondNameOfTheSameFileForNoBackup) {
@@ -68,6 +71,41 @@ TEST_F(TargetFactsTest, TakesASecondNameOfTheSameFileForNoBackup) {
     package_.WriteEntries("tool");
 
     EXPECT_FALSE(Examine().hasBackup);
+}
+
+TEST_F(TargetFactsTest, TakesALinkBetweenTheTwoNamesForNoBackup) {
+    package_.Bring("tool", "new");
+    package_.WriteEntries("tool");
+    package_.Install("tool", "old");
+    fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
+    EXPECT_FALSE(Examine().hasBackup);
+
+    fs::remove(package_.InstalledPath("tool.bak"));
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
+    EXPECT_FALSE(Examine().hasBackup);
+    EXPECT_TRUE(Examine().Observation().isBackupDoubtful);
+}
+
+TEST_F(TargetFactsTest, TakesALinkToASecondNameOfTheNewFileForABackup) {
+    package_.Bring("tool", "new");
+    package_.WriteEntries("tool");
+    package_.Install("tool", "new");
+    fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool.bak"));
+
+    EXPECT_TRUE(Examine().hasBackup);
+    EXPECT_FALSE(Examine().isBackupDangling);
+}
+
+TEST_F(TargetFactsTest, HasNoReferenceInADirectory) {
+    package_.Bring("tool", "new");
+    package_.WriteEntries("tool");
+    package_.Install("tool", "new");
+    fs::create_directory(package_.InstalledPath("tool.bak"));
+
+    EXPECT_TRUE(Examine().hasBackup);
+    EXPECT_FALSE(Examine().hasReference);
 }
 
 TEST_F(TargetFactsTest, ComparesWithTheLastOfSeveralEntriesFirst) {

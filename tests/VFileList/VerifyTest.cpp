@@ -242,6 +242,19 @@ TEST_F(VerifyTest, NamesNoPassThatWritesOverAFileThatARollbackRestored) {
     EXPECT_THAT(summary["reason"].get<std::string>(), HasSubstr("a rollback has restored it"));
 }
 
+TEST_F(VerifyTest, DoesNotTakeABackupThatItCannotLookAtForNone) {
+    fs::create_symlink("loop", package_.InstalledPath("loop"));
+    package_.WriteList("[Server]\nBin=@/loop\n[Bin]\nf=tool\n");
+
+    const nlohmann::json target = Target();
+    EXPECT_EQ(target["state"], "unknown");
+    EXPECT_EQ(target["backup"], nullptr);
+    EXPECT_EQ(target["mode"], nullptr);
+    EXPECT_EQ(target["size"], nullptr);
+    EXPECT_EQ(Verify({"--expect", "restored"}), 1);
+    EXPECT_THAT(package_.Run("verify").out, HasSubstr("unknown  ?       -     -              -  "));
+}
+
 TEST_F(VerifyTest, ChangesNothing) {
     RunPasses({"-rename", "-copy"});
     const auto look = [this] {

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -63,13 +62,6 @@ std::map<FileId, std::string> RunningPrograms() {
     return programs;
 }
 
-// The canonical path of what is there; nothing when it can't be told.
-std::optional<std::string> CanonicalPath(const std::string& path) {
-    const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
-    if (!resolved) return std::nullopt;
-    return resolved.get();
-}
-
 class Checker {
 public:
     Checker(const CheckOptions& options, Output& output)
@@ -96,6 +88,7 @@ private:
     bool CheckTargetKind(const Entry& entry, const struct stat& link);
     void CheckInstalledFile(const Entry& entry, const struct stat& installed);
     void CheckBackup(const Entry& entry, const struct stat* installed);
+    bool IsLinkBetween(const Entry& entry, const struct stat& installed, const struct stat& backup) const;
     void CheckMode(const Entry& entry, const struct stat& reference, bool isInstalled);
     void CheckDuplicates();
     void CheckUnlisted();
@@ -306,8 +299,17 @@ void Checker::CheckInstalledFile(const Entry& entry, const struct stat& installe
 void Checker::CheckBackup(const Entry& entry, const struct stat* installed) {
     struct stat backup {};
     if (lstat((list_.PlaceOf(entry) + kBackupSuffix).c_str(), &backup) != 0) return;
-    const bool isSame = installed != nullptr && IsSameFile(*installed, backup);
+    const bool isSame =
+        installed != nullptr && (IsSameFile(*installed, backup) || IsLinkBetween(entry, *installed, backup));
     Add(isSame ? "E-BACKUP-SAME-FILE" : "W-OLD-BACKUP", entry, list_.BackupOf(entry));
+}
+
+// One of NAME and NAME.bak is a link that leads to the other.
+bool Checker::IsLinkBetween(const Entry& entry, const struct stat& installed,
+                            const struct stat& backup) const {
+    const std::string root = list_.root().empty() ? "/" : list_.root();
+    return S_ISLNK(installed.st_mode) != S_ISLNK(backup.st_mode) &&
+           ResolveBelowRoot(root, list_.TargetOf(entry)) == ResolveBelowRoot(root, list_.BackupOf(entry));
 }
 
 void Checker::CheckMode(const Entry& entry, const struct stat& reference, bool isInstalled) {

@@ -124,6 +124,9 @@ std::vector<Target> FileList::Targets() const {
         if (isNew) targets.emplace_back();
         targets[found->second].entries.push_back(i);
     }
+    for (const auto& [identity, index] : indexes) {
+        targets[index].isBackupListed = indexes.count(identity + kBackupSuffix) != 0;
+    }
     return targets;
 }
 

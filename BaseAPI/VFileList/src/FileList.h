@@ -29,6 +29,7 @@ struct Entry {
 // One installed file, and every entry that the passes apply to it, in their order.
 struct Target {
     std::vector<std::size_t> entries;  // indexes into entries()
+    bool isBackupListed = false;       // NAME.bak is a target, too
 };
 
 class FileList {

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 namespace fs = std::filesystem;
 
@@ -129,6 +131,12 @@ bool IsUnchanged(const struct stat& before, const struct stat& now) {
 bool StaysBelow(const std::string& relativePath) {
     const fs::path normal = fs::path(relativePath).lexically_normal();
     return normal.is_relative() && (normal.empty() || *normal.begin() != "..");
+}
+
+std::optional<std::string> CanonicalPath(const std::string& path) {
+    const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
+    if (!resolved) return std::nullopt;
+    return resolved.get();
 }
 
 std::string NearestExisting(const std::string& path) {

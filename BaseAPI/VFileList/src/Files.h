@@ -70,6 +70,9 @@ bool IsUnchanged(const struct stat& before, const struct stat& now);
 // True when the path, relative to some directory, leads nowhere else; links are not looked at.
 bool StaysBelow(const std::string& relativePath);
 
+// The canonical path of what is there; nothing when it can't be told.
+std::optional<std::string> CanonicalPath(const std::string& path);
+
 // The nearest directory that exists at `path` or above it.
 std::string NearestExisting(const std::string& path);
 

@@ -21,6 +21,11 @@ bool IsRenamed(const TargetObservation& target) {
     return !IsThere(target) && target.hasBackup;
 }
 
+// -clean does not see a link that points nowhere, which may be left of any upgrade.
+bool HasFirmBackup(const TargetObservation& target) {
+    return target.hasBackup && !target.isBackupDangling;
+}
+
 bool IsForeign(const TargetObservation& target) {
     return IsThere(target) && !IsFromPackage(target);
 }
@@ -73,6 +78,10 @@ PassesReport Next(const char* pass) {
     return {PassState::kComplete, PassState::kComplete, PassState::kIncomplete, next, ""};
 }
 
+PassesReport NothingLeft() {
+    return {PassState::kComplete, PassState::kComplete, PassState::kComplete, "", ""};
+}
+
 PassesReport NobodyCanTell(const char* reason) {
     return {PassState::kUnknown, PassState::kIncomplete, PassState::kIncomplete, "", reason};
 }
@@ -94,7 +103,8 @@ PassesReport AfterCopyBegan(const std::vector<TargetObservation>& targets) {
             "removed after -copy, or the backup is that of an earlier upgrade");
     }
     const auto isNew = [](const auto& target) { return target.state == TargetState::kNew; };
-    return All(targets, isNew) ? Next("-clean") : Next("-copy");
+    if (!All(targets, isNew)) return Next("-copy");
+    return Any(targets, HasFirmBackup) ? Next("-clean") : NothingLeft();
 }
 
 PassesReport AfterRenameBegan(const std::vector<TargetObservation>& targets) {
@@ -121,7 +131,7 @@ PassesReport WithoutTrace(const std::vector<TargetObservation>& targets) {
     if (!targets.empty() && !Any(targets, IsThere)) return Next("-copy");
     const auto isNew = [](const auto& target) { return target.state == TargetState::kNew; };
     if (All(targets, isNew)) {
-        return {PassState::kComplete, PassState::kComplete, PassState::kComplete, "", ""};
+        return NothingLeft();
     }
     // Either installed files that the package does not change, or new ones of a -copy that was cut off. For
     // the latter -rename only makes backups of what the package still has.
@@ -131,6 +141,10 @@ PassesReport WithoutTrace(const std::vector<TargetObservation>& targets) {
 }  // namespace
 
 PassesReport JudgePasses(const std::vector<TargetObservation>& targets) {
+    const auto isDoubtful = [](const auto& target) { return target.isBackupDoubtful; };
+    if (Any(targets, isDoubtful)) {
+        return NobodyCanTell("a NAME.bak is no backup or can't be looked at, as is said of its file");
+    }
     if (Any(targets, IsCopiedOverBackup)) return AfterCopyBegan(targets);
     if (Any(targets, [](const auto& target) { return target.hasBackup; })) {
         return AfterRenameBegan(targets);
@@ -141,6 +155,6 @@ PassesReport JudgePasses(const std::vector<TargetObservation>& targets) {
 bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t index) {
     const auto here = targets.begin() + static_cast<std::ptrdiff_t>(index);
     return targets[index].state == TargetState::kNew && !targets[index].hasBackup &&
-           Any(targets, [](const auto& target) { return target.hasBackup; }) && !Any(targets, IsForeign) &&
+           Any(targets, HasFirmBackup) && !Any(targets, IsForeign) &&
            std::all_of(targets.begin(), here, IsThere) && !IsOlderThanABackup(targets[index], targets);
 }

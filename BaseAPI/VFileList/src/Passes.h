@@ -20,6 +20,8 @@ struct TargetObservation {
     bool hasBackup;
     Moment born = 0;      // when NAME was made
     Moment backedUp = 0;  // when something last happened to its backup, a change of its name included
+    bool isBackupDangling = false;  // a link that points nowhere: -clean passes over it
+    bool isBackupDoubtful = false;  // NAME.bak is something else than a backup, or can't be looked at
 };
 
 enum class PassState { kComplete, kIncomplete, kUnknown };

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <vector>
@@ -17,6 +18,8 @@
 #include "Files.h"
 #include "Passes.h"
 #include "TargetFacts.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -73,6 +76,7 @@ private:
     void RestoreBackups();
     void Restore(std::size_t index);
     std::string WhyKept(std::size_t index) const;
+    bool IsPointeeBackedUp(std::size_t index) const;
     bool IsBeyondCopy(std::size_t index) const;
     void PutBack(std::size_t index);
     void ReportWithoutBackup(std::size_t index);
@@ -178,7 +182,7 @@ void RollbackRun::RemoveNewFiles() {
 bool RollbackRun::IsCertainlyNew(std::size_t index) const {
     if (!facts_[index].birth || !WasBroughtByCopy(observations_, index)) return false;
     for (std::size_t i = 0; i < index; ++i) {
-        if (observations_[i].hasBackup) return true;
+        if (facts_[i].hasBackup && !facts_[i].isBackupDangling) return true;
     }
     return IsUntouchedSinceCopy(DirectoryOf(index));
 }
@@ -232,16 +236,34 @@ void RollbackRun::Restore(std::size_t index) {
 // had not reached, beside the forgotten backup of an earlier upgrade. Empty when the backup goes back.
 std::string RollbackRun::WhyKept(std::size_t index) const {
     const TargetFacts& facts = facts_[index];
-    if (!facts.isOccupied || options_.isForced) return "";
+    if (facts.backupDoubt == BackupDoubt::kListed) {
+        return "NAME.bak is on the list itself; put back by hand what is the old file";
+    }
+    const bool isFree = !facts.isOccupied && facts.state == TargetState::kMissing;
+    if (isFree || options_.isForced) return "";
     if (!IsFromPackage(facts)) {
         return (facts.detail.empty() ? "" : facts.detail + "; ") +
                "neither the package's file nor a part of it; --force puts the backup over it";
+    }
+    if (facts.isBackupDangling && !IsPointeeBackedUp(index)) {
+        return "the backup is a link that points nowhere; --force puts it over the file";
     }
     if (IsBeyondCopy(index)) {
         return "-copy has not come so far: it may be the installed file, beside a backup of an earlier "
                "upgrade; remove that, or --force puts it over the file";
     }
     return "";
+}
+
+// What the backup, a link, leads to comes back in this rollback, too.
+bool RollbackRun::IsPointeeBackedUp(std::size_t index) const {
+    std::error_code error;
+    const fs::path link = fs::read_symlink(BackupOf(index), error);
+    const fs::path pointee = (DirectoryOf(index) / link).lexically_normal();
+    for (std::size_t i = 0; i < targets_.size() && !error; ++i) {
+        if (facts_[i].hasBackup && fs::path(PathOf(i)).lexically_normal() == pointee) return true;
+    }
+    return false;
 }
 
 // An earlier target has been renamed and not been copied. A directory that is missing tells nothing: it goes
@@ -269,6 +291,8 @@ void RollbackRun::PutBack(std::size_t index) {
 
 void RollbackRun::ReportWithoutBackup(std::size_t index) {
     const TargetFacts& facts = facts_[index];
+    if (facts.backupDoubt == BackupDoubt::kUnreadable)
+        return Report(index, Action::kKept, facts.detail, true);
     switch (facts.state) {
         case TargetState::kMissing:
             Report(index, Action::kNothing, "not there, no backup");
@@ -301,7 +325,9 @@ void RollbackRun::SetModes() {
 
 void RollbackRun::SetMode(std::size_t index) {
     const TargetFacts& facts = facts_[index];
-    if (!facts.hasBackup) {
+    if (facts.backupDoubt == BackupDoubt::kUnreadable || facts.backupDoubt == BackupDoubt::kListed) {
+        Report(index, Action::kKept, facts.detail, true);
+    } else if (!facts.hasBackup) {
         const bool isThere = facts.state != TargetState::kMissing;
         Report(index, isThere ? Action::kKept : Action::kNothing,
                isThere ? "no backup; mode " + ShownMode(facts.status.st_mode) + " and owner " +
@@ -310,7 +336,10 @@ void RollbackRun::SetMode(std::size_t index) {
     } else if (facts.state != TargetState::kNew) {
         Report(index, Action::kKept, "not the package's file; run -copy first", true);
     } else if (!facts.hasReference) {
-        Report(index, Action::kKept, "the backup is a link that points nowhere", true);
+        Report(index, Action::kKept,
+               facts.isBackupDangling ? "the backup is a link that points nowhere"
+                                      : "the backup is no regular file",
+               true);
     } else if (!facts.IsModeDifferent() && !facts.IsOwnerDifferent()) {
         Report(index, Action::kNothing, "as its backup");
     } else {

@@ -8,12 +8,31 @@ namespace {
 
 constexpr mode_t kPermissions = 07777;
 
+void Append(std::string& detail, const std::string& text) {
+    detail += (detail.empty() ? "" : ", ") + text;
+}
+
+// Both names have the same inode, or one is a link that leads to the other. Two links to a third file are not
+// one, nor is a link and a second name of what it leads to.
+bool IsOneFile(const std::string& path, const struct stat& status, const std::string& other,
+               const struct stat& otherStatus) {
+    if (IsSameFile(status, otherStatus)) return true;
+    if (S_ISLNK(status.st_mode) == S_ISLNK(otherStatus.st_mode)) return false;
+    const std::optional<std::string> real = CanonicalPath(path);
+    return real && real == CanonicalPath(other);
+}
+
 }  // namespace
 
 // Without a birth the last change stands for it, which is later only for a file that -copy wrote over.
 TargetObservation TargetFacts::Observation() const {
     const Moment born = birth.value_or(MomentOf(status.st_mtim));
-    return {state, hasBackup, isOccupied ? born : 0, hasBackup ? MomentOf(backup.st_ctim) : 0};
+    return {state,
+            hasBackup,
+            isOccupied ? born : 0,
+            hasBackup ? MomentOf(backup.st_ctim) : 0,
+            isBackupDangling,
+            backupDoubt != BackupDoubt::kNone};
 }
 
 bool TargetFacts::IsModeDifferent() const {
@@ -29,7 +48,7 @@ bool TargetFacts::IsOwnerDifferent() const {
 TargetFacts TargetExaminer::Examine(const Target& target) {
     TargetFacts facts;
     LookAtTarget(target, facts);
-    LookAtBackup(list_.BackupOf(EntryOf(target)), facts);
+    LookAtBackup(target, facts);
     struct stat package {};
     if (stat(list_.SourceOf(EntryOf(target)).c_str(), &package) == 0) facts.packageSize = package.st_size;
     const bool isComparable = facts.state == TargetState::kMissing || S_ISREG(facts.status.st_mode);
@@ -61,14 +80,29 @@ void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
     }
 }
 
-void TargetExaminer::LookAtBackup(const std::string& path, TargetFacts& facts) const {
-    if (lstat(path.c_str(), &facts.backup) != 0) return;
-    if (facts.isOccupied && IsSameFile(facts.backup, facts.status)) {
-        facts.detail = "NAME.bak is the same file, and no backup";
+void TargetExaminer::LookAtBackup(const Target& target, TargetFacts& facts) const {
+    const std::string path = list_.BackupOf(EntryOf(target));
+    if (lstat(path.c_str(), &facts.backup) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return;
+        Append(facts.detail, std::string("NAME.bak can't be looked at: ") + std::strerror(errno));
+        facts.backupDoubt = BackupDoubt::kUnreadable;
+        return;
+    }
+    if (facts.isOccupied && IsOneFile(list_.TargetOf(EntryOf(target)), facts.status, path, facts.backup)) {
+        Append(facts.detail, "NAME.bak is the same file, and no backup");
+        facts.backupDoubt = BackupDoubt::kSameFile;
         return;
     }
     facts.hasBackup = true;
-    facts.hasReference = stat(path.c_str(), &facts.reference) == 0;
+    facts.isBackupDangling = stat(path.c_str(), &facts.reference) != 0;
+    facts.hasReference = !facts.isBackupDangling && S_ISREG(facts.reference.st_mode);
+    if (facts.isBackupDangling) {
+        Append(facts.detail, "NAME.bak is a link that points nowhere; -clean passes over it");
+    }
+    if (target.isBackupListed) {
+        Append(facts.detail, "NAME.bak is on the list itself");
+        facts.backupDoubt = BackupDoubt::kListed;
+    }
 }
 
 // When several entries go to one target, the last one is what it shall hold; with one of the others it is on

@@ -11,17 +11,27 @@
 #include "Files.h"
 #include "Passes.h"
 
+// What makes a NAME.bak something else than a backup.
+enum class BackupDoubt {
+    kNone,
+    kSameFile,    // it is NAME, by a second name or through a link
+    kListed,      // it is on the list itself
+    kUnreadable,  // it can't be looked at
+};
+
 struct TargetFacts {
     TargetState state = TargetState::kMissing;
     bool hasBackup = false;
+    bool isBackupDangling = false;  // it is a link that points nowhere
+    BackupDoubt backupDoubt = BackupDoubt::kNone;
     bool isOccupied = false;      // something bears the name, if only a link that points nowhere
     std::string detail;           // what else there is to say; may be empty
     struct stat status {};        // of NAME itself, if it is occupied
     struct stat backup {};        // of NAME.bak itself, if there is a backup
     std::optional<Moment> birth;  // of NAME itself, where the file system tells
     struct stat reference {};     // of the file that the backup is or, being a link, leads to
-    bool hasReference = false;
-    long long packageSize = -1;  // of the package's file; -1 when it can't be read
+    bool hasReference = false;    // it is a regular file
+    long long packageSize = -1;   // of the package's file; -1 when it can't be read
 
     TargetObservation Observation() const;
     // The new file has not the mode, or not the owner, of the backup.
@@ -40,7 +50,7 @@ public:
 
 private:
     void LookAtTarget(const Target& target, TargetFacts& facts);
-    void LookAtBackup(const std::string& path, TargetFacts& facts) const;
+    void LookAtBackup(const Target& target, TargetFacts& facts) const;
     void CompareWithPackage(const Target& target, TargetFacts& facts);
 
     const FileList& list_;

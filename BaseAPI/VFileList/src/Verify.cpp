@@ -35,8 +35,14 @@ Style StyleOf(TargetState state) {
     return Style::kPlain;
 }
 
+// There is a file whose mode and size are known.
 bool IsThere(const TargetFacts& facts) {
-    return facts.state != TargetState::kMissing;
+    return facts.state != TargetState::kMissing && facts.isOccupied;
+}
+
+const char* BackupColumn(const TargetFacts& facts) {
+    if (facts.backupDoubt == BackupDoubt::kUnreadable) return "?";
+    return facts.hasBackup ? "yes" : "-";
 }
 
 std::string Details(const TargetFacts& facts) {
@@ -73,6 +79,7 @@ private:
     std::vector<TargetObservation> observations_;
     std::map<TargetState, std::size_t> counts_;
     std::size_t backups_ = 0;
+    std::size_t unknownBackups_ = 0;
     std::size_t differentModes_ = 0;
     std::size_t lackingSources_ = 0;
     std::size_t problems_ = 0;
@@ -118,7 +125,7 @@ void Verifier::ShowTarget(const Target& target, const TargetFacts& facts) {
     const std::string size =
         IsThere(facts) ? ShownSize(static_cast<unsigned long long>(facts.status.st_size)) : "-";
     output_.Line(output_.Paint(StyleOf(facts.state), Padded(::NameOf(facts.state), 9)) +
-                 Padded(facts.hasBackup ? "yes" : "-", 8) + Padded(mode, 6) +
+                 Padded(BackupColumn(facts), 8) + Padded(mode, 6) +
                  output_.Paint(facts.IsModeDifferent() ? Style::kWarning : Style::kPlain, Padded(was, 6)) +
                  RightAligned(size, 10) + "  " +
                  Shown(list_.TargetOf(list_.entries()[target.entries.back()])) + Details(facts));
@@ -128,6 +135,7 @@ void Verifier::Count(const TargetFacts& facts) {
     observations_.push_back(facts.Observation());
     ++counts_[facts.state];
     if (facts.hasBackup) ++backups_;
+    if (facts.backupDoubt == BackupDoubt::kUnreadable) ++unknownBackups_;
     if (facts.IsModeDifferent() || facts.IsOwnerDifferent()) ++differentModes_;
     if (facts.packageSize < 0) ++lackingSources_;
 }
@@ -164,7 +172,7 @@ bool Verifier::IsExpectedState(const PassesReport& passes) const {
         return passes.rename == PassState::kComplete && isNothingCopied;
     }
     // No more can be told: an old file may well hold what the package has, or the beginning of it.
-    return backups_ == 0;
+    return backups_ == 0 && unknownBackups_ == 0;
 }
 
 bool Verifier::HasProblems() const {
@@ -232,6 +240,7 @@ Json Verifier::ToJson(const Target& target, const TargetFacts& facts) const {
                  {"ownerDiffers", facts.IsOwnerDifferent()},
                  {"detail", facts.detail},
                  {"entries", entries}};
+    if (facts.backupDoubt == BackupDoubt::kUnreadable) item["backup"] = nullptr;
     if (facts.packageSize >= 0) item["packageSize"] = facts.packageSize;
     if (IsThere(facts)) {
         item["size"] = facts.status.st_size;
