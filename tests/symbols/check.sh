@@ -20,10 +20,11 @@ fail() {
 # The first column of a list without its comments.
 names_in() { sed 's/#.*//' "$1" | awk 'NF { print $1 }' | sort; }
 
-# The dynamic symbols of the library as "binding name", defined or undefined (UND), versions cut off.
+# The dynamic symbols of the library as "binding name", defined or undefined (UND), versions cut off. Those that
+# only stand for a section, as the linker for AArch64 leaves some, are none that anybody could refer to.
 dynamic_symbols() {
     readelf --dyn-syms --wide "$library" | awk -v wanted="$1" '
-        $1 ~ /^[0-9]+:$/ && NF >= 8 && (wanted == "UND") == ($7 == "UND") {
+        $1 ~ /^[0-9]+:$/ && NF >= 8 && $4 != "SECTION" && (wanted == "UND") == ($7 == "UND") {
             sub(/@.*/, "", $8)
             print $5, $8
         }'
