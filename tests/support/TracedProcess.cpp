@@ -12,6 +12,9 @@
 
 namespace {
 
+// The status of a child that could not ask for being traced: a sandbox or an emulator stands against it.
+constexpr int kMayNotBeTraced = 126;
+
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
@@ -23,7 +26,7 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(nothing, stream);
     for (const std::string& variable : environment) (void)putenv(const_cast<char*>(variable.c_str()));
-    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(126);
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kMayNotBeTraced);
     (void)execv(arguments[0], arguments.data());
     _exit(127);
 }
@@ -58,6 +61,9 @@ TracedRun RunTraced(const std::vector<std::string>& command, const std::vector<s
     if (child == 0) RunChild(arguments, environment);
 
     int status = Wait(child);  // for the trap behind exec
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kMayNotBeTraced) {
+        throw std::runtime_error("ptrace is refused");
+    }
     if (!WIFSTOPPED(status)) throw std::runtime_error("can't run " + command[0]);
     (void)ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
 
