@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# check.sh SOURCE BUILD WORK: installs the finished build tree BUILD of the source tree SOURCE into a fresh
-# directory WORK and uses the package the way its users do.
+# check.sh SOURCE BUILD WORK [EMULATOR...]: installs the finished build tree BUILD of the source tree SOURCE into a
+# fresh directory WORK and uses the package the way its users do. What it builds is run by the EMULATOR, if it has to.
 set -euo pipefail
 
 source=$(readlink -f "$1")
 build=$(readlink -f "$2")
 mkdir -p "$3"
 work=$(readlink -f "$3")
+emulator=("${@:4}")
 rm -rf "${work:?}"/*
 
 step() { printf -- '- %s\n' "$*"; }
@@ -44,11 +45,12 @@ run_tool() {  # TOOL
 
 # The installed vfilelist finds that the tool's work is done.
 run_vfilelist() {  # VFILELIST
-    quietly env -u LD_LIBRARY_PATH "$1" verify "$work/trial/package/filelist.ini" --expect cleaned
+    quietly env -u LD_LIBRARY_PATH "${emulator[@]}" "$1" verify "$work/trial/package/filelist.ini" --expect cleaned
 }
 
 run_pass() {  # TOOL OPERATOR
-    quietly env -u LD_LIBRARY_PATH VLOGGER_DIRECTORY="$work/trial/log" "$1" "$2" "$work/trial/package/filelist.ini"
+    quietly env -u LD_LIBRARY_PATH VLOGGER_DIRECTORY="$work/trial/log" \
+        "${emulator[@]}" "$1" "$2" "$work/trial/package/filelist.ini"
 }
 
 step "install, and run the installed tools"
@@ -60,7 +62,7 @@ step "an outside project finds the package, builds against it and runs"
 configure "$source/tests/consumer/project" "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix"
 quietly cmake --build "$work/consumer"
 mkdir "$work/consumer-data"
-quietly "$work/consumer/consumer" "$work/consumer-data"
+quietly "${emulator[@]}" "$work/consumer/consumer" "$work/consumer-data"
 
 step "the library builds on installed neighbours instead of its own stand-ins"
 configure "$source" "$work/product" -DVFILESYS_NEIGHBOURS=product -DVFILESYS_BUILD_TESTS=OFF \
@@ -82,7 +84,8 @@ quietly cmake --build "$work/product-consumer"
 mkdir "$work/product-consumer-data"
 # Where its neighbours lie, the product tells its loader.
 neighbours=$(dirname "$(find "$work/prefix" -name libVLogger.so)")
-quietly env LD_LIBRARY_PATH="$neighbours" "$work/product-consumer/consumer" "$work/product-consumer-data"
+quietly env LD_LIBRARY_PATH="$neighbours" \
+    "${emulator[@]}" "$work/product-consumer/consumer" "$work/product-consumer-data"
 
 step "the package runs from another place"
 mkdir "$work/elsewhere"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check.sh SOURCE BUILD: runs the play of examples/ansible of the source tree SOURCE with the programs of the build
-# tree BUILD, on three hosts that are directories below a temporary directory.
+# check.sh SOURCE TOOL VFILELIST: runs the play of examples/ansible of the source tree SOURCE with these two programs,
+# on three hosts that are directories below a temporary directory.
 set -euo pipefail
 
 if ! command -v ansible-playbook >/dev/null; then
@@ -9,7 +9,8 @@ if ! command -v ansible-playbook >/dev/null; then
 fi
 
 source=$(readlink -f "$1")
-build=$(readlink -f "$2")
+tool=$2
+vfilelist=$3
 work=$(readlink -f "$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-fleet-XXXXXX")")
 trap 'rm -rf "$work"' EXIT
 umask 022
@@ -27,7 +28,7 @@ unset VLOGGER_STDERR
 export FLEET=$work PATH=$work/bin:$PATH
 mkdir "$HOME" "$TMPDIR" "$work/bin" "$work/programs"
 
-ln -s "$build/BaseAPI/VCopyFileListIni/VCopyFileListIni" "$build/BaseAPI/VFileList/vfilelist" "$work/programs"
+ln -s "$tool" "$vfilelist" "$work/programs"
 # sync is only recorded: a test does not make the whole machine write.
 for name in VCopyFileListIni vfilelist sync health recorded; do
     ln -s "$source/tests/fleet/recorded" "$work/bin/$name"

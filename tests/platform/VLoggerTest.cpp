@@ -85,8 +85,7 @@ ProcessResult RunInOwnProcess(const std::string& directory, const std::vector<st
                               const std::vector<std::string>& environment = {}) {
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
-    const std::string program = fs::read_symlink("/proc/self/exe");
-    return RunProcess(Concatenate(wrapper, {program, filter}),
+    return RunProcess(Concatenate(wrapper, {THIS_PROGRAM_PATH, filter}),
                       Concatenate({std::string(kOwnProcess) + "=" + directory}, environment));
 }
 

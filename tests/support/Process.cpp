@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -110,11 +109,12 @@ bool CanUsePrivateNamespace(std::string& why) {
 }
 
 std::vector<std::string> PrivateNamespace(const std::vector<std::string>& options) {
-    // The build tree may itself lie under /tmp. It is writable where programs leave counters in it.
-    return Concatenate(
-        {"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
-         VFS_BUILD_DIRECTORY_BIND, VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
-        options);
+    // The source and build trees may themselves lie under /tmp. The latter is writable where programs leave
+    // counters in it.
+    return Concatenate({"bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp",
+                        "--ro-bind", VFS_SOURCE_DIRECTORY, VFS_SOURCE_DIRECTORY, VFS_BUILD_DIRECTORY_BIND,
+                        VFS_BUILD_DIRECTORY, VFS_BUILD_DIRECTORY, "--die-with-parent"},
+                       options);
 }
 
 std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const std::string& script) {
@@ -134,8 +134,7 @@ bool IsInPrivateNamespace() {
 void RunThisTestInPrivateNamespace(const std::vector<std::string>& options) {
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
     const std::string name = std::string(test.test_suite_name()) + "." + test.name();
-    const std::vector<std::string> command = {std::filesystem::read_symlink("/proc/self/exe"),
-                                              "--gtest_filter=" + name};
+    const std::vector<std::string> command = {THIS_PROGRAM_PATH, "--gtest_filter=" + name};
 
     const ProcessResult run =
         RunProcess(Concatenate(PrivateNamespace(options), command),
