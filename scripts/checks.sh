@@ -10,6 +10,7 @@ unit      build,test              every test passes
 asan      build,test              ... also with AddressSanitizer and UndefinedBehaviorSanitizer
 tsan      build,test,tsan         ... also with ThreadSanitizer
 coverage  build,test,coverage     the tests reach every line and branch but those that nothing can reach
+arm64     build,test,arm64        ... also on AArch64, in the emulator
 tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
 symbols   build,test              the libraries export and import exactly the listed names
 hardening build                   what is installed has the protections that the build asks for
@@ -88,6 +89,8 @@ check_coverage() {
     gcovr "${options[@]}" --json "$report" build/coverage
     /usr/bin/python3 scripts/coverage.py "$report" tests/coverage/unreachable.txt
 }
+
+check_arm64() { test_arm64; }
 
 check_tidy() {
     local -a sources
@@ -219,7 +222,7 @@ check_install() {
 # Those that are run; what they source is read along with them.
 shell_scripts() {
     printf '%s\n' dev .ci/run
-    find scripts tests -name '*.sh' -perm -u+x | sort
+    find cmake scripts tests -name '*.sh' -perm -u+x | sort
 }
 
 # The checks that the arguments choose: all, those named, or all but those named with a '^'.

@@ -1,0 +1,63 @@
+# What a build for AArch64 stands on. Sourced by ./dev.
+# shellcheck shell=bash
+
+# The AArch64 packages are unpacked below it, where cmake/arm64.cmake looks for them. apt's own files about them are
+# there as well: this machine's architectures and its list of packages stay as they are.
+arm64_debian=build/arm64/debian
+
+# apt-get for AArch64, with this machine's sources and keys.
+arm64_apt_get() {
+    local apt=$arm64_place/apt
+    apt-get -qq -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Sandbox::User="$(id -un)" \
+        -o Dir::State="$apt" -o Dir::State::status="$apt/status" -o Dir::Cache="$apt" "$@"
+}
+
+# Fetches exactly these packages: what they depend on for other purposes is not missed.
+fetch_arm64_packages() {  # PACKAGE...
+    local arm64_place=$PWD/$arm64_debian
+    mkdir -p "$arm64_place"/{packages,apt/lists/partial,apt/archives/partial}
+    : >"$arm64_place/apt/status"
+    quietly "Fetching the package lists of AArch64" arm64_apt_get update
+    (cd "$arm64_place/packages" && quietly "Fetching $*" arm64_apt_get download "$@")
+}
+
+# All libraries come to lie in one directory, as on the installed system.
+unpack_arm64_packages() {
+    local sysroot=$arm64_debian/sysroot package link
+    mkdir -p "$sysroot/usr/lib"
+    ln -s usr/lib "$sysroot/lib"
+    for package in "$arm64_debian"/packages/*.deb; do
+        dpkg-deb --fsys-tarfile "$package" | tar -x -C "$sysroot" --keep-directory-symlink
+    done
+    # What links to /lib means the AArch64 one.
+    find "$sysroot" -lname '/*' | while IFS= read -r link; do
+        ln -sfr "$sysroot$(readlink "$link")" "$link"
+    done
+}
+
+# Does nothing when the listed packages are there.
+prepare_arm64() {
+    local -a wanted
+    mapfile -t wanted < <(packages_of sysroot)
+    if [[ $(cat "$arm64_debian/contents" 2>/dev/null) == "${wanted[*]}" ]]; then return; fi
+    rm -rf "$arm64_debian"
+    fetch_arm64_packages "${wanted[@]}"
+    unpack_arm64_packages
+    printf '%s\n' "${wanted[*]}" >"$arm64_debian/contents"
+}
+
+# Those that ran to their end; a skipped one counts as passed only for ctest itself.
+count_passed() {  # LOG
+    awk '/^<end of output>$/ { isSkipped = 0 }
+        /^Skip / { isSkipped = 1 }
+        /^Test Passed\.$/ && !isSkipped { ++count }
+        END { print count + 0 }' "$1"
+}
+
+test_arm64() {
+    prepare_arm64
+    configure arm64
+    build arm64
+    run_tests arm64
+    good "AArch64: $(count_passed build/arm64/Testing/Temporary/LastTest.log) tests passed."
+}
