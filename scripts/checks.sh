@@ -1,28 +1,28 @@
 # The checks of ./dev check. Sourced by ./dev.
 # shellcheck shell=bash
 
-# A check is a line here and a function check_NAME below.
+# A check is a line here and a function check_NAME below. They run in this order, the quick ones first.
 # name    package groups          what it shows
 checks='
 format    format                  clang-format and shellcheck have nothing to say
 build     build,test,clang        g++ and clang++ compile everything without a warning
 unit      build,test              every test passes
-asan      build,test              ... also with AddressSanitizer and UndefinedBehaviorSanitizer
-tsan      build,test,tsan         ... also with ThreadSanitizer
-coverage  build,test,coverage     the tests reach every line and branch but those that nothing can reach
-arm64     build,test,arm64        ... also on AArch64, in the emulator
-tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
-symbols   build,test              the libraries export and import exactly the listed names
 hardening build                   what is installed has the protections that the build asks for
 abi       build,test,abi          the binary interface is the one that programs rely on
+symbols   build,test              the libraries export and import exactly the listed names
+install   build                   an outside project builds against the installed package
+powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
-powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
-soak      build,test              a hundred times the repetitions: random paths, firewall passes, long use
+tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
 fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
-valgrind  build,test,valgrind     memcheck has nothing to say about the tests
-delivered build,test              every test passes with the libraries as they are installed
-install   build                   an outside project builds against the installed package
+delivered build,test              ... also with the libraries as they are installed
+asan      build,test              ... also with AddressSanitizer and UndefinedBehaviorSanitizer
+coverage  build,test,coverage     they reach every line and branch but those that nothing can reach
+valgrind  build,test,valgrind     memcheck has nothing to say about them
+tsan      build,test,tsan         ... also with ThreadSanitizer
+arm64     build,test,arm64        ... also on AArch64, in the emulator
+soak      build,test              a hundred times the repetitions: random paths, firewall passes, long use
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
 

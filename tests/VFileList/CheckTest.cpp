@@ -635,16 +635,17 @@ TEST_F(CheckTest, LooksForRunningProgramsAmongTheProcessesAlone) {
     for (const char* const name : {"47-11", "4711x"}) {
         EXPECT_THAT(find(name), Not(HasSubstr("W-TARGET-BUSY"))) << name;
     }
+}
 
-    TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
-        fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
-        EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
-        EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("E-BACKUP-SAME-FILE"));
+TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
+    fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
+    EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
+    EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("E-BACKUP-SAME-FILE"));
 
-        fs::remove(package_.InstalledPath("tool.bak"));
-        fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
-        fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
-        EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
-    }
+    fs::remove(package_.InstalledPath("tool.bak"));
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
+}
 
 }  // namespace

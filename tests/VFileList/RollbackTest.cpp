@@ -830,19 +830,6 @@ TEST_F(RollbackTest, KnowsNothingOfWhatIsNoFileAndHasNoBackup) {
     EXPECT_EQ(report["actions"][0]["detail"], "a directory; no backup");
 }
 
-TEST_F(RollbackTest, RemovesNewFilesThatWereNotWrittenInTheOrderOfTheList) {
-    package_.Bring("fresh", "fresh");
-    package_.Bring("later", "later");
-    package_.WriteEntries("fresh,later,tool");
-    RunPasses({"-rename", "-copy"});
-    Age(package_.InstalledPath());
-    Age(package_.InstalledPath("later"));
-
-    EXPECT_EQ(Rollback({"--remove-new"}), 0);
-
-    EXPECT_THAT(package_.InstalledNames(), ElementsAre("tool"));
-}
-
 TEST_F(RollbackTest, OnlyModesLeavesAFileAloneWhoseBackupLeadsNowhere) {
     package_.Install("tool", "the new tool");
     fs::create_symlink("nowhere", package_.InstalledPath("tool.bak"));
