@@ -11,6 +11,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 #include <string>
 #include <tuple>
@@ -182,6 +183,26 @@ protected:
             EXPECT_EQ(tree.at(name).content, content) << name;
         }
         EXPECT_EQ(tree.at("bin/unlisted"), old_.at("bin/unlisted"));
+    }
+
+    // -clean removes the old files, but not before every new one is in place.
+    void ExpectNothingLostSince(const std::string& pass) const {
+        if (pass != "-clean") return ExpectNothingLost(Installed());
+        const Tree tree = Installed();
+        for (const auto& [name, content] : new_) EXPECT_EQ(StateOf(tree, name), "new") << name;
+    }
+
+    // Does what verify says, as ExpectTheWayOnEndsWell, and looks for the old files in between.
+    void ExpectNothingLostOnTheWayOn(std::string pass) const {
+        for (int step = 0; step < 4; ++step) {
+            const nlohmann::json next = package_.RunJson("verify")["summary"]["next"];
+            if (next.is_null()) break;
+            pass = next;
+            ASSERT_EQ(package_.RunPass(pass), 0) << pass;
+            ExpectNothingLostSince(pass);
+        }
+        EXPECT_EQ(pass, "-clean");
+        ExpectTheWayOnEndsWell();
     }
 
     int Status(const std::vector<std::string>& command) const { return RunProcess(command).exitStatus; }
@@ -392,6 +413,31 @@ TEST_F(KilledUpgradeTest, SettingModesCanBeKilledAnywhereAndRunAgain) {
         }
         EXPECT_EQ(package_.Run("verify").exitStatus, 0);
     });
+}
+
+// Kills the pass twice, each time somewhere in its work, then follows verify to the end.
+TEST_F(KilledUpgradeTest, EndsWellWhereverAPassIsKilledAndKilledAgain) {
+    SKIP_WITHOUT_TRACING();
+    const std::vector<std::string> passes = {"-rename", "-copy", "-clean"};
+    const long startUpCalls = RunKilled({TOOL_PATH}, 0).systemCalls - 20;
+    std::minstd_rand random(20261121);
+    std::set<Tree> seen;
+    for (std::size_t pair = 0; pair < 150 && !HasFailure(); ++pair) {
+        const auto pass = passes.begin() + static_cast<std::ptrdiff_t>(pair % passes.size());
+        Restore(old_);
+        for (auto before = passes.begin(); before != pass; ++before) ASSERT_EQ(package_.RunPass(*before), 0);
+        for (int kill = 1; kill <= 2; ++kill) {
+            const long killAt = startUpCalls + static_cast<long>(random() % 300);
+            SCOPED_TRACE(testing::Message()
+                         << *pass << ", kill " << kill << " before system call " << killAt);
+            (void)RunKilled(Pass(*pass), killAt);
+            ExpectNothingLostSince(*pass);
+        }
+        seen.insert(Installed());
+        ExpectNothingLostOnTheWayOn(*pass);
+    }
+    EXPECT_GE(seen.size(), 20u);
+    std::cout << "150 pairs of kills, " << seen.size() << " different states\n";
 }
 
 }  // namespace
