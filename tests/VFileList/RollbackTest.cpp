@@ -657,6 +657,24 @@ TEST_F(RollbackTest, OnlyModesNamesWhatHasNoBackup) {
     EXPECT_THAT(result.out, HasSubstr(package_.InstalledPath("fresh") + "  (no backup; mode 0644"));
 }
 
+TEST_F(RollbackTest, OnlyModesTakesTheModeThatAListedFileHadForTheLinksToIt) {
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Install("lib.so.1.2", "old");
+    SetMode("lib.so.1.2", 0751);
+    fs::create_symlink("lib.so.1.2", package_.InstalledPath("lib.so.1"));
+    fs::create_symlink("lib.so.1", package_.InstalledPath("lib.so"));
+    for (const char* const name : {"lib.so", "lib.so.1", "lib.so.1.2"}) package_.Bring(name, "new");
+    package_.WriteEntries("lib.so,lib.so.1,lib.so.1.2");
+    RunPasses({"-rename", "-copy"});
+
+    EXPECT_EQ(ActionOn("lib.so", {"--only-modes", "--dry-run"}), "mode-set");
+    EXPECT_EQ(Rollback({"--only-modes"}), 0);
+
+    for (const char* const name : {"lib.so", "lib.so.1", "lib.so.1.2"})
+        EXPECT_EQ(ModeOf(name), 0751u) << name;
+    EXPECT_EQ(package_.Run("verify").exitStatus, 0);
+}
+
 TEST_F(RollbackTest, OnlyModesTakesTheModeOfWhatABackedUpLinkLedTo) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
     SetMode("tool-1.0", 0750);

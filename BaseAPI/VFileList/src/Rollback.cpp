@@ -82,6 +82,7 @@ private:
     void ReportWithoutBackup(std::size_t index);
 
     void SetModes();
+    void FollowReference(std::size_t index);
     void SetMode(std::size_t index);
     void ChangeMode(std::size_t index);
 
@@ -319,8 +320,24 @@ void RollbackRun::ReportWithoutBackup(std::size_t index) {
 }
 
 void RollbackRun::SetModes() {
+    for (std::size_t i = 0; i < targets_.size(); ++i) FollowReference(i);
     for (std::size_t i = 0; i < targets_.size(); ++i) SetMode(i);
     SyncDirectories();
+}
+
+// A backup that is a link may lead to another target, whose new file has not got its mode yet, or will never:
+// what counts is that one's backup, which may be a link in its turn.
+void RollbackRun::FollowReference(std::size_t index) {
+    std::size_t last = index;
+    for (std::size_t links = 0; links < targets_.size() && S_ISLNK(facts_[last].backup.st_mode); ++links) {
+        const auto isPointee = [&](const TargetFacts& facts) {
+            return facts.hasReference && facts.isOccupied && IsSameFile(facts.status, facts_[last].reference);
+        };
+        const auto pointee = std::find_if(facts_.begin(), facts_.end(), isPointee);
+        if (pointee == facts_.end()) break;
+        last = static_cast<std::size_t>(pointee - facts_.begin());
+    }
+    facts_[index].reference = facts_[last].reference;
 }
 
 void RollbackRun::SetMode(std::size_t index) {
