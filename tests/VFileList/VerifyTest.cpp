@@ -175,6 +175,33 @@ TEST_F(VerifyTest, IsNotContentWhileThePassesSkipAKey) {
     EXPECT_EQ(report["problems"][0]["key"], "long");
 }
 
+TEST_F(VerifyTest, IsNotContentWithAListThatInstallsNothing) {
+    package_.WriteList("[Server]\nBin=@\nLib=@\n[Bin]\nf=tool\n[lib]\nf=tool\n");
+    RunPasses({"-rename", "-copy", "-clean"});
+
+    int status = 0;
+    const nlohmann::json report = package_.RunJson("verify", {"--expect", "cleaned"}, &status);
+
+    EXPECT_EQ(status, 1);
+    ASSERT_EQ(report["problems"].size(), 1u);
+    EXPECT_EQ(report["problems"][0]["code"], "W-LIST-EMPTY");
+    EXPECT_EQ(report["problems"][0]["section"], "Lib");
+    EXPECT_THAT(package_.Run("verify").out, HasSubstr("W-LIST-EMPTY  [Lib]: no entries"));
+}
+
+TEST_F(VerifyTest, IsNotContentWithADirectoryThatThePassesTakeForTheRootDirectory) {
+    for (const std::string& directory : {std::string(), "/" + std::string(300, 'x')}) {
+        package_.WriteList("[Server]\nBin=" + directory + "\n[Bin]\nf=no-such-file-of-vfilelist\n");
+
+        const nlohmann::json problems = package_.RunJson("verify")["problems"];
+
+        ASSERT_EQ(problems.size(), 1u);
+        EXPECT_EQ(problems[0]["code"], directory.empty() ? "E-DIR-EMPTY" : "E-DIR-TOO-LONG");
+        EXPECT_EQ(problems[0]["section"], "Server");
+        EXPECT_EQ(problems[0]["key"], "Bin");
+    }
+}
+
 TEST_F(VerifyTest, IsNotContentWithAnEntryThatHasNoFileName) {
     RunPasses({"-rename", "-copy"});
     package_.WriteEntries("tool,");

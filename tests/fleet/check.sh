@@ -245,6 +245,15 @@ expect_only_looks
 expect_told "E-SOURCE-MISSING"
 expect_untouched web1 web2 web3
 
+step "a package with a list that installs nothing is refused"
+new_fleet
+sed -i 's/^\[LibFiles\]/[Libfiles]/' "$work/web2/new/filelist.ini"
+pack web2
+run_play 2
+expect_only_looks
+expect_told "W-LIST-EMPTY"
+expect_untouched web1 web2 web3
+
 step "a host that can't be reached does the same"
 new_fleet
 rm -r "$work/web3/tmp"

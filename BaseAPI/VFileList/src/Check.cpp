@@ -149,9 +149,7 @@ void Checker::CheckList(const TargetList& list) {
         findings_.push_back(
             {&KindOf("E-LIST-TOO-LONG"), list.section, key.name, "", "", Bytes(key.valueLength)});
     }
-    const bool hasValue = std::any_of(list.keys.begin(), list.keys.end(),
-                                      [](const ListKey& key) { return key.valueLength > 0; });
-    if (!hasValue) {
+    if (!HasValues(list)) {
         findings_.push_back({&KindOf("W-LIST-EMPTY"), list.section, "", "", list.directory, ""});
     }
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -138,6 +139,11 @@ std::vector<FileList::SkippedKey> FileList::SkippedKeys() const {
         }
     }
     return skipped;
+}
+
+bool HasValues(const TargetList& list) {
+    return std::any_of(list.keys.begin(), list.keys.end(),
+                       [](const ListKey& key) { return key.valueLength > 0; });
 }
 
 bool HasFileName(const Entry& entry) {

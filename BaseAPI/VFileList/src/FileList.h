@@ -82,6 +82,9 @@ private:
     std::vector<Entry> entries_;
 };
 
+// True when some key of the list has a value, if only one that is too long.
+bool HasValues(const TargetList& list);
+
 // True for an entry that names a file: its last component is not empty, "." or "..".
 bool HasFileName(const Entry& entry);
 

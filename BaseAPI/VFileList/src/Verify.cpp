@@ -6,6 +6,7 @@
 
 #include "Passes.h"
 #include "TargetFacts.h"
+#include "VCopyFileListIni.h"
 
 namespace {
 
@@ -140,17 +141,29 @@ void Verifier::Count(const TargetFacts& facts) {
     if (facts.packageSize < 0) ++lackingSources_;
 }
 
-// What the passes pass over in silence, or fail on.
+// What the passes pass over in silence, take for something else, or fail on.
 void Verifier::ReportProblems() {
     output_.BeginList("problems");
     const auto report = [this](const char* code, const std::string& section, const std::string& key,
                                const std::string& entry, const std::string& detail) {
         if (problems_++ == 0) output_.Line();
-        output_.Line(output_.Paint(Style::kError, code) + "  " + Shown("[" + section + "] " + key) + ": " +
-                     Shown(detail));
+        output_.Line(output_.Paint(Style::kError, code) + "  " +
+                     Shown("[" + section + "]" + (key.empty() ? "" : " ") + key + ": " + detail));
         output_.Item(
             {{"code", code}, {"section", section}, {"key", key}, {"entry", entry}, {"detail", detail}});
     };
+    for (const TargetList& list : list_.lists()) {
+        if (list.directoryValueLength >= kDirectoryValueCapacity) {
+            report(
+                "E-DIR-TOO-LONG", list_.installType(), list.section, "",
+                "a directory of " + std::to_string(list.directoryValueLength) + " bytes; every pass takes /");
+        } else if (list.directoryValueLength == 0) {
+            report("E-DIR-EMPTY", list_.installType(), list.section, "", "no directory; every pass takes /");
+        }
+        if (!HasValues(list)) {
+            report("W-LIST-EMPTY", list.section, "", "", "no entries; nothing is installed for it");
+        }
+    }
     for (const FileList::SkippedKey& skipped : list_.SkippedKeys()) {
         report("E-LIST-TOO-LONG", skipped.section, skipped.key.name, "",
                "a value of " + std::to_string(skipped.key.valueLength) + " bytes; every pass skips the key");
