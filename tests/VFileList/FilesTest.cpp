@@ -72,6 +72,29 @@ TEST_F(FilesTest, SaysWhichFileCannotBeCompared) {
     EXPECT_EQ(trouble_, scratch_.Path() + ": not a regular file");
 }
 
+TEST_F(FilesTest, SaysWhichOfTheTwoCannotBeReadAndWhereverThatIs) {
+    constexpr std::size_t kBlock = 256 * 1024;
+    const std::string packaged = scratch_.Write("packaged", std::string(2 * kBlock, 'x'));
+    const std::string file = scratch_.Write("file", "x" + std::string(2 * kBlock - 1, '\0'));
+    const auto failing = [](const std::string& path, int goodReads) {
+        return [=](int fd, void* data, size_t size) mutable -> ssize_t {
+            const bool isPath = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)) == path;
+            if (!isPath || goodReads-- > 0) return calls::real::read(fd, data, size);
+            errno = EIO;
+            return -1;
+        };
+    };
+    const std::string reason = ": Input/output error";
+    for (const int goodReads : {0, 1}) {
+        const Replaced replaced(calls::read, failing(file, goodReads));
+        EXPECT_EQ(comparer_.Compare(file, packaged, trouble_), Content::kUnreadable) << goodReads;
+        EXPECT_EQ(trouble_, file + reason);
+    }
+    const Replaced replaced(calls::read, failing(packaged, 0));
+    EXPECT_EQ(comparer_.Compare(file, packaged, trouble_), Content::kUnreadable);
+    EXPECT_EQ(trouble_, packaged + reason);
+}
+
 TEST_F(FilesTest, DoesNotWaitForThoseWhoWriteToAPipe) {
     const std::string pipe = scratch_.Path("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);

@@ -61,12 +61,31 @@ TEST(OutputTest, EscapesWhatSteersATerminal) {
     EXPECT_EQ(Shown("a\nb\tc\033[2J\x7f"), "a\\x0ab\\x09c\\x1b[2J\\x7f");
     EXPECT_EQ(Shown("\xc2\x9b"
                     "31m"),
-              "\\xc2\x9b"
+              "\\xc2\\x9b"
               "31m")
         << "the second kind of control characters";
     EXPECT_EQ(Shown("\xc2\xa0"), "\xc2\xa0") << "no control character";
     EXPECT_EQ(Shown(std::string("\0", 1)), "\\x00");
-    EXPECT_EQ(Shown("\xc2"), "\xc2");
+    EXPECT_EQ(Shown("€ and 😀"), "€ and 😀");
+}
+
+TEST(OutputTest, EscapesWhatIsNotUtf8) {
+    const struct {
+        const char* text;
+        const char* shown;
+    } cases[] = {
+        {"\x9b", "\\x9b"},                             // a control character in other encodings
+        {"\xc2", "\\xc2"},                             // cut off
+        {"\xe2\x82", "\\xe2\\x82"},                    //
+        {"\xc3(", "\\xc3("},                           // a lead byte without its second one
+        {"\xc0\xaf", "\\xc0\\xaf"},                    // longer than need be
+        {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},           //
+        {"\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},  //
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half of a pair of UTF-16
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond Unicode
+        {"\xff\xfe", "\\xff\\xfe"},
+    };
+    for (const auto& row : cases) EXPECT_EQ(Shown(row.text), row.shown);
 }
 
 TEST(OutputTest, ShowsSizesInAFewColumns) {

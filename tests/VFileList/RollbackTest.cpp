@@ -513,6 +513,19 @@ TEST_F(RollbackTest, KeepsAFileWhoseBackupItCannotLookAt) {
     EXPECT_EQ(Rollback({"--only-modes"}), 1);
 }
 
+TEST_F(RollbackTest, RestoresFilesWhoseNewOnesWereMadeNamesOfOneFile) {
+    package_.Bring("tool", "the other new one");
+    BringAnotherFile();
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("other"));
+    fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("other"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
 TEST_F(RollbackTest, BringsBackADirectoryThatStoodWhereThePackageHasAFile) {
     fs::remove(package_.InstalledPath("tool"));
     package_.Install("tool/inside", "kept");

@@ -108,6 +108,15 @@ TEST_F(TargetFactsTest, HasNoReferenceInADirectory) {
     EXPECT_FALSE(Examine().hasReference);
 }
 
+TEST_F(TargetFactsTest, SaysWhyThePackagesFileCannotBeRead) {
+    package_.Install("tool", "old");
+    package_.WriteEntries("tool");
+    EXPECT_EQ(Examine().detail, "the package lacks tool");
+
+    fs::create_symlink("tool", package_.SourcePath("tool"));
+    EXPECT_EQ(Examine().detail, "the package's tool: Too many levels of symbolic links");
+}
+
 TEST_F(TargetFactsTest, ComparesWithTheLastOfSeveralEntriesFirst) {
     package_.Bring("a/tool", "from a");
     package_.Bring("b/tool", "from b");

@@ -27,8 +27,12 @@ std::string Trouble(const std::string& path, const std::string& cause) {
 }
 
 // Opens a regular file. Fails, with the cause in `trouble`, for everything else: reading a pipe may never
-// end.
+// end, and opening a device may set it to work.
 int OpenRegular(const std::string& path, struct stat& status, std::string& trouble) {
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        trouble = Trouble(path, "not a regular file");
+        return -1;
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0 || fstat(fd, &status) != 0) {
         trouble = Trouble(path, std::strerror(errno));
@@ -58,7 +62,9 @@ Content ContentComparer::Compare(const std::string& path, const std::string& pac
     // A copy is never longer than what it copies.
     if (status.st_size > packageStatus.st_size) return Content::kOther;
     const Content content = CompareOpen(file.get(), package.get());
-    if (content == Content::kUnreadable) trouble = Trouble(path, std::strerror(errno));
+    if (content == Content::kUnreadable) {
+        trouble = Trouble(unreadable_ == file.get() ? path : packagePath, std::strerror(errno));
+    }
     return content;
 }
 
@@ -74,7 +80,7 @@ Content ContentComparer::CompareOpen(int fd, int packageFd) {
             const char* const difference =
                 std::mismatch(block_.data(), block_.data() + common, packageBlock_.data()).first;
             const auto begin = static_cast<std::size_t>(difference - block_.data());
-            return RestIsZero(fd, begin, length) ? Content::kPart : Content::kOther;
+            return CompareRestWithZero(fd, begin, length);
         }
         if (length != packageLength) return length < packageLength ? Content::kPart : Content::kOther;
         if (length < kBlockSize) return Content::kSame;
@@ -86,7 +92,10 @@ bool ContentComparer::Fill(int fd, std::vector<char>& block, std::size_t& length
     while (length < block.size()) {
         const ssize_t count = read(fd, block.data() + length, block.size() - length);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
+        if (count < 0) {
+            unreadable_ = fd;
+            return false;
+        }
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
     }
@@ -95,14 +104,14 @@ bool ContentComparer::Fill(int fd, std::vector<char>& block, std::size_t& length
 }
 
 // Looks at what the block holds from `begin` on, and at the rest of the file.
-bool ContentComparer::RestIsZero(int fd, std::size_t begin, std::size_t length) {
+Content ContentComparer::CompareRestWithZero(int fd, std::size_t begin, std::size_t length) {
     for (;;) {
         const auto isZero = [](char byte) { return byte == '\0'; };
-        if (!std::all_of(block_.data() + begin, block_.data() + length, isZero)) return false;
-        if (length < block_.size()) return true;
+        if (!std::all_of(block_.data() + begin, block_.data() + length, isZero)) return Content::kOther;
+        if (length < block_.size()) return Content::kPart;
         begin = 0;
         length = 0;
-        if (!Fill(fd, block_, length)) return false;
+        if (!Fill(fd, block_, length)) return Content::kUnreadable;
     }
 }
 
@@ -124,8 +133,10 @@ std::optional<Moment> BirthOf(const std::string& path) {
 }
 
 bool IsUnchanged(const struct stat& before, const struct stat& now) {
+    // A file that gains or loses another name has a new time of change, but is what it was.
+    const bool isSameChange = IsSameMoment(before.st_ctim, now.st_ctim) || before.st_nlink != now.st_nlink;
     return IsSameFile(before, now) && before.st_size == now.st_size && before.st_mode == now.st_mode &&
-           IsSameMoment(before.st_mtim, now.st_mtim) && IsSameMoment(before.st_ctim, now.st_ctim);
+           IsSameMoment(before.st_mtim, now.st_mtim) && isSameChange;
 }
 
 bool StaysBelow(const std::string& relativePath) {

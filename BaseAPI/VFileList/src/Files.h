@@ -47,11 +47,12 @@ public:
 private:
     Content CompareOpen(int fd, int packageFd);
     bool Fill(int fd, std::vector<char>& block, std::size_t& length);
-    bool RestIsZero(int fd, std::size_t begin, std::size_t length);
+    Content CompareRestWithZero(int fd, std::size_t begin, std::size_t length);
 
     std::vector<char> block_;
     std::vector<char> packageBlock_;
     unsigned long long bytesRead_ = 0;
+    int unreadable_ = -1;  // the descriptor that could not be read
 };
 
 // The two files, by status, are one: the same inode.

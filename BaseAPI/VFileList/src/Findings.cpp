@@ -71,9 +71,9 @@ const std::vector<FindingKind>& FindingKinds() {
          "package.",
          "Unpack the package elsewhere, or remove the link."},
         {"E-BACKUP-SAME-FILE", "NAME and NAME.bak are one file",
-         "Of two hard links -rename moves none and reports success, and -copy overwrites both; a link NAME "
-         "that "
-         "leads to NAME.bak takes the place of the file in -rename. In both cases the old content is lost.",
+         "Of two hard links -rename moves none and reports success, and -copy overwrites both; a link "
+         "NAME that leads to NAME.bak takes the place of the file in -rename. In both cases the old content "
+         "is lost.",
          "Leave the file itself under NAME, and nothing under NAME.bak."},
         {"W-LIST-EMPTY", "a list has no entries", "Nothing is upgraded for it, and no pass says so.",
          "Add the section, check its spelling (names are case-sensitive), or remove the key."},

@@ -46,6 +46,25 @@ std::string Dump(const Json& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+// The bytes of the UTF-8 character at `begin`; 0 for a control character and for what is not UTF-8, since a
+// terminal that expects another encoding takes the bytes 0x80 to 0x9f for control characters.
+std::size_t PrintableLength(const std::string& text, std::size_t begin) {
+    const auto byteAt = [&text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const unsigned lead = byteAt(begin);
+    if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+
+    const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc2 || lead > 0xf4 || begin + length > text.size()) return 0;
+    unsigned code = lead & (0xffU >> (length + 1));
+    for (std::size_t at = begin + 1; at < begin + length; ++at) {
+        if ((byteAt(at) & 0xc0U) != 0x80) return 0;
+        code = code << 6U | (byteAt(at) & 0x3fU);
+    }
+    constexpr std::array<unsigned, 5> firsts = {0, 0, 0xa0, 0x800, 0x10000};  // U+0080 to U+009F are controls
+    const bool isSurrogate = code >= 0xd800 && code < 0xe000;
+    return code >= firsts[length] && code <= 0x10ffff && !isSurrogate ? length : 0;
+}
+
 }  // namespace
 
 Output::Output(bool isJson)
@@ -123,17 +142,15 @@ void Output::ClearProgress() {
 
 std::string Shown(const std::string& text) {
     std::string shown;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
-        // The second kind of control characters, U+0080 to U+009F, is two bytes long in UTF-8.
-        const bool isControl = byte < 0x20 || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next < 0xa0);
-        if (!isControl) {
-            shown += text[i];
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = PrintableLength(text, i);
+        if (length > 0) {
+            shown.append(text, i, length);
+            i += length;
             continue;
         }
         std::array<char, 8> escaped{};
-        (void)std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
+        (void)std::snprintf(escaped.data(), escaped.size(), "\\x%02x", static_cast<unsigned char>(text[i++]));
         shown += escaped.data();
     }
     return shown;

@@ -48,12 +48,23 @@ bool TargetFacts::IsOwnerDifferent() const {
 TargetFacts TargetExaminer::Examine(const Target& target) {
     TargetFacts facts;
     LookAtTarget(target, facts);
+    LookAtPackage(target, facts);
     LookAtBackup(target, facts);
-    struct stat package {};
-    if (stat(list_.SourceOf(EntryOf(target)).c_str(), &package) == 0) facts.packageSize = package.st_size;
-    const bool isComparable = facts.state == TargetState::kMissing || S_ISREG(facts.status.st_mode);
-    if (facts.packageSize < 0 && isComparable) facts.detail = "the package lacks " + EntryOf(target).text;
     return facts;
+}
+
+void TargetExaminer::LookAtPackage(const Target& target, TargetFacts& facts) const {
+    const Entry& entry = EntryOf(target);
+    struct stat package {};
+    if (stat(list_.SourceOf(entry).c_str(), &package) == 0) {
+        facts.packageSize = package.st_size;
+        return;
+    }
+    const int error = errno;
+    if (facts.state != TargetState::kMissing && !S_ISREG(facts.status.st_mode)) return;
+    const bool isLacking = error == ENOENT || error == ENOTDIR;
+    facts.detail = isLacking ? "the package lacks " + entry.text
+                             : "the package's " + entry.text + ": " + std::strerror(error);
 }
 
 void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {

@@ -50,6 +50,7 @@ public:
 
 private:
     void LookAtTarget(const Target& target, TargetFacts& facts);
+    void LookAtPackage(const Target& target, TargetFacts& facts) const;
     void LookAtBackup(const Target& target, TargetFacts& facts) const;
     void CompareWithPackage(const Target& target, TargetFacts& facts);
 
