@@ -637,6 +637,36 @@ TEST_F(CheckTest, LooksForRunningProgramsAmongTheProcessesAlone) {
     }
 }
 
+TEST_F(CheckTest, FindsALinkThatWillPointNowhereOnceRenameHasMovedItsFile) {
+    package_.Install("lib.so.1.2", "old");
+    fs::create_symlink("lib.so.1.2", package_.InstalledPath("lib.so.1"));
+    fs::create_symlink("lib.so.1", package_.InstalledPath("lib.so"));
+    for (const char* const name : {"lib.so", "lib.so.1", "lib.so.1.2"}) package_.Bring(name, "new");
+
+    package_.WriteEntries("lib.so,lib.so.1,lib.so.1.2");
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-TARGET-DANGLING")));
+    package_.WriteEntries("lib.so.1,lib.so.1.2,lib.so");
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-DANGLING"));
+    EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("(once -rename has moved "));
+}
+
+TEST_F(CheckTest, FindsATargetThatIsTheDirectoryOfAList) {
+    package_.Bring("d", "a file");
+    package_.WriteList("[Server]\nA=@/d\nB=@\n[A]\nf=bin/tool\n[B]\nf=d\n");
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-DIRECTORY"));
+}
+
+TEST_F(CheckTest, FindsADirectoryThatCannotBeMade) {
+    fs::create_symlink("nowhere", package_.InstalledPath("link"));
+    for (const char* const directory : {"@/link", "@/link/below", "@/missing/../d"}) {
+        package_.WriteList("[Server]\nBin=" + std::string(directory) + "\n[Bin]\nf=bin/tool\n");
+        EXPECT_THAT(FindCodes(package_), Contains("E-DIR-NOT-DIRECTORY")) << directory;
+    }
+    package_.WriteList("[Server]\nBin=@/../new\n[Bin]\nf=bin/tool\n");
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-DIR-NOT-DIRECTORY")));
+}
+
 TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
     fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
     EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));

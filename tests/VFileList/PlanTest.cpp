@@ -216,6 +216,28 @@ TEST_F(PlanTest, ForetellsWhatThePassesDo) {
              p.WriteList("[Server]\nBin=@\n[Bin]\nf=bin/tool\nlong=" + std::string(5000, 'x') + "\n");
          }},
         {"no entries at all", [](const Package& p) { p.WriteList("[Server]\nBin=@\n"); }},
+        {"a target directory that is a link into nothing",
+         [](const Package& p) {
+             p.scratch().Link("installed/link", "nowhere");
+             p.WriteList("[Server]\nA=@/link\n[A]\nf=bin/tool\n");
+         }},
+        {"a target directory behind one that is missing",
+         [](const Package& p) { p.WriteList("[Server]\nA=@/missing/../d\n[A]\nf=bin/tool\n"); }},
+        {"a target that is the directory of another list",
+         [](const Package& p) {
+             p.Bring("d", "a file");
+             p.WriteList("[Server]\nA=@/d\nB=@\n[A]\nf=bin/tool\n[B]\nf=d\n");
+         }},
+        {"a file and its backup",
+         [](const Package& p) {
+             p.Bring("tool.bak", "the new backup");
+             p.WriteEntries("bin/tool,tool.bak");
+         }},
+        {"a hard link for a backup",
+         [](const Package& p) {
+             fs::create_hard_link(p.InstalledPath("tool"), p.InstalledPath("tool.bak"));
+             fs::remove(p.SourcePath("bin/tool"));
+         }},
     };
     for (const auto& [name, change] : packages) {
         SCOPED_TRACE(name);
@@ -307,9 +329,94 @@ TEST_F(PlanTest, TakesAFileWhoseStatusCannotBeToldForARegularOne) {
 
 TEST_F(PlanTest, SaysThatCleanWillNotRemoveADirectory) {
     fs::remove(package_.InstalledPath("tool"));
-    fs::create_directory(package_.InstalledPath("tool"));
+    package_.Install("tool/inside", "keeps the directory");
 
     EXPECT_EQ(WhyItFails(package_), "-clean: a directory, which goes only if it is empty");
+}
+
+// Where links stand for files: the results of the passes, and what is there at the end.
+TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
+    const struct {
+        const char* name;
+        std::function<void(const Package&)> change;
+        std::vector<std::string> steps;
+    } packages[] = {
+        {"a link behind the file that it leads to",
+         [](const Package& p) {
+             p.Install("lib.so.1", "old");
+             p.scratch().Link("installed/lib.so", "lib.so.1");
+             p.Bring("lib.so.1", "new");
+             p.Bring("lib.so", "newer");
+             p.WriteEntries("lib.so.1,lib.so");
+         },
+         {"-rename rename lib.so.1 3", "-rename skip lib.so -", "-copy copy lib.so.1 3",
+          "-copy copy lib.so 5", "-clean remove lib.so.1.bak 3", "-clean skip lib.so.bak -"}},
+        {"a link before the file that it leads to",
+         [](const Package& p) {
+             p.Install("lib.so.1", "old");
+             p.scratch().Link("installed/lib.so", "lib.so.1");
+             p.Bring("lib.so.1", "new");
+             p.Bring("lib.so", "newer");
+             p.WriteEntries("lib.so,lib.so.1");
+         },
+         {"-rename rename lib.so 3", "-rename rename lib.so.1 3", "-copy copy lib.so 5",
+          "-copy copy lib.so.1 3", "-clean remove lib.so.bak 3", "-clean remove lib.so.1.bak 3"}},
+        {"an empty directory",
+         [](const Package& p) {
+             p.scratch().MakeDirectory("installed/empty");
+             p.Bring("empty", "1");
+             p.WriteEntries("empty");
+         },
+         {}},
+        {"a link to a directory",
+         [](const Package& p) {
+             p.Install("real/inside", "kept");
+             p.scratch().Link("installed/link", "real");
+             p.Bring("link", "1");
+             p.WriteEntries("link");
+         },
+         {}},
+        {"a backup that is a link to a directory",
+         [](const Package& p) {
+             p.Install("real/inside", "kept");
+             p.scratch().Link("installed/tool.bak", "real");
+         },
+         {"-rename rename tool 3", "-copy copy tool 12", "-clean remove tool.bak 3"}},
+        {"the package's own file",
+         [](const Package& p) { p.WriteList("[Server]\nA=" + p.SourcePath("bin") + "\n[A]\nf=bin/tool\n"); },
+         {}},
+        {"a link in a circle",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             p.scratch().Link("installed/tool", "tool");
+         },
+         {"-rename skip tool -", "-copy fail tool -"}},
+        {"a link into a missing directory",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             p.scratch().Link("installed/tool", "missing/tool");
+         },
+         {"-rename skip tool -", "-copy fail tool -"}},
+    };
+    for (const auto& row : packages) {
+        SCOPED_TRACE(row.name);
+        const Package package;
+        package.Bring("bin/tool", "the new tool");
+        package.Install("tool", "old");
+        package.WriteEntries("bin/tool");
+        row.change(package);
+
+        const nlohmann::json plan = package.RunJson("plan");
+        if (!row.steps.empty()) {
+            EXPECT_EQ(StepsOf(package), row.steps);
+        }
+        for (const char* const pass : {"rename", "copy", "clean"}) {
+            SCOPED_TRACE(pass);
+            const nlohmann::json& report = plan["passes"][pass];
+            if (!report["reached"].get<bool>()) break;
+            EXPECT_EQ(package.RunPass(std::string("-") + pass), report["succeeds"].get<bool>() ? 0 : 240);
+        }
+    }
 }
 
 }  // namespace

@@ -27,6 +27,8 @@ namespace {
 
 constexpr std::size_t kMaxNameLength = NAME_MAX - (sizeof(kBackupSuffix) - 1);
 constexpr mode_t kPermissions = 07777;
+// As many as the kernel follows before it calls it a loop.
+constexpr int kMaxLinks = 40;
 
 using FileId = std::pair<dev_t, ino_t>;
 
@@ -86,6 +88,9 @@ private:
     bool CheckIsInside(const Entry& entry);
     void CheckTarget(const Entry& entry);
     bool CheckTargetKind(const Entry& entry, const struct stat& link);
+    void CheckLink(const Entry& entry);
+    bool IsDirectoryOfAList(const Entry& entry) const;
+    std::string NameBelowRoot(const fs::path& path) const;
     void CheckInstalledFile(const Entry& entry, const struct stat& installed);
     void CheckBackup(const Entry& entry, const struct stat* installed);
     bool IsLinkBetween(const Entry& entry, const struct stat& installed, const struct stat& backup) const;
@@ -105,6 +110,7 @@ private:
     const std::optional<std::string> common_ = CanonicalPath(list_.sourceDirectory());
     std::vector<Finding> findings_;
     std::set<std::string> unusable_;  // lists whose directory is no place to look at
+    std::set<std::string> moved_;     // the targets so far that -rename moves
     std::map<dev_t, Space> spaces_;
     const std::map<FileId, std::string> programs_ = RunningPrograms();
     const mode_t newMode_ = 0666 & ~CurrentUmask();
@@ -172,9 +178,9 @@ bool Checker::CheckDirectoryValue(const TargetList& list) {
 
 void Checker::CheckDirectory(const TargetList& list) {
     const std::string existing = NearestExisting(list_.PlaceOf(list));
-    struct stat status {};
-    if (stat(existing.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
-        Add("E-DIR-NOT-DIRECTORY", list, existing, "");
+    const std::string why = WhyNoDirectory(list_.PlaceOf(list));
+    if (!why.empty()) {
+        Add("E-DIR-NOT-DIRECTORY", list, list.directory, why);
         unusable_.insert(list.section);
     } else if (faccessat(AT_FDCWD, existing.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         Add("W-TARGET-NOT-WRITABLE", list, existing, std::strerror(errno));
@@ -261,11 +267,16 @@ void Checker::CheckTarget(const Entry& entry) {
     const std::string place = list_.PlaceOf(entry);
     struct stat link {};
     if (lstat(place.c_str(), &link) != 0) {
+        if (IsDirectoryOfAList(entry)) {
+            Add("E-TARGET-DIRECTORY", entry, list_.TargetOf(entry), "the directory of a list, not there yet");
+        }
         CheckBackup(entry, nullptr);
         if (S_ISREG(source_.st_mode)) CheckMode(entry, source_, false);
         return;
     }
     if (!CheckTargetKind(entry, link)) return;
+    if (S_ISLNK(link.st_mode)) CheckLink(entry);
+    moved_.insert(NameBelowRoot(list_.TargetOf(entry)));
 
     struct stat installed {};
     if (stat(FollowedPlaceOf(entry).c_str(), &installed) == 0) CheckInstalledFile(entry, installed);
@@ -276,12 +287,40 @@ void Checker::CheckTarget(const Entry& entry) {
 bool Checker::CheckTargetKind(const Entry& entry, const struct stat& link) {
     struct stat status {};
     if (stat(FollowedPlaceOf(entry).c_str(), &status) != 0) {
-        if (S_ISLNK(link.st_mode)) Add("E-TARGET-DANGLING", entry, list_.TargetOf(entry));
+        const char* const detail = errno == ELOOP ? "in a circle: -copy fails" : "";
+        if (S_ISLNK(link.st_mode)) Add("E-TARGET-DANGLING", entry, list_.TargetOf(entry), detail);
         return false;
     }
     if (S_ISREG(status.st_mode)) return true;
     Add(S_ISDIR(status.st_mode) ? "E-TARGET-DIRECTORY" : "E-TARGET-SPECIAL", entry, list_.TargetOf(entry));
     return false;
+}
+
+// A link points nowhere, too, when -rename comes to it after it has moved what the link leads to.
+void Checker::CheckLink(const Entry& entry) {
+    fs::path path = list_.TargetOf(entry);
+    std::error_code error;
+    for (int links = 0; links < kMaxLinks; ++links) {
+        const fs::path link = fs::read_symlink(NameBelowRoot(path), error);
+        if (error) return;
+        path = path.parent_path() / link;
+        if (moved_.count(NameBelowRoot(path)) == 0) continue;
+        Add("E-TARGET-DANGLING", entry, list_.TargetOf(entry), "once -rename has moved " + path.string());
+        return;
+    }
+}
+
+bool Checker::IsDirectoryOfAList(const Entry& entry) const {
+    const std::string name = NameBelowRoot(list_.TargetOf(entry));
+    return std::any_of(list_.lists().begin(), list_.lists().end(), [&](const TargetList& list) {
+        return NameBelowRoot(fs::path(list.directory).parent_path()) == name;
+    });
+}
+
+// Where the name itself is, links on the way to it followed.
+std::string Checker::NameBelowRoot(const fs::path& path) const {
+    const std::string root = list_.root().empty() ? "/" : list_.root();
+    return fs::path(ResolveBelowRoot(root, path.parent_path())) / path.filename();
 }
 
 void Checker::CheckInstalledFile(const Entry& entry, const struct stat& installed) {

@@ -151,10 +151,24 @@ std::optional<std::string> CanonicalPath(const std::string& path) {
 }
 
 std::string NearestExisting(const std::string& path) {
-    fs::path candidate = fs::path(path).lexically_normal();
+    fs::path candidate = path;
     struct stat status {};
-    while (stat(candidate.c_str(), &status) != 0 && candidate != candidate.parent_path()) {
+    while (lstat(candidate.c_str(), &status) != 0 && candidate != candidate.parent_path()) {
         candidate = candidate.parent_path();
     }
     return candidate.empty() ? "." : candidate.string();
+}
+
+std::string WhyNoDirectory(const std::string& path) {
+    const std::string existing = NearestExisting(path);
+    struct stat status {};
+    if (stat(existing.c_str(), &status) != 0) {
+        return errno == ENOENT || errno == ELOOP ? existing + " is a link that points nowhere" : "";
+    }
+    if (!S_ISDIR(status.st_mode)) return existing + " is no directory";
+    // What is missing before a ".." is not made, and stays in the way.
+    const std::string rest = existing == "." ? path : path.substr(existing.size());
+    const fs::path missing = rest;
+    const bool hasWayBack = std::find(missing.begin(), missing.end(), "..") != missing.end();
+    return hasWayBack ? existing + " lacks what stands before \"..\"" : "";
 }

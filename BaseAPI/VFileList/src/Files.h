@@ -74,7 +74,10 @@ bool StaysBelow(const std::string& relativePath);
 // The canonical path of what is there; nothing when it can't be told.
 std::optional<std::string> CanonicalPath(const std::string& path);
 
-// The nearest directory that exists at `path` or above it.
+// The nearest thing that exists at `path` or above it, if only a link that points nowhere.
 std::string NearestExisting(const std::string& path);
+
+// Why `path` is no directory, and can't be made one; the empty text when it is or can be.
+std::string WhyNoDirectory(const std::string& path);
 
 #endif

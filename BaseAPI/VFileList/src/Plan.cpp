@@ -3,41 +3,19 @@
 #include "Plan.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <set>
 #include <vector>
 
 #include "Files.h"
+#include "PlannedFiles.h"
 #include "VCopyFileListIni.h"
 
 namespace {
-
-constexpr std::size_t kNoTarget = static_cast<std::size_t>(-1);
-
-// What bears a name, now or after the steps so far.
-struct Place {
-    bool isThere = false;
-    bool isDirectory = false;
-    unsigned long long size = 0;
-};
-
-Place LookAt(const std::string& path) {
-    struct stat status {};
-    // As access(): a link that points nowhere is not there.
-    if (stat(path.c_str(), &status) != 0) return {};
-    return {true, S_ISDIR(status.st_mode), static_cast<unsigned long long>(status.st_size)};
-}
-
-struct TargetPlaces {
-    Place file;
-    Place backup;
-};
 
 enum class Step { kMove, kSkip, kMakeDirectory, kCopy, kRemove, kFail };
 
@@ -64,9 +42,14 @@ StepName NameOf(Step step) {
     return {"skip", Style::kDim};
 }
 
+bool IsEmptyDirectory(const PlannedFile& directory) {
+    std::error_code error;
+    return directory.origin.empty() || std::filesystem::is_empty(directory.origin, error);
+}
+
 class Planner {
 public:
-    Planner(const FileList& list, Output& output);
+    Planner(const FileList& list, Output& output) : list_(list), output_(output) {}
 
     int Run();
 
@@ -78,9 +61,13 @@ private:
     bool CleanEntry(std::size_t index);
     void MakeDirectoryOf(const TargetList& list);
 
-    std::string WhyRenameFails(const Entry& entry, const TargetPlaces& places) const;
-    std::string WhyCopyFails(const Entry& entry, const Place& file) const;
-    bool IsDirectoryThere(const Entry& entry) const;
+    std::string WhyRenameFails(const Entry& entry) const;
+    std::string WhyMoveFails(const PlannedFile& file, const PlannedFile& backup) const;
+    std::string WhyCopyFails(const Entry& entry) const;
+    std::string WhySourceFails(const Entry& entry) const;
+    std::string WhyDirectoryFails(const std::string& directory) const;
+    std::string WhyWriteFails(const std::string& path) const;
+    bool IsThere(const std::string& path) const { return files_.Behind(path).kind != FileKind::kNone; }
 
     void Show(Step step, const Entry* entry, const std::string& path, unsigned long long size,
               const std::string& detail = "");
@@ -88,24 +75,13 @@ private:
 
     const FileList& list_;
     Output& output_;
-    std::vector<TargetPlaces> places_;
-    std::vector<std::size_t> targetOf_;  // an entry's index into places_, or kNoTarget
-    std::set<std::string> madeDirectories_;
+    PlannedFiles files_;
     const char* pass_ = "";
-    std::size_t files_ = 0;  // of the pass in hand
+    std::size_t count_ = 0;  // of files in the pass in hand
     unsigned long long bytes_ = 0;
     std::string failure_;
     Json passes_;
 };
-
-Planner::Planner(const FileList& list, Output& output)
-    : list_(list), output_(output), targetOf_(list_.entries().size(), kNoTarget) {
-    for (const Target& target : list_.Targets()) {
-        for (const std::size_t index : target.entries) targetOf_[index] = places_.size();
-        const Entry& entry = list_.entries()[target.entries.front()];
-        places_.push_back({LookAt(list_.TargetOf(entry)), LookAt(list_.BackupOf(entry))});
-    }
-}
 
 int Planner::Run() {
     output_.Member("command", "plan");
@@ -138,7 +114,7 @@ int Planner::Run() {
 // Stops at the first entry that fails; the passes behind it are not reached.
 void Planner::RunPass(const char* pass, bool (Planner::*handle)(std::size_t)) {
     pass_ = pass;
-    files_ = 0;
+    count_ = 0;
     bytes_ = 0;
     output_.Line();
     output_.Line(output_.Paint(Style::kBold, pass));
@@ -156,11 +132,11 @@ void Planner::RunPass(const char* pass, bool (Planner::*handle)(std::size_t)) {
 
 void Planner::EndPass(const char* pass, bool isReached) {
     passes_[std::string(pass).substr(1)] = {
-        {"reached", isReached}, {"succeeds", failure_.empty()}, {"files", files_}, {"bytes", bytes_}};
+        {"reached", isReached}, {"succeeds", failure_.empty()}, {"files", count_}, {"bytes", bytes_}};
     if (!isReached) {
         output_.Line("  not reached");
     } else if (failure_.empty()) {
-        output_.Line(output_.Paint(Style::kDim, "  " + Counted(files_, "file") + ", " + ShownSize(bytes_)));
+        output_.Line(output_.Paint(Style::kDim, "  " + Counted(count_, "file") + ", " + ShownSize(bytes_)));
     } else {
         output_.Line(output_.Paint(Style::kError, "  stops here, exit status 240"));
     }
@@ -169,33 +145,35 @@ void Planner::EndPass(const char* pass, bool isReached) {
 bool Planner::RenameEntry(std::size_t index) {
     const Entry& entry = list_.entries()[index];
     const std::string path = list_.TargetOf(entry);
-    if (targetOf_[index] == kNoTarget) {
-        if (IsDirectoryThere(entry)) return Fail(entry, path, "a directory can't be moved into itself");
+    const std::string backupPath = list_.BackupOf(entry);
+    // As access(): a link that points nowhere is not there.
+    const PlannedFile behind = files_.Behind(path);
+    if (behind.kind == FileKind::kNone || behind.kind == FileKind::kLink) {
         Show(Step::kSkip, &entry, path, 0, "not there");
         return true;
     }
-    TargetPlaces& places = places_[targetOf_[index]];
-    if (!places.file.isThere) {
-        Show(Step::kSkip, &entry, path, 0, "not there");
-        return true;
-    }
-    const std::string why = WhyRenameFails(entry, places);
+    if (!HasFileName(entry)) return Fail(entry, path, "a directory can't be moved into itself");
+    const std::string why = WhyRenameFails(entry);
     if (!why.empty()) return Fail(entry, path, why);
-    Show(Step::kMove, &entry, path, places.file.size,
-         places.backup.isThere ? "to NAME.bak, replacing an older one" : "to NAME.bak");
-    places.backup = places.file;
-    places.file = {};
+
+    const PlannedFile backup = files_.At(backupPath);
+    if (backup.kind != FileKind::kNone && !backup.origin.empty() && backup.id == files_.At(path).id) {
+        Show(Step::kSkip, &entry, path, 0, "NAME.bak is the same file: nothing happens");
+        return true;
+    }
+    Show(Step::kMove, &entry, path, behind.size,
+         backup.kind != FileKind::kNone ? "to NAME.bak, replacing an older one" : "to NAME.bak");
+    files_.Move(path, backupPath);
     return true;
 }
 
-std::string Planner::WhyRenameFails(const Entry& entry, const TargetPlaces& places) const {
+std::string Planner::WhyRenameFails(const Entry& entry) const {
     if (list_.BackupOf(entry).size() >= PATH_MAX ||
         GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
         return "the name is too long for its backup";
     }
-    if (places.backup.isThere && places.backup.isDirectory != places.file.isDirectory) {
-        return places.backup.isDirectory ? "NAME.bak is a directory" : "NAME is a directory, NAME.bak is not";
-    }
+    const std::string why = WhyMoveFails(files_.At(list_.TargetOf(entry)), files_.At(list_.BackupOf(entry)));
+    if (!why.empty()) return why;
     const std::string& directory = list_.ListOf(entry).directory;
     if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         return directory + ": " + std::strerror(errno);
@@ -203,69 +181,107 @@ std::string Planner::WhyRenameFails(const Entry& entry, const TargetPlaces& plac
     return "";
 }
 
+std::string Planner::WhyMoveFails(const PlannedFile& file, const PlannedFile& backup) const {
+    const bool isDirectory = file.kind == FileKind::kDirectory;
+    if (backup.kind == FileKind::kDirectory) {
+        if (!isDirectory) return "NAME.bak is a directory";
+        return IsEmptyDirectory(backup) ? "" : "NAME.bak is a directory that is not empty";
+    }
+    return isDirectory && backup.kind != FileKind::kNone ? "NAME is a directory, NAME.bak is not" : "";
+}
+
 void Planner::MakeDirectoryOf(const TargetList& list) {
-    const std::string identity = std::filesystem::path(list.directory).lexically_normal();
-    if (access(list.directory.c_str(), F_OK) == 0 || !madeDirectories_.insert(identity).second) return;
+    if (IsThere(list.directory) || !WhyNoDirectory(list.directory).empty()) return;
     Show(Step::kMakeDirectory, nullptr, list.directory, 0, "mode 0750 less the umask");
+    files_.MakeDirectory(list.directory);
 }
 
 bool Planner::CopyEntry(std::size_t index) {
     const Entry& entry = list_.entries()[index];
-    const std::string source = list_.SourceOf(entry);
-    const Place file = LookAt(source);
-    const std::string why = WhyCopyFails(entry, file);
-    if (!why.empty()) return Fail(entry, list_.TargetOf(entry), why);
+    const std::string path = list_.TargetOf(entry);
+    const std::string why = WhyCopyFails(entry);
+    if (!why.empty()) return Fail(entry, path, why);
 
-    TargetPlaces& places = places_[targetOf_[index]];
-    if (places.file.isDirectory) return Fail(entry, list_.TargetOf(entry), "a directory stands there");
-    Show(Step::kCopy, &entry, list_.TargetOf(entry), file.size,
-         std::string("from Common/") + entry.text + (places.file.isThere ? ", overwriting it" : ""));
-    places.file = file;
+    const std::string source = list_.SourceOf(entry);
+    const bool isOntoItself = files_.IsSameName(files_.EndOf(source), files_.EndOf(path));
+    const unsigned long long size = files_.Behind(source).size;
+    Show(Step::kCopy, &entry, path, isOntoItself ? 0 : size,
+         std::string("from Common/") + entry.text +
+             (isOntoItself    ? ", onto itself: it will be empty"
+              : IsThere(path) ? ", overwriting it"
+                              : ""));
+    files_.Write(path, isOntoItself ? 0 : size);
     return true;
 }
 
-std::string Planner::WhyCopyFails(const Entry& entry, const Place& file) const {
+std::string Planner::WhyCopyFails(const Entry& entry) const {
     if (!HasFileName(entry)) return "the entry has no file name";
-    if (!file.isThere) return "the package lacks " + entry.text;
-    if (file.isDirectory) return entry.text + " is a directory";
-    const Descriptor source(open(list_.SourceOf(entry).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!source) return entry.text + ": " + std::strerror(errno);
-    struct stat status {};
-    if (fstat(source.get(), &status) == 0 && !S_ISREG(status.st_mode))
-        return entry.text + " is a special file";
-    const std::string existing = NearestExisting(list_.ListOf(entry).directory);
-    if (!LookAt(existing).isDirectory) return existing + " is no directory";
+    std::string why = WhySourceFails(entry);
+    if (why.empty()) why = WhyDirectoryFails(list_.ListOf(entry).directory);
+    return why.empty() ? WhyWriteFails(list_.TargetOf(entry)) : why;
+}
+
+std::string Planner::WhySourceFails(const Entry& entry) const {
+    const PlannedFile file = files_.Behind(list_.SourceOf(entry));
+    if (file.kind == FileKind::kNone || file.kind == FileKind::kLink)
+        return "the package lacks " + entry.text;
+    if (file.kind == FileKind::kDirectory) return entry.text + " is a directory";
+    if (file.kind == FileKind::kOther) return entry.text + " is a special file";
+    if (file.origin.empty()) return "";  // an earlier step has made it
+    const Descriptor source(open(file.origin.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return source ? "" : entry.text + ": " + std::strerror(errno);
+}
+
+std::string Planner::WhyDirectoryFails(const std::string& directory) const {
+    const std::string why = WhyNoDirectory(directory);
+    if (!why.empty()) return why;
+    const std::string existing = NearestExisting(directory);
     if (faccessat(AT_FDCWD, existing.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         return existing + ": " + std::strerror(errno);
     }
     return "";
 }
 
+std::string Planner::WhyWriteFails(const std::string& path) const {
+    const std::string end = files_.EndOf(path);
+    switch (files_.At(end).kind) {
+        case FileKind::kDirectory:
+            return "a directory stands there";
+        case FileKind::kLink:
+            return "a link that leads in a circle stands there";
+        case FileKind::kNone:
+            return IsThere(std::filesystem::path(end).parent_path()) ? ""
+                                                                     : "a link into nothing stands there";
+        case FileKind::kFile:
+        case FileKind::kOther:
+            break;
+    }
+    return "";
+}
+
 bool Planner::CleanEntry(std::size_t index) {
     const Entry& entry = list_.entries()[index];
-    const std::string path = list_.BackupOf(entry);
     // An entry without a file name stands for a file that is called ".bak", or "..bak", or "...bak".
-    Place backup = targetOf_[index] == kNoTarget ? LookAt(path) : places_[targetOf_[index]].backup;
-    if (!backup.isThere) {
+    const std::string path = list_.BackupOf(entry);
+    const PlannedFile behind = files_.Behind(path);
+    if (behind.kind == FileKind::kNone || behind.kind == FileKind::kLink) {
         Show(Step::kSkip, &entry, path, 0, "not there");
         return true;
     }
-    if (backup.isDirectory) return Fail(entry, path, "a directory, which goes only if it is empty");
-    Show(Step::kRemove, &entry, path, backup.size);
-    if (targetOf_[index] != kNoTarget) places_[targetOf_[index]].backup = {};
+    const PlannedFile backup = files_.At(path);
+    if (backup.kind == FileKind::kDirectory && !IsEmptyDirectory(backup)) {
+        return Fail(entry, path, "a directory, which goes only if it is empty");
+    }
+    Show(Step::kRemove, &entry, path, behind.size);
+    files_.Remove(path);
     return true;
-}
-
-// Whether the entry's path, the directory itself, exists when the pass looks.
-bool Planner::IsDirectoryThere(const Entry& entry) const {
-    return access(list_.TargetOf(entry).c_str(), F_OK) == 0;
 }
 
 void Planner::Show(Step step, const Entry* entry, const std::string& path, unsigned long long size,
                    const std::string& detail) {
     const bool isFile = step == Step::kMove || step == Step::kCopy || step == Step::kRemove;
     if (isFile) {
-        ++files_;
+        ++count_;
         bytes_ += size;
     }
     const StepName name = NameOf(step);
