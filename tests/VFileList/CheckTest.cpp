@@ -359,7 +359,7 @@ TEST_F(CheckTest, FindsEntriesThatLeaveCommonInOtherWays) {
     for (const char* const entry : {"/etc/passwd", "..", "../secret", "bin/../../../secret", "bin/.."}) {
         package_.WriteEntries(entry);
         const std::vector<std::string> codes = FindCodes(package_);
-        const bool staysInside = std::string(entry) == "bin/..";
+        const bool staysInside = std::string(entry) == "bin/.." || std::string(entry) == "/etc/passwd";
         EXPECT_EQ(std::count(codes.begin(), codes.end(), "E-ENTRY-OUTSIDE"), staysInside ? 0 : 1) << entry;
         EXPECT_THAT(codes, Not(IsEmpty())) << entry;
     }
@@ -367,6 +367,50 @@ TEST_F(CheckTest, FindsEntriesThatLeaveCommonInOtherWays) {
     fs::create_symlink("../../secret", package_.SourcePath("link"));
     package_.WriteEntries("link");
     EXPECT_THAT(FindCodes(package_), Contains("E-ENTRY-OUTSIDE"));
+}
+
+TEST_F(CheckTest, TakesAnEntryWithASlashInFrontForOneBelowCommon) {
+    package_.WriteEntries("/bin/tool");
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+    package_.WriteEntries("/bin/lost,/bin/tool");
+    EXPECT_THAT(FindCodes(package_), testing::ElementsAre("E-SOURCE-MISSING"));
+}
+
+TEST_F(CheckTest, TakesAFileForListedThatAnEntryReachesThroughALink) {
+    package_.Bring("v1/tool", "new");
+    fs::remove_all(package_.SourcePath("bin"));
+    fs::create_directory_symlink("v1", package_.SourcePath("current"));
+    package_.WriteEntries("current/tool");
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+}
+
+TEST_F(CheckTest, ExpectsTheGroupOfASetGroupIdDirectory) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chown(package_.InstalledPath().c_str(), 0, 65533), 0);
+    ASSERT_EQ(chown(package_.InstalledPath("tool").c_str(), 0, 65533), 0);
+    EXPECT_THAT(FindCodes(package_), testing::ElementsAre("W-MODE-LOST"));
+
+    ASSERT_EQ(chmod(package_.InstalledPath().c_str(), 02755), 0);
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+}
+
+TEST_F(CheckTest, FindsAFileInCommonThatHasNoNameOnTheTargetSide) {
+    package_.Bring("a\\..", "new");
+    package_.WriteEntries("bin/tool,a\\..");
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-ENTRY-EMPTY"));
+    EXPECT_EQ(package_.RunPass("-copy"), 240);
+}
+
+TEST_F(CheckTest, SaysThatKeysBeforeTheFirstSectionAreTakenForTheDirectories) {
+    package_.WriteRawList("Bin=@\n[Bin]\nf=bin/tool\n");
+
+    const std::vector<Finding> findings = Find(package_);
+
+    ASSERT_THAT(CodesOf(findings), testing::ElementsAre("E-TYPE-MISSING"));
+    EXPECT_EQ(findings[0].detail, "the keys before the first section are taken");
+    EXPECT_EQ(package_.RunPass("-copy"), 0);
 }
 
 TEST_F(CheckTest, SaysWhereItFoundSomething) {
@@ -412,6 +456,10 @@ TEST_F(CheckTest, LooksForTargetsBelowTheRoot) {
     EXPECT_THAT(CodesOf(Find(package_, root)), testing::ElementsAre("W-OLD-BACKUP"));
     package_.scratch().Link("image/data/app/tool", "/data/tool-1.0");
     EXPECT_THAT(CodesOf(Find(package_, root)), Contains("E-TARGET-DANGLING"));
+    EXPECT_THAT(CodesOf(Find(package_, root + "/")), Contains("E-TARGET-DANGLING"));
+    package_.WriteList(WithDirectory("/opt/../../data/app"));
+    EXPECT_THAT(CodesOf(Find(package_, root + "/")), Contains("E-TARGET-DANGLING"))
+        << "nothing leaves the root";
     package_.scratch().Write("image/data/tool-1.0", "");
     EXPECT_THAT(CodesOf(Find(package_, root)), Not(Contains("E-TARGET-DANGLING")));
 }

@@ -50,6 +50,11 @@ std::string Bytes(std::size_t count) {
     return std::to_string(count) + " bytes";
 }
 
+// An entry that begins with a '/' is one below Common all the same.
+std::string BelowCommon(const Entry& entry) {
+    return entry.text.substr(std::min(entry.text.find_first_not_of('/'), entry.text.size()));
+}
+
 // The programs that run now, by the file that they were started from, with one process of each.
 std::map<FileId, std::string> RunningPrograms() {
     std::map<FileId, std::string> programs;
@@ -94,8 +99,10 @@ private:
     void CheckInstalledFile(const Entry& entry, const struct stat& installed);
     void CheckBackup(const Entry& entry, const struct stat* installed);
     bool IsLinkBetween(const Entry& entry, const struct stat& installed, const struct stat& backup) const;
+    gid_t NewGroup(const TargetList& list) const;
     void CheckMode(const Entry& entry, const struct stat& reference, bool isInstalled);
     void CheckDuplicates();
+    void AddListedPaths(const Entry& entry, std::set<std::string>& paths) const;
     void CheckUnlisted();
     void AddSpace(const TargetList& list);
     void CheckSpace();
@@ -135,10 +142,11 @@ void Checker::CheckInstallType() {
     const auto add = [this](const char* code, const std::string& detail) {
         findings_.push_back({&KindOf(code), "Package_Intall_Type", "PackageIntallType", "", "", detail});
     };
+    const std::string instead = list_.lists().empty() ? "" : "the keys before the first section are taken";
     if (list_.installTypeLength() >= kDirectoryValueCapacity) {
-        add("E-TYPE-TOO-LONG", Bytes(list_.installTypeLength()));
+        add("E-TYPE-TOO-LONG", Bytes(list_.installTypeLength()) + (instead.empty() ? "" : "; " + instead));
     } else if (list_.installType().empty()) {
-        add("E-TYPE-MISSING", "");
+        add("E-TYPE-MISSING", instead);
     } else if (list_.lists().empty()) {
         add("E-TYPE-UNKNOWN", "[" + list_.installType() + "]");
     }
@@ -195,6 +203,8 @@ void Checker::CheckEntry(const Entry& entry) {
     CheckName(entry);
     source_ = {};
     const bool hasSource = CheckSource(entry);
+    // In Common "a\.." may be a file.
+    if (hasSource && !HasFileName(entry)) Add("E-ENTRY-EMPTY", entry, "");
     if (HasFileName(entry) && IsUsable(list_.ListOf(entry))) {
         CheckTarget(entry);
         if (hasSource) AddSpace(list_.ListOf(entry));
@@ -246,11 +256,7 @@ bool Checker::CheckSource(const Entry& entry) {
 // Neither the entry's text nor a link in the package may lead out of Common.
 bool Checker::CheckIsInside(const Entry& entry) {
     const std::string source = list_.SourceOf(entry);
-    if (entry.text.front() == '/') {
-        Add("E-ENTRY-OUTSIDE", entry, source, "an absolute path is taken as one below Common all the same");
-        return false;
-    }
-    if (!StaysBelow(entry.text)) {
+    if (!StaysBelow(BelowCommon(entry))) {
         Add("E-ENTRY-OUTSIDE", entry, fs::path(source).lexically_normal());
         return false;
     }
@@ -349,14 +355,22 @@ bool Checker::IsLinkBetween(const Entry& entry, const struct stat& installed,
            ResolveBelowRoot(root, list_.TargetOf(entry)) == ResolveBelowRoot(root, list_.BackupOf(entry));
 }
 
+// The group of a new file: in a directory with the set-group-id bit that of the directory.
+gid_t Checker::NewGroup(const TargetList& list) const {
+    struct stat directory {};
+    const bool isKnown = stat(list_.PlaceOf(list).c_str(), &directory) == 0;
+    return isKnown && (directory.st_mode & S_ISGID) != 0 ? directory.st_gid : getegid();
+}
+
 void Checker::CheckMode(const Entry& entry, const struct stat& reference, bool isInstalled) {
     const mode_t mode = reference.st_mode & kPermissions;
     std::string detail;
     if (mode != newMode_) detail = ShownMode(mode) + " becomes " + ShownMode(newMode_);
-    if (isInstalled && (reference.st_uid != geteuid() || reference.st_gid != getegid())) {
+    const gid_t group = NewGroup(list_.ListOf(entry));
+    if (isInstalled && (reference.st_uid != geteuid() || reference.st_gid != group)) {
         if (!detail.empty()) detail += ", ";
         detail +=
-            "owner " + Owner(reference.st_uid, reference.st_gid) + " becomes " + Owner(geteuid(), getegid());
+            "owner " + Owner(reference.st_uid, reference.st_gid) + " becomes " + Owner(geteuid(), group);
     }
     if (detail.empty()) return;
     Add("W-MODE-LOST", entry, list_.TargetOf(entry), detail + (isInstalled ? "" : ", new in this package"));
@@ -372,9 +386,17 @@ void Checker::CheckDuplicates() {
     }
 }
 
+// The paths below Common that an entry needs: of the file, and of the links that lead there.
+void Checker::AddListedPaths(const Entry& entry, std::set<std::string>& paths) const {
+    const fs::path path = fs::path(BelowCommon(entry)).lexically_normal();
+    for (fs::path prefix = path; !prefix.empty(); prefix = prefix.parent_path()) paths.insert(prefix);
+    const std::optional<std::string> real = CanonicalPath(list_.SourceOf(entry));
+    if (real && common_) paths.insert(fs::path(*real).lexically_relative(*common_));
+}
+
 void Checker::CheckUnlisted() {
     std::set<std::string> listed;
-    for (const Entry& entry : list_.entries()) listed.insert(fs::path(entry.text).lexically_normal());
+    for (const Entry& entry : list_.entries()) AddListedPaths(entry, listed);
 
     std::set<std::string> unlisted;
     std::error_code error;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <deque>
 #include <filesystem>
@@ -40,7 +41,8 @@ public:
 private:
     static std::size_t SizeOf(const std::string& path) {
         struct stat status {};
-        return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+        const off_t size = stat(path.c_str(), &status) == 0 ? status.st_size : 0;
+        return static_cast<std::size_t>(std::min<off_t>(size, INT_MAX - 1));  // the reader's sizes are int
     }
 
     const std::string iniPath_;
@@ -68,7 +70,7 @@ std::string FileList::WhyUnreadable(const std::string& iniPath) {
 
 FileList::FileList(std::string iniPath, std::string root)
     : iniPath_(std::move(iniPath)),
-      root_(std::move(root)),
+      root_(WithoutTrailingSlashes(std::move(root))),
       installType_(ReadInstallType(iniPath_)),
       installTypeLength_(ValueMeter(iniPath_).LengthOf("Package_Intall_Type", "PackageIntallType")),
       sourceDirectory_(SourceDirectory(iniPath_)) {

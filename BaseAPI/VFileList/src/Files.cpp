@@ -139,6 +139,11 @@ bool IsUnchanged(const struct stat& before, const struct stat& now) {
            IsSameMoment(before.st_mtim, now.st_mtim) && isSameChange;
 }
 
+std::string WithoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
 bool StaysBelow(const std::string& relativePath) {
     const fs::path normal = fs::path(relativePath).lexically_normal();
     return normal.is_relative() && (normal.empty() || *normal.begin() != "..");

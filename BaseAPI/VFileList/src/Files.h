@@ -68,6 +68,8 @@ std::optional<Moment> BirthOf(const std::string& path);
 // Nothing happened to the file between the two looks at it.
 bool IsUnchanged(const struct stat& before, const struct stat& now);
 
+std::string WithoutTrailingSlashes(std::string path);
+
 // True when the path, relative to some directory, leads nowhere else; links are not looked at.
 bool StaysBelow(const std::string& relativePath);
 

@@ -8,11 +8,14 @@ const std::vector<FindingKind>& FindingKinds() {
         {"E-INI-UNREADABLE", "the file list can't be read", "Every pass fails.",
          "Name the file list of the package, and make it readable."},
         {"E-TYPE-MISSING", "there is no install type",
-         "The tool looks for the directory list among the keys before the first section; there are none, and "
-         "every pass fails.",
+         "The tool takes the keys before the first section for the directory list; when there are none, "
+         "every "
+         "pass fails.",
          "Set PackageIntallType in [Package_Intall_Type], both spelt exactly so."},
         {"E-TYPE-TOO-LONG", "the install type is longer than 259 bytes",
-         "The tool takes it for missing, and every pass fails.", "Give the directory list a shorter name."},
+         "The tool takes it for missing: the keys before the first section are the directory list, and when "
+         "there are none, every pass fails.",
+         "Give the directory list a shorter name."},
         {"E-TYPE-UNKNOWN", "the install type names a section without keys",
          "There is no directory list, and every pass fails.",
          "Add the section, or name one that is there; names are case-sensitive."},
@@ -35,7 +38,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "-rename and -copy take the target directory for the file, fail and stop; -clean removes a file "
          "named "
          "\".bak\".",
-         "Remove doubled commas, the comma at the end, and a '/' at the end of an entry."},
+         "Remove doubled commas, the comma at the end, and a '/' or \"\\..\" at the end of an entry."},
         {"E-ENTRY-OUTSIDE", "an entry leaves the package's Common directory",
          "The tool copies whatever lies there on the server, or fails when nothing does.",
          "Put the file into Common and name it relative to that."},
@@ -61,7 +64,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "Use another file name, or have the directory removed first."},
         {"E-TARGET-DANGLING", "the target is a link that points nowhere",
          "-rename takes it for missing and makes no backup; -copy writes through it and makes what it points "
-         "to.",
+         "to, or fails where it can't.",
          "Remove the link first."},
         {"E-TARGET-SPECIAL", "the target is a device, pipe or socket",
          "-rename moves it away; the service that uses it loses it.", "Use another file name."},

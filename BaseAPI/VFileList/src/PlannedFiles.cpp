@@ -15,11 +15,6 @@ namespace {
 // As many as the kernel follows before it calls it a loop.
 constexpr int kMaxLinks = 40;
 
-std::string WithoutTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
 FileKind KindOf(mode_t mode) {
     if (S_ISREG(mode)) return FileKind::kFile;
     if (S_ISDIR(mode)) return FileKind::kDirectory;
