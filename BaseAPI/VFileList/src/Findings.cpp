@@ -8,9 +8,8 @@ const std::vector<FindingKind>& FindingKinds() {
         {"E-INI-UNREADABLE", "the file list can't be read", "Every pass fails.",
          "Name the file list of the package, and make it readable."},
         {"E-TYPE-MISSING", "there is no install type",
-         "The tool takes the keys before the first section for the directory list; when there are none, "
-         "every "
-         "pass fails.",
+         "The tool takes the keys before the first section for the directory list; when there are "
+         "none, every pass fails.",
          "Set PackageIntallType in [Package_Intall_Type], both spelt exactly so."},
         {"E-TYPE-TOO-LONG", "the install type is longer than 259 bytes",
          "The tool takes it for missing: the keys before the first section are the directory list, and when "
