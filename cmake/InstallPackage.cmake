@@ -1,4 +1,4 @@
-# What `cmake --install` puts in place, and the CMake package that finds it again.
+# What `cmake --install` puts in place, and the CMake package and the pkg-config file that find it again.
 
 include(CMakePackageConfigHelpers)
 
@@ -7,6 +7,15 @@ install(TARGETS VFileSys EXPORT VFileSysTargets
   FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
 install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+# Their build file is the project's own.
+install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" PATTERN CMakeLists.txt EXCLUDE)
+install(FILES completions/VCopyFileListIni completions/vfilelist
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions")
+foreach(page vfilelist.1 VCompressAndDeCompress.3 VDir.3 VFile.3 VFixFirewall.3 VMonitorFiles.3 VPath.3 vfilelist.5
+        VFileSys.7 VCopyFileListIni.8)
+  string(REGEX MATCH "[0-9]$" section ${page})
+  install(FILES docs/man/${page} DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
+endforeach()
 if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
   install(TARGETS VLogger VIni safestr EXPORT VFileSysTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
@@ -28,3 +37,11 @@ write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVers
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake"
         DESTINATION "${vfs_package_dir}")
+
+set(vfs_pkgconfig_dir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${vfs_pkgconfig_dir}"
+           OUTPUT_VARIABLE vfs_prefix_from_pkgconfig)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${vfs_pkgconfig_dir}"
+           OUTPUT_VARIABLE vfs_includedir_from_pkgconfig)
+configure_file(cmake/VFileSys.pc.in "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

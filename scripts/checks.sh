@@ -10,7 +10,8 @@ unit      build,test              every test passes
 hardening build                   what is installed has the protections that the build asks for
 abi       build,test,abi          the binary interface is the one that programs rely on
 symbols   build,test              the libraries export and import exactly the listed names
-install   build                   an outside project builds against the installed package
+man       build,man               the manual pages and completions tell what the headers and the programs tell
+install   build,install           outside projects build against the installed package
 powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
@@ -213,16 +214,24 @@ check_delivered() {
     LD_LIBRARY_PATH=$PWD/build/installed/lib run_tests delivered
 }
 
+check_man() {
+    configure default
+    build default vfilelist
+    tests/man/check.sh . build/default/BaseAPI/VFileList/vfilelist
+    tests/completions/check.sh completions build/default/BaseAPI/VFileList/vfilelist
+}
+
 check_install() {
     configure release
     build release
     tests/consumer/check.sh . build/release build/install
 }
 
-# Those that are run; what they source is read along with them.
+# Those that are run, and those that users source; what they source is read along with them.
 shell_scripts() {
     printf '%s\n' dev .ci/run
     find cmake scripts tests -name '*.sh' -perm -u+x | sort
+    find completions -type f | sort
 }
 
 # The checks that the arguments choose: all, those named, or all but those named with a '^'.

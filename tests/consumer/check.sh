@@ -53,16 +53,70 @@ run_pass() {  # TOOL OPERATOR
         "${emulator[@]}" "$1" "$2" "$work/trial/package/filelist.ini"
 }
 
+# Builds a program as the pkg-config file of the package says. Its own place is all that the package knows.
+compile_with_pkg_config() {  # PREFIX PROGRAM SOURCE OPTION...
+    local -a flags linker_flags
+    read -ra flags < <(pkg_config "$1" --cflags --libs)
+    read -ra linker_flags <<<"${LDFLAGS:-}"
+    quietly "${CXX:-c++}" -o "$2" "$3" "${flags[@]}" "${linker_flags[@]}" "${@:4}"
+}
+
+pkg_config() {  # PREFIX OPTION...
+    PKG_CONFIG_LIBDIR=$(dirname "$(find "$1" -name VFileSys.pc)") pkg-config "${@:2}" VFileSys
+}
+
+# Every variable of the file is a place in the package.
+check_pkg_config() {  # PREFIX
+    local version
+    version=$(sed -nE 's/^project\(.* VERSION ([0-9.]+).*/\1/p' "$source/CMakeLists.txt")
+    [[ $(pkg_config "$1" --modversion) == "$version" ]] || fail "the pkg-config file is not of version $version"
+    [[ $(readlink -f "$(pkg_config "$1" --variable=prefix)") == "$1" ]] || fail "the pkg-config file has another prefix"
+    [[ -e $(pkg_config "$1" --variable=libdir)/libVFileSys.so ]] || fail "the pkg-config file has another libdir"
+    [[ -e $(pkg_config "$1" --variable=includedir)/VFileSys/VPath.h ]] || fail "the pkg-config file has another includedir"
+}
+
+# The outside project without CMake, on neighbours in the directory NEIGHBOURS.
+run_with_pkg_config() {  # PREFIX NEIGHBOURS OPTION...
+    local libraries
+    check_pkg_config "$1"
+    libraries=$(pkg_config "$1" --variable=libdir)
+    rm -rf "$work/plain-data"
+    mkdir "$work/plain-data"
+    compile_with_pkg_config "$1" "$work/plain" "$source/tests/consumer/project/main.cpp" "${@:3}"
+    quietly env LD_LIBRARY_PATH="$libraries:$2" "${emulator[@]}" "$work/plain" "$work/plain-data"
+}
+
+# What people read, and what their shell reads.
+check_documents() {  # PREFIX
+    local file
+    for file in "$source"/docs/man/*; do
+        cmp -s "$file" "$1/share/man/man${file##*.}/${file##*/}" || fail "${file##*/} is not installed"
+    done
+    for file in "$source"/examples/*.cpp "$source"/examples/ansible/*; do
+        cmp -s "$file" "$1/share/doc/VFileSys/${file#"$source/"}" || fail "${file#"$source/"} is not installed"
+    done
+    quietly "$source/tests/completions/check.sh" "$1/share/bash-completion/completions"
+}
+
 step "install, and run the installed tools"
 quietly cmake --install "$build" --prefix "$work/prefix"
 run_tool "$work/prefix/bin/VCopyFileListIni"
 run_vfilelist "$work/prefix/bin/vfilelist"
+neighbours=$(dirname "$(find "$work/prefix" -name libVLogger.so)")
+
+step "manual pages, examples and completions are in their places"
+check_documents "$work/prefix"
 
 step "an outside project finds the package, builds against it and runs"
 configure "$source/tests/consumer/project" "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix"
 quietly cmake --build "$work/consumer"
 mkdir "$work/consumer-data"
 quietly "${emulator[@]}" "$work/consumer/consumer" "$work/consumer-data"
+
+step "the outside project builds with pkg-config, and so does an example that uses the logger too"
+run_with_pkg_config "$work/prefix" "$neighbours"
+compile_with_pkg_config "$work/prefix" "$work/example" "$work/prefix/share/doc/VFileSys/examples/FirewallService.cpp" \
+    -lVLogger
 
 step "the library builds on installed neighbours instead of its own stand-ins"
 configure "$source" "$work/product" -DVFILESYS_NEIGHBOURS=product -DVFILESYS_BUILD_TESTS=OFF \
@@ -83,9 +137,9 @@ configure "$source/tests/consumer/project" "$work/product-consumer" \
 quietly cmake --build "$work/product-consumer"
 mkdir "$work/product-consumer-data"
 # Where its neighbours lie, the product tells its loader.
-neighbours=$(dirname "$(find "$work/prefix" -name libVLogger.so)")
 quietly env LD_LIBRARY_PATH="$neighbours" \
     "${emulator[@]}" "$work/product-consumer/consumer" "$work/product-consumer-data"
+run_with_pkg_config "$work/product-prefix" "$neighbours" "-Wl,-rpath-link,$neighbours"
 
 step "the package runs from another place"
 mkdir "$work/elsewhere"
@@ -93,3 +147,4 @@ cp -a "$work/prefix" "$work/elsewhere/moved"
 rm -r "$work/prefix"
 run_tool "$work/elsewhere/moved/bin/VCopyFileListIni"
 run_vfilelist "$work/elsewhere/moved/bin/vfilelist"
+run_with_pkg_config "$work/elsewhere/moved" "$work/elsewhere/moved/${neighbours#"$work/prefix/"}"
