@@ -171,11 +171,11 @@ TEST_F(FilesTest, SaysThatAFileCannotBeRead) {
         });
 
         EXPECT_EQ(Compare("abc", "abc"), Content::kUnreadable) << isInstalledBad;
-        EXPECT_EQ(trouble_, scratch_.Path("file") + ": Input/output error");
+        EXPECT_EQ(trouble_, scratch_.Path(isInstalledBad ? "file" : "packaged") + ": Input/output error");
     }
 }
 
-TEST_F(FilesTest, TakesAFileForForeignWhoseRestCannotBeRead) {
+TEST_F(FilesTest, SaysThatTheZeroFilledRestOfAFileCannotBeRead) {
     constexpr std::size_t kBlock = 256 * 1024;
     const std::string packaged(2 * kBlock, 'x');
     const Replaced replaced(calls::read, [](int fd, void* data, size_t size) -> ssize_t {
@@ -186,7 +186,8 @@ TEST_F(FilesTest, TakesAFileForForeignWhoseRestCannotBeRead) {
         return -1;
     });
 
-    EXPECT_EQ(Compare(std::string(2 * kBlock, '\0'), packaged), Content::kOther);
+    EXPECT_EQ(Compare(std::string(2 * kBlock, '\0'), packaged), Content::kUnreadable);
+    EXPECT_EQ(trouble_, scratch_.Path("file") + ": Input/output error");
 }
 
 TEST_F(FilesTest, SaysThatTheStatusOfAFileCannotBeTold) {

@@ -159,7 +159,7 @@ TEST_F(TargetFactsTest, KnowsNothingOfWhatItMayNotLookAt) {
 
     EXPECT_EQ(facts.state, TargetState::kUnknown);
     EXPECT_FALSE(facts.isOccupied);
-    EXPECT_EQ(facts.detail, "Permission denied");
+    EXPECT_EQ(facts.detail, "Permission denied, NAME.bak can't be looked at: Permission denied");
 }
 
 TEST_F(TargetFactsTest, KnowsNothingOfALinkThatLeadsInACircle) {
