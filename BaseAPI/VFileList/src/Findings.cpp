@@ -35,9 +35,8 @@ const std::vector<FindingKind>& FindingKinds() {
          "Spread the entries over several keys."},
         {"E-ENTRY-EMPTY", "an entry has no file name",
          "-rename and -copy take the target directory for the file, fail and stop; -clean removes a file "
-         "named "
-         "\".bak\".",
-         "Remove doubled commas, the comma at the end, and a '/' or \"\\..\" at the end of an entry."},
+         "named \".bak\".",
+         R"(Remove doubled commas, the comma at the end, and a '/' or "\.." at the end of an entry.)"},
         {"E-ENTRY-OUTSIDE", "an entry leaves the package's Common directory",
          "The tool copies whatever lies there on the server, or fails when nothing does.",
          "Put the file into Common and name it relative to that."},

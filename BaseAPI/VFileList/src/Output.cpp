@@ -49,7 +49,7 @@ std::string Dump(const Json& value) {
 // The bytes of the UTF-8 character at `begin`; 0 for a control character and for what is not UTF-8, since a
 // terminal that expects another encoding takes the bytes 0x80 to 0x9f for control characters.
 std::size_t PrintableLength(const std::string& text, std::size_t begin) {
-    const auto byteAt = [&text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const auto byteAt = [&text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
     const unsigned lead = byteAt(begin);
     if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
 

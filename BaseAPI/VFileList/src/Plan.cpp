@@ -172,7 +172,7 @@ std::string Planner::WhyRenameFails(const Entry& entry) const {
         GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
         return "the name is too long for its backup";
     }
-    const std::string why = WhyMoveFails(files_.At(list_.TargetOf(entry)), files_.At(list_.BackupOf(entry)));
+    std::string why = WhyMoveFails(files_.At(list_.TargetOf(entry)), files_.At(list_.BackupOf(entry)));
     if (!why.empty()) return why;
     const std::string& directory = list_.ListOf(entry).directory;
     if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
@@ -233,7 +233,7 @@ std::string Planner::WhySourceFails(const Entry& entry) const {
 }
 
 std::string Planner::WhyDirectoryFails(const std::string& directory) const {
-    const std::string why = WhyNoDirectory(directory);
+    std::string why = WhyNoDirectory(directory);
     if (!why.empty()) return why;
     const std::string existing = NearestExisting(directory);
     if (faccessat(AT_FDCWD, existing.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {

@@ -51,9 +51,9 @@ std::string PlannedFiles::EndOf(const std::string& path) const {
     return end;
 }
 
-void PlannedFiles::Move(const std::string& from, const std::string& to) {
-    changed_[NameOf(to)] = At(from);
-    Remove(from);
+void PlannedFiles::Move(const std::string& path, const std::string& newPath) {
+    changed_[NameOf(newPath)] = At(path);
+    Remove(path);
 }
 
 void PlannedFiles::Remove(const std::string& path) {

@@ -28,7 +28,7 @@ public:
     // The path at which the links end that begin at `path`. Still a link when they lead in a circle.
     std::string EndOf(const std::string& path) const;
 
-    void Move(const std::string& from, const std::string& to);
+    void Move(const std::string& path, const std::string& newPath);
     void Remove(const std::string& path);
     // Writes to what the name leads to, and makes it if it is not there.
     void Write(const std::string& path, unsigned long long size);
