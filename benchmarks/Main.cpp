@@ -19,7 +19,7 @@ namespace {
 
 std::atomic<long> allocations{0};
 
-const char kRepetitions[] = "--benchmark_repetitions=7";
+const char kRepetitions[] = "--benchmark_repetitions=15";
 const char kInterleaving[] = "--benchmark_enable_random_interleaving=true";
 const char kMinTime[] = "--benchmark_min_time=0.02";
 

@@ -31,10 +31,30 @@ std::vector<Row>& Rows();
 // The heap blocks that this program has allocated so far.
 long Allocations();
 
-// Runs `work` as the body of a side, counting its allocations.
+// Runs `work` as the body of a side, counting its allocations. `prepare` runs before each time, and neither
+// its time nor its allocations may count: it allocates nothing. The first time is not measured: it makes the
+// files that the work needs, and the number of iterations would be taken from its time.
+template <typename Work, typename Prepare>
+std::function<void(benchmark::State&)> Repeat(Work work, Prepare prepare) {
+    return [work, prepare](benchmark::State& state) mutable {
+        prepare();
+        work();
+        const long before = Allocations();
+        for (auto _ : state) {
+            state.PauseTiming();
+            prepare();
+            state.ResumeTiming();
+            work();
+        }
+        state.counters["allocations"] = benchmark::Counter(static_cast<double>(Allocations() - before),
+                                                           benchmark::Counter::kAvgIterations);
+    };
+}
+
 template <typename Work>
 std::function<void(benchmark::State&)> Repeat(Work work) {
     return [work](benchmark::State& state) mutable {
+        work();
         const long before = Allocations();
         for (auto _ : state) work();
         state.counters["allocations"] = benchmark::Counter(static_cast<double>(Allocations() - before),
@@ -66,6 +86,16 @@ public:
     template <typename Work>
     AddRow& Beside(const std::string& peer, double target, Work work) {
         Rows()[index_].peers.push_back({peer, target, Repeat(work)});
+        return *this;
+    }
+    template <typename Work, typename Prepare>
+    AddRow& OursAfter(Prepare prepare, Work work) {
+        Rows()[index_].ours = {"ours", 0, Repeat(work, prepare)};
+        return *this;
+    }
+    template <typename Work, typename Prepare>
+    AddRow& BesideAfter(const std::string& peer, double target, Prepare prepare, Work work) {
+        Rows()[index_].peers.push_back({peer, target, Repeat(work, prepare)});
         return *this;
     }
     template <typename Work>
