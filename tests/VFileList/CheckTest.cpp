@@ -18,6 +18,7 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "Report.h"
 #include "Sanitizer.h"
 #include "SystemCalls.h"
 
@@ -724,6 +725,76 @@ TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
     EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
+}
+
+TEST_F(CheckTest, ShowsPeopleEachKindWithItsPlacesAndWhatItMeans) {
+    package_.Bring("unlisted", "");
+    package_.Bring("also", "");
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    package_.WriteEntries("bin/tool,lost");
+    int status = 0;
+
+    EXPECT_EQ(ShownOnATerminal(
+                  package_,
+                  [this](Output& output) {
+                      return Check({package_.ListPath(), "", false}, output);
+                  },
+                  &status),
+              "{bold}LIST{}\n"
+              "\n"
+              "{error}error   E-SOURCE-MISSING{}  {bold}the package lacks a listed file{}\n"
+              "  [Bin] f: lost -> Common/lost\n"
+              "{dim}  What happens: -copy fails there and stops; what is listed behind it stays missing.{}\n"
+              "{dim}  What to do:   Add the file to Common, or remove the entry.{}\n"
+              "\n"
+              "{warning}warning W-SOURCE-UNLISTED{}  {bold}a file in Common is on no list{}\n"
+              "  also -> Common/also\n"
+              "  unlisted -> Common/unlisted\n"
+              "{dim}  What happens: It is not installed.{}\n"
+              "{dim}  What to do:   List it, or leave it out of the package.{}\n"
+              "\n"
+              "{warning}warning W-MODE-LOST{}  {bold}a file's mode or owner will be lost{}\n"
+              "  [Bin] f: bin/tool -> @/tool (0755 becomes 0644)\n"
+              "{dim}  What happens: -copy makes the new file with mode 0666 less the umask, owned by whoever "
+              "runs it.{}\n"
+              "{dim}  What to do:   After -copy run `vfilelist rollback --only-modes`; set the mode of files "
+              "without a predecessor yourself.{}\n"
+              "\n"
+              "1 error, 3 warnings.\n");
+    EXPECT_EQ(status, 1);
+}
+
+TEST_F(CheckTest, TellsPeopleThatThereIsNothing) {
+    EXPECT_EQ(ShownOnATerminal(package_,
+                               [this](Output& output) {
+                                   return Check({package_.ListPath(), "", false}, output);
+                               }),
+              "{bold}LIST{}\n\n{good}Nothing found.{}\n");
+}
+
+TEST_F(CheckTest, ReportsWhereAndWhat) {
+    package_.WriteEntries("bin/tool,lost");
+
+    const nlohmann::json report = ReportOf([this](Output& output) {
+        return Check({package_.ListPath(), "/", false}, output);
+    });
+
+    EXPECT_EQ(report["command"], "check");
+    EXPECT_EQ(report["fileList"], package_.ListPath());
+    EXPECT_EQ(report["root"], "/");
+    EXPECT_EQ(report["summary"], (nlohmann::json{{"errors", 1}, {"warnings", 0}}));
+    EXPECT_EQ(
+        report["findings"],
+        (nlohmann::json{{{"severity", "error"},
+                         {"code", "E-SOURCE-MISSING"},
+                         {"section", "Bin"},
+                         {"key", "f"},
+                         {"entry", "lost"},
+                         {"path", package_.SourcePath("lost")},
+                         {"detail", ""},
+                         {"title", "the package lacks a listed file"},
+                         {"effect", "-copy fails there and stops; what is listed behind it stays missing."},
+                         {"advice", "Add the file to Common, or remove the entry."}}}));
 }
 
 }  // namespace

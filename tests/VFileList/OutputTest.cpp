@@ -5,33 +5,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <optional>
 #include <string>
 
+#include "Report.h"
 #include "SystemCalls.h"
 
 namespace {
-
-// Sets a variable of the environment, or takes it away, for as long as it lives.
-class Variable {
-public:
-    Variable(const char* name, const char* value) : name_(name) {
-        if (const char* const old = std::getenv(name)) old_ = old;
-        Set(value);
-    }
-    ~Variable() { Set(old_ ? old_->c_str() : nullptr); }
-    Variable(const Variable&) = delete;
-    Variable& operator=(const Variable&) = delete;
-
-private:
-    void Set(const char* value) const {
-        EXPECT_EQ(value == nullptr ? unsetenv(name_) : setenv(name_, value, 1), 0);
-    }
-
-    const char* const name_;
-    std::optional<std::string> old_;
-};
 
 // Everything is a terminal, or nothing.
 auto Terminal(bool isTerminal) {

@@ -419,4 +419,92 @@ TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
     }
 }
 
+std::string ShownPlanOf(const Package& package) {
+    return ShownOnATerminal(
+        package, [&package](Output& output) { return Plan(FileList(package.ListPath()), output); });
+}
+
+TEST_F(PlanTest, ShowsPeopleEachStepAndTheSumOfEachPass) {
+    package_.Bring("fresh", "fresh");
+    package_.Install("tool.bak", "older");
+    package_.WriteList("[Server]\nA=@\nB=@/new\n[A]\nf=bin/tool,fresh\n[B]\nf=fresh\n");
+
+    EXPECT_EQ(ShownPlanOf(package_),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{bold}-rename{}\n"
+              "  rename         3 B  @/tool{dim}  (to NAME.bak, replacing an older one){}\n"
+              "  {dim}skip  {}           -  @/fresh{dim}  (not there){}\n"
+              "  {dim}skip  {}           -  @/new/fresh{dim}  (not there){}\n"
+              "{dim}  1 file, 3 B{}\n"
+              "\n"
+              "{bold}-copy{}\n"
+              "  copy          12 B  @/tool{dim}  (from Common/bin/tool){}\n"
+              "  copy           5 B  @/fresh{dim}  (from Common/fresh){}\n"
+              "  mkdir            -  @/new/{dim}  (mode 0750 less the umask){}\n"
+              "  copy           5 B  @/new/fresh{dim}  (from Common/fresh){}\n"
+              "{dim}  3 files, 22 B{}\n"
+              "\n"
+              "{bold}-clean{}\n"
+              "  remove         3 B  @/tool.bak\n"
+              "  {dim}skip  {}           -  @/fresh.bak{dim}  (not there){}\n"
+              "  {dim}skip  {}           -  @/new/fresh.bak{dim}  (not there){}\n"
+              "{dim}  1 file, 3 B{}\n");
+}
+
+TEST_F(PlanTest, ShowsPeopleWhereItStopsAndWhatIsSkipped) {
+    package_.WriteList("[Server]\nBin=@\n[Bin]\nf=bin/tool,lost\nlong=" + std::string(4799, 'x') + "\n");
+
+    EXPECT_EQ(ShownPlanOf(package_),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{bold}-rename{}\n"
+              "  rename         3 B  @/tool{dim}  (to NAME.bak){}\n"
+              "  {dim}skip  {}           -  @/lost{dim}  (not there){}\n"
+              "{dim}  1 file, 3 B{}\n"
+              "\n"
+              "{bold}-copy{}\n"
+              "  copy          12 B  @/tool{dim}  (from Common/bin/tool){}\n"
+              "  {error}FAIL  {}           -  @/lost{dim}  (the package lacks lost){}\n"
+              "{error}  stops here, exit status 240{}\n"
+              "\n"
+              "{bold}-clean{}\n"
+              "  not reached\n"
+              "\n"
+              "{error}Every pass skips [Bin] long: a value of 4799 bytes.{}\n");
+}
+
+TEST_F(PlanTest, ReportsEachStepWithItsEntryAndEachPass) {
+    package_.Bring("bin/other", "new");
+    package_.WriteList("[Server]\nBin=@/new\n[Bin]\nf=bin/other,lost\n");
+    const auto step = [this](const char* pass, const char* kind, const std::string& name, const char* entry) {
+        return nlohmann::json{
+            {"pass", pass},    {"step", kind},          {"path", package_.InstalledPath("new/" + name)},
+            {"size", nullptr}, {"detail", "not there"}, {"section", "Bin"},
+            {"key", "f"},      {"entry", entry}};
+    };
+    nlohmann::json made = step("-copy", "mkdir", "", "");
+    made.update({{"section", ""}, {"key", ""}, {"detail", "mode 0750 less the umask"}});
+    nlohmann::json copied = step("-copy", "copy", "other", "bin/other");
+    copied.update({{"size", 3}, {"detail", "from Common/bin/other"}});
+    nlohmann::json failed = step("-copy", "fail", "lost", "lost");
+    failed["detail"] = "the package lacks lost";
+
+    const nlohmann::json report =
+        ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); });
+
+    EXPECT_EQ(report["command"], "plan");
+    EXPECT_EQ(report["fileList"], package_.ListPath());
+    EXPECT_EQ(report["installType"], "Server");
+    EXPECT_EQ(report["steps"],
+              (nlohmann::json{step("-rename", "skip", "other", "bin/other"),
+                              step("-rename", "skip", "lost", "lost"), made, copied, failed}));
+    EXPECT_EQ(report["skippedKeys"], nlohmann::json::array());
+    EXPECT_EQ(
+        report["passes"],
+        (nlohmann::json{{"rename", {{"reached", true}, {"succeeds", true}, {"files", 0}, {"bytes", 0}}},
+                        {"copy", {{"reached", true}, {"succeeds", false}, {"files", 1}, {"bytes", 3}}},
+                        {"clean", {{"reached", false}, {"succeeds", false}, {"files", 0}, {"bytes", 0}}}}));
+}
+
 }  // namespace

@@ -1,23 +1,83 @@
-// What a command of vfilelist reports as JSON when it runs in this process, where calls can be replaced.
+// What a command of vfilelist reports when it runs in this process, where calls can be replaced.
 #ifndef TESTS_VFILELIST_REPORT_H
 #define TESTS_VFILELIST_REPORT_H
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
 
 #include "Output.h"
+#include "Package.h"
+#include "SystemCalls.h"
 
-// `command` takes the output and returns the exit status, which goes to `exitStatus`, if that is not null.
+// Sets a variable of the environment, or takes it away, for as long as it lives.
+class Variable {
+public:
+    Variable(const char* name, const char* value) : name_(name) {
+        if (const char* const old = std::getenv(name)) old_ = old;
+        Set(value);
+    }
+    ~Variable() { Set(old_ ? old_->c_str() : nullptr); }
+    Variable(const Variable&) = delete;
+    Variable& operator=(const Variable&) = delete;
+
+private:
+    void Set(const char* value) const {
+        EXPECT_EQ(value == nullptr ? unsetenv(name_) : setenv(name_, value, 1), 0);
+    }
+
+    const char* const name_;
+    std::optional<std::string> old_;
+};
+
+// What `command`, which takes the output and returns the exit status, writes to standard output. The status
+// goes to `exitStatus`, if that is not null.
 template <typename Command>
-nlohmann::json ReportOf(Command command, int* exitStatus = nullptr) {
+std::string WrittenBy(Command command, bool isJson, int* exitStatus) {
     testing::internal::CaptureStdout();
-    Output output(true);
+    Output output(isJson);
     const int status = command(output);
     output.EndJson();
     EXPECT_TRUE(output.Finish());
     if (exitStatus != nullptr) *exitStatus = status;
-    return nlohmann::json::parse(testing::internal::GetCapturedStdout());
+    return testing::internal::GetCapturedStdout();
+}
+
+// The report as JSON.
+template <typename Command>
+nlohmann::json ReportOf(Command command, int* exitStatus = nullptr) {
+    return nlohmann::json::parse(WrittenBy(std::move(command), true, exitStatus));
+}
+
+// The report that people see on a terminal, with its styles as "{bold}text{}", "LIST" for the file list's
+// path, and the directories of the package and of the installed release as "Common/" and "@/".
+template <typename Command>
+std::string ShownOnATerminal(const Package& package, Command command, int* exitStatus = nullptr) {
+    const Variable term("TERM", "xterm");
+    const Variable noColour("NO_COLOR", nullptr);
+    const Replaced replaced(calls::isatty, [](int fd) { return fd == STDOUT_FILENO ? 1 : 0; });
+    std::string text = WrittenBy(std::move(command), false, exitStatus);
+
+    const std::pair<std::string, const char*> names[] = {{"\033[0m", "{}"},
+                                                         {"\033[1m", "{bold}"},
+                                                         {"\033[2m", "{dim}"},
+                                                         {"\033[31m", "{error}"},
+                                                         {"\033[32m", "{good}"},
+                                                         {"\033[33m", "{warning}"},
+                                                         {package.ListPath(), "LIST"},
+                                                         {package.SourcePath(""), "Common/"},
+                                                         {package.InstalledPath(), "@"}};
+    for (const auto& [found, name] : names) {
+        for (std::size_t at = 0; (at = text.find(found, at)) != std::string::npos;) {
+            text.replace(at, found.size(), name);
+        }
+    }
+    return text;
 }
 
 #endif

@@ -954,4 +954,101 @@ TEST_F(RollbackTest, OnlyModesLeavesTheModeOfAFileThatItCannotGiveAway) {
     EXPECT_EQ(ModeOf("tool"), 0644u) << "no set-user-id bit for a wrong owner";
 }
 
+TEST_F(RollbackTest, ShowsPeopleWhatItDidToEachFile) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("gone", "gone");
+    package_.Install("foreign", "old");
+    package_.Bring("foreign", "new");
+    package_.WriteEntries("tool,fresh,gone,foreign");
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("gone"));
+    package_.Install("foreign", "edited");
+    const auto show = [this](const RollbackOptions& options) {
+        return ShownOnATerminal(package_, [&](Output& output) {
+            return ::Rollback(FileList(package_.ListPath()), options, output);
+        });
+    };
+    RollbackOptions dryRun;
+    dryRun.isDryRun = true;
+    const std::string rest =
+        "  @/foreign  (neither the package's file nor a part of it; --force puts the backup over it)\n"
+        "\n"
+        "1 file restored, 0 removed, 2 kept, 0 failed.\n"
+        "1 file of the package without a backup stays.\n";
+
+    EXPECT_EQ(show(dryRun),
+              "{bold}LIST{}  install type Server; a dry run, nothing is changed\n"
+              "\n"
+              "{good}restore   {}@/tool\n"
+              "{warning}keep      {}@/fresh  (the package's, no backup)\n"
+              "{dim}-         {}@/gone  (not there, no backup)\n"
+              "{warning}keep      {}" +
+                  rest.substr(2));
+    EXPECT_EQ(show({}),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{good}restored  {}@/tool\n"
+              "{warning}kept      {}@/fresh  (the package's, no backup)\n"
+              "{dim}-         {}@/gone  (not there, no backup)\n"
+              "{warning}kept      {}" +
+                  rest.substr(2));
+}
+
+TEST_F(RollbackTest, ShowsPeopleTheModesThatItSet) {
+    package_.Install("other", "old");
+    package_.Bring("other", "new");
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,other,fresh,lost");
+    SetMode("tool", 0755);
+    (void)package_.RunPass("-rename");
+    (void)package_.RunPass("-copy");
+    const struct stat status = StatusOf(package_.InstalledPath("tool"));
+    const std::string owner = std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+
+    EXPECT_EQ(ShownOnATerminal(package_,
+                               [this](Output& output) {
+                                   return ::Rollback(FileList(package_.ListPath()), OnlyModes(), output);
+                               }),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{good}mode set  {}@/tool  (0644 to 0755)\n"
+              "{dim}-         {}@/other  (as its backup)\n"
+              "{warning}kept      {}@/fresh  (no backup; mode 0644 and owner " +
+                  owner +
+                  " stay)\n"
+                  "{dim}-         {}@/lost  (not there, no backup)\n"
+                  "\n"
+                  "1 mode set, 2 nothing to do, 1 kept, 0 failed.\n");
+}
+
+TEST_F(RollbackTest, ReportsEachActionAndTheirSum) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("second", "second");
+    package_.WriteEntries("tool,fresh,second");
+    RunPasses({"-rename", "-copy"});
+    RollbackOptions dryRun;
+    dryRun.isDryRun = true;
+
+    const nlohmann::json report = ReportHere(dryRun);
+
+    EXPECT_EQ(report["command"], "rollback");
+    EXPECT_EQ(report["fileList"], package_.ListPath());
+    EXPECT_EQ(report["installType"], "Server");
+    EXPECT_EQ(report["onlyModes"], false);
+    EXPECT_EQ(report["dryRun"], true);
+    EXPECT_EQ(report["actions"][0], (nlohmann::json{{"target", package_.InstalledPath("tool")},
+                                                    {"action", "restored"},
+                                                    {"state", "new"},
+                                                    {"detail", ""},
+                                                    {"problem", false}}));
+    EXPECT_EQ(report["summary"], (nlohmann::json{{"restored", 1},
+                                                 {"removed", 0},
+                                                 {"modesSet", 0},
+                                                 {"kept", 2},
+                                                 {"failed", 0},
+                                                 {"nothing", 0},
+                                                 {"problems", 0}}));
+    EXPECT_EQ(ReportHere(RemovingNew())["summary"]["removed"], 2);
+}
+
 }  // namespace

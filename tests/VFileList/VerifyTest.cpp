@@ -13,6 +13,7 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "Report.h"
 #include "Sanitizer.h"
 #include "SystemCalls.h"
 
@@ -362,6 +363,139 @@ TEST_F(VerifyTest, ShowsAnotherOwnerBehindWhatElseThereIsToSay) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-2.0"));
     fs::create_symlink("tool-2.0", package_.InstalledPath("tool"));
     EXPECT_THAT(show(), HasSubstr(package_.InstalledPath("tool") + "  (a link, " + detail));
+}
+
+std::string ShownStateOf(const Package& package) {
+    return ShownOnATerminal(
+        package, [&package](Output& output) { return Verify(FileList(package.ListPath()), {}, output); });
+}
+
+TEST_F(VerifyTest, ShowsPeopleEachFileAndEachPass) {
+    package_.Bring("fresh", "fresh");
+    package_.Bring("half", "half of it");
+    package_.WriteEntries("tool,fresh,half");
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    RunPasses({"-rename", "-copy"});
+    package_.Install("half", "half");
+    fs::remove(package_.InstalledPath("fresh"));
+
+    EXPECT_EQ(
+        ShownStateOf(package_),
+        "{bold}LIST{}  install type Server\n"
+        "\n"
+        "{dim}STATE    BACKUP  MODE  WAS         SIZE  FILE{}\n"
+        "{good}new      {}yes     0644  {warning}0755  {}      12 B  @/tool\n"
+        "missing  -       -     -              -  @/fresh\n"
+        "{error}partial  {}-       0644  -            4 B  @/half\n"
+        "\n"
+        "3 files: 1 new, 1 partial, 1 missing, 1 backup.\n"
+        "{warning}1 new file with another mode or owner than the backup: vfilelist rollback --only-modes{}\n"
+        "\n"
+        "-rename  complete\n"
+        "-copy    incomplete\n"
+        "-clean   incomplete\n"
+        "Next:    VCopyFileListIni -copy LIST\n"
+        "\n"
+        "{error}Not as expected: copied.{}\n");
+}
+
+TEST_F(VerifyTest, ShowsPeopleWhatThePassesWillNotDo) {
+    package_.WriteList("[Server]\nBin=@\n[Bin]\nf=tool,lost,\nlong=" + std::string(4096, 'x') + "\n");
+
+    EXPECT_EQ(ShownStateOf(package_),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{dim}STATE    BACKUP  MODE  WAS         SIZE  FILE{}\n"
+              "old      -       0644  -            3 B  @/tool\n"
+              "missing  -       -     -              -  @/lost  (the package lacks lost)\n"
+              "\n"
+              "{error}E-LIST-TOO-LONG{}  [Bin] long: a value of 4096 bytes; every pass skips the key\n"
+              "{error}E-ENTRY-EMPTY{}  [Bin] f: an entry without a file name; -rename and -copy fail there\n"
+              "\n"
+              "2 files: 1 old, 1 missing, 0 backups.\n"
+              "{error}The package lacks 1 file: -copy stops at the first.{}\n"
+              "\n"
+              "-rename  incomplete\n"
+              "-copy    incomplete\n"
+              "-clean   incomplete\n"
+              "Next:    VCopyFileListIni -rename LIST\n"
+              "\n"
+              "{error}Not as expected: copied.{}\n");
+}
+
+TEST_F(VerifyTest, ShowsPeopleThatAllIsAsExpected) {
+    RunPasses({"-rename", "-copy", "-clean"});
+
+    EXPECT_EQ(ShownStateOf(package_),
+              "{bold}LIST{}  install type Server\n"
+              "\n"
+              "{dim}STATE    BACKUP  MODE  WAS         SIZE  FILE{}\n"
+              "{good}new      {}-       0644  -           12 B  @/tool\n"
+              "\n"
+              "1 file: 1 new, 0 backups.\n"
+              "\n"
+              "-rename  complete\n"
+              "-copy    complete\n"
+              "-clean   complete\n"
+              "Next:    nothing\n"
+              "\n"
+              "{good}As expected: copied.{}\n");
+}
+
+TEST_F(VerifyTest, ReportsAllThatItKnowsOfAFile) {
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
+    RunPasses({"-rename", "-copy"});
+    const struct stat status = StatusOf(package_.InstalledPath("tool"));
+    const std::string owner = std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+
+    const nlohmann::json report =
+        ReportOf([this](Output& output) { return ::Verify(FileList(package_.ListPath()), {}, output); });
+
+    EXPECT_EQ(report["command"], "verify");
+    EXPECT_EQ(report["fileList"], package_.ListPath());
+    EXPECT_EQ(report["installType"], "Server");
+    EXPECT_EQ(report["targets"], (nlohmann::json{{{"target", package_.InstalledPath("tool")},
+                                                  {"state", "new"},
+                                                  {"size", 12},
+                                                  {"packageSize", 12},
+                                                  {"mode", "0644"},
+                                                  {"owner", owner},
+                                                  {"backup", true},
+                                                  {"backupMode", "0755"},
+                                                  {"backupOwner", owner},
+                                                  {"modeDiffers", true},
+                                                  {"ownerDiffers", false},
+                                                  {"detail", ""},
+                                                  {"entries",
+                                                   {{{"section", "Bin"},
+                                                     {"key", "f"},
+                                                     {"entry", "tool"},
+                                                     {"source", package_.SourcePath("tool")}}}}}}));
+    EXPECT_EQ(report["problems"], nlohmann::json::array());
+    EXPECT_EQ(
+        report["summary"],
+        (nlohmann::json{{"targets", 1},
+                        {"states", {{"new", 1}, {"partial", 0}, {"old", 0}, {"missing", 0}, {"unknown", 0}}},
+                        {"backups", 1},
+                        {"modesDiffering", 1},
+                        {"sourcesLacking", 0},
+                        {"passes", {{"rename", "complete"}, {"copy", "complete"}, {"clean", "incomplete"}}},
+                        {"next", "-clean"},
+                        {"reason", ""},
+                        {"expected", "copied"},
+                        {"isExpected", false}}));
+}
+
+TEST_F(VerifyTest, ReportsNothingOfAFileThatIsNotThere) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::remove(package_.SourcePath("tool"));
+
+    const nlohmann::json target = Target();
+
+    for (const char* const name : {"size", "packageSize", "mode", "owner", "backupMode", "backupOwner"}) {
+        EXPECT_EQ(target[name], nullptr) << name;
+    }
+    EXPECT_EQ(package_.RunJson("verify")["summary"]["next"], "-copy");
 }
 
 // The most memory, in KiB, that `vfilelist verify` has at once; run in a child whose children it alone is.
