@@ -797,4 +797,18 @@ TEST_F(CheckTest, ReportsWhereAndWhat) {
                          {"advice", "Add the file to Common, or remove the entry."}}}));
 }
 
+TEST_F(CheckTest, SaysOfATooLongInstallTypeWhichKeysAreTakenInstead) {
+    package_.WriteRawList("Bin=@\n[Package_Intall_Type]\nPackageIntallType=" + std::string(260, 'x') +
+                          "\n[Bin]\nf=bin/tool\n");
+
+    EXPECT_THAT(package_.Run("check").out, HasSubstr("; the keys before the first section are taken"));
+}
+
+TEST_F(CheckTest, FindsALinkThatLeadsInACircle) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_symlink("tool", package_.InstalledPath("tool"));
+
+    EXPECT_THAT(package_.Run("check").out, HasSubstr("(in a circle: -copy fails)"));
+}
+
 }  // namespace

@@ -235,4 +235,48 @@ TEST_F(FilesTest, NoticesEveryKindOfChange) {
     EXPECT_FALSE(isNoticed([](struct stat& now) { ++now.st_atim.tv_sec; })) << "somebody has read it";
 }
 
+TEST_F(FilesTest, ReadsNothingThatTurnsIntoADirectoryMeanwhile) {
+    const std::string file = scratch_.Write("file", "abc");
+    const std::string packaged = scratch_.Write("packaged", "abc");
+    const Replaced replaced(calls::open, [&file](const char* path, int flags, mode_t mode) {
+        if (path == file) {
+            fs::remove(file);
+            fs::create_directory(file);
+        }
+        return calls::real::open(path, flags, mode);
+    });
+    const std::size_t before = OpenDescriptors();
+
+    EXPECT_EQ(comparer_.Compare(file, packaged, trouble_), Content::kUnreadable);
+
+    EXPECT_EQ(trouble_, file + ": not a regular file");
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(FilesTest, KnowsNoBirthOfWhatIsMissingOrWhereTheFileSystemKeepsNone) {
+    EXPECT_TRUE(BirthOf(scratch_.Write("file", "")));
+    EXPECT_FALSE(BirthOf(scratch_.Path("missing")));
+    EXPECT_FALSE(BirthOf("/proc/self/status"));
+}
+
+TEST_F(FilesTest, SaysWhyADirectoryCannotBeMade) {
+    const std::string file = scratch_.Write("file", "");
+    fs::create_symlink("nowhere", scratch_.Path("link"));
+    fs::create_symlink("circle", scratch_.Path("circle"));
+
+    EXPECT_EQ(WhyNoDirectory(scratch_.Path("new/dir")), "");
+    EXPECT_EQ(WhyNoDirectory("new/dir"), "") << "below whatever directory the tool is started in";
+    EXPECT_EQ(WhyNoDirectory("new/../dir"), ". lacks what stands before \"..\"");
+    EXPECT_EQ(WhyNoDirectory(file + "/new"), file + " is no directory");
+    for (const char* const name : {"link", "circle"}) {
+        EXPECT_EQ(WhyNoDirectory(scratch_.Path(name) + "/new"),
+                  scratch_.Path(name) + " is a link that points nowhere");
+    }
+    const Replaced replaced(calls::stat, [](const char*, struct stat*) {
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(WhyNoDirectory(file), "") << "that is said where it is looked at";
+}
+
 }  // namespace

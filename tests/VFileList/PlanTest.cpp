@@ -385,6 +385,51 @@ TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
         {"the package's own file",
          [](const Package& p) { p.WriteList("[Server]\nA=" + p.SourcePath("bin") + "\n[A]\nf=bin/tool\n"); },
          {}},
+        {"an entry that an earlier one makes, through links from both sides",
+         [](const Package& p) {
+             p.Bring("made", "content");
+             fs::create_symlink(p.InstalledPath("made"), p.SourcePath("link"));
+             p.scratch().Link("installed/link", "made");
+             p.WriteEntries("made,link");
+         },
+         {"-rename skip made -", "-rename skip link -", "-copy copy made 7", "-copy copy link 0",
+          "-clean skip made.bak -", "-clean skip link.bak -"}},
+        {"a link in the package that leads in a circle",
+         [](const Package& p) {
+             fs::create_symlink("circle", p.SourcePath("circle"));
+             p.WriteEntries("circle");
+         },
+         {"-rename skip circle -", "-copy fail circle -"}},
+        {"a backup that is a link in a circle",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             p.scratch().Link("installed/tool.bak", "tool.bak");
+         },
+         {"-rename skip tool -", "-copy copy tool 12", "-clean skip tool.bak -"}},
+        {"an empty directory over an empty backup",
+         [](const Package& p) {
+             p.scratch().MakeDirectory("installed/empty");
+             p.scratch().MakeDirectory("installed/empty.bak");
+             p.Bring("empty", "1");
+             p.WriteEntries("empty");
+         },
+         {}},
+        {"an empty directory over a backup that is not empty",
+         [](const Package& p) {
+             p.scratch().MakeDirectory("installed/empty");
+             p.Install("empty.bak/inside", "kept");
+             p.Bring("empty", "1");
+             p.WriteEntries("empty");
+         },
+         {"-rename fail empty -"}},
+        {"a list's directory that has the name of a backup",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             p.WriteList("[Server]\nA=@/tool.bak\nB=@\n[A]\nf=bin/tool\n[B]\nf=bin/tool\n");
+         },
+         {"-rename skip tool.bak/tool -", "-rename skip tool -", "-copy mkdir tool.bak/ -",
+          "-copy copy tool.bak/tool 12", "-copy copy tool 12", "-clean skip tool.bak/tool.bak -",
+          "-clean fail tool.bak -"}},
         {"a link in a circle",
          [](const Package& p) {
              fs::remove(p.InstalledPath("tool"));
@@ -505,6 +550,19 @@ TEST_F(PlanTest, ReportsEachStepWithItsEntryAndEachPass) {
         (nlohmann::json{{"rename", {{"reached", true}, {"succeeds", true}, {"files", 0}, {"bytes", 0}}},
                         {"copy", {{"reached", true}, {"succeeds", false}, {"files", 1}, {"bytes", 3}}},
                         {"clean", {{"reached", false}, {"succeeds", false}, {"files", 0}, {"bytes", 0}}}}));
+}
+
+TEST_F(PlanTest, TakesARelativeDirectoryFromWhereItIsStarted) {
+    package_.WriteRawList(
+        "[Package_Intall_Type]\nPackageIntallType=Server\n[Server]\nA=nowhere/at/all\n[A]\nf=bin/tool\n");
+
+    const nlohmann::json report =
+        ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); });
+
+    std::vector<std::string> paths;
+    for (const auto& step : report["steps"]) paths.push_back(step["path"]);
+    EXPECT_THAT(paths, ElementsAre("nowhere/at/all/tool", "nowhere/at/all/", "nowhere/at/all/tool",
+                                   "nowhere/at/all/tool.bak"));
 }
 
 }  // namespace

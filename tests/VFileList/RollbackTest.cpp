@@ -1051,4 +1051,95 @@ TEST_F(RollbackTest, ReportsEachActionAndTheirSum) {
     EXPECT_EQ(ReportHere(RemovingNew())["summary"]["removed"], 2);
 }
 
+TEST_F(RollbackTest, RemovesNothingOfSeveralFilesThatWereNotWrittenInOrder) {
+    for (const char* const name : {"a", "b", "c"}) package_.Bring(name, name);
+    package_.WriteEntries("a,b,c");
+    for (const char* const name : {"c", "b", "a"}) {
+        package_.Install(name, name);
+        LetTimePass();
+    }
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.InstalledNames(), (std::vector<std::string>{"a", "b", "c", "tool"}));
+}
+
+TEST_F(RollbackTest, RemovesNothingWhereTheFileSystemKeepsNoBirths) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+    const Replaced replaced(calls::statx, [](int, const char*, int, unsigned, struct statx*) {
+        errno = ENOSYS;
+        return -1;
+    });
+
+    EXPECT_THAT(ActionHere("fresh", RemovingNew()), testing::StartsWith("kept: "));
+    EXPECT_EQ(package_.Installed("fresh"), "fresh");
+}
+
+TEST_F(DanglingBackupTest, SaysNothingOfTheFilesBehindIt) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,other,fresh");
+    package_.Install("fresh", "fresh");
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("fresh"), "fresh");
+}
+
+TEST_F(RollbackTest, RestoresWhatStandsBehindADirectoryThatIsMissing) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool.bak"));
+    package_.Bring("other", "the other new one");
+    package_.Install("other", "the other new one");
+    package_.Install("other.bak", "old");
+    package_.WriteEntries("tool,other");
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_TRUE(fs::is_directory(package_.InstalledPath("tool")));
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
+TEST_F(RollbackTest, OnlyModesEndsWhereBackupsLeadToEachOthersFiles) {
+    package_.Bring("other", "the other new one");
+    package_.WriteEntries("tool,other");
+    package_.Install("tool", "the new tool");
+    package_.Install("other", "the other new one");
+    fs::create_symlink("other", package_.InstalledPath("tool.bak"));
+    fs::create_symlink("tool", package_.InstalledPath("other.bak"));
+    SetMode("tool", 0600);
+    SetMode("other", 0600);
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 0);
+
+    EXPECT_EQ(ModeOf("tool"), 0600u);
+    EXPECT_EQ(ModeOf("other"), 0600u);
+}
+
+TEST_F(RollbackTest, OnlyModesFollowsNoBackupToAFileThatIsMissing) {
+    BringAnotherFile();
+    fs::rename(package_.InstalledPath("other"), package_.InstalledPath("other-1.0"));
+    fs::create_symlink("other-1.0", package_.InstalledPath("other"));
+    SetMode("other-1.0", 0750);
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("tool"));
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 1);
+
+    EXPECT_EQ(ModeOf("other"), 0750u);
+}
+
+TEST_F(RollbackTest, OnlyModesTakesNoModeFromAListedFile) {
+    package_.Bring("tool.bak", "new");
+    package_.Install("tool.bak", "new");
+    package_.Install("tool", "the new tool");
+    SetMode("tool.bak", 0700);
+    package_.WriteEntries("tool,tool.bak");
+
+    EXPECT_EQ(Rollback({"--only-modes"}), 1);
+
+    EXPECT_EQ(ModeOf("tool"), 0644u);
+}
+
 }  // namespace

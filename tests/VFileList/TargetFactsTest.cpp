@@ -224,4 +224,24 @@ TEST_F(TargetFactsTest, TellsAnotherUserAndAnotherGroup) {
     EXPECT_FALSE(facts.IsOwnerDifferent());
 }
 
+TEST_F(TargetFactsTest, TakesTheBackupOfADanglingLinkForABackup) {
+    package_.Bring("tool", "new");
+    fs::create_symlink("nowhere", package_.InstalledPath("tool"));
+    package_.Install("tool.bak", "old");
+    package_.WriteEntries("tool");
+
+    const TargetFacts facts = Examine();
+
+    EXPECT_TRUE(facts.hasBackup);
+    EXPECT_EQ(facts.backupDoubt, BackupDoubt::kNone);
+}
+
+TEST_F(TargetFactsTest, SaysThatThePackageLacksWhatWouldStandBelowAFile) {
+    package_.Bring("file", "");
+    package_.Install("tool", "old");
+    package_.WriteEntries("file/tool");
+
+    EXPECT_EQ(Examine().detail, "the package lacks file/tool");
+}
+
 }  // namespace

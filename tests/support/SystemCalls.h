@@ -80,19 +80,21 @@
     X(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 
 // What only vfilelist calls.
-#define VFS_TEST_FILE_LIST_CALLS(X)                                               \
-    X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))      \
-    X(int, faccessat, (int directory, const char* path, int mode, int flags),     \
-      (directory, path, mode, flags))                                             \
-    X(int, fchmod, (int fd, mode_t mode), (fd, mode))                             \
-    X(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group))          \
-    X(int, fsync, (int fd), (fd))                                                 \
-    X(gid_t, getegid, (), ())                                                     \
-    X(uid_t, geteuid, (), ())                                                     \
-    X(int, isatty, (int fd), (fd))                                                \
-    X(int, lstat, (const char* path, struct stat* status), (path, status))        \
-    X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode)) \
-    X(int, statvfs, (const char* path, struct statvfs* status), (path, status))   \
+#define VFS_TEST_FILE_LIST_CALLS(X)                                                                  \
+    X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))                         \
+    X(int, faccessat, (int directory, const char* path, int mode, int flags),                        \
+      (directory, path, mode, flags))                                                                \
+    X(int, fchmod, (int fd, mode_t mode), (fd, mode))                                                \
+    X(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group))                             \
+    X(int, fsync, (int fd), (fd))                                                                    \
+    X(gid_t, getegid, (), ())                                                                        \
+    X(uid_t, geteuid, (), ())                                                                        \
+    X(int, isatty, (int fd), (fd))                                                                   \
+    X(int, lstat, (const char* path, struct stat* status), (path, status))                           \
+    X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                    \
+    X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                      \
+    X(int, statx, (int directory, const char* path, int flags, unsigned mask, struct statx* status), \
+      (directory, path, flags, mask, status))                                                        \
     X(int, unlink, (const char* path), (path))
 
 namespace calls {

@@ -391,7 +391,7 @@ void Checker::AddListedPaths(const Entry& entry, std::set<std::string>& paths) c
     const fs::path path = fs::path(BelowCommon(entry)).lexically_normal();
     for (fs::path prefix = path; !prefix.empty(); prefix = prefix.parent_path()) paths.insert(prefix);
     const std::optional<std::string> real = CanonicalPath(list_.SourceOf(entry));
-    if (real && common_) paths.insert(fs::path(*real).lexically_relative(*common_));
+    if (real) paths.insert(fs::path(*real).lexically_relative(common_.value_or("")));
 }
 
 void Checker::CheckUnlisted() {

@@ -42,9 +42,10 @@ StepName NameOf(Step step) {
     return {"skip", Style::kDim};
 }
 
+// One that the tool makes gets files.
 bool IsEmptyDirectory(const PlannedFile& directory) {
     std::error_code error;
-    return directory.origin.empty() || std::filesystem::is_empty(directory.origin, error);
+    return !directory.origin.empty() && std::filesystem::is_empty(directory.origin, error);
 }
 
 class Planner {
@@ -122,8 +123,8 @@ void Planner::RunPass(const char* pass, bool (Planner::*handle)(std::size_t)) {
     std::size_t index = 0;
     for (std::size_t list = 0; list < list_.lists().size() && failure_.empty(); ++list) {
         if (handle == &Planner::CopyEntry) MakeDirectoryOf(list_.lists()[list]);
-        while (index < list_.entries().size() && list_.entries()[index].list == list && failure_.empty()) {
-            if (!(this->*handle)(index)) break;
+        while (index < list_.entries().size() && list_.entries()[index].list == list &&
+               (this->*handle)(index)) {
             ++index;
         }
     }
@@ -157,7 +158,7 @@ bool Planner::RenameEntry(std::size_t index) {
     if (!why.empty()) return Fail(entry, path, why);
 
     const PlannedFile backup = files_.At(backupPath);
-    if (backup.kind != FileKind::kNone && !backup.origin.empty() && backup.id == files_.At(path).id) {
+    if (backup.kind != FileKind::kNone && backup.id == files_.At(path).id) {
         Show(Step::kSkip, &entry, path, 0, "NAME.bak is the same file: nothing happens");
         return true;
     }

@@ -87,7 +87,6 @@ std::string PlannedFiles::DirectoryNameOf(const std::string& path) const {
     const auto [name, isNew] = directoryNames_.try_emplace(path);
     if (!isNew) return name->second;
     const std::optional<std::string> real = CanonicalPath(path);
-    const bool isTop = fs::path(path).parent_path() == path;
-    const std::string found = real ? *real : isTop ? path : NameOf(path);
+    const std::string found = real ? *real : NameOf(path);
     return directoryNames_[path] = found;
 }

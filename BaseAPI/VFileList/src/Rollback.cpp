@@ -261,7 +261,7 @@ bool RollbackRun::IsPointeeBackedUp(std::size_t index) const {
     std::error_code error;
     const fs::path link = fs::read_symlink(BackupOf(index), error);
     const fs::path pointee = (DirectoryOf(index) / link).lexically_normal();
-    for (std::size_t i = 0; i < targets_.size() && !error; ++i) {
+    for (std::size_t i = 0; i < targets_.size(); ++i) {
         if (facts_[i].hasBackup && fs::path(PathOf(i)).lexically_normal() == pointee) return true;
     }
     return false;
