@@ -5,15 +5,20 @@
 /// objects of this class.
 ///
 /// The memory functions work between two buffers of the caller, keep nothing, and may be called from any
-/// thread. The archive functions paste their arguments unquoted into a command line for /bin/sh and block
-/// until `tar` has ended; there is no time-out. **Their guard is no defence against a hostile path; pass only
-/// paths that the product itself made.** It refuses a command with ';', '|', "&&", '$' or a backquote
-/// anywhere in it, quotes or not, and lets everything else through to the shell: a single '&', '<', '>', a
-/// line feed, '*', '[', blanks, which split a path in two, and names that begin with '-', which `tar` takes
-/// as options. Their result 0 means that a file of the archive's name exists afterwards, nothing more: an
-/// archive from an earlier run or one that `tar` wrote only in part counts too. (GNU tar leaves an archive
-/// behind even when the path to pack is missing.) Remove an old archive first and test the new one
-/// afterwards.
+/// thread.
+///
+/// The archive functions paste their arguments unquoted into a command line for /bin/sh and block until
+/// `tar` has ended and nobody holds its output open any more; there is no time-out. **Their guard is no
+/// defence against a hostile path; pass only paths that the product itself made.** It refuses a command with
+/// ';', '|', "&&", '$' or a backquote anywhere in it, quotes or not, and lets everything else through to the
+/// shell: a single '&', '<', '>', a line feed, '*', '[', blanks, which split a path in two, names that begin
+/// with '-', which `tar` takes as options, and a ':' before the first '/' of an archive's name, which `tar`
+/// takes for a remote host. `tar` is looked up in PATH, and reads TAR_OPTIONS.
+///
+/// Their result 0 means that a file of the archive's name exists afterwards, nothing more: an archive from an
+/// earlier run or one that `tar` wrote only in part counts too. (GNU tar leaves an archive behind even when
+/// the path to pack is missing, and a signal whose handler does not restart calls ends the reading of its
+/// output, so that it may stop half-way.) Remove an old archive first and test the new one afterwards.
 class __attribute__((visibility("default"))) VCompressAndDeCompress {
 public:
     /// Compresses the text `src` of `srcLen` bytes (at least 1) into `dst` as a zlib stream of the default
@@ -36,6 +41,8 @@ public:
     /// small or negative, `*dstLen` unchanged; "compress str error, srcLen=%d,dstLen=%d" when zlib fails,
     /// with `*dstLen` as zlib left it. Success is not logged. Sizes near the end of int do not fit it: from
     /// `srcLen` 2146828411 on, the needed capacity wraps to a negative number.
+    ///
+    /// Hazard 19 of docs/reliability.md.
     static int CompressString(const char* src, int srcLen, char* dst, int* dstLen);
 
     /// Compresses the `srcLen` bytes at `src` (at least 1) into `dst`, a buffer of `dstLen` bytes, as one
@@ -48,6 +55,8 @@ public:
     /// finished, or zlib fails; what `dst` then holds is of no use.
     ///
     /// Logs "gzip compress success." with function name "GzipCompress" at level 3; failures are not logged.
+    ///
+    /// Hazard 20 of docs/reliability.md.
     static int GzipCompress(const char* src, int srcLen, char* dst, int dstLen);
 
     /// Decompresses the gzip member in the `srcLen` bytes at `src` into `dst`, a buffer of `dstLen` bytes,
@@ -60,6 +69,8 @@ public:
     /// length above 0, Z_MEM_ERROR (-4), Z_VERSION_ERROR (-6).
     ///
     /// Logs "gzip decompress success." with function name "GzipDecompress" at level 3.
+    ///
+    /// Hazards 19 and 21 of docs/reliability.md.
     static int GzipDecompress(const char* src, int srcLen, char* dst, int dstLen);
 
     /// Packs the file or directory `path` into the archive `path` + ".tar.gz" beside it, with the command
@@ -69,6 +80,8 @@ public:
     /// is refused or can't be started. A null path throws the standard library's std::logic_error. Logs the
     /// command as "command %s", function name "CompressFile", level 3; and when it is refused
     /// "not support \";\" or \"|\" or \"&&\" in cmd, cmd = %s\n", function name "Compress", level 3.
+    ///
+    /// Hazards 1, 2, 3, 8 and 27 of docs/reliability.md.
     static int CompressFile(const char* path);
 
     /// Packs the directory `path` into an archive named after it **inside that directory**: "/srv/logs" and
@@ -79,6 +92,8 @@ public:
     /// Results and log lines as of CompressFile, with function name "CompressFilePath". A regular file gives
     /// -10000. An empty path throws std::out_of_range, a null one std::logic_error; neither runs or logs
     /// anything.
+    ///
+    /// Hazards 1, 2, 3, 8 and 27 of docs/reliability.md.
     static int CompressFilePath(const char* path);
 
     /// Packs `files`, one path or several separated by blanks, into the archive `archiveBase` + ".tar.gz",
@@ -89,6 +104,8 @@ public:
     /// throws std::logic_error.
     ///
     ///     VCompressAndDeCompress::CompressFileGroup("/etc/app/a.conf /etc/app/b.conf", "/var/backups/app");
+    ///
+    /// Hazards 1, 2, 3, 8 and 27 of docs/reliability.md.
     static int CompressFileGroup(const char* files, const char* archiveBase);
 
     explicit VCompressAndDeCompress() = delete;

@@ -23,6 +23,8 @@ public:
     /// Never logs. May be called from any thread.
     ///
     ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0) perror("/var/lib/app/cache");
+    ///
+    /// Hazard 16 of docs/reliability.md.
     static int VMkDir(const char* path, unsigned short mode);
 
     /// Removes the empty directory `path`, taken as given.
@@ -51,6 +53,8 @@ public:
     /// Lets std::bad_alloc through; entries already changed stay changed then, too.
     ///
     /// Not for two threads at once: the user lookup keeps its result in storage that the process shares.
+    ///
+    /// Hazards 17 and 27 of docs/reliability.md.
     static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
 
     /// Tells whether the system can canonicalise `path`, or the path is merely missing.

@@ -7,19 +7,22 @@
 
 /// Work on whole files, and listings of directory trees. Paths are taken as given: not resolved, links
 /// followed. Buffers belong to the caller; nothing keeps a pointer after it returns, and every stream is
-/// closed again on every way out. Only the two listings may throw, for lack of memory. There are no objects
-/// of this class.
+/// closed again on every way out. What is written is not synced to the disk. Only the two listings may throw,
+/// for lack of memory. There are no objects of this class.
 class __attribute__((visibility("default"))) VFile {
 public:
     /// Switches the product's file protection on (`enableFlag` true) or off, by running
     /// "/usr/local/tarnserver/bin/tarnfileprotect 1 > /tmp/tmphfpenable.log" or
-    /// "/usr/local/tarnserver/bin/tarnfileprotect 0 > /tmp/tmphfpdisable.log" through /bin/sh; blocks until
-    /// it has ended. The shell replaces the log file, through a link if one lies there.
+    /// "/usr/local/tarnserver/bin/tarnfileprotect 0 > /tmp/tmphfpdisable.log" through /bin/sh with the
+    /// environment of the process; blocks until it has ended. The shell replaces the log file, through a link
+    /// if one lies there.
     ///
     /// Gives no result: a failure is seen in the log only. Logs "enableFlag=%d" before and "Done return: %d"
     /// with the raw wait status of system() after (256 times the exit code; -1 when nothing could be started
     /// or the process ignores SIGCHLD), with function name "FileProtect" at level 3. May be called from any
     /// thread; each call of its kind replaces the log file of the one before.
+    ///
+    /// Hazards 4 and 26 of docs/reliability.md.
     static void FileProtect(bool enableFlag);
 
     /// Removes the file, or the empty directory, `path`; of a link the link itself.
@@ -34,6 +37,8 @@ public:
     /// Meant for regular files. A directory gives whatever the file system makes of its end
     /// (9223372036854775807 on ext4, -10000 on tmpfs), a file under /proc gives -10000, and a named pipe
     /// blocks until it has a writer. Never logs; may be called from any thread.
+    ///
+    /// Hazard 28 of docs/reliability.md.
     static long FileSize(const char* path);
 
     /// Reads the whole file at `path` into `buf`, the caller's buffer of `bufLen` bytes (at least 1).
@@ -47,6 +52,8 @@ public:
     ///     char text[4096];
     ///     const long length = VFile::ReadBinFile("/etc/hostname", text, sizeof(text));
     ///     if (length >= 0) fwrite(text, 1, static_cast<size_t>(length), stdout);
+    ///
+    /// Hazards 6 and 28 of docs/reliability.md.
     static long ReadBinFile(const char* path, char* buf, long bufLen);
 
     /// Writes the `len` bytes at `data` (at least 1) to the file `path`, which is created or emptied first.
@@ -55,6 +62,8 @@ public:
     /// when it has not, and also, without touching the file, when `path` or `data` is null or `len` is below
     /// 1 (so no empty file can be made with it), or when the file does not open. What was written in part
     /// stays. Never logs; may be called from any thread.
+    ///
+    /// Hazard 8 of docs/reliability.md.
     static long WriteBinFile(const char* path, const char* data, long len);
 
     /// Appends the `len` bytes at `data` (at least 1) to the file `path`, which is created when missing.
@@ -62,6 +71,8 @@ public:
     /// Returns 0 when the file opened, deliberately **also when the write failed**, for instance on a full
     /// disk; compare sizes where that matters. Returns -10000 when `path` or `data` is null, `len` is below 1
     /// or the file does not open. Never logs; may be called from any thread.
+    ///
+    /// Hazards 6 and 8 of docs/reliability.md.
     static int AppendWriteFile(const char* path, const char* data, long len);
 
     /// Copies the content of `srcFilename` to `dstFilename`, which is created or emptied first.
@@ -73,8 +84,9 @@ public:
     /// Returns 0, or -10000 with what was written so far left in place. Data passes through the buffer of the
     /// destination's stream (4096 bytes on most file systems, 8192 at the most), whose last flush and close
     /// are not checked: on a full disk up to a buffer of data may be lost with result 0 (copying at most 4096
-    /// bytes to /dev/full gives 0; more is noticed). A read error counts as the end of the source. Compare
-    /// the sizes or the content afterwards where that matters.
+    /// bytes to /dev/full gives 0; more is noticed). A read error counts as the end of the source, so that
+    /// copying a directory makes an empty file. Compare the sizes or the content afterwards where that
+    /// matters.
     ///
     /// Logs with function name "VCopyFile", where a failed open is first logged by "fopen_s" as
     /// "open file %s errno %d" (level 3):
@@ -84,6 +96,8 @@ public:
     ///  - "ret=%d,len=%d" (level 1): of `len` bytes only `ret` were written.
     ///
     /// May be called from any thread.
+    ///
+    /// Hazards 5, 6, 7, 8 and 27 of docs/reliability.md.
     static int VCopyFile(const char* srcFilename, const char* dstFilename);
 
     /// Returns the time of the last modification of `path` in seconds since the epoch, or -1 with the errno
@@ -109,6 +123,8 @@ public:
     /// practice. Each level keeps one descriptor open; where they run out, deeper directories are silently
     /// missing. For trusted trees only. Lets std::bad_alloc through. Never logs; may be called from any
     /// thread that has `files` to itself.
+    ///
+    /// Hazard 18 of docs/reliability.md.
     static void ScanDirectoriesFiles(std::string path, std::vector<std::string>& files);
 
     explicit VFile() = delete;

@@ -30,6 +30,8 @@ public:
     /// library once it was started. It does not survive a fork. **A second call starts a second thread**
     /// beside the first; a call after FixFirewallStop starts one that ends at once. Throws std::system_error
     /// when no thread can be had. May be called from any thread.
+    ///
+    /// Hazards 3, 25, 26 and 27 of docs/reliability.md.
     static void FixFirewallStart();
 
     /// Tells every thread that was or will be started to end, for the rest of the process's life, and returns

@@ -19,6 +19,8 @@ public:
     /// Returns its descriptor, which the caller closes with Inotifyclose. On failure (EMFILE: the user has
     /// too many instances or the process too many descriptors; ENFILE, ENOMEM) it logs "inotify_init failed,
     /// error = %d" with errno, function name "InotifyInit", level 1, and returns -1.
+    ///
+    /// Hazard 23 of docs/reliability.md.
     static int InotifyInit(const char* path);
 
     /// Watches `name`, a file or directory, for one kind of event and blocks until `fd` has an event to
@@ -42,11 +44,13 @@ public:
     /// There is no time-out, and closing `fd` in another thread does not wake the call: to be able to stop a
     /// waiting thread, watch a private file on the same descriptor as well and write to it.
     ///
-    /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is not 0 to
-    /// 11. Returns false and logs, function name "InotifyFileChange", level 1: "could not add watch %s,
+    /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is none of
+    /// these. Returns false and logs, function name "InotifyFileChange", level 1: "could not add watch %s,
     /// error = %d" with `name` and errno (ENOENT, EACCES, ENOSPC: too many watches, EBADF, EINVAL: not an
     /// inotify descriptor, or any other of a path that can't be followed); "could not get event error" when
     /// reading failed, also when a signal whose handler does not restart calls interrupted it.
+    ///
+    /// Hazards 23 and 27 of docs/reliability.md.
     static bool InotifyFileChange(int fd, const char* name, int kind);
 
     /// Closes the inotify instance with its watches and unread events.
@@ -54,6 +58,8 @@ public:
     /// Deliberately the wrong way round, and kept so for those who read the log: a **successful** close logs
     /// "close failed error = %d" with whatever errno holds, function name "Inotifyclose", level 1; a failed
     /// one logs nothing.
+    ///
+    /// Hazard 24 of docs/reliability.md.
     static void Inotifyclose(int fd);
 
     explicit VMonitorFiles() = delete;

@@ -17,6 +17,7 @@ public:
     PathText& operator=(PathText&& other) noexcept;
     PathText(const PathText&) = delete;
     PathText& operator=(const PathText&) = delete;
+    /// Frees an owned text.
     ~PathText();
 
     /// The NUL-terminated result. Never null: an empty result is a static empty text.
@@ -56,8 +57,11 @@ public:
     VPath(const char* text);
     /// Resolves `text`, up to its first NUL if it holds one.
     VPath(const std::string& text);
+    /// Takes over the text of `other` and whether it is valid.
     VPath(const VPath& other);
+    /// Takes over the text of `other`, which may be this path, and whether it is valid.
     VPath& operator=(const VPath& other);
+    /// There is nothing to release; what points into this path's text is good no longer.
     ~VPath();
 
     /// Replaces this path by the canonical form of `text`, which may be this path's own text. An invalid
@@ -70,10 +74,12 @@ public:
     /// null or empty tail leaves a resolved path as it is. The path becomes invalid when the joined text,
     /// with the '/' between, reaches 4096 characters; an invalid path stays as it is.
     VPath& operator+=(const char* tail);
+    /// The same; `tail` ends at its first NUL if it holds one.
     VPath& operator+=(const std::string& tail);
 
     /// As operator+=, into a new path; this one is unchanged. The sum with an invalid path is invalid.
     VPath operator+(const char* tail) const;
+    /// As operator+= of a string, into a new path; this one is unchanged.
     VPath operator+(const std::string& tail) const;
 
     /// True exactly when the stored text is "/". Looks at the text alone: also true of an invalid path
@@ -82,6 +88,8 @@ public:
 
     /// The path's text, not owned; the empty text when the path is invalid. Despite its name it asks no
     /// file system: the text of a path that names a link is that path.
+    ///
+    /// Hazard 22 of docs/reliability.md.
     PathText RealPath() const;
 
     /// The text before the last '/', owned. "/" gives "/", not owned. Deliberately, "/a" gives the empty
@@ -89,6 +97,8 @@ public:
     PathText DirName() const;
 
     /// The text behind the last '/', not owned; "/" gives "/". The empty text when the path is invalid.
+    ///
+    /// Hazard 22 of docs/reliability.md.
     PathText BaseName() const;
 
     /// DirName as a path: valid, not resolved again. "/" gives "/", and "/a" a valid path with the empty
