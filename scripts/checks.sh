@@ -11,6 +11,7 @@ hardening build                   what is installed has the protections that the
 abi       build,test,abi          the binary interface is the one that programs rely on
 symbols   build,test              the libraries export and import exactly the listed names
 man       build,man               the manual pages and completions tell what the headers and the programs tell
+docs      docs,browser            the site has every public name, hazard and document, and each of its links leads somewhere
 install   build,install           outside projects build against the installed package
 powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
@@ -219,6 +220,11 @@ check_man() {
     build default vfilelist
     tests/man/check.sh . build/default/BaseAPI/VFileList/vfilelist
     tests/completions/check.sh completions build/default/BaseAPI/VFileList/vfilelist
+}
+
+check_docs() {
+    build_docs
+    tests/docs/check.sh "$site"
 }
 
 check_install() {
