@@ -555,6 +555,7 @@ TEST_F(PlanTest, ReportsEachStepWithItsEntryAndEachPass) {
 TEST_F(PlanTest, TakesARelativeDirectoryFromWhereItIsStarted) {
     package_.WriteRawList(
         "[Package_Intall_Type]\nPackageIntallType=Server\n[Server]\nA=nowhere/at/all\n[A]\nf=bin/tool\n");
+    const WorkingDirectory inside(package_.scratch().Path());
 
     const nlohmann::json report =
         ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); });

@@ -1142,4 +1142,31 @@ TEST_F(RollbackTest, OnlyModesTakesNoModeFromAListedFile) {
     EXPECT_EQ(ModeOf("tool"), 0644u);
 }
 
+TEST_F(RollbackTest, KeepsANewFileBehindADanglingBackupOnly) {
+    BringAnotherFile();
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh,other");
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    RunPasses({"-rename", "-copy"});
+    LetTimePass();
+    fs::remove(package_.InstalledPath("tool-1.0"));
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+
+    EXPECT_EQ(package_.Installed("fresh"), "fresh");
+    EXPECT_EQ(package_.Installed("other"), "old");
+}
+
+TEST_F(RollbackTest, RestoresWhatStandsBehindANewFileThatIsMissing) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("fresh,tool");
+    RunPasses({"-rename", "-copy"});
+    fs::remove(package_.InstalledPath("fresh"));
+
+    EXPECT_EQ(Rollback(), 0);
+
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
 }  // namespace
