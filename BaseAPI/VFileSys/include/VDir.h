@@ -63,6 +63,8 @@ public:
     /// too); false for every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for
     /// null). Returns false without a look at the file system, and without an errno, when `length` is above
     /// 4096; zero and negative values pass. Never logs. May be called from any thread.
+    ///
+    /// Hazard 29 of docs/reliability.md.
     static bool VRealPath(const char* path, int length);
 
     /// Replaces `output` by the canonical absolute path of `input`, with all links followed, and returns
@@ -70,6 +72,8 @@ public:
     /// relative, and the result is true as well. For every other failure the result is false with realpath's
     /// errno and `output` is untouched. `input` ends at its first NUL if it holds one; the two may be one
     /// object. Never logs. May be called from any thread.
+    ///
+    /// Hazard 29 of docs/reliability.md.
     static bool VRealPath(const std::string& input, std::string& output);
 
     explicit VDir() = delete;

@@ -22,7 +22,7 @@ public:
     /// or the process ignores SIGCHLD), with function name "FileProtect" at level 3. May be called from any
     /// thread; each call of its kind replaces the log file of the one before.
     ///
-    /// Hazards 4 and 26 of docs/reliability.md.
+    /// Hazards 3, 4 and 26 of docs/reliability.md.
     static void FileProtect(bool enableFlag);
 
     /// Removes the file, or the empty directory, `path`; of a link the link itself.
@@ -63,7 +63,7 @@ public:
     /// 1 (so no empty file can be made with it), or when the file does not open. What was written in part
     /// stays. Never logs; may be called from any thread.
     ///
-    /// Hazard 8 of docs/reliability.md.
+    /// Hazards 5 and 8 of docs/reliability.md.
     static long WriteBinFile(const char* path, const char* data, long len);
 
     /// Appends the `len` bytes at `data` (at least 1) to the file `path`, which is created when missing.
@@ -72,7 +72,7 @@ public:
     /// disk; compare sizes where that matters. Returns -10000 when `path` or `data` is null, `len` is below 1
     /// or the file does not open. Never logs; may be called from any thread.
     ///
-    /// Hazards 6 and 8 of docs/reliability.md.
+    /// Hazards 5, 6 and 8 of docs/reliability.md.
     static int AppendWriteFile(const char* path, const char* data, long len);
 
     /// Copies the content of `srcFilename` to `dstFilename`, which is created or emptied first.
@@ -111,6 +111,8 @@ public:
     /// There is no result: a directory that does not open adds nothing. `path` may be an element of
     /// `subDirs`, and ends at its first NUL if it holds one. Lets std::bad_alloc through. Never logs; may be
     /// called from any thread that has `subDirs` to itself.
+    ///
+    /// Hazard 30 of docs/reliability.md.
     static void ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs);
 
     /// Appends to `files` the path of every regular file in the tree below `path`, links to regular files
