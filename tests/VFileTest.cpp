@@ -983,6 +983,28 @@ TEST_F(VFileTest, VCopyFileOfALargeFileReadsAndWritesBlocksOf2048Bytes) {
     EXPECT_THAT(Sizes(sizes.begin(), sizes.end() - 2), testing::Each(2048u));
 }
 
+// The sizes of the buffers that the streams are given; none when they keep their own.
+std::vector<size_t> BuffersOfACopy(const std::string& source, const std::string& destination) {
+    std::vector<size_t> sizes;
+    const Replaced replaced(calls::setvbuf, [&sizes](FILE* file, char* buffer, int mode, size_t size) {
+        sizes.push_back(size);
+        return calls::real::setvbuf(file, buffer, mode, size);
+    });
+    EXPECT_EQ(VFile::VCopyFile(source.c_str(), destination.c_str()), 0);
+    return sizes;
+}
+
+TEST_F(VFileTest, VCopyFileTakesLargeBuffersBetweenTwoRegularFilesFrom64KiB) {
+    constexpr size_t kLarge = 64 * 1024;
+    const std::string small = scratch_.Write("small", std::string(kLarge, 'x'));
+    const std::string large = scratch_.Write("large", std::string(kLarge + 1, 'x'));
+
+    EXPECT_EQ(BuffersOfACopy(large, scratch_.Path("copy")), (std::vector<size_t>{kLarge, kLarge}));
+    EXPECT_THAT(BuffersOfACopy(small, scratch_.Path("copy")), testing::IsEmpty());
+    EXPECT_THAT(BuffersOfACopy(large, "/dev/null"), testing::IsEmpty());
+    EXPECT_THAT(BuffersOfACopy("/dev/null", scratch_.Path("copy")), testing::IsEmpty());
+}
+
 TEST_F(VFileTest, VCopyFileCopiesALargeFileWhoseStatusCannotBeTold) {
     const std::string source = scratch_.Write("source", Bytes(200000));
     for (const int answers : {0, 1}) {

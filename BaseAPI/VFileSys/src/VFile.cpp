@@ -110,7 +110,7 @@ mode_t FileKind(const std::string& path) {
 
 // Calls `handleEntry` with the path and the kind of each entry of the directory, in the order of its stream;
 // not at all when it does not open. The path of the entry is built in `path`, behind that of the directory,
-// so that a walk needs no memory of its own for each entry.
+// so that a walk needs no memory of its own for each entry; the last one's is left there.
 template <typename HandleEntry>
 void ForEachEntry(std::string& path, HandleEntry handleEntry) {
     const DirHandle dir(opendir(path.c_str()));
@@ -124,7 +124,6 @@ void ForEachEntry(std::string& path, HandleEntry handleEntry) {
         path += entry->d_name;
         handleEntry(FileKind(path));
     }
-    path.resize(length - 1);
 }
 
 void ScanBelow(std::string& path, std::vector<std::string>& files) {
