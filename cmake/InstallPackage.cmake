@@ -17,19 +17,19 @@ foreach(page vfilelist.1 VCompressAndDeCompress.3 VDir.3 VFile.3 VFixFirewall.3 
   install(FILES docs/man/${page} DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
 endforeach()
 if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
-  install(TARGETS VLogger VIni safestr EXPORT VFileSysTargets
+  install(TARGETS VLogger VIni safestr EXPORT VFileSysStandInsTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
 endif()
 
+# The stand-ins have a file of targets of their own, so that they can be taken out of an installation, and the product's
+# neighbours are found then.
 set(vfs_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/VFileSys")
 install(EXPORT VFileSysTargets NAMESPACE VFileSys:: DESTINATION "${vfs_package_dir}")
-set(vfs_config_neighbours "")
-if(VFILESYS_NEIGHBOURS STREQUAL "product")
-  # The bundled neighbours are targets of the package; the product's have to be found again.
-  set(vfs_config_neighbours "include(\"\${CMAKE_CURRENT_LIST_DIR}/VFileSysNeighbours.cmake\")")
-  install(FILES cmake/VFileSysNeighbours.cmake DESTINATION "${vfs_package_dir}")
+if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
+  install(EXPORT VFileSysStandInsTargets NAMESPACE VFileSys:: DESTINATION "${vfs_package_dir}")
 endif()
+install(FILES cmake/VFileSysNeighbours.cmake DESTINATION "${vfs_package_dir}")
 configure_package_config_file(cmake/VFileSysConfig.cmake.in "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfig.cmake"
                               INSTALL_DESTINATION "${vfs_package_dir}")
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake"
