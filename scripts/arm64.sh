@@ -46,6 +46,47 @@ prepare_arm64() {
     printf '%s\n' "${wanted[*]}" >"$arm64_debian/contents"
 }
 
+# What dpkg would know if the packages were installed beside this machine's own. The tools that make Debian packages
+# look there for build dependencies, for the owners of files, and for the versions that libraries are needed in.
+describe_arm64_packages() {
+    local sysroot dpkg=$arm64_debian/dpkg package
+    sysroot=$(readlink -f "$arm64_debian/sysroot")
+    rm -rf "$dpkg"
+    mkdir -p "$dpkg/info" "$dpkg/updates"
+    { dpkg --print-architecture && echo arm64; } >"$dpkg/arch"
+    cp /var/lib/dpkg/status "$dpkg"
+    cp /var/lib/dpkg/info/format "$dpkg/info"
+    cp -s /var/lib/dpkg/info/*.{list,shlibs,symbols} "$dpkg/info"
+    for package in "$arm64_debian"/packages/*.deb; do
+        case $package in
+            *_arm64.deb) describe_arm64_package "$package" ;;
+            *) describe_common_package "$package" ;;
+        esac
+    done
+}
+
+# All of them can be installed beside those of another architecture, which the names of dpkg's files tell.
+describe_arm64_package() {  # FILE
+    local info control
+    info=$dpkg/info/$(dpkg-deb -f "$1" Package):arm64
+    list_unpacked "$1" >"$info.list"
+    for control in shlibs symbols; do
+        dpkg-deb --ctrl-tarfile "$1" | tar -x -O "./$control" >"$info.$control" 2>/dev/null || rm "$info.$control"
+    done
+    { dpkg-deb -f "$1" | sed '1a Status: install ok installed' && echo; } >>"$dpkg/status"
+}
+
+# One for all architectures is installed on this machine too; it only has its files a second time.
+describe_common_package() {  # FILE
+    local list
+    list=$dpkg/info/$(dpkg-deb -f "$1" Package).list
+    list_unpacked "$1" | cat "$list" - >"$list.both"
+    mv "$list.both" "$list"
+}
+
+# The files of a package, where they have come to lie.
+list_unpacked() { dpkg-deb --fsys-tarfile "$1" | tar -t | sed -E "s#^\./(lib/)#./usr/\1#; s#^\.#$sysroot#; s#/\$##"; }
+
 # Those that ran to their end; a skipped one counts as passed only for ctest itself.
 count_passed() {  # LOG
     awk '/^<end of output>$/ { isSkipped = 0 }

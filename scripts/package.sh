@@ -1,0 +1,99 @@
+# Debian packages. Sourced by ./dev.
+# shellcheck shell=bash
+
+# ---------------------------------------------------------------------------------------------- building
+
+# Those that ./dev package builds for.
+package_architectures=(amd64 arm64)
+
+is_native() { [[ $1 == "$(dpkg --print-architecture)" ]]; }  # ARCHITECTURE
+
+packages_of_architecture() { printf 'build/packages/%s' "$1"; }
+
+changelog_field() { dpkg-parsechangelog --show-field "$1"; }  # FIELD
+
+# The tree as git would keep it: packages are built from nothing else, and never in place. Git keeps no times, and a
+# package only those that are older than its changelog, so all files get that one.
+export_sources() {  # DIRECTORY
+    mkdir -p "$1"
+    {
+        git ls-files --cached --others --exclude-standard 2>/dev/null | grep . ||
+            find . \( -path ./build -o -path ./.git \) -prune -o -type f -printf '%P\n'
+    } | while IFS= read -r file; do
+        if [[ -e $file ]]; then printf '%s\n' "$file"; fi
+    done | tar -c --no-recursion --mtime="@$(changelog_field Timestamp)" -T - | tar -x -C "$1"
+}
+
+# Packages for AArch64 are built with those that lie unpacked below build/, and with what dpkg has to know about them.
+# Where that is, is kept out of what is built.
+set_cross_environment() {
+    local sysroot
+    prepare_arm64
+    describe_arm64_packages
+    sysroot=$(readlink -f "$arm64_debian/sysroot")
+    environment=(
+        CMAKE_TOOLCHAIN_FILE="$PWD/cmake/arm64.cmake"
+        DEB_CFLAGS_APPEND="-ffile-prefix-map=$sysroot=" DEB_CXXFLAGS_APPEND="-ffile-prefix-map=$sysroot="
+        DPKG_ADMINDIR="$PWD/$arm64_debian/dpkg"
+        VFILESYS_LIBRARIES="$sysroot/usr/lib/aarch64-linux-gnu"
+    )
+    options=(--host-arch arm64 --admindir="$PWD/$arm64_debian/dpkg")
+}
+
+build_debian_packages() { (cd "$1" && "${@:2}"); }  # DIRECTORY COMMAND...
+
+# Makes packages of the sources in WORK/vfilesys; they lie in WORK then, and their bill of materials beside them.
+make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
+    local architecture=$1 work=$2
+    local -a environment=() options=()
+    if ! is_native "$architecture"; then
+        [[ $architecture == arm64 ]] || die "this machine cannot build for $architecture"
+        set_cross_environment
+    fi
+    quietly "Building the packages for $architecture in $work" build_debian_packages "$work/vfilesys" "${@:3}" \
+        env "${environment[@]}" dpkg-buildpackage --build=binary --unsigned-changes --unsigned-buildinfo "${options[@]}"
+    env "${environment[@]}" /usr/bin/python3 scripts/bill_of_materials.py "$work"/vfilesys/obj-* "$work"/*.deb \
+        >"$work/vfilesys_$(changelog_field Version)_$architecture.spdx.json"
+}
+
+package() {  # ARCHITECTURE
+    local work=build/packages/work/$1 place
+    place=$(packages_of_architecture "$1")
+    rm -rf "$work" "$place"
+    export_sources "$work/vfilesys"
+    make_packages "$1" "$PWD/$work"
+    mkdir -p "$place"
+    mv "$work"/vfilesys_* "$work"/*.deb "$place"
+    rm -rf "$work"
+    good "$1: $(find "$place" -name '*.deb' | wc -l) packages and their bill of materials are in $place."
+}
+
+# The same packages once more, as somebody else would make them: elsewhere, in a year, in another zone, with other
+# modes.
+package_again() {  # ARCHITECTURE WORK
+    (umask 077 && export_sources "$2/vfilesys" && make_packages "$1" "$2" faketime -f '+400d' env TZ=Pacific/Apia)
+}
+
+# A line for each file; fails when one differs.
+compare_packages() {  # PLACE OTHER-PLACE
+    local file name differing=0
+    for file in "$1"/*.deb "$1"/*.spdx.json; do
+        name=${file##*/}
+        if cmp -s "$file" "$2/$name"; then
+            printf '  %.16s  %s\n' "$(sha256sum <"$file")" "$name"
+        else
+            printf '  %sdiffers           %s%s\n' "$red" "$name" "$plain"
+            differing=$((differing + 1))
+        fi
+    done
+    ((differing == 0))
+}
+
+verify_packages() {  # ARCHITECTURE
+    local again
+    again=$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-packages-built-again-XXXXXX")
+    package_again "$1" "$again"
+    note "Built twice, in different places and at different times, with these SHA-256 sums:"
+    compare_packages "$(packages_of_architecture "$1")" "$again" || die "not the same again; see $again"
+    rm -rf "$again"
+}
