@@ -13,6 +13,7 @@ symbols   build,test              the libraries export and import exactly the li
 man       build,man               the manual pages and completions tell what the headers and the programs tell
 docs      docs,browser            the site has every public name, hazard and document, and each of its links leads somewhere
 install   build,install           outside projects build against the installed package
+package   build,package,arm64     Debian packages are the same when built again; they install, work and go without a trace
 powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
@@ -232,6 +233,8 @@ check_install() {
     build release
     tests/consumer/check.sh . build/release build/install
 }
+
+check_package() { check_packages; }
 
 # Those that are run, and those that users source; what they source is read along with them.
 shell_scripts() {

@@ -97,3 +97,46 @@ verify_packages() {  # ARCHITECTURE
     compare_packages "$(packages_of_architecture "$1")" "$again" || die "not the same again; see $again"
     rm -rf "$again"
 }
+
+# ---------------------------------------------------------------------------------------------- checking
+
+lint_packages() {  # ARCHITECTURE
+    note "Reading the packages for $1 ..."
+    # lintian would rather not be root, and that is all it has against it.
+    lintian --allow-root --display-info --pedantic --fail-on error,warning,info,pedantic \
+        "$(packages_of_architecture "$1")"/*.changes
+    note "lintian is content; $(cat debian/*.lintian-overrides | grep -cv '^#') overrides have their reasons."
+}
+
+# Without installing them; those for AArch64 run in the emulator.
+look_into_packages() {  # ARCHITECTURE
+    local -a environment=() emulator=()
+    if ! is_native "$1"; then
+        environment=(OBJDUMP=aarch64-linux-gnu-objdump)
+        emulator=("$PWD/cmake/arm64-emulator.sh")
+    fi
+    env "${environment[@]}" tests/package/contents.sh . "$(packages_of_architecture "$1")" "$1" "${emulator[@]}"
+}
+
+install_packages_elsewhere() {  # ARCHITECTURE
+    if ((EUID != 0)); then
+        note "skipped: it takes root to make a clean Debian and install the packages there"
+        return
+    fi
+    note "Installing the packages in a clean Debian ..."
+    tests/package/install.sh . "$(packages_of_architecture "$1")"
+}
+
+# This machine's are made twice, and installed; the others have to be as good without.
+check_packages() {
+    local architecture
+    for architecture in "${package_architectures[@]}"; do
+        package "$architecture"
+        lint_packages "$architecture"
+        look_into_packages "$architecture"
+        if is_native "$architecture"; then
+            verify_packages "$architecture"
+            install_packages_elsewhere "$architecture"
+        fi
+    done
+}
