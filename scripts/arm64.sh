@@ -48,16 +48,15 @@ prepare_arm64() {
 
 # What dpkg would know if the packages were installed beside this machine's own. The tools that make Debian packages
 # look there for build dependencies, for the owners of files, and for the versions that libraries are needed in.
-describe_arm64_packages() {
-    local sysroot dpkg=$arm64_debian/dpkg package
-    sysroot=$(readlink -f "$arm64_debian/sysroot")
+describe_arm64_packages() {  # DIRECTORY
+    local sysroot=$1/sysroot dpkg=$1/dpkg package
     rm -rf "$dpkg"
     mkdir -p "$dpkg/info" "$dpkg/updates"
     { dpkg --print-architecture && echo arm64; } >"$dpkg/arch"
     cp /var/lib/dpkg/status "$dpkg"
     cp /var/lib/dpkg/info/format "$dpkg/info"
     cp -s /var/lib/dpkg/info/*.{list,shlibs,symbols} "$dpkg/info"
-    for package in "$arm64_debian"/packages/*.deb; do
+    for package in "$1"/packages/*.deb; do
         case $package in
             *_arm64.deb) describe_arm64_package "$package" ;;
             *) describe_common_package "$package" ;;

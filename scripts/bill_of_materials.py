@@ -62,11 +62,12 @@ def plain(package):
 def headers_of_objects(build):
     """Pairs of an object and a header of the system that was read for it; the project's own are left out."""
     source = os.path.dirname(os.path.realpath(build))
+    unpacked = source + "/build/"  # where a cross build has the system's
     for block in output_of("ninja", "-C", build, "--quiet", "-t", "deps").split("\n\n"):
         lines = block.splitlines()
         for header in lines[1:]:
             path = os.path.realpath(os.path.join(build, header.strip()))
-            if not path.startswith(source + "/"):
+            if path.startswith(unpacked) or not path.startswith(source + "/"):
                 yield lines[0].split(":")[0], path
 
 

@@ -24,20 +24,22 @@ export_sources() {  # DIRECTORY
     done | tar -c --no-recursion --mtime="@$(changelog_field Timestamp)" -T - | tar -x -C "$1"
 }
 
-# Packages for AArch64 are built with those that lie unpacked below build/, and with what dpkg has to know about them.
-# Where that is, is kept out of what is built.
-set_cross_environment() {
-    local sysroot
+# Packages for AArch64 are built with a copy of those that lie unpacked below build/, and with what dpkg has to know
+# about them. Where that is, is kept out of what is built.
+set_cross_environment() {  # SOURCES
+    local sysroot place=$1/build/arm64/debian
     prepare_arm64
-    describe_arm64_packages
-    sysroot=$(readlink -f "$arm64_debian/sysroot")
+    mkdir -p "$place"
+    cp -a "$arm64_debian"/{packages,sysroot} "$place"
+    describe_arm64_packages "$place"
+    sysroot=$place/sysroot
     environment=(
-        CMAKE_TOOLCHAIN_FILE="$PWD/cmake/arm64.cmake"
+        CMAKE_TOOLCHAIN_FILE="$1/cmake/arm64.cmake"
         DEB_CFLAGS_APPEND="-ffile-prefix-map=$sysroot=" DEB_CXXFLAGS_APPEND="-ffile-prefix-map=$sysroot="
-        DPKG_ADMINDIR="$PWD/$arm64_debian/dpkg"
+        DPKG_ADMINDIR="$place/dpkg"
         VFILESYS_LIBRARIES="$sysroot/usr/lib/aarch64-linux-gnu"
     )
-    options=(--host-arch arm64 --admindir="$PWD/$arm64_debian/dpkg")
+    options=(--host-arch arm64 --admindir="$place/dpkg")
 }
 
 build_debian_packages() { (cd "$1" && "${@:2}"); }  # DIRECTORY COMMAND...
@@ -48,7 +50,7 @@ make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
     local -a environment=() options=()
     if ! is_native "$architecture"; then
         [[ $architecture == arm64 ]] || die "this machine cannot build for $architecture"
-        set_cross_environment
+        set_cross_environment "$work/vfilesys"
     fi
     quietly "Building the packages for $architecture in $work" build_debian_packages "$work/vfilesys" "${@:3}" \
         env "${environment[@]}" dpkg-buildpackage --build=binary --unsigned-changes --unsigned-buildinfo "${options[@]}"
@@ -127,16 +129,14 @@ install_packages_elsewhere() {  # ARCHITECTURE
     tests/package/install.sh . "$(packages_of_architecture "$1")"
 }
 
-# This machine's are made twice, and installed; the others have to be as good without.
+# All are made twice; this machine's are installed, the others have to be as good without.
 check_packages() {
     local architecture
     for architecture in "${package_architectures[@]}"; do
         package "$architecture"
         lint_packages "$architecture"
         look_into_packages "$architecture"
-        if is_native "$architecture"; then
-            verify_packages "$architecture"
-            install_packages_elsewhere "$architecture"
-        fi
+        verify_packages "$architecture"
+        if is_native "$architecture"; then install_packages_elsewhere "$architecture"; fi
     done
 }
