@@ -250,10 +250,10 @@ TEST_F(VPathTest, IsInvalidInARemovedWorkingDirectory) {
 
 TEST_F(VPathTest, IsInvalidWhenACopyReportsAnError) {
     {
+        const VPath path("/a");
         const Replaced replaced(calls::strcpy_s, [](char*, size_t, const char*) { return ERANGE; });
         EXPECT_FALSE(IsValid(VPath("/a")));
         EXPECT_FALSE(IsValid(VPath(true, "/a", nullptr)));
-        const VPath path("/a");
         EXPECT_FALSE(IsValid(VPath(path)));
     }
     {

@@ -122,23 +122,23 @@ char* DestinationBehind(char* path, char* begin, char* slash, char* lastSlash) {
 }
 
 // Canonicalises the absolute text from `path` to its NUL at `end`, in place and from left to right; the last
-// component is never looked at. Nothing is to be removed before the '/' at `cursor`. Returns the new end, or
-// null when a block could not be moved.
-char* RemoveDotsAndRuns(char* path, char* cursor, char* end) {
+// component is never looked at. Nothing is to be removed before the '/' at `cursor`. Ends early, with the
+// text as it is then, when a block could not be moved.
+void RemoveDotsAndRuns(char* path, char* cursor, char* end) {
     while (true) {
         cursor = FindNextRemoval(cursor, end);
-        if (cursor == end) return end;
+        if (cursor == end) return;
         // A run of '/' ends the ordinary component before it, a '.' begins the one behind it.
         char* const begin = cursor[1] == '.' ? cursor + 1 : cursor;
         char* slash = begin;
         while (slash < end && *slash != '/') ++slash;
-        if (slash >= end) return end;
+        if (slash >= end) return;
         char* const lastSlash = EndOfRun(slash, end);
         char* const dest = DestinationBehind(path, begin, slash, lastSlash);
         cursor = dest;
         if (dest == lastSlash) continue;
         const std::size_t moved = static_cast<std::size_t>(end - lastSlash) + 1;
-        if (memmove_s(dest, moved, lastSlash, moved) != 0) return nullptr;
+        if (memmove_s(dest, moved, lastSlash, moved) != 0) return;
         end -= lastSlash - dest;
     }
 }
@@ -217,11 +217,9 @@ void VPath::ResolvePath(const char* text) {
     }
 
     length = StripTrailingSlashes(path, length);
-    char* end = path + length;
-    if (canonical < length) end = RemoveDotsAndRuns(path, path + canonical, end);
+    if (canonical < length) RemoveDotsAndRuns(path, path + canonical, path + length);
+    // Also when a move has failed: callers see the text that it left as a valid path.
     valid = true;
-    // A failed move leaves the text as the step reached it; callers see a valid path all the same.
-    if (end != nullptr) *end = '\0';
 }
 
 VPath& VPath::operator+=(const char* tail) {
