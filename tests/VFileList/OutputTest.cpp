@@ -46,6 +46,7 @@ TEST(OutputTest, EscapesWhatSteersATerminal) {
     EXPECT_EQ(Shown("\xc2\xa0"), "\xc2\xa0") << "no control character";
     EXPECT_EQ(Shown(std::string("\0", 1)), "\\x00");
     EXPECT_EQ(Shown("€ and 😀"), "€ and 😀");
+    EXPECT_EQ(Shown("\xf4\x8f\xbf\xbf"), "\xf4\x8f\xbf\xbf") << "the last character of Unicode";
 }
 
 TEST(OutputTest, EscapesWhatIsNotUtf8) {
