@@ -59,7 +59,7 @@ make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
 }
 
 package() {  # ARCHITECTURE
-    local work=build/packages/work/$1 place
+    local work=build/packages/making/$1 place
     place=$(packages_of_architecture "$1")
     rm -rf "$work" "$place"
     export_sources "$work/vfilesys"
