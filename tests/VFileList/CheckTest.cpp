@@ -344,7 +344,7 @@ TEST_F(CheckTest, FindsTheModeOfANewFileThatWillBeLost) {
     fs::remove(package_.InstalledPath("tool"));
     EXPECT_EQ(chmod(package_.SourcePath("bin/tool").c_str(), 0755), 0);
 
-    EXPECT_THAT(FindCodes(package_), Contains("W-MODE-LOST"));
+    EXPECT_THAT(DetailsOf("W-MODE-LOST", package_), ElementsAre("0755 becomes 0644, new in this package"));
 }
 
 TEST_F(CheckTest, SaysNothingOfTheModeOfAFileThatThePackageLacks) {
@@ -368,6 +368,63 @@ TEST_F(CheckTest, FindsEntriesThatLeaveCommonInOtherWays) {
     fs::create_symlink("../../secret", package_.SourcePath("link"));
     package_.WriteEntries("link");
     EXPECT_THAT(FindCodes(package_), Contains("E-ENTRY-OUTSIDE"));
+}
+
+TEST_F(CheckTest, SaysNothingElseOfAnEntryWithoutAFileInCommon) {
+    const struct {
+        const char* entry;
+        const char* code;
+    } rows[] = {{"../secret", "E-ENTRY-OUTSIDE"},
+                {"../..", "E-ENTRY-OUTSIDE"},
+                {"lost/..", "E-SOURCE-MISSING"},
+                {"bin/..", "E-SOURCE-NOT-REGULAR"}};
+    for (const auto& row : rows) {
+        package_.WriteEntries("bin/tool," + std::string(row.entry));
+        EXPECT_THAT(FindCodes(package_), ElementsAre(row.code)) << row.entry;
+    }
+    package_.scratch().MakeDirectory("elsewhere");
+    fs::create_directory_symlink("../../elsewhere", package_.SourcePath("link"));
+    package_.WriteEntries("bin/tool,link");
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-ENTRY-OUTSIDE"));
+}
+
+TEST_F(CheckTest, SaysNothingOfTheFilesOfADirectoryThatIsNone) {
+    // The warning that their mode will be lost.
+    EXPECT_EQ(chmod(package_.SourcePath("bin/tool").c_str(), 0755), 0);
+    const std::pair<std::string, const char*> rows[] = {{"", "E-DIR-EMPTY"},
+                                                        {LongDirectory(package_, 260), "E-DIR-TOO-LONG"},
+                                                        {"relative", "E-TARGET-RELATIVE"},
+                                                        {"/usr/..", "E-TARGET-ROOT"},
+                                                        {"@/tool", "E-DIR-NOT-DIRECTORY"}};
+    for (const auto& [directory, code] : rows) {
+        package_.WriteList(WithDirectory(directory));
+        EXPECT_THAT(FindCodes(package_), ElementsAre(code));
+    }
+}
+
+TEST_F(CheckTest, TakesANameOfNothingButTheSuffixForABackup) {
+    package_.Bring("bin/.bak", "");
+    package_.WriteEntries("bin/tool,bin/.bak");
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-NAME-BAK"));
+}
+
+TEST_F(CheckTest, FindsAPathThatIsTooLong) {
+    const std::string directory = package_.SourcePath("");
+    const auto entryOf = [&directory](std::size_t length) {
+        return PathOfLength(directory + "lost", length).substr(directory.size());
+    };
+
+    package_.WriteEntries(entryOf(4095));
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-NAME-TOO-LONG")));
+    package_.WriteEntries(entryOf(4096));
+    EXPECT_THAT(DetailsOf("E-NAME-TOO-LONG", package_), ElementsAre("a path of 4096 bytes"));
+}
+
+TEST_F(CheckTest, FindsAListWhoseKeysHaveNoValues) {
+    package_.WriteList("[Server]\nBin=@\nLib=@\n[Bin]\nf=bin/tool\n[Lib]\nf=\n");
+
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-LIST-EMPTY"));
 }
 
 TEST_F(CheckTest, TakesAnEntryWithASlashInFrontForOneBelowCommon) {
@@ -680,8 +737,8 @@ TEST_F(CheckTest, LooksForRunningProgramsAmongTheProcessesAlone) {
         return RunProcess(Concatenate(inside, {VFILELIST_PATH, "check", package_.ListPath()})).out;
     };
 
-    EXPECT_THAT(find("4711"), HasSubstr("(process 4711)"));
-    for (const char* const name : {"47-11", "4711x"}) {
+    EXPECT_THAT(find("1908"), HasSubstr("(process 1908)"));
+    for (const char* const name : {"19-08", "1908x"}) {
         EXPECT_THAT(find(name), Not(HasSubstr("W-TARGET-BUSY"))) << name;
     }
 }
@@ -725,6 +782,39 @@ TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
     EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
+}
+
+TEST_F(CheckTest, TakesALinkToAThirdFileForABackup) {
+    package_.Install("other", "");
+    fs::create_symlink("other", package_.InstalledPath("tool.bak"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-OLD-BACKUP"));
+
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_symlink("other", package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), Contains("W-OLD-BACKUP"));
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-BACKUP-SAME-FILE")));
+}
+
+TEST_F(CheckTest, SaysNothingElseOfATargetThatIsNoFile) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_directory(package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-TARGET-DIRECTORY"));
+
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Bring("bin/other", "");
+    package_.WriteEntries("bin/other,bin/tool");
+    fs::create_symlink("nowhere", package_.InstalledPath("other"));
+    fs::create_symlink("other", package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-TARGET-DANGLING", "E-TARGET-DANGLING"));
+}
+
+TEST_F(CheckTest, TellsHowManyFilesItHasLookedAt) {
+    package_.WriteEntries("bin/tool,lost");
+
+    EXPECT_THAT(ProgressOf([this](Output& output) {
+                    return Check({package_.ListPath(), "", false}, output);
+                }),
+                ElementsAre("check: 1 of 2 files", "check: 2 of 2 files"));
 }
 
 TEST_F(CheckTest, ShowsPeopleEachKindWithItsPlacesAndWhatItMeans) {

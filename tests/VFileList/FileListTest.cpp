@@ -124,6 +124,18 @@ TEST_F(FileListTest, ResolvesBelowARootAsIfThatWereTheRootDirectory) {
     EXPECT_EQ(ResolveBelowRoot(root.Path(), "/loop"), root.Path("loop")) << "a loop of links ends";
 }
 
+TEST_F(FileListTest, FollowsAsManyLinksBelowARootAsTheKernelDoes) {
+    const ScratchDirectory& root = package_.scratch();
+    root.Write("0", "");
+    for (int i = 1; i <= 41; ++i) root.Link(std::to_string(i), std::to_string(i - 1));
+    ASSERT_TRUE(fs::exists(root.Path("40")));
+    std::error_code error;
+    ASSERT_FALSE(fs::exists(root.Path("41"), error));
+
+    EXPECT_EQ(ResolveBelowRoot(root.Path(), "/40"), root.Path("0"));
+    EXPECT_EQ(ResolveBelowRoot(root.Path(), "/41"), root.Path("1"));
+}
+
 TEST_F(FileListTest, SaysThatTheStatusOfAListCannotBeTold) {
     package_.WriteEntries("x");
     const Replaced replaced(calls::fstat, [](int, struct stat*) {

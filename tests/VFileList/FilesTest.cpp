@@ -1,7 +1,9 @@
 #include "Files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -109,6 +111,30 @@ TEST_F(FilesTest, LeavesNoDescriptorOpen) {
     (void)comparer_.Compare(scratch_.Path("missing"), scratch_.Path("file"), trouble_);
     (void)comparer_.Compare(scratch_.Path(), scratch_.Path("file"), trouble_);
     EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(FilesTest, OpensAndClosesTheDescriptorThatClosedStandardInputLeavesFree) {
+    const std::string file = scratch_.Write("file", "abc");
+    const std::string packaged = scratch_.Write("packaged", "abc");
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);  // -1 when it is closed already
+    (void)close(STDIN_FILENO);
+    const Content content = comparer_.Compare(file, packaged, trouble_);
+    const bool isFree = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    const Replaced replaced(calls::fstat, [](int, struct stat*) {
+        errno = EIO;
+        return -1;
+    });
+    const Content failed = comparer_.Compare(file, packaged, trouble_);
+    const bool isFreeAfterFailure = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    if (input >= 0) {
+        ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+        ASSERT_EQ(close(input), 0);
+    }
+
+    EXPECT_EQ(content, Content::kSame);
+    EXPECT_TRUE(isFree);
+    EXPECT_EQ(failed, Content::kUnreadable);
+    EXPECT_TRUE(isFreeAfterFailure);
 }
 
 TEST_F(FilesTest, CountsTheBytesThatItRead) {

@@ -17,6 +17,24 @@ auto Terminal(bool isTerminal) {
     return [isTerminal](int) { return isTerminal ? 1 : 0; };
 }
 
+// Does something after a progress line has been written, and tells what standard error has then.
+template <typename Act>
+std::string AfterProgress(Act act) {
+    const Replaced terminal(calls::isatty, Terminal(true));
+    const Variable term("TERM", "xterm");
+    timespec now{1000, 0};
+    const Replaced clock(calls::clock_gettime, [&now](clockid_t, timespec* time) {
+        *time = now;
+        return 0;
+    });
+    Output output(false);
+    now.tv_sec += 1;
+    testing::internal::CaptureStderr();
+    output.Progress("plan", 1, 3);
+    act(output);
+    return testing::internal::GetCapturedStderr();
+}
+
 // What a progress line of two steps, `milliseconds` apart, writes to standard error.
 std::string ProgressAfter(long milliseconds) {
     timespec now{1000, 0};
@@ -46,7 +64,11 @@ TEST(OutputTest, EscapesWhatSteersATerminal) {
     EXPECT_EQ(Shown("\xc2\xa0"), "\xc2\xa0") << "no control character";
     EXPECT_EQ(Shown(std::string("\0", 1)), "\\x00");
     EXPECT_EQ(Shown("€ and 😀"), "€ and 😀");
-    EXPECT_EQ(Shown("\xf4\x8f\xbf\xbf"), "\xf4\x8f\xbf\xbf") << "the last character of Unicode";
+    for (const char* const edge : {"\x7e", "\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
+                                   "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_EQ(Shown(edge), edge)
+            << "the first or last character of its length, or beside those of UTF-16";
+    }
 }
 
 TEST(OutputTest, EscapesWhatIsNotUtf8) {
@@ -63,6 +85,7 @@ TEST(OutputTest, EscapesWhatIsNotUtf8) {
         {"\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},  //
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half of a pair of UTF-16
         {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond Unicode
+        {"\xf8\x90\x80\x80", "\\xf8\\x90\\x80\\x80"},  // a lead byte of more than four
         {"\xff\xfe", "\\xff\\xfe"},
     };
     for (const auto& row : cases) EXPECT_EQ(Shown(row.text), row.shown);
@@ -73,6 +96,8 @@ TEST(OutputTest, ShowsSizesInAFewColumns) {
     EXPECT_EQ(ShownSize(1023), "1023 B");
     EXPECT_EQ(ShownSize(1024), "1.0 KiB");
     EXPECT_EQ(ShownSize(1536), "1.5 KiB");
+    EXPECT_EQ(ShownSize(1024ULL * 999), "999.0 KiB");
+    EXPECT_EQ(ShownSize(1024ULL * 1000), "1.0 MiB");
     EXPECT_EQ(ShownSize(1024ULL * 1023), "1.0 MiB");
     EXPECT_EQ(ShownSize(5ULL << 30), "5.0 GiB");
     EXPECT_EQ(ShownSize(~0ULL), "16.0 EiB");
@@ -98,7 +123,7 @@ TEST(OutputTest, WritesOneJsonObjectInTheOrderOfTheCalls) {
     output.BeginList("empty");
     output.EndList();
     output.BeginList("list");
-    output.Item({{"a", "x\n"}});
+    output.Item({{"a", "Zürich\n"}});
     output.Item(2);
     output.EndList();
     output.Member("a", nullptr);
@@ -106,7 +131,7 @@ TEST(OutputTest, WritesOneJsonObjectInTheOrderOfTheCalls) {
     EXPECT_TRUE(output.Finish());
 
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "{\n\"z\": 1,\n\"empty\": [],\n\"list\": [\n{\"a\":\"x\\n\"},\n2],\n\"a\": null\n}\n");
+              "{\n\"z\": 1,\n\"empty\": [],\n\"list\": [\n{\"a\":\"Zürich\\n\"},\n2],\n\"a\": null\n}\n");
 }
 
 TEST(OutputTest, WritesNothingButLinesForPeople) {
@@ -163,6 +188,22 @@ TEST(OutputTest, ShowsTheProgressOfLongWorkAndWipesItAway) {
 
     EXPECT_EQ(ProgressAfter(499), "") << "not worth it yet";
     EXPECT_EQ(ProgressAfter(500), "\r\033[Kverify: 2 of 9 files\r\033[K");
+}
+
+TEST(OutputTest, WipesTheProgressAwayBeforeEachLineAndAtTheEnd) {
+    EXPECT_EQ(AfterProgress([](Output&) {}), "\r\033[Kplan: 1 of 3 files");
+    EXPECT_EQ(AfterProgress([](Output& output) { output.Line(); }), "\r\033[Kplan: 1 of 3 files\r\033[K");
+    EXPECT_EQ(AfterProgress([](Output& output) { EXPECT_TRUE(output.Finish()); }),
+              "\r\033[Kplan: 1 of 3 files\r\033[K");
+}
+
+TEST(OutputTest, WritesTheReportSoFarBeforeTheProgress) {
+    int count = 0;
+    const Replaced replaced(calls::fflush, [&count](FILE* file) {
+        if (file == stdout) ++count;
+        return calls::real::fflush(file);
+    });
+    (void)AfterProgress([&count](Output&) { EXPECT_EQ(count, 1); });
 }
 
 TEST(OutputTest, ShowsNoProgressWithoutATerminal) {

@@ -78,6 +78,29 @@ TEST_F(PlanTest, GoesInTheOrderOfTheTool) {
                             "-copy copy B/1 1", "-copy mkdir b/ -", "-copy copy b/tool 12"));
 }
 
+TEST_F(PlanTest, KnowsWhatAnEarlierEntryHasDone) {
+    // Under another spelling of its directory, too.
+    package_.WriteList("[Server]\nA=@\nB=@/../installed\n[A]\nf=bin/tool,bin/tool\n[B]\nf=bin/tool\n");
+
+    EXPECT_THAT(StepsOf(package_),
+                ElementsAre("-rename rename tool 3", "-rename skip tool -",
+                            "-rename skip ../installed/tool -", "-copy copy tool 12", "-copy copy tool 12",
+                            "-copy copy ../installed/tool 12", "-clean remove tool.bak 3",
+                            "-clean skip tool.bak -", "-clean skip ../installed/tool.bak -"));
+}
+
+TEST_F(PlanTest, PassesOverAFileThatIsItsOwnBackup) {
+    fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("bin/tool,fresh");
+
+    const nlohmann::json report = package_.RunJson("plan");
+
+    EXPECT_EQ(report["steps"][0]["step"], "skip");
+    EXPECT_EQ(report["steps"][0]["detail"], "NAME.bak is the same file: nothing happens");
+    EXPECT_EQ(report["steps"][1]["entry"], "fresh");
+}
+
 TEST_F(PlanTest, TellsThePassThatWillStopAndThoseThatAreNotReached) {
     package_.WriteEntries("bin/tool,lost,bin/tool");
 
@@ -334,6 +357,17 @@ TEST_F(PlanTest, SaysThatCleanWillNotRemoveADirectory) {
     EXPECT_EQ(WhyItFails(package_), "-clean: a directory, which goes only if it is empty");
 }
 
+// "tool" is the first of so many links, and the last one leads to a file.
+void LinkInAChain(const Package& package, int links) {
+    std::string pointee = package.Install("end", "5 old");
+    for (int i = links; i > 1; --i) {
+        const std::string link = package.InstalledPath("link" + std::to_string(i));
+        fs::create_symlink(pointee, link);
+        pointee = link;
+    }
+    fs::create_symlink(pointee, package.InstalledPath("tool"));
+}
+
 // Where links stand for files: the results of the passes, and what is there at the end.
 TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
     const struct {
@@ -434,6 +468,18 @@ TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
          [](const Package& p) {
              fs::remove(p.InstalledPath("tool"));
              p.scratch().Link("installed/tool", "tool");
+         },
+         {"-rename skip tool -", "-copy fail tool -"}},
+        {"as many links as the kernel follows",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             LinkInAChain(p, 40);
+         },
+         {"-rename rename tool 5", "-copy copy tool 12", "-clean remove tool.bak 5"}},
+        {"a link more than the kernel follows",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             LinkInAChain(p, 41);
          },
          {"-rename skip tool -", "-copy fail tool -"}},
         {"a link into a missing directory",

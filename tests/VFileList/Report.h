@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Output.h"
 #include "Package.h"
@@ -52,6 +55,31 @@ std::string WrittenBy(Command command, bool isJson, int* exitStatus) {
 template <typename Command>
 nlohmann::json ReportOf(Command command, int* exitStatus = nullptr) {
     return nlohmann::json::parse(WrittenBy(std::move(command), true, exitStatus));
+}
+
+// The progress that people see on a terminal, when a second passes between two looks at the clock.
+template <typename Command>
+std::vector<std::string> ProgressOf(Command command) {
+    const Variable term("TERM", "xterm");
+    const Replaced terminal(calls::isatty, [](int fd) { return fd == STDERR_FILENO ? 1 : 0; });
+    timespec now{1000, 0};
+    const Replaced clock(calls::clock_gettime, [&now](clockid_t, timespec* time) {
+        ++now.tv_sec;
+        *time = now;
+        return 0;
+    });
+    testing::internal::CaptureStderr();
+    (void)WrittenBy(std::move(command), true, nullptr);
+    const std::string text = testing::internal::GetCapturedStderr();
+
+    const std::string wiped = "\r\033[K";
+    std::vector<std::string> lines;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find(wiped, at), text.size());
+        if (end > at) lines.push_back(text.substr(at, end - at));
+        at = end + wiped.size();
+    }
+    return lines;
 }
 
 // The report that people see on a terminal, with its styles as "{bold}text{}", "LIST" for the file list's

@@ -25,6 +25,18 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
+RollbackOptions RemovingNew() {
+    RollbackOptions options;
+    options.removesNew = true;
+    return options;
+}
+
+RollbackOptions OnlyModes() {
+    RollbackOptions options;
+    options.isOnlyModes = true;
+    return options;
+}
+
 class RollbackTest : public testing::Test {
 protected:
     RollbackTest() {
@@ -51,8 +63,9 @@ protected:
     }
 
     // The same in this process, where calls can be replaced: "kept: why".
-    std::string ActionHere(const std::string& name, const RollbackOptions& options = {}) const {
-        const nlohmann::json report = ReportHere(options);
+    std::string ActionHere(const std::string& name, const RollbackOptions& options = {},
+                           int* exitStatus = nullptr) const {
+        const nlohmann::json report = ReportHere(options, exitStatus);
         for (const auto& action : report["actions"]) {
             if (action["target"] != package_.InstalledPath(name)) continue;
             return action["action"].get<std::string>() + ": " + action["detail"].get<std::string>();
@@ -252,6 +265,18 @@ TEST_F(RollbackTest, RemovesNewFilesWhenAskedWhereverTheyStandInTheList) {
     EXPECT_EQ(package_.Installed("tool"), "old");
 }
 
+TEST_F(RollbackTest, RemovesTheOnlyFileOfADirectoryThatGotItsNameAndItsContentInOneMoment) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteList("[Server]\nA=@/new\nB=@\n[A]\nf=fresh\n[B]\nf=tool\n");
+    RunPasses({"-rename", "-copy"});
+    const timespec times[2] = {{0, UTIME_OMIT}, StatusOf(package_.InstalledPath("new/fresh")).st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, package_.InstalledPath("new").c_str(), times, 0), 0);
+
+    EXPECT_EQ(Rollback({"--remove-new"}), 0);
+
+    EXPECT_FALSE(fs::exists(package_.InstalledPath("new/fresh")));
+}
+
 TEST_F(RollbackTest, KeepsNewFilesThatWereChanged) {
     package_.Bring("fresh", "fresh");
     package_.Bring("fresher", "fresher");
@@ -270,9 +295,12 @@ TEST_F(RollbackTest, KeepsAnUnfinishedNewFile) {
     package_.WriteEntries("tool,fresh");
     RunPasses({"-rename", "-copy"});
     package_.Install("fresh", "fre");
+    EXPECT_EQ(package_.RunJson("rollback", {"--dry-run"})["actions"].size(), 2u);
 
-    EXPECT_EQ(Rollback({"--remove-new"}), 1);
+    const ProcessResult result = package_.Run("rollback", {"--remove-new"});
 
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.out, HasSubstr("\n1 file of the package without a backup stays.\n"));
     EXPECT_EQ(package_.Installed("fresh"), "fre");
     EXPECT_EQ(package_.Installed("tool"), "old");
 }
@@ -471,6 +499,7 @@ TEST_F(RollbackTest, PutsNoListedFileOverAnother) {
     EXPECT_EQ(package_.RunJson("verify")["summary"]["next"], nullptr);
     EXPECT_EQ(Rollback(), 1);
     EXPECT_EQ(Rollback({"--force"}), 1);
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "kept: NAME.bak is on the list itself");
 
     EXPECT_EQ(package_.Installed("tool"), "the new tool");
     EXPECT_EQ(package_.Installed("tool.bak"), "a file of its own");
@@ -581,6 +610,15 @@ TEST_F(RollbackTest, SaysSoWhenTheFileSystemIsReadOnly) {
     EXPECT_THAT(result.out, HasSubstr("Read-only file system"));
     EXPECT_EQ(package_.Installed("tool"), "the new tool");
     EXPECT_EQ(package_.Installed("tool.bak"), "old");
+}
+
+TEST_F(RollbackTest, TellsHowManyFilesItHasComparedBeforeItBegins) {
+    package_.Bring("other", "");
+    package_.WriteEntries("tool,other");
+    const FileList list(package_.ListPath());
+
+    EXPECT_THAT(ProgressOf([&list](Output& output) { return ::Rollback(list, {}, output); }),
+                ElementsAre("rollback: compare: 0 of 2 files", "rollback: compare: 1 of 2 files"));
 }
 
 TEST_F(RollbackTest, HandlesTwoEntriesOfOneTargetOnce) {
@@ -699,18 +737,6 @@ TEST_F(RollbackTest, OnlyModesTakesTheModeOfWhatABackedUpLinkLedTo) {
     EXPECT_EQ(ModeOf("tool"), 0750u);
 }
 
-RollbackOptions RemovingNew() {
-    RollbackOptions options;
-    options.removesNew = true;
-    return options;
-}
-
-RollbackOptions OnlyModes() {
-    RollbackOptions options;
-    options.isOnlyModes = true;
-    return options;
-}
-
 TEST_F(RollbackTest, KeepsItsHandsOffWhatSomebodyChangesMeanwhile) {
     const std::string tool = package_.InstalledPath("tool");
     const std::string backup = package_.InstalledPath("tool.bak");
@@ -729,7 +755,9 @@ TEST_F(RollbackTest, KeepsItsHandsOffWhatSomebodyChangesMeanwhile) {
         package_.Install("tool.bak", "old");
         const Replaced replaced(calls::lstat, WithChangeBeforeTheSecondLook("tool", changes[i]));
 
-        EXPECT_EQ(ActionHere("tool"), "kept: changed while the rollback ran");
+        int status = 0;
+        EXPECT_EQ(ActionHere("tool", {}, &status), "kept: changed while the rollback ran");
+        EXPECT_EQ(status, 1);
     }
     EXPECT_EQ(package_.Installed("tool.bak"), "foreign");
 }
@@ -829,6 +857,14 @@ TEST_F(RollbackTest, SaysWhenADirectoryCannotBeSynchronised) {
     expectTrouble("Too many open files");
 }
 
+// An fsync that notes what it is called for.
+auto NotingDirectories(std::vector<std::string>& synchronised) {
+    return [&synchronised](int fd) {
+        synchronised.push_back(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+        return calls::real::fsync(fd);
+    };
+}
+
 TEST_F(RollbackTest, SynchronisesEachDirectoryThatItChangesOnceAndNoOther) {
     package_.Bring("other", "new");
     package_.WriteList("[Server]\nA=@\nB=@/none\nC=@/kept\n[A]\nf=tool,other\n[B]\nf=tool\n[C]\nf=tool\n");
@@ -837,14 +873,23 @@ TEST_F(RollbackTest, SynchronisesEachDirectoryThatItChangesOnceAndNoOther) {
     package_.Install("kept/tool", "old");
     fs::remove(package_.InstalledPath("tool"));
     std::vector<std::string> synchronised;
-    const Replaced replaced(calls::fsync, [&synchronised](int fd) {
-        synchronised.push_back(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)));
-        return calls::real::fsync(fd);
-    });
+    const Replaced replaced(calls::fsync, NotingDirectories(synchronised));
 
     (void)ReportHere();
 
     EXPECT_THAT(synchronised, ElementsAre(package_.InstalledPath()));
+}
+
+TEST_F(RollbackTest, SynchronisesADirectoryThatItOnlyTakesFilesFrom) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteList("[Server]\nA=@\nB=@/new\n[A]\nf=tool\n[B]\nf=fresh\n");
+    RunPasses({"-rename", "-copy"});
+    std::vector<std::string> synchronised;
+    const Replaced replaced(calls::fsync, NotingDirectories(synchronised));
+
+    (void)ReportHere(RemovingNew());
+
+    EXPECT_THAT(synchronised, ElementsAre(package_.InstalledPath(), package_.InstalledPath("new")));
 }
 
 TEST_F(RollbackTest, KnowsNothingOfWhatIsNoFileAndHasNoBackup) {
@@ -909,7 +954,9 @@ TEST_F(RollbackTest, OnlyModesKeepsItsHandsOffWhatSomebodyChangesMeanwhile) {
         return calls::real::open(path, flags, mode);
     });
 
-    EXPECT_EQ(ActionHere("tool", OnlyModes()), "kept: changed while this ran");
+    int status = 0;
+    EXPECT_EQ(ActionHere("tool", OnlyModes(), &status), "kept: changed while this ran");
+    EXPECT_EQ(status, 1);
     EXPECT_EQ(ModeOf("tool"), 0644u);
 }
 

@@ -70,7 +70,10 @@ TEST_F(TargetFactsTest, TakesASecondNameOfTheSameFileForNoBackup) {
     fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     package_.WriteEntries("tool");
 
-    EXPECT_FALSE(Examine().hasBackup);
+    const TargetFacts facts = Examine();
+
+    EXPECT_FALSE(facts.hasBackup);
+    EXPECT_EQ(facts.detail, "NAME.bak is the same file, and no backup");
 }
 
 TEST_F(TargetFactsTest, TakesALinkBetweenTheTwoNamesForNoBackup) {

@@ -21,6 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 class VerifyTest : public testing::Test {
@@ -90,6 +91,15 @@ TEST_F(VerifyTest, ComparesEveryByteOfLongFiles) {
         package_.Install("tool", content.substr(0, size / 2) + std::string(size - size / 2, '\0'));
         EXPECT_EQ(State(), "partial") << size;
     }
+}
+
+TEST_F(VerifyTest, TellsHowManyFilesItHasCompared) {
+    package_.Bring("other", "");
+    package_.WriteEntries("tool,other");
+    const FileList list(package_.ListPath());
+
+    EXPECT_THAT(ProgressOf([&list](Output& output) { return ::Verify(list, {}, output); }),
+                ElementsAre("verify: 0 of 2 files", "verify: 1 of 2 files"));
 }
 
 TEST_F(VerifyTest, CallsUnknownWhatCannotBeCompared) {
@@ -201,6 +211,18 @@ TEST_F(VerifyTest, IsNotContentWithADirectoryThatThePassesTakeForTheRootDirector
         EXPECT_EQ(problems[0]["section"], "Server");
         EXPECT_EQ(problems[0]["key"], "Bin");
     }
+}
+
+TEST_F(VerifyTest, KnowsTheLongestDirectoryThatThePassesTake) {
+    for (const std::size_t length : {std::size_t{259}, std::size_t{260}}) {
+        package_.WriteList("[Server]\nBin=/" + std::string(length - 1, 'x') + "\n[Bin]\nf=tool\n");
+        EXPECT_EQ(package_.RunJson("verify")["problems"].size(), length - 259);
+    }
+}
+
+TEST_F(VerifyTest, DoesNotMissAFileThatIsEmpty) {
+    package_.Bring("tool", "");
+    EXPECT_EQ(package_.RunJson("verify")["summary"]["sourcesLacking"], 0);
 }
 
 TEST_F(VerifyTest, IsNotContentWithAnEntryThatHasNoFileName) {

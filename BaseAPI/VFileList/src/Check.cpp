@@ -218,11 +218,12 @@ void Checker::CheckName(const Entry& entry) {
         name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
         Add("E-NAME-BAK", entry, list_.TargetOf(entry));
     }
-    const std::size_t longestPath = std::max(list_.BackupOf(entry).size(), list_.SourceOf(entry).size());
+    // Directories have no more than 259 bytes: of the paths only the source's can be too long.
+    const std::size_t sourceLength = list_.SourceOf(entry).size();
     if (name.size() > kMaxNameLength) {
         Add("E-NAME-TOO-LONG", entry, "", "a name of " + Bytes(name.size()));
-    } else if (longestPath >= PATH_MAX) {
-        Add("E-NAME-TOO-LONG", entry, "", "a path of " + Bytes(longestPath));
+    } else if (sourceLength >= PATH_MAX) {
+        Add("E-NAME-TOO-LONG", entry, "", "a path of " + Bytes(sourceLength));
     }
     const std::string blanks = " \t";
     if (blanks.find(entry.text.front()) != std::string::npos ||

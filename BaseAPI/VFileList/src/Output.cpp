@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -120,7 +121,6 @@ void Output::Progress(const char* work, std::size_t done, std::size_t total) {
     isProgressShown_ = true;
     (void)std::fflush(stdout);
     (void)std::fprintf(stderr, "\r\033[K%s: %zu of %zu files", work, done, total);
-    (void)std::fflush(stderr);
 }
 
 bool Output::Finish() {
@@ -137,7 +137,6 @@ void Output::ClearProgress() {
     if (!isProgressShown_) return;
     isProgressShown_ = false;
     (void)std::fputs("\r\033[K", stderr);
-    (void)std::fflush(stderr);
 }
 
 std::string Shown(const std::string& text) {
@@ -157,11 +156,11 @@ std::string Shown(const std::string& text) {
 }
 
 std::string Padded(const std::string& text, std::size_t width) {
-    return text.size() < width ? text + std::string(width - text.size(), ' ') : text;
+    return text + std::string(std::max(width, text.size()) - text.size(), ' ');
 }
 
 std::string RightAligned(const std::string& text, std::size_t width) {
-    return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
+    return std::string(std::max(width, text.size()) - text.size(), ' ') + text;
 }
 
 std::string ShownSize(unsigned long long bytes) {
@@ -170,7 +169,7 @@ std::string ShownSize(unsigned long long bytes) {
     constexpr std::array<const char*, 6> units = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     double size = static_cast<double>(bytes) / 1024;
     std::size_t unit = 0;
-    for (; size >= 1000 && unit + 1 < units.size(); ++unit) size /= 1024;
+    for (; size >= 1000; ++unit) size /= 1024;  // there are not more than 16 EiB
     std::array<char, 32> shown{};
     (void)std::snprintf(shown.data(), shown.size(), "%.1f %s", size, units[unit]);
     return shown.data();

@@ -169,8 +169,7 @@ bool Planner::RenameEntry(std::size_t index) {
 }
 
 std::string Planner::WhyRenameFails(const Entry& entry) const {
-    if (list_.BackupOf(entry).size() >= PATH_MAX ||
-        GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
+    if (GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
         return "the name is too long for its backup";
     }
     std::string why = WhyMoveFails(files_.At(list_.TargetOf(entry)), files_.At(list_.BackupOf(entry)));

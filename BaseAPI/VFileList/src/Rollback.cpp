@@ -182,10 +182,11 @@ void RollbackRun::RemoveNewFiles() {
 // its backup: -clean goes in order, so that it has not come beyond a backup that is still there.
 bool RollbackRun::IsCertainlyNew(std::size_t index) const {
     if (!facts_[index].birth || !WasBroughtByCopy(observations_, index)) return false;
-    for (std::size_t i = 0; i < index; ++i) {
-        if (facts_[i].hasBackup && !facts_[i].isBackupDangling) return true;
-    }
-    return IsUntouchedSinceCopy(DirectoryOf(index));
+    const auto here = facts_.begin() + static_cast<std::ptrdiff_t>(index);
+    const auto hasFirmBackup = [](const TargetFacts& facts) {
+        return facts.hasBackup && !facts.isBackupDangling;
+    };
+    return std::any_of(facts_.begin(), here, hasFirmBackup) || IsUntouchedSinceCopy(DirectoryOf(index));
 }
 
 // No backup has gone from the directory since -copy wrote its last file there. A second -copy writes the
@@ -322,7 +323,6 @@ void RollbackRun::ReportWithoutBackup(std::size_t index) {
 void RollbackRun::SetModes() {
     for (std::size_t i = 0; i < targets_.size(); ++i) FollowReference(i);
     for (std::size_t i = 0; i < targets_.size(); ++i) SetMode(i);
-    SyncDirectories();
 }
 
 // A backup that is a link may lead to another target, whose new file has not got its mode yet, or will never:

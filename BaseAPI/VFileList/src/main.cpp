@@ -36,7 +36,6 @@ CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, A
     command->add_option("FILELIST", arguments.iniPath, "The file list; the package's Common lies beside it")
         ->required();
     command->add_flag("--json", arguments.isJson, "Write JSON (docs/vfilelist.md has the schema)");
-    command->footer(kFooter);
     return command;
 }
 
