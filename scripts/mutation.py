@@ -136,6 +136,8 @@ def statements(code):
     for found in re.finditer(r"\b(case [^;{}]*?|default):\s+", code):
         starts.add(found.end())
     headers = [(found.end(), closing(code, found.end() - 1)) for found in re.finditer(r"\bfor \(", code)]
+    switches = [closing(code, code.index("{", closing(code, found.end() - 1)))
+                for found in re.finditer(r"\bswitch \(", code)]
     for begin in sorted(starts):
         is_outermost = begin == 0 or code[begin - 1] == "\n"
         is_in_header = any(first <= begin < last for first, last in headers)
@@ -146,6 +148,10 @@ def statements(code):
             depth += (code[end] in "([{") - (code[end] in ")]}")
             if depth < 0 or (depth == 0 and code[end] == ";"):
                 break
+        # The last break of a switch leaves what ends there in any case.
+        rest = code[end + 1:]
+        if code[begin:end] == "break" and end + 2 + len(rest) - len(rest.lstrip()) in switches:
+            continue
         if depth == 0 and re.match(r"break|continue|.*[=(+-]", code[begin:end], re.DOTALL):
             yield begin, end + 1
 
@@ -346,9 +352,11 @@ def copy_tree(changed):
 
 def build_tree():
     """Whether all of the copy could be built, and what the compiler said."""
-    # Tests are not to be listed while they are built, and nothing is linked anew when a library has changed.
+    # Tests are not to be listed while they are built, and nothing is linked anew when a library has changed. An
+    # index beyond the end of a vector ends the program.
     subprocess.run(["cmake", "--preset", PRESET, "-DCMAKE_C_FLAGS_DEBUG=-O0",
-                    f"-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w -fmax-errors=0 -include {TREE}/Mutants.h",
+                    "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w -fmax-errors=0 -D_GLIBCXX_ASSERTIONS "
+                    f"-include {TREE}/Mutants.h",
                     "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"],
                    cwd=TREE, check=True, stdout=subprocess.DEVNULL)
     done = subprocess.run(["ninja", "-C", BUILD, "-k", "0", *TARGETS], cwd=TREE, check=False,
