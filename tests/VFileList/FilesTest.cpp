@@ -61,8 +61,11 @@ TEST_F(FilesTest, LooksForZeroBytesBeyondTheBlockOfTheDifference) {
     unfinished.replace(100, unfinished.size() - 100, unfinished.size() - 100, '\0');
 
     EXPECT_EQ(Compare(unfinished, packaged), Content::kPart);
-    unfinished.back() = 'x';
-    EXPECT_EQ(Compare(unfinished, packaged), Content::kOther);
+    for (const std::size_t at : {kBlock, 3 * kBlock - 1}) {
+        unfinished[at] = 'x';
+        EXPECT_EQ(Compare(unfinished, packaged), Content::kOther) << at;
+        unfinished[at] = '\0';
+    }
 }
 
 TEST_F(FilesTest, SaysWhichFileCannotBeCompared) {
@@ -150,6 +153,14 @@ TEST_F(FilesTest, KnowsWhetherAPathStaysBelow) {
     }
     for (const char* const path : {"..", "../a", "a/../..", "a/../../b", "/a"})
         EXPECT_FALSE(StaysBelow(path)) << path;
+}
+
+TEST_F(FilesTest, TakesSlashesOffTheEndOfAllButTheRootDirectory) {
+    EXPECT_EQ(WithoutTrailingSlashes("a/b//"), "a/b");
+    EXPECT_EQ(WithoutTrailingSlashes("a"), "a");
+    EXPECT_EQ(WithoutTrailingSlashes("/"), "/");
+    EXPECT_EQ(WithoutTrailingSlashes("//"), "/");
+    EXPECT_EQ(WithoutTrailingSlashes(""), "");
 }
 
 TEST_F(FilesTest, FindsTheNearestThingThatExists) {

@@ -222,7 +222,11 @@ TEST_F(VerifyTest, KnowsTheLongestDirectoryThatThePassesTake) {
 
 TEST_F(VerifyTest, DoesNotMissAFileThatIsEmpty) {
     package_.Bring("tool", "");
-    EXPECT_EQ(package_.RunJson("verify")["summary"]["sourcesLacking"], 0);
+
+    const nlohmann::json report = package_.RunJson("verify");
+
+    EXPECT_EQ(report["targets"][0]["packageSize"], 0);
+    EXPECT_EQ(report["summary"]["sourcesLacking"], 0);
 }
 
 TEST_F(VerifyTest, IsNotContentWithAnEntryThatHasNoFileName) {
