@@ -79,7 +79,9 @@ TEST_F(PlanTest, GoesInTheOrderOfTheTool) {
 }
 
 TEST_F(PlanTest, KnowsWhatAnEarlierEntryHasDone) {
-    // Under another spelling of its directory, too.
+    // Under another spelling of its directory, too, and to a link.
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
     package_.WriteList("[Server]\nA=@\nB=@/../installed\n[A]\nf=bin/tool,bin/tool\n[B]\nf=bin/tool\n");
 
     EXPECT_THAT(StepsOf(package_),
