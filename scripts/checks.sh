@@ -25,7 +25,7 @@ coverage  build,test,coverage     they reach every line and branch but those tha
 valgrind  build,test,valgrind     memcheck has nothing to say about them
 tsan      build,test,tsan         ... also with ThreadSanitizer
 arm64     build,test,arm64        ... also on AArch64, in the emulator
-mutation  build,test,mutation     they notice small faults in the library (a sample; MUTANTS=all: every one, and vfilelist)
+mutation  build,test,mutation     they notice small faults in the sources (a sample; MUTANTS=all: every one)
 soak      build,test              a hundred times the repetitions: random paths, firewall passes, long use
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
@@ -98,7 +98,7 @@ check_arm64() { test_arm64; }
 
 # Another sample with each commit, the same one for everybody.
 check_mutation() {
-    local -a sample=(--only BaseAPI/VFileSys/ --sample 60 --seed "$(git rev-parse HEAD)")
+    local -a sample=(--sample 80 --seed "$(git rev-parse HEAD)")
     if [[ ${MUTANTS:-} == all ]]; then sample=(); fi
     /usr/bin/python3 -B scripts/mutation.py tests/mutation/survivors.txt "${sample[@]}"
 }
@@ -277,7 +277,7 @@ chosen_checks() {
 
 # Stops at the first check that fails; `check` is its name then.
 run_checks() {
-    local chosen groups
+    local chosen groups begun
     local -a passed=() skipped=()
     chosen=$(chosen_checks "$@")
     trap 'if [[ -n ${check:-} ]]; then printf "%s\n" "${red}Check $check failed.$plain" >&2; fi' EXIT
@@ -290,11 +290,12 @@ run_checks() {
         groups=$(groups_of "$checks" "$check")
         # shellcheck disable=SC2086  # the groups are separate arguments
         install_packages $groups
+        begun=$SECONDS
         "check_$check"
-        passed+=("$check")
+        passed+=("$check ($((SECONDS - begun)) s)")
     done
     check=''
     printf '\n'
     if ((${#skipped[@]} > 0)); then note "Not asked for: ${skipped[*]}"; fi
-    good "Passed: ${passed[*]}"
+    good "Passed: $(printf '%s\n' "${passed[@]}" | paste -sd, | sed 's/,/, /g')"
 }

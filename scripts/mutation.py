@@ -18,6 +18,7 @@ The status is 0 when every survivor is listed, no listed one was caught, and 95 
 """
 import argparse
 import collections
+import itertools
 import json
 import os
 import pathlib
@@ -38,7 +39,7 @@ TREE = WORK / "tree"
 BUILD = f"build/{PRESET}"
 TARGETS = ["all"]
 # In the order in which they are tried.
-PROGRAMS = ["vfilesys_tests", "process_tests", "example_tests", "fault_tests", "vfilelist_tests",
+PROGRAMS = ["vfilesys_tests", "process_tests", "example_tests", "vfilelist_tests", "fault_tests",
             "killed_upgrade_tests"]
 
 Mutant = collections.namedtuple("Mutant", "file begin end text label")
@@ -388,18 +389,29 @@ def build_all(numbered):
         alone |= refused
 
 
-def measure(worker):
-    """The tests of each program with the seconds that they take; all have to pass."""
-    times = {}
-    for program in PROGRAMS:
-        status, output = inside(worker, ["sh", "-c", f"{BUILD}/tests/{program} --gtest_output=json:/tmp/times.json "
-                                         ">/tmp/out 2>&1 && cat /tmp/times.json || { cat /tmp/out; exit 1; }"],
+class Times:
+    """The tests of each program with the seconds that they take, measured when somebody asks; all have to pass."""
+
+    def __init__(self):
+        self._times = {}
+        self._locks = {program: threading.Lock() for program in PROGRAMS}
+
+    def of(self, program):
+        with self._locks[program]:
+            if program not in self._times:
+                self._times[program] = self._measured(program)
+            return self._times[program]
+
+    @staticmethod
+    def _measured(program):
+        status, output = inside(TREE, ["sh", "-c", f"{BUILD}/tests/{program} --gtest_output=json:/tmp/times.json "
+                                       ">/tmp/out 2>&1 && cat /tmp/times.json || { cat /tmp/out; exit 1; }"],
                                 False, 1800)
         if status != 0:
-            sys.exit(f"{program} fails without any mutant:\n{output.decode(errors='replace')[-5000:]}")
-        times[program] = {f"{suite['name']}.{test['name']}": float(test["time"].rstrip("s"))
-                          for suite in json.loads(output)["testsuites"] for test in suite["testsuite"]}
-    return times
+            print(f"{program} fails without any mutant:\n{output.decode(errors='replace')[-5000:]}", file=sys.stderr)
+            os._exit(1)  # not only this thread
+        return {f"{suite['name']}.{test['name']}": float(test["time"].rstrip("s"))
+                for suite in json.loads(output)["testsuites"] for test in suite["testsuite"]}
 
 
 def programs_for(file):
@@ -415,17 +427,18 @@ def programs_for(file):
 
 
 def stages_for(file, times):
-    """What to run, one after the other: (program, tests, seconds). Quick tests of the same name come first."""
+    """What to run, one after the other: (program, tests, seconds). Tests of the same name come first, of those and
+    of all others the quick ones."""
     programs, pattern = programs_for(file)
-    own_program = programs[0]
-    own = [test for test in times[own_program] if re.match(pattern, test)]
-    quick = [test for test in own if times[own_program][test] < SLOW_SECONDS]
-    stages = [(own_program, quick), (own_program, [test for test in own if test not in quick])]
-    for is_quick in (True, False):
-        for program in programs:
-            rest = [test for test in times[program] if program != own_program or test not in own]
-            stages.append((program, [test for test in rest if (times[program][test] < SLOW_SECONDS) == is_quick]))
-    return [(program, tests, sum(times[program][test] for test in tests)) for program, tests in stages if tests]
+    for program in programs:
+        seconds = times.of(program)
+
+        def rank(test):
+            return program == programs[0] and not re.match(pattern, test), seconds[test] >= SLOW_SECONDS
+
+        for _, tests in itertools.groupby(sorted(seconds, key=rank), key=rank):
+            tests = list(tests)
+            yield program, tests, sum(seconds[test] for test in tests)
 
 
 def try_number(worker, number, file, times):
@@ -461,7 +474,7 @@ def run_all(mutants, jobs):
         workers.append(WORK / f"worker-{number}")
         shutil.rmtree(workers[-1], ignore_errors=True)
         subprocess.run(["cp", "-a", TREE, workers[-1]], check=True)
-    times = measure(workers[0])
+    times = Times()
     todo = queue.Queue()
     for number in sorted(numbered, key=lambda one: one in alone):
         todo.put(number)
@@ -540,7 +553,7 @@ def judge(results, listed, is_whole):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("list")
-    parser.add_argument("--sample", type=int, help="try only so many of them")
+    parser.add_argument("--sample", type=int, help="try only so many of those that are not on the list")
     parser.add_argument("--seed", default="", help="which ones")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     parser.add_argument("--only", default="", help="files whose names contain this")
@@ -552,8 +565,10 @@ def main():
                    name.endswith((".cpp", ".h")))
     mutants = [mutant for file in files for mutant in mutants_of(file)]
     is_whole = not options.only and options.sample is None
-    if options.sample is not None and options.sample < len(mutants):
-        chosen = set(random.Random(options.seed).sample(range(len(mutants)), options.sample))
+    if options.sample is not None:
+        # That those on the list survive takes long to see.
+        mutants = [mutant for mutant in mutants if (mutant.file, mutant.label) not in listed]
+        chosen = set(random.Random(options.seed).sample(range(len(mutants)), min(options.sample, len(mutants))))
         mutants = [mutant for i, mutant in enumerate(mutants) if i in chosen]
     if options.count:
         for mutant in mutants:
