@@ -100,6 +100,11 @@ check_arm64() { test_arm64; }
 check_mutation() {
     local -a sample=(--sample 80 --seed "$(git rev-parse HEAD)")
     if [[ ${MUTANTS:-} == all ]]; then sample=(); fi
+    # Broken code runs there, or not at all.
+    if ! bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --unshare-net --unshare-ipc true; then
+        note "skipped: this machine allows no private mount namespace"
+        return 0
+    fi
     /usr/bin/python3 -B scripts/mutation.py tests/mutation/survivors.txt "${sample[@]}"
 }
 
