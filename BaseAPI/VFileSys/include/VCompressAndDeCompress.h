@@ -77,9 +77,10 @@ public:
     /// "tar -zcvf PATH.tar.gz PATH".
     ///
     /// Returns 0 when a file of the archive's name exists afterwards, otherwise -10000, also when the command
-    /// is refused or can't be started. A null path throws the standard library's std::logic_error. Logs the
-    /// command as "command %s", function name "CompressFile", level 3; and when it is refused
-    /// "not support \";\" or \"|\" or \"&&\" in cmd, cmd = %s\n", function name "Compress", level 3.
+    /// is refused or can't be started. A null path throws the standard library's std::logic_error, lack of
+    /// memory std::bad_alloc. Logs the command as "command %s", function name "CompressFile", level 3; and
+    /// when it is refused "not support \";\" or \"|\" or \"&&\" in cmd, cmd = %s\n", function name
+    /// "Compress", level 3.
     ///
     /// Hazards 1, 2, 3, 8 and 27 of docs/reliability.md.
     static int CompressFile(const char* path);
@@ -89,9 +90,9 @@ public:
     /// of it, and may end with status 1, "file changed as we read it"; the result is 0 all the same.) One '/'
     /// at the end is taken off for the name, no more; "/" has an empty name and gives "/.tar.gz".
     ///
-    /// Results and log lines as of CompressFile, with function name "CompressFilePath". A regular file gives
-    /// -10000. An empty path throws std::out_of_range, a null one std::logic_error; neither runs or logs
-    /// anything.
+    /// Results, exceptions and log lines as of CompressFile, with function name "CompressFilePath". A regular
+    /// file gives -10000. An empty path throws std::out_of_range, a null one std::logic_error; neither runs
+    /// or logs anything.
     ///
     /// Hazards 1, 2, 3, 8 and 27 of docs/reliability.md.
     static int CompressFilePath(const char* path);
@@ -100,8 +101,8 @@ public:
     /// with the command "tar -zcvf ARCHIVEBASE.tar.gz FILES". What is packed comes first, where it goes
     /// second.
     ///
-    /// Results and log lines as of CompressFile, with function name "CompressFileGroup". A null argument
-    /// throws std::logic_error.
+    /// Results, exceptions and log lines as of CompressFile, with function name "CompressFileGroup". A null
+    /// argument throws std::logic_error.
     ///
     ///     VCompressAndDeCompress::CompressFileGroup("/etc/app/a.conf /etc/app/b.conf", "/var/backups/app");
     ///

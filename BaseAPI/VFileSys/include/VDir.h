@@ -18,7 +18,8 @@ public:
     /// relative to a working directory that can't be read), ENAMETOOLONG when its canonical text does not fit
     /// 4096 bytes, and otherwise the errno of the mkdir that failed (ENOTDIR, EACCES, ENOSPC, and EEXIST for
     /// a dangling link); parents already made then stay. When another thread or process makes one of the
-    /// levels at the same moment, the result may be -1 with EEXIST, too: a second call tells.
+    /// levels at the same moment, the result may be -1 with EEXIST, too: a second call tells. Links on the
+    /// way are followed, those of others too: make directories only where nobody else can write.
     ///
     /// Never logs. May be called from any thread.
     ///
@@ -40,7 +41,7 @@ public:
     /// entry whose stat fails, such as a dangling link, are passed over, as are subdirectories and all in
     /// them. Between the look at an entry and the change of its owner another user may replace it, so use it
     /// only on directories which that user can't write yet; a hard link planted there changes the file's
-    /// owner everywhere.
+    /// owner everywhere (fs.protected_hardlinks=1 lets users plant none to files that are not theirs).
     ///
     /// Returns 0 on success. Returns -10000 and stops at the first failure, which it logs with function name
     /// "VChownDirAndFirstDepthFiles" at level 1; entries already changed stay changed:

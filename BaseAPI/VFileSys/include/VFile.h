@@ -78,8 +78,9 @@ public:
     /// Copies the content of `srcFilename` to `dstFilename`, which is created or emptied first.
     ///
     /// The content only: the mode of a new file is 0666 less the umask, an existing file keeps its own mode
-    /// and owner, and the source's is not looked at. Links are followed on both sides. **A copy onto itself
-    /// empties the file**, with result 0. Nothing is synced to the disk.
+    /// and owner, and the source's is not looked at. An existing file changes under whoever has it open or
+    /// mapped; that of a running program does not open (ETXTBSY). Links are followed on both sides. **A copy
+    /// onto itself empties the file**, with result 0. Nothing is synced to the disk.
     ///
     /// Returns 0, or -10000 with what was written so far left in place. Data passes through the buffer of the
     /// destination's stream (4096 bytes on most file systems, 8192 at the most), whose last flush and close

@@ -29,7 +29,9 @@ public:
     /// The thread is detached: nothing waits for it, also not when the process exits, so don't unload the
     /// library once it was started. It does not survive a fork. **A second call starts a second thread**
     /// beside the first; a call after FixFirewallStop starts one that ends at once. Throws std::system_error
-    /// when no thread can be had. May be called from any thread.
+    /// or std::bad_alloc when no thread can be had. May be called from any thread.
+    ///
+    /// The thread logs until the process ends: a logger has to stay usable for that long.
     ///
     /// Hazards 3, 25, 26 and 27 of docs/reliability.md.
     static void FixFirewallStart();
