@@ -31,20 +31,29 @@ check_loading() {  # FILE
 }
 
 # Counts the lines of the disassembly that match.
-count_in_code() { grep -cE "$1" <<<"$code" || true; }
+count_in_code() { grep -cP "$1" <<<"$code" || true; }
 
 # What the compiler put into the code. The notes of a file say less: one start file without them is enough to
 # lose them.
 check_code() {  # FILE
-    local code functions landings
+    local code functions landings leaps
     code=$("${OBJDUMP:-objdump}" --disassemble --no-show-raw-insn "$1")
     functions=$(count_in_code '^[0-9a-f]+ <')
     case $(readelf --file-header "$1" | sed -n 's/ *Machine: *//p') in
-        *X86-64*) landings=$(count_in_code 'endbr64') ;;
-        AArch64) landings=$(count_in_code $'\t(bti|paciasp)') ;;
+        *X86-64*)
+            landings=$(count_in_code 'endbr64')
+            # shellcheck disable=SC2016  # the assembler's dollar
+            leaps=$(count_in_code '\tsub +\$0x(?!1000,)[0-9a-f]{4,8},%rsp')
+            ;;
+        AArch64)
+            landings=$(count_in_code '\t(bti|paciasp)')
+            leaps=$(count_in_code '\tsub\tsp, sp, #0x(?!10,)[0-9a-f]{2,}, lsl')
+            ;;
         *) fail "$1 is for a machine that nobody has looked at"; return ;;
     esac
     ((landings * 3 > functions)) || fail "$1: $landings branch landings for $functions functions"
+    # No stack pointer steps over a guard page: larger frames are taken in steps that are touched.
+    ((leaps == 0)) || fail "$1: $leaps frames are larger than the guard page, and not probed"
     # The dynamic names, since a stripped file has no others.
     grep -q __stack_chk_fail <<<"$(readelf --dyn-syms --wide "$1")" || fail "$1 has no stack protector"
     note="$note ${1##*/}: $landings branch landings;"

@@ -43,14 +43,20 @@ check_exports() {
     if [[ -n $weak ]]; then fail "not everything is exported as a strong symbol:"$'\n'"$weak"; fi
 }
 
+# What every program in C++ imports, and the neighbours' classes.
+runtime='_Z.*|_ITM_.*|_Unwind_.*|__cxa_.*|__gmon_start__|__gxx_personality_v0|__stack_chk_(fail|guard)'
+
 check_imports() {
-    local imported name alias
+    local imported name alias others
     imported=$(dynamic_symbols UND | cut -d' ' -f2)
     while read -r name; do
         if grep -qxF "$name" <<<"$imported"; then continue; fi
         alias=$(grep -xE "_*(IO_)?(${name})(64|_chk|64_chk)?" <<<"$imported" | paste -sd' ' || true)
         fail "$name is not imported under its plain name${alias:+, but as $alias}"
     done < <(names_in "$here/imported.txt")
+    others=$(grep -vxE "$runtime" <<<"$imported" |
+        grep -vxFf <(names_in "$here/imported.txt"; names_in "$here/allowed.txt") | paste -sd' ' || true)
+    if [[ -n $others ]]; then fail "these imported names are in neither imported.txt nor allowed.txt: $others"; fi
 }
 
 check_soname() {
