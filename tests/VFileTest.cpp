@@ -28,6 +28,7 @@
 
 #include "FileSystem.h"
 #include "LogRecorder.h"
+#include "OrdinaryUser.h"
 #include "Process.h"
 #include "Resources.h"
 #include "ScratchDirectory.h"
@@ -470,9 +471,9 @@ TEST_F(VFileTest, FileSizeOfADirectoryIsWhatTheFileSystemMakesOfItsEnd) {
 }
 
 TEST_F(VFileTest, FileSizeOfAnUnreadableFileFails) {
-    if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
     const std::string path = scratch_.Write("closed", "12345");
-    ASSERT_EQ(chmod(path.c_str(), 0200), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0222), 0);
+    const OrdinaryUser ordinaryUser(scratch_.Path());
 
     EXPECT_EQ(VFile::FileSize(path.c_str()), -10000);
 }
@@ -607,9 +608,9 @@ TEST_F(VFileTest, WriteBinFileNoticesAShortWriteAndLeavesWhatWasWritten) {
 }
 
 TEST_F(VFileTest, WriteBinFileFailsForAFileItMayWriteButNotMeasure) {
-    if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
     const std::string path = scratch_.Write("writeOnly", "old");
-    ASSERT_EQ(chmod(path.c_str(), 0200), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0222), 0);
+    const OrdinaryUser ordinaryUser(scratch_.Path());
 
     EXPECT_EQ(WriteText(path, "newer"), -10000);
 
@@ -1397,15 +1398,16 @@ TEST_F(VFileTest, ScanDirectoriesFilesGoesOnBesideASubdirectoryThatDoesNotOpen) 
 }
 
 TEST_F(VFileTest, ScanDirectoriesFilesPassesOverADirectoryItMayNotRead) {
-    if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
     scratch_.Write("closed/file", "");
     const std::string file = scratch_.Write("open/file", "");
     ASSERT_EQ(chmod(scratch_.Path("closed").c_str(), 0), 0);
-
-    EXPECT_THAT(FilesBelow(scratch_.Path()), ElementsAre(file));
-    EXPECT_THAT(SubDirectories(scratch_.Path()),
-                UnorderedElementsAre(scratch_.Path("closed"), scratch_.Path("open")));
-
+    ASSERT_EQ(chmod(scratch_.Path("open").c_str(), 0755), 0);
+    {
+        const OrdinaryUser ordinaryUser(scratch_.Path());
+        EXPECT_THAT(FilesBelow(scratch_.Path()), ElementsAre(file));
+        EXPECT_THAT(SubDirectories(scratch_.Path()),
+                    UnorderedElementsAre(scratch_.Path("closed"), scratch_.Path("open")));
+    }
     ASSERT_EQ(chmod(scratch_.Path("closed").c_str(), 0700), 0);
 }
 
