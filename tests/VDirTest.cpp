@@ -25,6 +25,7 @@
 #include "OrdinaryUser.h"
 #include "Process.h"
 #include "Resources.h"
+#include "Scale.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
 
@@ -490,8 +491,7 @@ TEST_F(VDirTest, VMkDirLosesToAnotherMakerOfTheSameLevelAndSucceedsWhenCalledAga
 }
 
 TEST_F(VDirTest, VMkDirFromManyThreadsEndsWithTheTreeWhenEEXISTIsTriedAgain) {
-    const std::string path = scratch_.Path("1/2/3/4/5/6/7/8");
-    const auto makeUntilThere = [&path] {
+    const auto makeUntilThere = [](const std::string& path) {
         // Each EEXIST means that one more of the eight levels is there.
         for (int attempt = 0; attempt <= 8; ++attempt) {
             const Outcome outcome = MakeDirectory(path);
@@ -501,11 +501,14 @@ TEST_F(VDirTest, VMkDirFromManyThreadsEndsWithTheTreeWhenEEXISTIsTriedAgain) {
         ADD_FAILURE() << "still not there";
     };
 
-    std::vector<std::thread> makers;
-    for (int count = 0; count < 4; ++count) makers.emplace_back(makeUntilThere);
-    for (std::thread& maker : makers) maker.join();
+    for (long round = 0; round < 100 * TestScale(); ++round) {
+        const std::string name = std::to_string(round) + "/2/3/4/5/6/7/8";
+        std::vector<std::thread> makers;
+        for (int count = 0; count < 4; ++count) makers.emplace_back(makeUntilThere, scratch_.Path(name));
+        for (std::thread& maker : makers) maker.join();
 
-    EXPECT_TRUE(scratch_.Has("1/2/3/4/5/6/7/8"));
+        EXPECT_TRUE(scratch_.Has(name));
+    }
 }
 
 TEST_F(VDirTest, VMkDirOfATrailingParentMakesTheLevelsBeforeItAndIsDone) {

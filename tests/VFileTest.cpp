@@ -1465,6 +1465,42 @@ TEST_F(VFileTest, ScanDirectoriesFilesMissesTheLevelsForWhichNoDescriptorIsLeft)
     EXPECT_THAT(files, UnorderedElementsAreArray(expected));
 }
 
+TEST_F(VFileTest, ScanDirectoriesFilesGoesDownAsFarAsDescriptorsLast) {
+    constexpr int levels = 1200;
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < levels + 100) GTEST_SKIP() << "this process may not open so many directories";
+    const ResourceLimit manyDescriptors(RLIMIT_NOFILE, levels + 100);
+    std::string directory = scratch_.Path();
+    for (int level = 0; level < levels; ++level) {
+        directory += "/d";
+        ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    }
+    scratch_.Write(directory.substr(scratch_.Path().size() + 1) + "/deepest", "");
+
+    EXPECT_THAT(FilesBelow(scratch_.Path()), ElementsAre(directory + "/deepest"));
+    {
+        const ResourceLimit fewDescriptors(RLIMIT_NOFILE, 64);
+        EXPECT_THAT(FilesBelow(scratch_.Path()), IsEmpty());
+    }
+    // As long as there are descriptors for it.
+    std::filesystem::remove_all(scratch_.Path("d"));
+}
+
+TEST_F(VFileTest, ScanDirectoriesFilesFindsNoEndInTwoLinksUpTheTree) {
+    scratch_.Link("one", ".");
+    scratch_.Link("two", ".");
+    constexpr int enough = 20000;
+    int opened = 0;
+    const Replaced opening(calls::opendir, [&opened](const char* path) {
+        return ++opened < enough ? calls::real::opendir(path) : nullptr;
+    });
+
+    EXPECT_THAT(FilesBelow(scratch_.Path()), IsEmpty());
+
+    EXPECT_GT(opened, enough);
+}
+
 TEST_F(VFileTest, ListingsLeaveNothingOpenOrAllocated) {
     scratch_.Write("a/b/file", "");
     scratch_.Link("a/dangling", "missing");
