@@ -530,10 +530,12 @@ long PeakMemory(const Package& package) {
     EXPECT_EQ(pipe(ends), 0);
     const pid_t child = fork();
     if (child == 0) {
+        (void)close(ends[0]);
         (void)RunProcess({VFILELIST_PATH, "verify", package.ListPath()});
         rusage usage{};
         (void)getrusage(RUSAGE_CHILDREN, &usage);
         (void)!write(ends[1], &usage.ru_maxrss, sizeof(usage.ru_maxrss));
+        (void)close(ends[1]);
         _exit(0);
     }
     long kibibytes = -1;
