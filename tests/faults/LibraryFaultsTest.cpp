@@ -149,7 +149,7 @@ TEST(LibraryFaultsTest, VRealPath) {
     const auto prepare = [] { Write("file", "x"); };
     Sweep check("VDir::VRealPath of a length",
                 {prepare, [] { return Text(VDir::VRealPath("./file", 4096)); }});
-    check.Expect("realpath", "0");
+    check.Expect("realpath", "0").Errno();
     check.Expect("realpath", "1").ForError(ENOENT);
     check.Run(2);
 
@@ -162,7 +162,7 @@ TEST(LibraryFaultsTest, VRealPath) {
                                                     const calls::WithoutFaults paused;
                                                     return Text(isCanonical) + " " + output;
                                                 }});
-    sweep.Expect("realpath", "0 untouched");
+    sweep.Expect("realpath", "0 untouched").Errno();
     sweep.Expect("realpath", "1 ./file").ForError(ENOENT);
     sweep.Run(2);
 }
