@@ -24,6 +24,7 @@ char faultyCall[32];
 long faultyN;
 bool isOnwards;
 int faultyError;
+long failures;
 
 long Count(const char* call) {
     Counter* counter = counters;
@@ -36,6 +37,7 @@ bool IsFaulty(const char* call) {
     const long count = Count(call);
     if (std::strcmp(call, faultyCall) != 0 || count < faultyN) return false;
     if (count > faultyN && !isOnwards) return false;
+    ++failures;
     errno = faultyError;
     return true;
 }
@@ -138,4 +140,8 @@ std::map<std::string, long> gate::Counts() {
         if (counter.call != nullptr) counts[counter.call] = counter.count;
     }
     return counts;
+}
+
+long gate::Failures() {
+    return failures;
 }

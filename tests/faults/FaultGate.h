@@ -21,6 +21,9 @@ void Close();
 // How often each call was made while the gate was open last.
 std::map<std::string, long> Counts();
 
+// How many calls have failed since the process started.
+long Failures();
+
 }  // namespace gate
 
 #endif
