@@ -26,7 +26,7 @@ valgrind  build,test,valgrind     memcheck has nothing to say about them
 tsan      build,test,tsan         ... also with ThreadSanitizer
 arm64     build,test,arm64        ... also on AArch64, in the emulator
 mutation  build,test,mutation     they notice small faults in the sources (a sample; MUTANTS=all: every one)
-soak      build,test              a hundred times the repetitions: random paths, contested directories, long use
+soak      build,test              a hundred times the repetitions: random paths, contested directories, long use, kills
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
 
@@ -198,9 +198,11 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests
+    build default vfilesys_tests killed_upgrade_tests
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
+    VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
+        --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
 }
 
 # The tests' own heap counter steps aside for memcheck's. What is not ours and only started by tests is not watched,
