@@ -191,9 +191,9 @@ TEST_F(KilledLongUpgradeTest, NothingIsLostWhereverRenameIsKilled) {
 
 TEST_F(KilledLongUpgradeTest, NothingIsLostWhereverCopyIsKilled) {
     SKIP_WITHOUT_TRACING();
-    const Swept swept = SweepSample("-copy", 400);
+    const Swept swept = SweepSample("-copy", 750);
     EXPECT_GE(swept.states, 75u);
-    EXPECT_GE(swept.systemCalls, 360);
+    EXPECT_GE(swept.systemCalls, 675);
 }
 
 TEST_F(KilledLongUpgradeTest, TheNewReleaseStandsWhereverCleanIsKilled) {
