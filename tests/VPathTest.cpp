@@ -769,9 +769,9 @@ void GoDown(const std::string& path, std::size_t from) {
     }
 }
 
-// A sanitizer makes everything many times slower.
+// A sanitizer and an emulator make everything many times slower.
 long Rounds(long count) {
-    return heap::IsCounted() ? count * TestScale() : count / 20;
+    return heap::IsCounted() && !VFS_TEST_EMULATED ? count * TestScale() : count / 20;
 }
 
 void CompareWithModel(const std::string& workingDirectory, unsigned seed, long shortTexts, long longTexts) {
