@@ -308,7 +308,8 @@ def inside(worker, command, writable, seconds, number=0):
     """Runs the command with mutant `number` in a namespace where the worker's tree stands in the tree's place. The
     exit status, None after the time limit, and the output."""
     namespace = ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
-                 "--size", str(2 << 30), "--perms", "1777", "--tmpfs", "/tmp", "--bind" if writable else "--ro-bind", worker, TREE,
+                 "--size", str(2 << 30), "--perms", "1777", "--tmpfs", "/tmp",
+                 "--bind" if writable else "--ro-bind", worker, TREE,
                  "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--new-session",
                  "--chdir", TREE, "--setenv", CHOICE, str(number)]
     try:
