@@ -74,6 +74,7 @@ public:
     Checker(const CheckOptions& options, Output& output)
         : list_(options.iniPath, options.root), output_(output) {}
 
+    const Trouble& trouble() const { return list_.trouble(); }
     std::vector<Finding> Run();
 
 private:
@@ -512,8 +513,11 @@ void ShowKind(const FindingKind& kind, const std::vector<Finding>& findings, Out
 std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
     const std::string trouble = FileList::WhyUnreadable(options.iniPath);
     if (!trouble.empty()) return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, trouble}};
+    Checker checker(options, output);
+    if (checker.trouble())
+        return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, *checker.trouble()}};
 
-    std::vector<Finding> findings = Checker(options, output).Run();
+    std::vector<Finding> findings = checker.Run();
     if (options.isErrorsOnly) {
         findings.erase(std::remove_if(findings.begin(), findings.end(),
                                       [](const Finding& finding) { return !finding.kind->IsError(); }),

@@ -12,6 +12,7 @@
 #include <deque>
 #include <filesystem>
 #include <set>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -68,34 +69,47 @@ std::string FileList::WhyUnreadable(const std::string& iniPath) {
     return S_ISREG(status.st_mode) ? "" : "not a regular file";
 }
 
+// The tool's readers don't tell a value that is missing from one that can't be read. What can't be read is
+// not missing twice in the same way, except where nothing at all can be read.
 FileList::FileList(std::string iniPath, std::string root)
     : iniPath_(std::move(iniPath)),
       root_(WithoutTrailingSlashes(std::move(root))),
-      installType_(ReadInstallType(iniPath_)),
-      installTypeLength_(ValueMeter(iniPath_).LengthOf("Package_Intall_Type", "PackageIntallType")),
-      sourceDirectory_(SourceDirectory(iniPath_)) {
-    ReadLists();
+      sourceDirectory_(SourceDirectory(iniPath_)),
+      contents_(Read(iniPath_)) {
+    if (!(Read(iniPath_) == contents_)) trouble_ = iniPath_ + ": it can't be read twice with the same result";
 }
 
-void FileList::ReadLists() {
+FileList::Contents FileList::Read(const std::string& iniPath) {
+    ValueMeter meter(iniPath);
+    Contents contents{ReadInstallType(iniPath), meter.LengthOf("Package_Intall_Type", "PackageIntallType")};
     DirectoryMap directories;
-    if (GetPathSectionMap(directories, iniPath_) != 0) return;
+    if (GetPathSectionMap(directories, iniPath) != 0) return contents;
 
-    ValueMeter meter(iniPath_);
     for (const auto& [section, directory] : directories) {
-        TargetList list{section, directory, meter.LengthOf(installType_, section), {}};
+        TargetList list{section, directory, meter.LengthOf(contents.installType, section), {}};
         std::set<std::string> keys;
-        (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath_.c_str());  // the set tells
+        (void)VIni::IniGetStringItems(section.c_str(), keys, iniPath.c_str());  // the set tells
         for (const std::string& key : keys) {
             std::vector<std::string> texts;
-            GetKeyItemList(section, key, iniPath_, texts);
+            GetKeyItemList(section, key, iniPath, texts);
             for (std::string& text : texts) {
-                entries_.push_back({lists_.size(), list.keys.size(), std::move(text)});
+                contents.entries.push_back({contents.lists.size(), list.keys.size(), std::move(text)});
             }
             list.keys.push_back({key, meter.LengthOf(section, key)});
         }
-        lists_.push_back(std::move(list));
+        contents.lists.push_back(std::move(list));
     }
+    return contents;
+}
+
+bool FileList::Contents::operator==(const Contents& other) const {
+    return std::tie(installType, installTypeLength, lists, entries) ==
+           std::tie(other.installType, other.installTypeLength, other.lists, other.entries);
+}
+
+bool TargetList::operator==(const TargetList& other) const {
+    return std::tie(section, directory, directoryValueLength, keys) ==
+           std::tie(other.section, other.directory, other.directoryValueLength, other.keys);
 }
 
 std::string FileList::TargetOf(const Entry& entry) const {
@@ -116,13 +130,13 @@ std::string FileList::PlaceOf(const TargetList& list) const {
 
 std::vector<Target> FileList::Targets() const {
     std::vector<std::string> identities;
-    for (const TargetList& list : lists_) identities.push_back(IdentityOfDirectory(PlaceOf(list)) + "/");
+    for (const TargetList& list : lists()) identities.push_back(IdentityOfDirectory(PlaceOf(list)) + "/");
 
     std::vector<Target> targets;
     std::unordered_map<std::string, std::size_t> indexes;
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        if (!HasFileName(entries_[i])) continue;
-        const std::string identity = identities[entries_[i].list] + GetFileName(entries_[i].text);
+    for (std::size_t i = 0; i < entries().size(); ++i) {
+        if (!HasFileName(entries()[i])) continue;
+        const std::string identity = identities[entries()[i].list] + GetFileName(entries()[i].text);
         const auto [found, isNew] = indexes.try_emplace(identity, targets.size());
         if (isNew) targets.emplace_back();
         targets[found->second].entries.push_back(i);
@@ -135,7 +149,7 @@ std::vector<Target> FileList::Targets() const {
 
 std::vector<FileList::SkippedKey> FileList::SkippedKeys() const {
     std::vector<SkippedKey> skipped;
-    for (const TargetList& list : lists_) {
+    for (const TargetList& list : lists()) {
         for (const ListKey& key : list.keys) {
             if (key.valueLength >= kListValueCapacity) skipped.push_back({list.section, key});
         }

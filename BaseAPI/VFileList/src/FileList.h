@@ -7,9 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "Trouble.h"
+
 struct ListKey {
     std::string name;
     std::size_t valueLength;  // as it stands in the file; the tool reads up to 4095 bytes
+
+    bool operator==(const ListKey& other) const {
+        return name == other.name && valueLength == other.valueLength;
+    }
 };
 
 // One list: a section of entries and the directory that they go to.
@@ -18,12 +24,18 @@ struct TargetList {
     std::string directory;             // as the tool uses it: ends in '/'
     std::size_t directoryValueLength;  // as it stands in the file; the tool reads up to 259 bytes
     std::vector<ListKey> keys;
+
+    bool operator==(const TargetList& other) const;
 };
 
 struct Entry {
     std::size_t list;  // index into lists()
     std::size_t key;   // index into the list's keys
     std::string text;  // exactly what stands between two commas
+
+    bool operator==(const Entry& other) const {
+        return list == other.list && key == other.key && text == other.text;
+    }
 };
 
 // One installed file, and every entry that the passes apply to it, in their order.
@@ -40,16 +52,19 @@ public:
     // Reads the list. Target directories are looked up below `root`, if that is not empty.
     explicit FileList(std::string iniPath, std::string root = "");
 
+    // Why what was read can't be relied on; nothing else counts then.
+    const Trouble& trouble() const { return trouble_; }
+
     const std::string& iniPath() const { return iniPath_; }
     const std::string& root() const { return root_; }
-    const std::string& installType() const { return installType_; }
-    std::size_t installTypeLength() const { return installTypeLength_; }
+    const std::string& installType() const { return contents_.installType; }
+    std::size_t installTypeLength() const { return contents_.installTypeLength; }
     const std::string& sourceDirectory() const { return sourceDirectory_; }
     // In the order in which the passes visit them. Without a list, every pass fails.
-    const std::vector<TargetList>& lists() const { return lists_; }
-    const std::vector<Entry>& entries() const { return entries_; }
+    const std::vector<TargetList>& lists() const { return contents_.lists; }
+    const std::vector<Entry>& entries() const { return contents_.entries; }
 
-    const TargetList& ListOf(const Entry& entry) const { return lists_[entry.list]; }
+    const TargetList& ListOf(const Entry& entry) const { return lists()[entry.list]; }
     const std::string& KeyOf(const Entry& entry) const { return ListOf(entry).keys[entry.key].name; }
     std::string SourceOf(const Entry& entry) const { return sourceDirectory_ + entry.text; }
     std::string TargetOf(const Entry& entry) const;
@@ -71,15 +86,21 @@ public:
     std::vector<SkippedKey> SkippedKeys() const;
 
 private:
-    void ReadLists();
+    struct Contents {
+        std::string installType;
+        std::size_t installTypeLength = 0;
+        std::vector<TargetList> lists = {};
+        std::vector<Entry> entries = {};
+
+        bool operator==(const Contents& other) const;
+    };
+    static Contents Read(const std::string& iniPath);
 
     std::string iniPath_;
     std::string root_;
-    std::string installType_;
-    std::size_t installTypeLength_;
     std::string sourceDirectory_;
-    std::vector<TargetList> lists_;
-    std::vector<Entry> entries_;
+    Contents contents_;
+    Trouble trouble_;
 };
 
 // True when some key of the list has a value, if only one that is too long.

@@ -22,28 +22,36 @@ bool IsSameMoment(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
 
-std::string Trouble(const std::string& path, const std::string& cause) {
-    return path + ": " + cause;
-}
-
 // Opens a regular file. Fails, with the cause in `trouble`, for everything else: reading a pipe may never
 // end, and opening a device may set it to work.
 int OpenRegular(const std::string& path, struct stat& status, std::string& trouble) {
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        trouble = Trouble(path, "not a regular file");
+        trouble = path + ": not a regular file";
         return -1;
     }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0 || fstat(fd, &status) != 0) {
-        trouble = Trouble(path, std::strerror(errno));
+        trouble = TroubleWith(path, errno);
     } else if (!S_ISREG(status.st_mode)) {
-        trouble = Trouble(path, "not a regular file");
+        trouble = path + ": not a regular file";
     } else {
         (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);  // only advice
         return fd;
     }
     if (fd >= 0) (void)close(fd);
     return -1;
+}
+
+// Fills the block, unless the file ends before. Nothing, with errno set, when reading fails.
+std::optional<std::size_t> Fill(int fd, std::vector<char>& block) {
+    std::size_t length = 0;
+    while (length < block.size()) {
+        const ssize_t count = read(fd, block.data() + length, block.size() - length);
+        if (count == 0) break;
+        if (count > 0) length += static_cast<std::size_t>(count);
+        if (count < 0 && errno != EINTR) return std::nullopt;
+    }
+    return length;
 }
 
 }  // namespace
@@ -63,7 +71,7 @@ Content ContentComparer::Compare(const std::string& path, const std::string& pac
     if (status.st_size > packageStatus.st_size) return Content::kOther;
     const Content content = CompareOpen(file.get(), package.get());
     if (content == Content::kUnreadable) {
-        trouble = Trouble(unreadable_ == file.get() ? path : packagePath, std::strerror(errno));
+        trouble = TroubleWith(unreadable_ == file.get() ? path : packagePath, errno);
     }
     return content;
 }
@@ -87,18 +95,13 @@ Content ContentComparer::CompareOpen(int fd, int packageFd) {
     }
 }
 
-// Fills the block, unless the file ends before. False when reading fails.
 bool ContentComparer::Fill(int fd, std::vector<char>& block, std::size_t& length) {
-    while (length < block.size()) {
-        const ssize_t count = read(fd, block.data() + length, block.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) {
-            unreadable_ = fd;
-            return false;
-        }
-        if (count == 0) break;
-        length += static_cast<std::size_t>(count);
+    const std::optional<std::size_t> filled = ::Fill(fd, block);
+    if (!filled) {
+        unreadable_ = fd;
+        return false;
     }
+    length = *filled;
     bytesRead_ += length;
     return true;
 }
@@ -112,6 +115,44 @@ Content ContentComparer::CompareRestWithZero(int fd, std::size_t begin, std::siz
         begin = 0;
         length = 0;
         if (!Fill(fd, block_, length)) return Content::kUnreadable;
+    }
+}
+
+int ReadWhole(const std::string& path, std::string& content) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file) return errno;
+    std::vector<char> block(kBlockSize);
+    for (;;) {
+        const ssize_t count = read(file.get(), block.data(), block.size());
+        if (count == 0) return 0;
+        if (count > 0) content.append(block.data(), static_cast<std::size_t>(count));
+        if (count < 0 && errno != EINTR) return errno;
+    }
+}
+
+Trouble Sync(const std::string& path) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file || fsync(file.get()) != 0) return TroubleWith(path, errno);
+    return std::nullopt;
+}
+
+bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath) {
+    std::string trouble;
+    struct stat status {};
+    const Descriptor file(OpenRegular(path, status, trouble));
+    const Descriptor package(OpenRegular(packagePath, status, trouble));
+    if (!file || !package) return false;
+
+    std::vector<char> block(kBlockSize);
+    std::vector<char> packageBlock(kBlockSize);
+    for (;;) {
+        const std::optional<std::size_t> length = Fill(file.get(), block);
+        const std::optional<std::size_t> packageLength = Fill(package.get(), packageBlock);
+        if (!length || !packageLength || *length > *packageLength) return false;
+        for (std::size_t i = 0; i < *length; ++i) {
+            if (block[i] != packageBlock[i] && block[i] != '\0') return false;
+        }
+        if (*length < block.size()) return true;
     }
 }
 

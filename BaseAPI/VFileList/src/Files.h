@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "Trouble.h"
+
 class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
@@ -54,6 +56,16 @@ private:
     unsigned long long bytesRead_ = 0;
     int unreadable_ = -1;  // the descriptor that could not be read
 };
+
+// The whole content of the file. Returns 0 or an errno.
+int ReadWhole(const std::string& path, std::string& content);
+
+// Makes the file, or the names in the directory, last through a power cut.
+Trouble Sync(const std::string& path);
+
+// True when `path` holds nothing but bytes that `packagePath` has in the same places, and zeros: what a copy
+// that was cut off, by a power cut perhaps, can leave. False also where one of them can't be read.
+bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath);
 
 // The two files, by status, are one: the same inode.
 bool IsSameFile(const struct stat& left, const struct stat& right);

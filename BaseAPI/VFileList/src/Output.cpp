@@ -115,12 +115,20 @@ void Output::EndJson() {
 }
 
 void Output::Progress(const char* work, std::size_t done, std::size_t total) {
-    const auto now = std::chrono::steady_clock::now();
-    if (!showsProgress_ || now - lastProgress_ < kProgressPeriod) return;
-    lastProgress_ = now;
-    isProgressShown_ = true;
-    (void)std::fflush(stdout);
-    (void)std::fprintf(stderr, "\r\033[K%s: %zu of %zu files", work, done, total);
+    if (!IsProgressDue()) return;
+    ShowProgress(std::string(work) + ": " + std::to_string(done) + " of " + std::to_string(total) + " files");
+}
+
+void Output::ProgressOfBytes(const char* work, unsigned long long done, unsigned long long total) {
+    if (!bytesBegun_) bytesBegun_ = std::chrono::steady_clock::now();
+    if (!IsProgressDue()) return;
+    std::string text = std::string(work) + ": " + ShownSize(done) + " of " + ShownSize(total);
+    if (done > 0 && done < total) {
+        const std::chrono::duration<double> spent = lastProgress_ - *bytesBegun_;
+        const double left = spent.count() * static_cast<double>(total - done) / static_cast<double>(done);
+        text += ", " + std::to_string(static_cast<long>(left) + 1) + " s left";
+    }
+    ShowProgress(text);
 }
 
 bool Output::Finish() {
@@ -131,6 +139,19 @@ bool Output::Finish() {
 void Output::Write(const std::string& text) {
     ClearProgress();
     (void)std::fwrite(text.data(), 1, text.size(), stdout);  // Finish tells
+}
+
+bool Output::IsProgressDue() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!showsProgress_ || now - lastProgress_ < kProgressPeriod) return false;
+    lastProgress_ = now;
+    return true;
+}
+
+void Output::ShowProgress(const std::string& text) {
+    isProgressShown_ = true;
+    (void)std::fflush(stdout);
+    (void)std::fprintf(stderr, "\r\033[K%s", text.c_str());
 }
 
 void Output::ClearProgress() {

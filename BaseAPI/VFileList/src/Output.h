@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 using Json = nlohmann::ordered_json;
@@ -15,6 +16,7 @@ enum class Style { kPlain, kBold, kDim, kGood, kWarning, kError };
 constexpr int kFine = 0;
 constexpr int kFindings = 1;  // or not the state that was asked for
 constexpr int kWrongUse = 2;  // or a file list that can't be read
+constexpr int kLook = 3;      // nothing is lost, but a person should look at what is named
 
 class Output {
 public:
@@ -39,12 +41,16 @@ public:
 
     // The progress line, on a terminal only: `done` of `total` files. It shows up when the work takes long.
     void Progress(const char* work, std::size_t done, std::size_t total);
+    // The same in bytes, with the time left.
+    void ProgressOfBytes(const char* work, unsigned long long done, unsigned long long total);
 
     // False when something could not be written.
     bool Finish();
 
 private:
     void Write(const std::string& text);
+    bool IsProgressDue();
+    void ShowProgress(const std::string& text);
     void ClearProgress();
 
     const bool isJson_;
@@ -53,6 +59,7 @@ private:
     std::string separator_ = "{\n";
     bool isProgressShown_ = false;
     std::chrono::steady_clock::time_point lastProgress_;
+    std::optional<std::chrono::steady_clock::time_point> bytesBegun_;
 };
 
 // `text` with control characters escaped: a name must not steer a terminal nor forge a line.

@@ -11,17 +11,20 @@
 #include "Output.h"
 #include "Plan.h"
 #include "Rollback.h"
+#include "Transaction.h"
 #include "Verify.h"
 
 namespace {
 
 const char kDescription[] =
-    "vfilelist looks at the file list of an upgrade package: what is wrong with it, what the\n"
-    "passes of VCopyFileListIni will do, how far they have come; and it takes an upgrade back.";
+    "vfilelist upgrades a server with an upgrade package, whole or not at all, and looks at the\n"
+    "package's file list: what is wrong with it, what the passes of VCopyFileListIni will do,\n"
+    "and how far they have come.";
 
 const char kFooter[] =
-    "Exit status: 0 fine; 1 something was found, or the state is not the one asked for;\n"
-    "2 wrong use, or a file list that can't be read.\n";
+    "Exit status: 0 fine; 1 something was found, refused or taken back, or the state is not the\n"
+    "one asked for; 2 wrong use, or a file list that can't be read; 3 nothing is lost, but a\n"
+    "person should look at what is named.\n";
 
 struct Arguments {
     std::string iniPath;
@@ -29,39 +32,55 @@ struct Arguments {
     CheckOptions check;
     VerifyOptions verify;
     RollbackOptions rollback;
+    TransactionOptions transaction;
 };
 
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Arguments& arguments) {
     CLI::App* const command = app.add_subcommand(name, description);
-    command->add_option("FILELIST", arguments.iniPath, "The file list; the package's Common lies beside it")
-        ->required();
     command->add_flag("--json", arguments.isJson, "Write JSON (docs/vfilelist.md has the schema)");
     return command;
 }
 
-void AddCommands(CLI::App& app, Arguments& arguments) {
-    CLI::App* const check = AddCommand(
-        app, "check", "Say what is wrong with a file list, its package and its targets", arguments);
-    check->add_option("--root", arguments.check.root, "Look for the targets below DIR instead of /")
-        ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
-    check->add_flag("--errors-only", arguments.check.isErrorsOnly, "Leave warnings out");
+CLI::Option* AddFileList(CLI::App& command, Arguments& arguments) {
+    return command.add_option("FILELIST", arguments.iniPath,
+                              "The file list; the package's Common lies beside it");
+}
 
-    AddCommand(app, "plan", "Say what each pass will do, file by file, in its order", arguments);
+CLI::App* AddListCommand(CLI::App& app, const char* name, const char* description, Arguments& arguments) {
+    CLI::App* const command = AddCommand(app, name, description, arguments);
+    AddFileList(*command, arguments)->required();
+    return command;
+}
 
-    CLI::App* const verify =
-        AddCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
-    verify
-        ->add_option(
-            "--expect", arguments.verify.expected,
-            "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
-        ->type_name("STATE")
-        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
-    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
-                     "New files may have other modes and owners than their backups");
+void AddState(CLI::App& command, Arguments& arguments) {
+    command
+        .add_option("--state", arguments.transaction.stateDirectory,
+                    "Keep what belongs to the open upgrade in DIR")
+        ->capture_default_str()
+        ->type_name("DIR");
+}
 
-    CLI::App* const rollback =
-        AddCommand(app, "rollback", "Put every backup NAME.bak back over NAME", arguments);
+void AddTransactionCommands(CLI::App& app, Arguments& arguments) {
+    AddState(
+        *AddListCommand(app, "upgrade", "Install the new files; when anything fails, bring the old ones back",
+                        arguments),
+        arguments);
+    AddState(*AddCommand(app, "commit", "Keep the new files: remove the backups, and close the upgrade",
+                         arguments),
+             arguments);
+    AddState(*AddCommand(app, "resume", "After a crash or a power cut: finish what was cut off", arguments),
+             arguments);
+    AddState(*AddCommand(app, "status", "Say which upgrade is open, and what to do next", arguments),
+             arguments);
+}
+
+void AddRollback(CLI::App& app, Arguments& arguments) {
+    CLI::App* const rollback = AddCommand(
+        app, "rollback",
+        "Bring the old files back, and close the upgrade; or put every backup NAME.bak of FILELIST back",
+        arguments);
+    AddFileList(*rollback, arguments);
+    AddState(*rollback, arguments);
     rollback->add_flag("--dry-run", arguments.rollback.isDryRun, "Change nothing, say what would be done");
     CLI::Option* const onlyModes = rollback->add_flag(
         "--only-modes", arguments.rollback.isOnlyModes,
@@ -74,6 +93,30 @@ void AddCommands(CLI::App& app, Arguments& arguments) {
         ->add_flag("--force", arguments.rollback.isForced,
                    "Put backups back over files that are not the package's, too")
         ->excludes(onlyModes);
+}
+
+void AddCommands(CLI::App& app, Arguments& arguments) {
+    AddTransactionCommands(app, arguments);
+    AddRollback(app, arguments);
+    CLI::App* const check = AddListCommand(
+        app, "check", "Say what is wrong with a file list, its package and its targets", arguments);
+    check->add_option("--root", arguments.check.root, "Look for the targets below DIR instead of /")
+        ->type_name("DIR")
+        ->check(CLI::ExistingDirectory);
+    check->add_flag("--errors-only", arguments.check.isErrorsOnly, "Leave warnings out");
+
+    AddListCommand(app, "plan", "Say what each pass will do, file by file, in its order", arguments);
+
+    CLI::App* const verify =
+        AddListCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
+    verify
+        ->add_option(
+            "--expect", arguments.verify.expected,
+            "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
+        ->type_name("STATE")
+        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
+    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
+                     "New files may have other modes and owners than their backups");
 }
 
 int Refuse(const Arguments& arguments, const std::string& command, const std::string& trouble,
@@ -90,6 +133,7 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
     const std::string trouble = FileList::WhyUnreadable(arguments.iniPath);
     if (!trouble.empty()) return Refuse(arguments, command, trouble, output);
     const FileList list(arguments.iniPath);
+    if (list.trouble()) return Refuse(arguments, command, *list.trouble(), output);
     if (list.lists().empty()) {
         return Refuse(arguments, command, "no install type with a directory list; vfilelist check says more",
                       output);
@@ -101,11 +145,33 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
     return Rollback(list, arguments.rollback, output);
 }
 
+// With an open upgrade that one is taken back; otherwise the backups of the list are put back.
+int RunRollback(const Arguments& arguments, Output& output) {
+    bool isOpen = false;
+    if (!arguments.rollback.isDryRun && !arguments.rollback.isOnlyModes) {
+        const int status = RollbackTransaction(arguments.transaction, output, isOpen);
+        if (isOpen) return status;
+    }
+    if (!arguments.iniPath.empty()) return RunOnList(arguments, "rollback", output);
+    return Refuse(arguments, "rollback", "no upgrade is open; name a file list to put its backups back",
+                  output);
+}
+
+int RunCommand(const Arguments& arguments, const std::string& command, Output& output) {
+    if (command == "check") return Check(arguments.check, output);
+    if (command == "upgrade") return Upgrade(arguments.transaction, output);
+    if (command == "commit") return Commit(arguments.transaction, output);
+    if (command == "resume") return Resume(arguments.transaction, output);
+    if (command == "status") return ShowStatus(arguments.transaction, output);
+    if (command == "rollback") return RunRollback(arguments, output);
+    return RunOnList(arguments, command, output);
+}
+
 int Run(Arguments& arguments, const std::string& command) {
     Output output(arguments.isJson);
     arguments.check.iniPath = arguments.iniPath;
-    const int status =
-        command == "check" ? Check(arguments.check, output) : RunOnList(arguments, command, output);
+    arguments.transaction.iniPath = arguments.iniPath;
+    const int status = RunCommand(arguments, command, output);
     output.EndJson();
     if (output.Finish()) return status;
     (void)std::fprintf(stderr, "vfilelist: can't write the report\n");

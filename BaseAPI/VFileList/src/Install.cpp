@@ -1,0 +1,92 @@
+// Works on the recorded targets one by one.
+#include "Install.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "Files.h"
+#include "VCopyFileListIni.h"
+
+namespace {
+
+Stamp StampOf(const struct stat& status) {
+    return {status.st_ino, status.st_size, status.st_ctim};
+}
+
+bool IsSame(const Stamp& left, const Stamp& right) {
+    return left.inode == right.inode && left.size == right.size &&
+           left.changed.tv_sec == right.changed.tv_sec && left.changed.tv_nsec == right.changed.tv_nsec;
+}
+
+}  // namespace
+
+bool IsRenamed(const Journal& journal, std::vector<Remark>& remarks) {
+    const std::size_t before = remarks.size();
+    for (const JournalTarget& target : journal.targets) {
+        const TargetNow now = LookAt(target, Phase::kRenaming);
+        const bool isBackedUp = now.backup == (target.old ? Found::kOld : Found::kNothing);
+        if (now.name == Found::kNothing && isBackedUp && !now.isOldChanged) continue;
+        remarks.push_back({target.path, "another process changed it, or NAME.bak, during -rename", true});
+    }
+    return remarks.size() == before;
+}
+
+Trouble Install(const JournalTarget& target, Stamp& stamp) {
+    const Descriptor file(open(target.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file) return TroubleWith(target.path, errno);
+    const std::optional<Digest> digest = DigestOfFile(file.get());
+    if (!digest) return TroubleWith(target.path, errno);
+    if (*digest != target.package.digest)
+        return target.path + ": it does not hold what the package's file held";
+
+    Attributes attributes;
+    if (target.old) {
+        attributes = target.old->attributes;
+    } else {
+        if (const Trouble trouble = ReadAttributes(file.get(), attributes))
+            return target.path + ": " + *trouble;
+        attributes.mode = target.package.mode;
+    }
+    if (const Trouble trouble = WriteAttributes(file.get(), attributes)) return target.path + ": " + *trouble;
+    struct stat status {};
+    if (fsync(file.get()) != 0 || fstat(file.get(), &status) != 0) return TroubleWith(target.path, errno);
+    stamp = StampOf(status);
+    return std::nullopt;
+}
+
+bool IsInstalled(const Journal& journal, const std::vector<Stamp>& stamps, std::vector<Remark>& remarks) {
+    const std::size_t before = remarks.size();
+    for (std::size_t i = 0; i < stamps.size(); ++i) {
+        const std::string& path = journal.targets[i].path;
+        struct stat status {};
+        if (lstat(path.c_str(), &status) == 0 && IsSame(StampOf(status), stamps[i])) continue;
+        remarks.push_back({path, "another process changed it after -copy", true});
+    }
+    return AreBackupsOurs(journal, remarks) && remarks.size() == before;
+}
+
+bool AreBackupsOurs(const Journal& journal, std::vector<Remark>& remarks) {
+    const std::size_t before = remarks.size();
+    for (const JournalTarget& target : journal.targets) {
+        const TargetNow now = LookAt(target, Phase::kRenaming);
+        if (now.backup == Found::kNothing || (now.backup == Found::kOld && !now.isOldChanged)) continue;
+        remarks.push_back({target.path, "NAME.bak is not, or no longer, what the upgrade left there", true});
+    }
+    return remarks.size() == before;
+}
+
+// -clean passes over links that point nowhere.
+bool RemoveBackups(const Journal& journal, std::vector<Remark>& remarks) {
+    const std::size_t before = remarks.size();
+    for (const JournalTarget& target : journal.targets) {
+        const TargetNow now = LookAt(target, Phase::kRenaming);
+        const std::string backup = target.path + kBackupSuffix;
+        if (now.backup != Found::kOld || unlink(backup.c_str()) == 0) continue;
+        remarks.push_back({backup, TroubleWith("can't be removed", errno), true});
+    }
+    return remarks.size() == before;
+}

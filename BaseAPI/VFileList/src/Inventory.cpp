@@ -1,0 +1,89 @@
+// Fills the journal with what is there.
+#include "Inventory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <set>
+
+#include "Files.h"
+#include "VCopyFileListIni.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+
+Trouble LookAtOld(const std::string& path, std::optional<OldFile>& old) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) return std::nullopt;
+        return TroubleWith(path, errno);
+    }
+    // What a link leads to has the mode and the owner that its successor shall have.
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat followed {};
+    if (!file || fstat(file.get(), &followed) != 0) return TroubleWith(path, errno);
+    if (!S_ISREG(followed.st_mode)) return path + ": not a regular file";
+
+    old = OldFile{S_ISLNK(status.st_mode), status.st_ino, status.st_size, status.st_mtim, {}};
+    if (const Trouble trouble = ReadAttributes(file.get(), old->attributes)) return path + ": " + *trouble;
+    return std::nullopt;
+}
+
+Trouble ExpectFree(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0)
+        return path + ": it is there already, from an earlier upgrade perhaps";
+    if (errno == ENOENT) return std::nullopt;
+    return TroubleWith(path, errno);
+}
+
+Trouble LookAtNew(const std::string& source, NewFile& package) {
+    const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) return TroubleWith(source, errno);
+    if (!S_ISREG(status.st_mode)) return source + ": not a regular file";
+    const std::optional<Digest> digest = DigestOfFile(file.get());
+    if (!digest) return TroubleWith(source, errno);
+    package = {source, status.st_size, status.st_mode & kPermissions, *digest};
+    return std::nullopt;
+}
+
+// The directories that are missing, parents first.
+std::vector<std::string> MissingDirectories(const FileList& list) {
+    std::set<std::string> missing;  // in this order parents come first
+    for (const TargetList& target : list.lists()) {
+        fs::path path = fs::path(target.directory).lexically_normal().parent_path();
+        std::error_code error;
+        while (!fs::exists(path, error) && missing.insert(path).second) path = path.parent_path();
+    }
+    return {missing.begin(), missing.end()};
+}
+
+}  // namespace
+
+Trouble TakeInventory(const FileList& list, Output& output, Journal& journal) {
+    journal.fileList = list.iniPath();
+    journal.installType = list.installType();
+    journal.begun = std::time(nullptr);
+    journal.newDirectories = MissingDirectories(list);
+
+    const std::vector<Target> targets = list.Targets();
+    journal.targets.reserve(targets.size());
+    for (const Target& target : targets) {
+        output.Progress("record", journal.targets.size(), targets.size());
+        const Entry& entry = list.entries()[target.entries.back()];
+        JournalTarget found{list.TargetOf(entry), {}, std::nullopt};
+        if (Trouble trouble = LookAtOld(found.path, found.old)) return trouble;
+        if (Trouble trouble = ExpectFree(found.path + kBackupSuffix)) return trouble;
+        if (Trouble trouble = LookAtNew(list.SourceOf(entry), found.package)) return trouble;
+        journal.targets.push_back(std::move(found));
+    }
+    return std::nullopt;
+}

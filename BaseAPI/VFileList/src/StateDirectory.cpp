@@ -1,0 +1,183 @@
+// Keeps the journal and the state in files of their own: the journal, which may be long, is written once, the
+// state, which names its journal by the digest, at each step.
+#include "StateDirectory.h"
+
+#include <fcntl.h>
+#include <link.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+#include "VDir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kLockFile[] = "lock";
+constexpr char kJournalFile[] = "journal";
+constexpr char kStateFile[] = "state";
+constexpr char kRescueDirectory[] = "rescue";
+constexpr char kProgram[] = "vfilelist";
+
+constexpr std::array<Phase, 6> kPhases = {Phase::kNone,      Phase::kRenaming, Phase::kCopying,
+                                          Phase::kInstalled, Phase::kUndoing,  Phase::kCleaning};
+
+std::string Print(const State& state, const Digest& journal) {
+    return std::string("vfilelist-state 1 ") + NameOf(state.phase) + " " + NameOf(state.undone) + " " +
+           HexOf(journal) + "\n";
+}
+
+std::optional<State> StateFrom(const std::string& text, const Digest& journal) {
+    for (const Phase phase : kPhases) {
+        for (const Phase undone : kPhases) {
+            if (text == Print({phase, undone}, journal)) return State{phase, undone};
+        }
+    }
+    return std::nullopt;
+}
+
+Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(fd, text.data() + done, text.size() - done);
+        if (count < 0 && errno != EINTR) return TroubleWith(path, errno);
+        if (count > 0) done += static_cast<std::size_t>(count);
+    }
+    return std::nullopt;
+}
+
+Trouble CopyDurably(const fs::path& from, const fs::path& to) {
+    std::error_code error;
+    fs::copy_file(from, to, error);
+    if (error) return to.string() + ": " + error.message();
+    return Sync(to);
+}
+
+// The files that this process has loaded besides its program.
+std::set<std::string> LoadedLibraries() {
+    std::set<std::string> paths;
+    const auto add = [](dl_phdr_info* object, std::size_t /*size*/, void* found) {
+        if (object->dlpi_name[0] == '/')
+            static_cast<std::set<std::string>*>(found)->insert(object->dlpi_name);
+        return 0;
+    };
+    (void)dl_iterate_phdr(add, &paths);
+    return paths;
+}
+
+}  // namespace
+
+const char* NameOf(Phase phase) {
+    switch (phase) {
+        case Phase::kRenaming:
+            return "renaming";
+        case Phase::kCopying:
+            return "copying";
+        case Phase::kInstalled:
+            return "installed";
+        case Phase::kUndoing:
+            return "undoing";
+        case Phase::kCleaning:
+            return "cleaning";
+        case Phase::kNone:
+            break;
+    }
+    return "none";
+}
+
+Trouble StateDirectory::Enter() {
+    if (VDir::VMkDir(path_.c_str(), 0700) != 0) return TroubleWith(path_, errno);
+
+    const std::string path = FileName(kLockFile);
+    lock_.emplace(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!*lock_) return TroubleWith(path, errno);
+    if (flock(lock_->get(), LOCK_EX | LOCK_NB) == 0) return std::nullopt;
+    if (errno != EWOULDBLOCK) return TroubleWith(path, errno);
+    return path_ + ": another vfilelist is at work";
+}
+
+bool StateDirectory::IsOccupied() const {
+    const Descriptor lock(open(FileName(kLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    return lock && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+Trouble StateDirectory::Read(State& state, Journal& journal) {
+    state = {};
+    std::string stateText;
+    const int error = ReadWhole(FileName(kStateFile), stateText);
+    if (error == ENOENT) return std::nullopt;
+    if (error != 0) return TroubleWith(FileName(kStateFile), error);
+    std::string text;
+    const int journalError = ReadWhole(FileName(kJournalFile), text);
+    if (journalError != 0) return TroubleWith(FileName(kJournalFile), journalError);
+
+    journalDigest_ = DigestOf(text);
+    const std::optional<State> found = StateFrom(stateText, journalDigest_);
+    if (!found) return FileName(kStateFile) + ": changed, of another version, or not of this journal";
+    if (const Trouble trouble = Parse(text, journal)) return FileName(kJournalFile) + ": " + *trouble;
+    state = *found;
+    return std::nullopt;
+}
+
+Trouble StateDirectory::Begin(const Journal& journal) {
+    const std::string text = Print(journal);
+    if (Trouble trouble = WriteDurably(kJournalFile, text)) return trouble;
+    journalDigest_ = DigestOf(text);
+    return Write({Phase::kRenaming, Phase::kNone});
+}
+
+Trouble StateDirectory::Write(const State& state) {
+    return WriteDurably(kStateFile, Print(state, journalDigest_));
+}
+
+// The state goes first: a journal without one is not open.
+Trouble StateDirectory::Close() {
+    const std::string path = FileName(kStateFile);
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) return TroubleWith(path, errno);
+    if (Trouble trouble = Sync(path_)) return trouble;
+    std::error_code ignored;  // what is left is overwritten by the next upgrade
+    fs::remove(FileName(kJournalFile), ignored);
+    fs::remove_all(FileName(kRescueDirectory), ignored);
+    return std::nullopt;
+}
+
+Trouble StateDirectory::KeepRescue(const Journal& journal) {
+    const fs::path rescue = FileName(kRescueDirectory);
+    std::error_code error;
+    fs::remove_all(rescue, error);
+    if (!error) fs::create_directory(rescue, error);
+    if (error) return rescue.string() + ": " + error.message();
+
+    std::set<ino_t> moved;
+    for (const JournalTarget& target : journal.targets) {
+        if (target.old) moved.insert(target.old->inode);
+    }
+    if (Trouble trouble = CopyDurably("/proc/self/exe", rescue / kProgram)) return trouble;
+    for (const fs::path library : LoadedLibraries()) {
+        struct stat status {};
+        if (stat(library.c_str(), &status) != 0 || moved.count(status.st_ino) == 0) continue;
+        if (Trouble trouble = CopyDurably(library, rescue / library.filename())) return trouble;
+    }
+    return Sync(rescue);
+}
+
+Trouble StateDirectory::WriteDurably(const char* name, const std::string& text) const {
+    const std::string path = FileName(name);
+    const std::string unfinished = path + ".new";
+    {
+        const Descriptor file(
+            open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!file) return TroubleWith(unfinished, errno);
+        if (Trouble trouble = WriteAll(file.get(), unfinished, text)) return trouble;
+        if (fsync(file.get()) != 0) return TroubleWith(unfinished, errno);
+    }
+    if (rename(unfinished.c_str(), path.c_str()) != 0) return TroubleWith(path, errno);
+    return Sync(path_);
+}

@@ -1,0 +1,355 @@
+// The commands of the transaction. A state is on the disk before what it names begins.
+#include "Transaction.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "Check.h"
+#include "FileList.h"
+#include "Files.h"
+#include "Install.h"
+#include "Inventory.h"
+#include "Journal.h"
+#include "Pass.h"
+#include "Signals.h"
+#include "Space.h"
+#include "StateDirectory.h"
+#include "TransactionReport.h"
+#include "Undo.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What the steps of a command share.
+struct Run {
+    Run(const char* command, const TransactionOptions& options, Output& out)
+        : directory(options.stateDirectory), output(out), report{command, options.stateDirectory} {}
+
+    StateDirectory directory;
+    Output& output;
+    TransactionReport report;
+    Journal journal;
+    State state;
+    Signals signals;
+};
+
+int End(Run& run, int status, const std::string& message) {
+    run.report.status = status;
+    run.report.message = message;
+    run.report.phase = run.state.phase;
+    return Show(run.report, run.journal, run.output);
+}
+
+int Refuse(Run& run, int status, const std::string& error) {
+    run.report.error = error;
+    return End(run, status, "Nothing was changed.");
+}
+
+bool HasSeriousRemarks(const Run& run) {
+    for (const Remark& remark : run.report.remarks) {
+        if (remark.isSerious) return true;
+    }
+    return false;
+}
+
+Trouble EnterAndRead(Run& run) {
+    if (Trouble trouble = run.directory.Enter()) return trouble;
+    return run.directory.Read(run.state, run.journal);
+}
+
+// The list that the passes read has to be the one that was recorded.
+Trouble ExpectSameList(const Journal& journal) {
+    std::string text;
+    const int error = ReadWhole(journal.fileList, text);
+    if (error != 0) return TroubleWith(journal.fileList, error);
+    if (DigestOf(text) != journal.fileListDigest)
+        return journal.fileList + ": it was changed during the upgrade";
+    return std::nullopt;
+}
+
+Trouble ExpectSpace(const Journal& journal) {
+    SpaceNeed need;
+    for (const JournalTarget& target : journal.targets) {
+        need.AddFile(fs::path(target.path).parent_path(), target.package.size);
+    }
+    for (const Shortage& shortage : need.Shortages()) return shortage.directory + ": " + shortage.detail;
+    return std::nullopt;
+}
+
+// Errors, and what would be no error in passes by hand: a backup that is in the way, and a lack of space.
+bool IsAccepted(Run& run, const std::string& iniPath) {
+    CheckOptions options;
+    options.iniPath = iniPath;
+    for (const Finding& finding : FindTrouble(options, run.output)) {
+        const std::string code = finding.kind->code;
+        if (!finding.kind->IsError() && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
+        const std::string detail = finding.detail.empty() ? "" : " (" + finding.detail + ")";
+        run.report.remarks.push_back(
+            {finding.path.empty() ? finding.section + " " + finding.key : finding.path,
+             code + ": " + finding.kind->title + detail, true});
+    }
+    return run.report.remarks.empty();
+}
+
+// Fills the journal. What can't be recorded can't be taken back, and is not begun.
+Trouble Record(Run& run, const FileList& list) {
+    std::string text;
+    const int error = ReadWhole(list.iniPath(), text);
+    if (error != 0) return TroubleWith(list.iniPath(), error);
+    run.journal.fileListDigest = DigestOf(text);
+    if (Trouble trouble = TakeInventory(list, run.output, run.journal)) return trouble;
+    if (Trouble trouble = ExpectSpace(run.journal)) return trouble;
+    if (Trouble trouble = run.directory.KeepRescue(run.journal)) return trouble;
+    Trouble trouble = run.directory.Begin(run.journal);
+    if (trouble) (void)run.directory.Close();  // it may be half begun
+    return trouble;
+}
+
+Trouble EndWanted(Run& run) {
+    if (run.signals.IsEndWanted()) return "ended by a signal";
+    return std::nullopt;
+}
+
+Trouble Enter(Run& run, const State& state) {
+    if (Trouble trouble = run.directory.Write(state)) return trouble;
+    run.state = state;
+    return std::nullopt;
+}
+
+// How many bytes of the copies are there, as far as can be seen while -copy runs.
+class CopyWatch {
+public:
+    CopyWatch(const Journal& journal, Output& output) : journal_(journal), output_(output) {
+        for (const JournalTarget& target : journal.targets) total_ += target.package.size;
+    }
+
+    void Look() {
+        off_t unfinished = 0;
+        for (; next_ < journal_.targets.size(); ++next_) {
+            const JournalTarget& target = journal_.targets[next_];
+            struct stat status {};
+            if (stat(target.path.c_str(), &status) != 0) break;
+            unfinished = status.st_size;
+            if (unfinished < target.package.size) break;
+            done_ += target.package.size;
+            unfinished = 0;
+        }
+        output_.ProgressOfBytes("-copy", static_cast<unsigned long long>(done_ + unfinished),
+                                static_cast<unsigned long long>(total_));
+    }
+
+private:
+    const Journal& journal_;
+    Output& output_;
+    std::size_t next_ = 0;
+    off_t done_ = 0;
+    off_t total_ = 0;
+};
+
+Trouble Rename(Run& run) {
+    if (Trouble trouble = RunPass("-rename", run.journal.fileList, run.signals, [] {})) return trouble;
+    if (Trouble trouble = ExpectSameList(run.journal)) return trouble;
+    if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
+    if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
+    return ExpectSpace(run.journal);
+}
+
+Trouble Copy(Run& run) {
+    CopyWatch watch(run.journal, run.output);
+    if (Trouble trouble = RunPass("-copy", run.journal.fileList, run.signals, [&watch] { watch.Look(); })) {
+        return trouble;
+    }
+    return ExpectSameList(run.journal);
+}
+
+Trouble InstallAll(Run& run) {
+    std::vector<Stamp> stamps(run.journal.targets.size());
+    for (std::size_t i = 0; i < stamps.size(); ++i) {
+        run.output.Progress("install", i, stamps.size());
+        if (Trouble trouble = EndWanted(run)) return trouble;
+        if (Trouble trouble = Install(run.journal.targets[i], stamps[i])) return trouble;
+    }
+    if (!SyncDirectories(run.journal, run.report.remarks)) return "the new files are not on the disk";
+    if (!IsInstalled(run.journal, stamps, run.report.remarks)) return "another process has changed files";
+    return std::nullopt;
+}
+
+void ShowStep(Run& run, const char* step) {
+    run.output.Line(run.output.Paint(Style::kDim, std::string("  ") + step));
+}
+
+Trouble RunSteps(Run& run) {
+    if (Trouble trouble = Rename(run)) return trouble;
+    ShowStep(run, "the installed files are renamed to NAME.bak");
+    if (Trouble trouble = Enter(run, {Phase::kCopying})) return trouble;
+    if (Trouble trouble = Copy(run)) return trouble;
+    ShowStep(run, "the new files are copied");
+    if (Trouble trouble = InstallAll(run)) return trouble;
+    ShowStep(run, "they have their modes, owners and attributes, are verified and on the disk");
+    if (Trouble trouble = EndWanted(run)) return trouble;
+    return Enter(run, {Phase::kInstalled});
+}
+
+// What runs out of memory in the middle is taken back like any other failure.
+Trouble RunStepsSafely(Run& run) {
+    try {
+        return RunSteps(run);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+// True when the disk says that the way back has begun, or anything else from which only the way back leads
+// on.
+bool CanGoBack(Run& run, Phase undone) {
+    const Trouble trouble = Enter(run, {Phase::kUndoing, undone});
+    if (!trouble) return true;
+    run.report.remarks.push_back({run.directory.path(), *trouble, true});
+    State written;
+    Journal ignored;
+    if (run.directory.Read(written, ignored)) return false;
+    return written.phase == Phase::kRenaming || written.phase == Phase::kCopying ||
+           written.phase == Phase::kUndoing;
+}
+
+int GoBack(Run& run, int statusWhenDone) {
+    const Phase undone = run.state.phase == Phase::kUndoing ? run.state.undone : run.state.phase;
+    if (!CanGoBack(run, undone))
+        return End(run, kLook, "The state can't be written: nothing was taken back yet.");
+    bool isDone = Undo(run.journal, undone, run.report.remarks);
+    if (isDone) {
+        if (const Trouble trouble = run.directory.Close()) {
+            run.report.remarks.push_back({run.directory.path(), *trouble, true});
+            isDone = false;
+        }
+    }
+    if (!isDone) return End(run, kLook, "The old files are not all back. Remove the cause, and resume.");
+    run.state = {};
+    if (HasSeriousRemarks(run)) {
+        return End(run, kLook,
+                   "The old files are back, but for those named above. Nothing is open any more.");
+    }
+    return End(run, statusWhenDone, "The old files are back.");
+}
+
+// Removes the backups; to be repeated until it succeeds.
+int Clean(Run& run) {
+    Trouble trouble = ExpectSameList(run.journal);
+    if (!trouble) trouble = RunPass("-clean", run.journal.fileList, run.signals, [] {});
+    // The pass may have been cut off, and needs the file list: what it leaves goes all the same.
+    const bool isClean = RemoveBackups(run.journal, run.report.remarks);
+    if (trouble) run.report.remarks.push_back({run.journal.fileList, *trouble, false});
+    if (!isClean || !SyncDirectories(run.journal, run.report.remarks)) {
+        return End(run, kLook, "The new files are in place, but some backups are not removed. Commit again.");
+    }
+    if (const Trouble closing = run.directory.Close()) {
+        run.report.remarks.push_back({run.directory.path(), *closing, true});
+        return End(run, kLook, "The backups are removed, but the upgrade can't be closed. Commit again.");
+    }
+    run.state = {};
+    return End(run, kFine, "The new files are in place, and the backups are removed.");
+}
+
+// Refuses what can't be done on the open upgrade, if any.
+std::optional<int> RefuseOtherList(Run& run, const std::string& iniPath) {
+    if (iniPath.empty() || CanonicalPath(iniPath).value_or(iniPath) == run.journal.fileList)
+        return std::nullopt;
+    return Refuse(run, kFindings, "the open upgrade is that of " + run.journal.fileList);
+}
+
+int UpgradeList(Run& run, const std::string& iniPath) {
+    const FileList list(iniPath);
+    if (const Trouble trouble = list.trouble()) return Refuse(run, kWrongUse, *trouble);
+    if (list.lists().empty()) {
+        return Refuse(run, kWrongUse, "no install type with a directory list; vfilelist check says more");
+    }
+    if (!IsAccepted(run, iniPath))
+        return Refuse(run, kFindings, "vfilelist check says what to do about these");
+    if (const Trouble trouble = Record(run, list)) return Refuse(run, kFindings, *trouble);
+    run.state.phase = Phase::kRenaming;
+
+    if (const Trouble trouble = RunStepsSafely(run)) {
+        run.report.error = *trouble;
+        return GoBack(run, kFindings);
+    }
+    return End(run, kFine, "The new files are in place. The old ones are kept as NAME.bak until you decide.");
+}
+
+}  // namespace
+
+int Upgrade(const TransactionOptions& options, Output& output) {
+    Run run("upgrade", options, output);
+    const std::string whyUnreadable = FileList::WhyUnreadable(options.iniPath);
+    if (!whyUnreadable.empty()) return Refuse(run, kWrongUse, options.iniPath + ": " + whyUnreadable);
+    const std::optional<std::string> iniPath = CanonicalPath(options.iniPath);
+    if (!iniPath) return Refuse(run, kWrongUse, TroubleWith(options.iniPath, errno));
+
+    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
+    if (run.state.phase != Phase::kNone) return Refuse(run, kFindings, "an upgrade is open already");
+    return UpgradeList(run, *iniPath);
+}
+
+int Commit(const TransactionOptions& options, Output& output) {
+    Run run("commit", options, output);
+    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kLook, *trouble);
+    if (const std::optional<int> status = RefuseOtherList(run, options.iniPath)) return *status;
+    if (run.state.phase == Phase::kCleaning) return Clean(run);
+    if (run.state.phase != Phase::kInstalled) {
+        return Refuse(run, kFindings,
+                      run.state.phase == Phase::kNone ? "no upgrade is open" : "the upgrade is not complete");
+    }
+    if (const Trouble trouble = ExpectSameList(run.journal)) return Refuse(run, kFindings, *trouble);
+    if (!AreBackupsOurs(run.journal, run.report.remarks)) {
+        return Refuse(run, kLook, "not all backups are those of the upgrade");
+    }
+    if (const Trouble trouble = Enter(run, {Phase::kCleaning})) return Refuse(run, kFindings, *trouble);
+    return Clean(run);
+}
+
+int Resume(const TransactionOptions& options, Output& output) {
+    Run run("resume", options, output);
+    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kLook, *trouble);
+    switch (run.state.phase) {
+        case Phase::kNone:
+            return End(run, kFine, "No upgrade is open.");
+        case Phase::kInstalled:
+            return End(run, kFine, "The new files are in place: keep them or go back.");
+        case Phase::kCleaning:
+            return Clean(run);
+        default:
+            return GoBack(run, kFine);
+    }
+}
+
+int ShowStatus(const TransactionOptions& options, Output& output) {
+    Run run("status", options, output);
+    if (const Trouble trouble = run.directory.Read(run.state, run.journal))
+        return Refuse(run, kLook, *trouble);
+    run.report.isAtWork = run.directory.IsOccupied();
+    const bool isOpen = run.state.phase != Phase::kNone;
+    return End(run, isOpen ? kFindings : kFine, isOpen ? "An upgrade is open." : "No upgrade is open.");
+}
+
+int RollbackTransaction(const TransactionOptions& options, Output& output, bool& isOpen) {
+    Run run("rollback", options, output);
+    isOpen = true;
+    if (const Trouble trouble = run.directory.Read(run.state, run.journal))
+        return Refuse(run, kLook, *trouble);
+    isOpen = run.state.phase != Phase::kNone;
+    if (!isOpen) return kFine;
+    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
+    if (run.state.phase == Phase::kNone)
+        return Refuse(run, kFindings, "another process has closed the upgrade");
+    if (const std::optional<int> status = RefuseOtherList(run, options.iniPath)) return *status;
+    if (run.state.phase == Phase::kCleaning) {
+        return Refuse(run, kFindings, "backups are being removed already: only commit leads on");
+    }
+    return GoBack(run, kFine);
+}

@@ -1,0 +1,25 @@
+// `vfilelist upgrade`, `commit`, `rollback`, `resume` and `status`: the three passes as one transaction.
+// Whatever is killed or fails, the installed files are those from before or the package's in the end, never a
+// mixture.
+#ifndef VFILELIST_TRANSACTION_H
+#define VFILELIST_TRANSACTION_H
+
+#include <string>
+
+#include "Output.h"
+
+struct TransactionOptions {
+    std::string iniPath;  // for Upgrade; for the others empty, or the list of the open upgrade
+    std::string stateDirectory = "/var/lib/vfilelist";
+};
+
+// Each returns the exit status.
+int Upgrade(const TransactionOptions& options, Output& output);
+int Commit(const TransactionOptions& options, Output& output);
+int Resume(const TransactionOptions& options, Output& output);
+int ShowStatus(const TransactionOptions& options, Output& output);
+
+// Of the open upgrade. `isOpen` says whether there was one; without one nothing is done nor shown.
+int RollbackTransaction(const TransactionOptions& options, Output& output, bool& isOpen);
+
+#endif
