@@ -55,15 +55,20 @@ Trouble LookAtNew(const std::string& source, NewFile& package) {
     return std::nullopt;
 }
 
-// The directories that are missing, parents first.
-std::vector<std::string> MissingDirectories(const FileList& list) {
+void LookAtDirectories(const FileList& list, Journal& journal) {
     std::set<std::string> missing;  // in this order parents come first
     for (const TargetList& target : list.lists()) {
-        fs::path path = fs::path(target.directory).lexically_normal().parent_path();
-        std::error_code error;
-        while (!fs::exists(path, error) && missing.insert(path).second) path = path.parent_path();
+        fs::path path = WithoutTrailingSlashes(target.directory);
+        struct stat status {};
+        if (stat(path.c_str(), &status) == 0) {
+            journal.oldDirectories.push_back({path, status.st_ino});
+            continue;
+        }
+        for (path = path.lexically_normal(); stat(path.c_str(), &status) != 0; path = path.parent_path()) {
+            missing.insert(path);
+        }
     }
-    return {missing.begin(), missing.end()};
+    journal.newDirectories.assign(missing.begin(), missing.end());
 }
 
 }  // namespace
@@ -72,7 +77,7 @@ Trouble TakeInventory(const FileList& list, Output& output, Journal& journal) {
     journal.fileList = list.iniPath();
     journal.installType = list.installType();
     journal.begun = std::time(nullptr);
-    journal.newDirectories = MissingDirectories(list);
+    LookAtDirectories(list, journal);
 
     const std::vector<Target> targets = list.Targets();
     journal.targets.reserve(targets.size());

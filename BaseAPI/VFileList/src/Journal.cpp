@@ -166,7 +166,11 @@ void ParseLine(std::string_view name, Scanner& scanner, Journal& journal) {
         journal.fileListDigest = scanner.Expect(DigestFromHex(scanner.Next()));
         journal.installType = scanner.Text();
         scanner.Into(journal.begun);
-    } else if (name == "directory") {
+    } else if (name == "olddirectory") {
+        OldDirectory& directory = journal.oldDirectories.emplace_back();
+        directory.path = scanner.Text();
+        scanner.Into(directory.inode);
+    } else if (name == "newdirectory") {
         journal.newDirectories.push_back(scanner.Text());
     } else if (name == "target") {
         journal.targets.push_back({scanner.Text(), {}, std::nullopt});
@@ -190,7 +194,10 @@ std::string Print(const Journal& journal) {
     Printer printer(kFirstLine);
     printer.Line("filelist", Word(journal.fileList), HexOf(journal.fileListDigest), Word(journal.installType),
                  Shown(journal.begun));
-    for (const std::string& directory : journal.newDirectories) printer.Line("directory", Word(directory));
+    for (const OldDirectory& directory : journal.oldDirectories) {
+        printer.Line("olddirectory", Word(directory.path), Shown(directory.inode));
+    }
+    for (const std::string& directory : journal.newDirectories) printer.Line("newdirectory", Word(directory));
     for (const JournalTarget& target : journal.targets) PrintTarget(target, printer);
     return printer.Finish();
 }

@@ -39,11 +39,19 @@ struct JournalTarget {
     std::optional<OldFile> old;
 };
 
+// A directory of targets that was there before the upgrade. One of another number is another one: a file
+// system may not be mounted.
+struct OldDirectory {
+    std::string path;
+    ino_t inode = 0;
+};
+
 struct Journal {
     std::string fileList;  // its canonical path
     Digest fileListDigest{};
     std::string installType;
     std::time_t begun = 0;
+    std::vector<OldDirectory> oldDirectories;
     std::vector<std::string> newDirectories;  // that -copy will make, parents first
     std::vector<JournalTarget> targets;       // in the order in which the passes visit them
 };

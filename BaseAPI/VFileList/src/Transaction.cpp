@@ -30,9 +30,13 @@ namespace {
 // What the steps of a command share.
 struct Run {
     Run(const char* command, const TransactionOptions& options, Output& out)
-        : directory(options.stateDirectory), output(out), report{command, options.stateDirectory} {}
+        : directory(options.stateDirectory),
+          isPartial(options.isPartial),
+          output(out),
+          report{command, options.stateDirectory} {}
 
     StateDirectory directory;
+    bool isPartial;
     Output& output;
     TransactionReport report;
     Journal journal;
@@ -223,7 +227,7 @@ int GoBack(Run& run, int statusWhenDone) {
     const Phase undone = run.state.phase == Phase::kUndoing ? run.state.undone : run.state.phase;
     if (!CanGoBack(run, undone))
         return End(run, kLook, "The state can't be written: nothing was taken back yet.");
-    bool isDone = Undo(run.journal, undone, run.report.remarks);
+    bool isDone = Undo(run.journal, undone, run.report.remarks) || run.isPartial;
     if (isDone) {
         if (const Trouble trouble = run.directory.Close()) {
             run.report.remarks.push_back({run.directory.path(), *trouble, true});

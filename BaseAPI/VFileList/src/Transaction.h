@@ -11,6 +11,8 @@
 struct TransactionOptions {
     std::string iniPath;  // for Upgrade; for the others empty, or the list of the open upgrade
     std::string stateDirectory = "/var/lib/vfilelist";
+    bool isPartial =
+        false;  // RollbackTransaction closes the upgrade also when some files can't be brought back
 };
 
 // Each returns the exit status.

@@ -151,6 +151,20 @@ Trouble Perform(const UndoStep& step, const std::string& path, std::string& rema
     return std::nullopt;
 }
 
+// Those that are not the ones that were recorded. Their files are left for another try.
+std::set<std::string> StrangeDirectories(const std::vector<OldDirectory>& directories,
+                                         std::vector<Remark>& remarks) {
+    std::set<std::string> strange;
+    for (const OldDirectory& directory : directories) {
+        struct stat status {};
+        if (stat(directory.path.c_str(), &status) == 0 && status.st_ino == directory.inode) continue;
+        const bool isNew = strange.insert(directory.path).second;
+        if (isNew)
+            remarks.push_back({directory.path, "not the directory that was upgraded: is it mounted?", true});
+    }
+    return strange;
+}
+
 bool UndoTarget(const JournalTarget& target, Phase undone, std::vector<Remark>& remarks) {
     const UndoStep step = Decide(target.old.has_value(), undone, LookAt(target, undone));
     std::string remark = step.remark;
@@ -191,16 +205,19 @@ TargetNow LookAt(const JournalTarget& target, Phase undone) {
     return now;
 }
 
-// All of them, also when nothing was left to do: what an undo that was cut off has done may not be on the
-// disk.
 bool Undo(const Journal& journal, Phase undone, std::vector<Remark>& remarks) {
-    bool isDone = true;
-    for (const JournalTarget& target : journal.targets)
+    const std::set<std::string> strange = StrangeDirectories(journal.oldDirectories, remarks);
+    bool isDone = strange.empty();
+    for (const JournalTarget& target : journal.targets) {
+        if (strange.count(fs::path(target.path).parent_path()) != 0) continue;
         isDone = UndoTarget(target, undone, remarks) && isDone;
+    }
     if (undone != Phase::kRenaming) isDone = RemoveDirectories(journal.newDirectories, remarks) && isDone;
     return SyncDirectories(journal, remarks) && isDone;
 }
 
+// All of them, also when nothing was left to do: what an undo that was cut off has done may not be on the
+// disk.
 bool SyncDirectories(const Journal& journal, std::vector<Remark>& remarks) {
     std::set<std::string> directories;
     for (const JournalTarget& target : journal.targets)
