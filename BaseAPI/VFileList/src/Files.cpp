@@ -49,7 +49,7 @@ std::optional<std::size_t> Fill(int fd, std::vector<char>& block) {
         const ssize_t count = read(fd, block.data() + length, block.size() - length);
         if (count == 0) break;
         if (count > 0) length += static_cast<std::size_t>(count);
-        if (count < 0 && errno != EINTR) return std::nullopt;
+        if (count < 0) return std::nullopt;
     }
     return length;
 }
@@ -126,7 +126,7 @@ int ReadWhole(const std::string& path, std::string& content) {
         const ssize_t count = read(file.get(), block.data(), block.size());
         if (count == 0) return 0;
         if (count > 0) content.append(block.data(), static_cast<std::size_t>(count));
-        if (count < 0 && errno != EINTR) return errno;
+        if (count < 0) return errno;
     }
 }
 
