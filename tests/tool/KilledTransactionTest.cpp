@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <future>
 #include <iostream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -105,7 +107,7 @@ protected:
         }
         std::cout << command << ": " << happened << " points, "
                   << (event.error == 0 ? "killed" : "error " + std::to_string(event.error))
-                  << (event.isOnwards ? " from there on" : "") << "\n";
+                  << (event.isOnwards ? " from there on" : "") << std::endl;
         EXPECT_GE(happened, static_cast<long>(chosen.size()) * 9 / 10);
     }
 };
@@ -114,7 +116,69 @@ TEST_F(KilledTransactionTest, EndsWithTheOldOrTheNewReleaseWhereverItIsKilled) {
     const Release release(true);
 
     for (const char* const command : {"upgrade", "commit", "rollback"})
-        Sweep(release, command, 20 * TestScale(), {});
+        Sweep(release, command, 130 * TestScale(), {});
+}
+
+TEST_F(KilledTransactionTest, EndsWithTheOldOrTheNewReleaseWhateverFails) {
+    const Release release(true);
+
+    for (const char* const command : {"upgrade", "commit", "rollback"}) {
+        for (const int error : {ENOSPC, EIO, EMFILE, EINTR}) {
+            for (const bool isOnwards : {false, true}) {
+                TreeEvent event;
+                event.error = error;
+                event.isOnwards = isOnwards;
+                Sweep(release, command, 16 * TestScale(), event);
+            }
+        }
+    }
+}
+
+// What is killed in its turn goes on from there.
+TEST_F(KilledTransactionTest, EndsWellWhenItsResumptionIsKilledToo) {
+    const Release release(false);
+    std::mt19937 random(1);
+    const auto callsOf = [&release](const std::string& command, long killAt) {
+        TreeEvent event;
+        event.at = killAt;
+        return RunTracedTree(release.Command(command), release.Environment(), event).calls;
+    };
+    release.Restore();
+    const std::vector<long> calls = callsOf("upgrade", 0);
+    const long first = FirstChange(calls);
+    std::uniform_int_distribution<long> firstKills(first, static_cast<long>(calls.size()));
+
+    const long pairs = 60 * TestScale();
+    for (long pair = 0; pair < pairs && !HasFailure(); ++pair) {
+        const long firstKill = firstKills(random);
+        release.Restore();
+        (void)callsOf("upgrade", firstKill);
+        const auto length = static_cast<long>(callsOf("resume", 0).size());
+        const long secondKill = std::uniform_int_distribution<long>(1, length)(random);
+        SCOPED_TRACE(testing::Message() << "upgrade killed at " << firstKill << ", resume at " << secondKill);
+        release.Restore();
+        (void)callsOf("upgrade", firstKill);
+        (void)callsOf("resume", secondKill);
+        ExpectOldOrNew(release, "upgrade");
+    }
+    std::cout << "upgrade and resume: " << pairs << " pairs of kills\n";
+}
+
+TEST_F(KilledTransactionTest, LetsOneOfTwoBegin) {
+    const Release release(false);
+
+    const long races = 20 * TestScale();
+    for (long race = 0; race < races && !HasFailure(); ++race) {
+        release.Restore();
+        const auto upgrade = [&release] { return release.Run("upgrade"); };
+        std::future<int> other = std::async(std::launch::async, upgrade);
+        const int status = upgrade();
+        const int otherStatus = other.get();
+
+        EXPECT_EQ(std::min(status, otherStatus), 0);
+        EXPECT_EQ(std::max(status, otherStatus), 1);
+        ExpectTree(release.newTreeWithBackups(), release.Now(), "new");
+    }
 }
 
 }  // namespace

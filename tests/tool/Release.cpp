@@ -5,6 +5,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <stdexcept>
 
@@ -100,6 +101,16 @@ void Release::ListLong() {
 }
 
 void Release::Restore() const {
+    InstallOld();
+    // A tree that is restored is the same again.
+    constexpr timespec kLongAgo = {1700000000, 123456789};
+    const std::array<timespec, 2> times = {kLongAgo, kLongAgo};
+    for (const fs::directory_entry& file : fs::recursive_directory_iterator(package_.InstalledPath())) {
+        (void)utimensat(AT_FDCWD, file.path().c_str(), times.data(), AT_SYMLINK_NOFOLLOW);
+    }
+}
+
+void Release::InstallOld() const {
     const auto install = [this](const std::string& name, const std::string& content, mode_t mode) {
         const std::string path = package_.Install(name, content);
         SetOwnerAndMode(path, geteuid(), getegid(), mode);
@@ -155,8 +166,8 @@ void Release::Expect() {
     new_ = old_;
     between_ = old_;
     for (const Listed& listed : listed_) {
-        for (fs::path directory = fs::path(listed.target).parent_path(); old_.count(directory) == 0;
-             directory = directory.parent_path()) {
+        for (fs::path directory = fs::path(listed.target).parent_path();
+             !directory.empty() && old_.count(directory) == 0; directory = directory.parent_path()) {
             new_[directory] =
                 between_[directory] = {S_IFDIR | 0750, geteuid(), getegid(), "", {}, std::nullopt};
         }

@@ -40,6 +40,7 @@ private:
     void ListShort();
     void List(const std::string& section, const std::string& directory,
               const std::vector<std::string>& entries);
+    void InstallOld() const;
     void Expect();
     TreeNode Successor(const Listed& listed) const;
 
