@@ -238,6 +238,21 @@ TEST_F(VDirTest, VMkDirMakesEveryMissingLevelWithTheGivenMode) {
     EXPECT_THAT(scratch_.List("a/b/c"), IsEmpty());
 }
 
+TEST_F(VDirTest, VMkDirPassesTheModeUnchangedForEveryLevel) {
+    std::vector<mode_t> modes;
+    const Replaced recording(calls::mkdir, [&](const char* path, mode_t mode) {
+        modes.push_back(mode);
+        return calls::real::mkdir(path, 0700);  // others would keep an ordinary user out
+    });
+    for (const unsigned short mode : {0, 01, 0600, 0777, 07077, 0xffff}) {
+        modes.clear();
+
+        EXPECT_EQ(MakeDirectory(scratch_.Path(std::to_string(mode) + "/b/c"), mode), kDone);
+
+        EXPECT_THAT(modes, ElementsAre(mode, mode, mode));
+    }
+}
+
 TEST_F(VDirTest, VMkDirLessensTheModeOfEveryLevelByTheUmask) {
     const Umask umask(027);
 
