@@ -18,14 +18,14 @@ void IgnoreSignalsOfFailedWrites() {
 // Reading from it and writing to it change nothing. A root directory exists even where devices are missing.
 int OpenNothing() {
     const int fd = open("/dev/null", O_RDWR);
-    return fd >= 0 ? fd : open("/", O_RDONLY);
+    return fd != -1 ? fd : open("/", O_RDONLY);
 }
 
 // The log or an installed file that got the descriptor of a closed standard stream would receive what is
 // written to that stream: a report on standard error would become part of the file.
 void OpenClosedStandardStreams() {
     int fd = OpenNothing();
-    while (fd >= 0 && fd <= STDERR_FILENO) fd = OpenNothing();
+    while (fd == STDIN_FILENO || fd == STDOUT_FILENO) fd = OpenNothing();
     if (fd > STDERR_FILENO) (void)close(fd);
 }
 
