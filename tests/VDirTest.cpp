@@ -244,7 +244,8 @@ TEST_F(VDirTest, VMkDirPassesTheModeUnchangedForEveryLevel) {
         modes.push_back(mode);
         return calls::real::mkdir(path, 0700);  // others would keep an ordinary user out
     });
-    for (const unsigned short mode : {0, 01, 0600, 0777, 07077, 0xffff}) {
+    const unsigned short given[] = {0, 01, 0600, 0777, 07077, 0xffff};
+    for (const unsigned short mode : given) {
         modes.clear();
 
         EXPECT_EQ(MakeDirectory(scratch_.Path(std::to_string(mode) + "/b/c"), mode), kDone);

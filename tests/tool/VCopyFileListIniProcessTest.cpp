@@ -289,7 +289,8 @@ TEST_F(VCopyFileListIniProcessTest, LeavesOpenStandardStreamsAsTheyAre) {
 
 TEST_F(VCopyFileListIniProcessTest, KeepsNoDescriptorButThatOfTheLog) {
     if (VFS_TEST_EMULATED) GTEST_SKIP() << "the emulator opens files of its own";
-    if (VFS_TEST_ADDRESS_SANITIZER) GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
     // The standard streams, the log, and a source and its copy.
     const ProcessResult result =
         RunInShell("ulimit -n 6 && exec \"$@\"", {"VLOGGER_DIRECTORY=" + scratch_.Path("log")});
