@@ -949,6 +949,30 @@ TEST_F(VFileTest, VCopyFileCopiesALargeFileWhoseStatusCannotBeTold) {
     }
 }
 
+// Their streams write the first block in another way than the others, which a full disk shows.
+TEST_F(VFileTest, VCopyFileLeavesAFileSystemOfSmallBlocksToTheStreams) {
+    const std::string source = scratch_.Write("source", Bytes(200000));
+    const struct {
+        blksize_t blockSize;
+        Sizes moved;
+    } rows[] = {{512, {}}, {1024, {}}, {2048, {}}, {4096, {180224}}, {65536, {180224}}};
+
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.blockSize);
+        const Replaced pretending(calls::fstat, [&row](int fd, struct stat* status) {
+            const int result = calls::real::fstat(fd, status);
+            status->st_blksize = row.blockSize;
+            return result;
+        });
+        const RecordedMoves recorded;
+
+        EXPECT_EQ(Copy(source, scratch_.Path("copy")), 0);
+
+        EXPECT_EQ(recorded.counts, row.moved);
+        EXPECT_TRUE(scratch_.Read("copy") == Bytes(200000));
+    }
+}
+
 TEST_F(VFileTest, VCopyFileReadsAndWritesTheTailOfALargeFileInBlocksOf2048Bytes) {
     const std::string source = scratch_.Write("source", Bytes(200000));
     Sizes reads;

@@ -73,12 +73,15 @@ FileHandle fopen_s(const char* path, const char* mode) {
 }
 
 // How many bytes the kernel is to move; 0 unless both are regular files and the source is a large one. Whole
-// buffers, so that the streams flush the tail at the offsets at which they flush a copy of their own.
+// buffers, so that the streams flush the tail at the offsets at which they flush a copy of their own. A
+// stream whose buffer holds no more than a block does not buffer its first one: it has to write the whole
+// copy.
 off_t BulkSize(int source, int destination) {
     struct stat status;
     if (fstat(source, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < kLargeFileSize) return 0;
     const off_t size = status.st_size;
     if (fstat(destination, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+    if (status.st_blksize <= blksize_t{kCopyBlockSize}) return 0;
     return (size - kMinTailSize) / BUFSIZ * BUFSIZ;
 }
 
