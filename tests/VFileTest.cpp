@@ -924,9 +924,19 @@ TEST_F(VFileTest, VCopyFileLeavesWhatIsNoRegularFileToTheStreams) {
     std::thread writer([&] { std::ofstream(fifo) << Bytes(200000); });
     EXPECT_EQ(Copy(fifo, scratch_.Path("copy")), 0);
     writer.join();
+    EXPECT_TRUE(scratch_.Read("copy") == Bytes(200000));
+    // A device that tells a size.
+    bool isAsked = false;
+    const Replaced pretending(calls::fstat, [&isAsked](int fd, struct stat* status) {
+        const int result = calls::real::fstat(fd, status);
+        if (!isAsked) status->st_mode = S_IFBLK;
+        isAsked = true;
+        return result;
+    });
+    EXPECT_EQ(Copy(source, scratch_.Path("other")), 0);
 
     EXPECT_THAT(recorded.counts, IsEmpty());
-    EXPECT_TRUE(scratch_.Read("copy") == Bytes(200000));
+    EXPECT_TRUE(scratch_.Read("other") == Bytes(200000));
 }
 
 TEST_F(VFileTest, VCopyFileCopiesALargeFileWhoseStatusCannotBeTold) {
@@ -1136,10 +1146,10 @@ TEST_F(VFileTest, VCopyFileOntoItselfEmptiesALargeFileByWhicheverName) {
 
 // Larger than what the kernel moves at once, and than what 32 bits hold.
 TEST_F(VFileTest, VCopyFileCopiesAFileOf5GiB) {
-    constexpr off_t size = off_t{5} << 30;
+    constexpr off_t holeEnd = off_t{5} << 30;
     const std::string tail = Bytes(20000);
     const std::string source = scratch_.Write("source", "head");
-    ASSERT_EQ(truncate(source.c_str(), size), 0);
+    ASSERT_EQ(truncate(source.c_str(), holeEnd), 0);
     std::ofstream(source, std::ios::app) << tail;
     std::vector<std::size_t> counts;
     // The bulk is a hole: its zeros are not written.
@@ -1151,11 +1161,16 @@ TEST_F(VFileTest, VCopyFileCopiesAFileOf5GiB) {
         EXPECT_GE(lseek(to, moved, SEEK_CUR), 0);
         return static_cast<ssize_t>(moved);
     });
+    // A copy that leaves more to the streams is wrong, and must not fill the disk.
+    int reads = 0;
+    const Replaced reading(calls::fread, [&](void* data, std::size_t size, std::size_t count, FILE* file) {
+        return ++reads < 100 ? calls::real::fread(data, size, count, file) : 0;
+    });
 
     EXPECT_EQ(Copy(source, scratch_.Path("copy")), 0);
 
     EXPECT_THAT(counts, ElementsAre(5368709120, 5368705024, 3221225472, 1073745920));
-    EXPECT_EQ(StatusOf(scratch_.Path("copy")).st_size, size + 20000);
+    EXPECT_EQ(StatusOf(scratch_.Path("copy")).st_size, holeEnd + 20000);
     std::ifstream copy(scratch_.Path("copy"));
     std::string text(5, 'x');
     copy.read(text.data(), 5);
