@@ -18,12 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "FileSystem.h"
 #include "LogRecorder.h"
 #include "Process.h"
 #include "ResourceLimit.h"
 #include "Resources.h"
-#include "Sanitizer.h"
 #include "ScratchDirectory.h"
 #include "TrappedCalls.h"
 #include "VFile.h"

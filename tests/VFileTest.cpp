@@ -616,6 +616,27 @@ TEST_F(VFileTest, ReadersAndWritersDoNotNeedTheHeapForTheirStreamBuffers) {
     EXPECT_TRUE(buf == data + "x");
 }
 
+// So that a full disk cuts what is written where it always has.
+TEST_F(VFileTest, WritersWriteAllTheDataInOneCall) {
+    Sizes written;
+    const Replaced one(calls::write, [&](int fd, const void* data, std::size_t size) {
+        written.push_back(size);
+        return calls::real::write(fd, data, size);
+    });
+    const Replaced several(calls::writev, [&](int fd, const iovec* blocks, int count) {
+        written.push_back(0);
+        for (int i = 0; i < count; ++i) written.back() += blocks[i].iov_len;
+        return calls::real::writev(fd, blocks, count);
+    });
+
+    for (const std::size_t size : Sizes{1, 1023, 1024, 2047, 2048, 8191, 8192, 100000}) {
+        written.clear();
+        EXPECT_EQ(WriteText(scratch_.Path("file"), Bytes(size)), static_cast<long>(size));
+        EXPECT_EQ(AppendText(scratch_.Path("file"), Bytes(size)), 0);
+        EXPECT_THAT(written, ElementsAre(size, size));
+    }
+}
+
 TEST_F(VFileTest, WritersFailForWhatDoesNotOpen) {
     scratch_.Write("file", "kept");
 

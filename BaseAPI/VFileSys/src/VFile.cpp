@@ -29,6 +29,10 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
+// Smaller than BUFSIZ, which is half of the smallest stack that a thread may have. The calls that write are
+// the same: 1024 bytes and more are written past the buffer, and less is written when the stream is closed.
+constexpr std::size_t kStreamBufferSize = 2048;
+
 // A file stream with a buffer that is not on the heap: nothing here may throw for lack of memory.
 template <typename Stream>
 struct BufferedFile {
@@ -36,7 +40,7 @@ struct BufferedFile {
         stream.rdbuf()->pubsetbuf(buffer, sizeof(buffer));
         stream.open(path, mode);
     }
-    char buffer[BUFSIZ];
+    char buffer[kStreamBufferSize];
     Stream stream;
 };
 using InputFile = BufferedFile<std::ifstream>;
