@@ -129,7 +129,7 @@ public:
     /// Links to directories are entered and **nothing limits the depth**: a link that points back up the tree
     /// is followed until the system refuses the path, and two such links make a walk that never ends in
     /// practice. Each level keeps one descriptor open; where they run out, deeper directories are silently
-    /// missing. Each level also takes some 250 bytes of stack. For trusted trees only. Lets std::bad_alloc
+    /// missing. Each level also takes up to 300 bytes of stack. For trusted trees only. Lets std::bad_alloc
     /// through. Never logs; may be called from any thread that has `files` to itself.
     ///
     /// Hazard 18 of docs/reliability.md.
