@@ -32,8 +32,8 @@ public:
     /// second thread** beside the first; a call after FixFirewallStop starts one that ends at once. Throws
     /// std::system_error or std::bad_alloc when no thread can be had. May be called from any thread.
     ///
-    /// **Block signals before the call**: the thread inherits the signal mask, and the helper tool inherits it
-    /// from the thread. A signal that the thread handles cuts its sleep short, so that the next pass comes
+    /// **Block signals before the call**: the thread inherits the signal mask, and the helper tool inherits
+    /// it from the thread. A signal that the thread handles cuts its sleep short, so that the next pass comes
     /// early. A handler without SA_RESTART also ends the reading of the output: the helper tool then dies of
     /// SIGPIPE when it writes its next line, in the middle of a repair.
     ///
@@ -43,8 +43,9 @@ public:
     static void FixFirewallStart();
 
     /// Tells every thread that was or will be started to end, for the rest of the process's life, and returns
-    /// at once. This stays so when the library is closed with dlclose and loaded again. A thread notices it only when its pass and its sleep are over: after up to 300 seconds, or
-    /// earlier when a signal handled by that thread cuts its sleep short. May be called from any thread.
+    /// at once. This stays so when the library is closed with dlclose and loaded again. A thread notices it
+    /// only when its pass and its sleep are over: after up to 300 seconds, or earlier when a signal handled
+    /// by that thread cuts its sleep short. May be called from any thread.
     static void FixFirewallStop();
 
     explicit VFixFirewall() = delete;
