@@ -13,11 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
-#include "LogRecorder.h"
 #include "Resources.h"
 #include "Sanitizer.h"
 #include "ScratchDirectory.h"
@@ -60,10 +58,6 @@ struct Operation {
     // True when the result is the one of success.
     bool (*run)(Arguments& given);
 };
-
-void PrintTo(const Operation& operation, std::ostream* out) {
-    *out << operation.name;
-}
 
 bool IsText(const VPath& path, const char* expected) {
     return path.RealPath().text == std::string(expected);
@@ -263,27 +257,29 @@ bool SucceedsOnSmallestStack(const Operation& operation) {
     return hasRun && run->hasSucceeded;
 }
 
-class SmallStackTest : public ResourceTest, public testing::WithParamInterface<Operation> {};
+// A process of its own: a stack that is too small ends it.
+int WaitStatusOnSmallestStack(const Operation& operation) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) std::exit(SucceedsOnSmallestStack(operation) ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return status;
+}
 
-TEST_P(SmallStackTest, Suffices) {
+class SmallStackTest : public ResourceTest {};
+
+TEST_F(SmallStackTest, SufficesForEveryOperationThatStartsNoProcess) {
     if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER) {
         GTEST_SKIP() << "what a sanitizer adds needs more than the smallest stack";
     }
     if (getpwuid(geteuid()) == nullptr) GTEST_SKIP() << "no account for this user";
 
-    // A process of its own: one stack too small ends it.
-    fflush(nullptr);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) std::exit(SucceedsOnSmallestStack(GetParam()) ? 0 : 1);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-
-    EXPECT_EQ(status, 0) << "the wait status: " << SIGSEGV << " where a stack of " << PTHREAD_STACK_MIN
-                         << " bytes is too small";
+    for (const Operation& operation : kOperations) {
+        EXPECT_EQ(WaitStatusOnSmallestStack(operation), 0)
+            << operation.name << "; " << SIGSEGV << " where a stack of " << PTHREAD_STACK_MIN
+            << " bytes is too small";
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Operations, SmallStackTest, testing::ValuesIn(kOperations),
-                         [](const auto& given) { return std::string(given.param.name); });
 
 }  // namespace
