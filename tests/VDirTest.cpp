@@ -791,6 +791,7 @@ TEST_F(VDirTest, VChownLogsTheErrnoOfTheLookupForAnUnknownUser) {
     ASSERT_EQ(getpwnam(nobodysName), nullptr);
     const int lookupError = errno;
 
+    errno = 0;
     EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), nobodysName), -10000);
 
     EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(lookupError)));
@@ -813,13 +814,15 @@ TEST_F(VDirTest, VChownChangesNothingWithoutAUser) {
     EXPECT_THAT(changed, IsEmpty());
 }
 
-TEST_F(VDirTest, VChownLogsErrno0ForALookupThatWorkedAndFoundNobody) {
+TEST_F(VDirTest, VChownLogsWhateverErrnoTheLookupLeaves) {
     const Replaced findingNobody(calls::getpwnam, [](const char*) -> passwd* { return nullptr; });
-    errno = ENOTTY;
+    for (const int before : {ENOTTY, 0}) {
+        errno = before;
 
-    EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), "worker"), -10000);
+        EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), "worker"), -10000);
 
-    EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(0)));
+        EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(before)));
+    }
 }
 
 TEST_F(VDirTest, VChownTakesANullUserForAnUnknownOneWithoutALookup) {

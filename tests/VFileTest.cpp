@@ -305,6 +305,15 @@ TEST_F(VFileTest, FileProtectLogsTheStatusOfAShellThatFindsNoHelper) {
     EXPECT_EQ(ReadWholeFile("/tmp/tmphfpenable.log"), "");
 }
 
+TEST_F(VFileTest, FileProtectLogsTheShellsStatusForAHelperThatWasKilled) {
+    // Any shell stays for this command, since it redirects the output.
+    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch_, "kill -9 $$\n"));
+
+    VFile::FileProtect(true);
+
+    EXPECT_EQ(TakeLogLines(), ProtectLines(1, 137 * 256));
+}
+
 TEST_F(VFileTest, FileProtectLogsMinus1WhereTheProcessIgnoresItsChildren) {
     CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch_, "echo \"told $*\"\n"));
     signal(SIGCHLD, SIG_IGN);
