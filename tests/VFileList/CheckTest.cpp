@@ -18,6 +18,7 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "Report.h"
 #include "Sanitizer.h"
 #include "SystemCalls.h"
@@ -595,6 +596,54 @@ TEST_F(CheckTest, FindsAPackagesFileThatCannotBeOpened) {
     });
 
     EXPECT_THAT(DetailsOf("E-SOURCE-UNREADABLE", package_), ElementsAre("Permission denied"));
+}
+
+TEST_F(CheckTest, OpensAPackagesFileSoThatAPipeInItsPlaceHoldsNothingUp) {
+    const RecordedOpens opens;
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+
+    EXPECT_EQ(opens.FlagsOf(package_.SourcePath("bin/tool")), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+TEST_F(CheckTest, AsksForTheRightsOfTheEffectiveUser) {
+    std::vector<std::string> asked;
+    const Replaced replaced(calls::faccessat, [&](int directory, const char* path, int mode, int flags) {
+        EXPECT_EQ(directory, AT_FDCWD);
+        EXPECT_EQ(mode, W_OK | X_OK);
+        EXPECT_EQ(flags, AT_EACCESS);
+        asked.emplace_back(path);
+        return calls::real::faccessat(directory, path, mode, flags);
+    });
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+
+    EXPECT_THAT(asked, ElementsAre(package_.InstalledPath() + "/"));
+}
+
+TEST_F(CheckTest, LeavesTheUmaskAsItWas) {
+    const Umask umask(027);
+
+    (void)FindCodes(package_);
+
+    const Umask now(0);
+    EXPECT_EQ(now.old(), 027u);
+}
+
+TEST_F(CheckTest, TakesAProgramOfTheSameInodeNumberOnAnotherFileSystemForAnother) {
+    const std::string program = "/proc/" + std::to_string(getpid()) + "/exe";
+    const auto codes = [&](dev_t step) {
+        const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
+            if (path != program) return calls::real::stat(path, status);
+            const int result = calls::real::stat(package_.InstalledPath("tool").c_str(), status);
+            status->st_dev += step;
+            return result;
+        });
+        return FindCodes(package_);
+    };
+
+    EXPECT_THAT(codes(0), ElementsAre("W-TARGET-BUSY"));
+    EXPECT_THAT(codes(1), IsEmpty());
 }
 
 TEST_F(CheckTest, FindsNoEntryOutsideOfAPackageWithoutCommon) {

@@ -1,8 +1,10 @@
 #include "Plan.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -12,7 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "FileSystem.h"
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "Report.h"
 #include "SystemCalls.h"
 
@@ -321,6 +325,51 @@ TEST_F(PlanTest, SaysWhichDirectoryCannotBeWritten) {
     EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + "/: Read-only file system");
     fs::remove(package_.InstalledPath("tool"));
     EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + "/: Read-only file system");
+}
+
+TEST_F(PlanTest, AsksForTheRightsOfTheEffectiveUser) {
+    std::vector<std::string> asked;
+    const Replaced replaced(calls::faccessat, [&](int directory, const char* path, int mode, int flags) {
+        EXPECT_EQ(mode, W_OK | X_OK);
+        EXPECT_EQ(flags, AT_EACCESS);
+        asked.emplace_back(path);
+        return calls::real::faccessat(directory, path, mode, flags);
+    });
+
+    EXPECT_EQ(WhyItFails(package_), "");
+
+    const std::string directory = package_.InstalledPath() + "/";
+    EXPECT_THAT(asked, ElementsAre(directory, directory)) << "for -rename, and for -copy";
+}
+
+TEST_F(PlanTest, OpensThePackagesFileSoThatAPipeInItsPlaceHoldsNothingUp) {
+    const RecordedOpens opens;
+
+    EXPECT_EQ(WhyItFails(package_), "");
+
+    EXPECT_EQ(opens.FlagsOf(package_.SourcePath("bin/tool")), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+TEST_F(PlanTest, TakesABackupOfTheSameInodeNumberOnAnotherFileSystemForAnotherFile) {
+    package_.Install("tool.bak", "older");
+    const auto details = [this](dev_t step) {
+        const struct stat installed = StatusOf(package_.InstalledPath("tool"));
+        const std::string backup = package_.InstalledPath("tool.bak");
+        const Replaced replaced(calls::lstat, [&](const char* path, struct stat* status) {
+            const int result = calls::real::lstat(path, status);
+            if (path == backup) {
+                status->st_ino = installed.st_ino;
+                status->st_dev = installed.st_dev + step;
+            }
+            return result;
+        });
+        const nlohmann::json report =
+            ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); });
+        return report["steps"][0]["detail"].get<std::string>();
+    };
+
+    EXPECT_EQ(details(0), "NAME.bak is the same file: nothing happens");
+    EXPECT_EQ(details(1), "to NAME.bak, replacing an older one");
 }
 
 TEST_F(PlanTest, SaysThatThePackagesFileCannotBeOpened) {

@@ -143,6 +143,13 @@ void RemoveDotsAndRuns(char* path, char* cursor, char* end) {
     }
 }
 
+// Resolves a text that is (part of) the path's own, and that resolving overwrites. Never inlined: only these
+// calls need the copy on their stack, and callers have threads with stacks of a few pages.
+__attribute__((noinline)) void ResolveCopy(VPath& path, const char* text) {
+    char copy[kPathCapacity];
+    if (strcpy_s(copy, sizeof(copy), text) == 0) path.ResolvePath(copy);
+}
+
 }  // namespace
 
 PathText::PathText(PathText&& other) noexcept
@@ -199,12 +206,7 @@ void VPath::ResolvePath(const char* text) {
     if (length == 0 || length >= kPathCapacity) return;
 
     const std::less<const char*> before;
-    if (!before(text, path) && before(text, path + kPathCapacity)) {
-        // The text is (part of) this path's own, which is about to be overwritten.
-        char ownText[kPathCapacity];
-        if (strcpy_s(ownText, sizeof(ownText), text) == 0) ResolvePath(ownText);
-        return;
-    }
+    if (!before(text, path) && before(text, path + kPathCapacity)) return ResolveCopy(*this, text);
 
     std::size_t canonical = 0;  // characters at the beginning, up to a '/', that stay as they are
     if (text[0] == '/') {
