@@ -1,5 +1,5 @@
-// Prepares the process of the upgrade tool before its main, which starts the log first of all. Only the
-// program has this: in the library and in its tests signals and descriptors belong to others. What fails here
+// Prepares the process before main, which in the upgrade tool starts the log first of all. Only the
+// programs have this: in the library and in its tests signals and descriptors belong to others. What fails here
 // is ignored; the pass runs as it would without.
 #include <fcntl.h>
 #include <unistd.h>

@@ -53,8 +53,8 @@ Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
     return std::nullopt;
 }
 
-// Another name for the file is as good as a copy, since -rename gives it another name, too, and costs nothing; but
-// not all file systems can do that.
+// Another name for the file is as good as a copy, since -rename gives it another name, too, and costs
+// nothing; but not all file systems can do that.
 Trouble Keep(const fs::path& from, const fs::path& to) {
     if (linkat(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
     std::error_code error;
