@@ -318,9 +318,9 @@ TEST_F(PlanTest, SaysWhichDirectoryCannotBeWritten) {
         return -1;
     });
 
-    EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + "/: Read-only file system");
+    EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + ": Read-only file system");
     fs::remove(package_.InstalledPath("tool"));
-    EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + "/: Read-only file system");
+    EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + ": Read-only file system");
 }
 
 TEST_F(PlanTest, SaysThatThePackagesFileCannotBeOpened) {
@@ -534,7 +534,7 @@ TEST_F(PlanTest, ShowsPeopleEachStepAndTheSumOfEachPass) {
               "{bold}-copy{}\n"
               "  copy          12 B  @/tool{dim}  (from Common/bin/tool){}\n"
               "  copy           5 B  @/fresh{dim}  (from Common/fresh){}\n"
-              "  mkdir            -  @/new/{dim}  (mode 0750 less the umask){}\n"
+              "  mkdir            -  @/new/{dim}  (mode 0750 minus the umask){}\n"
               "  copy           5 B  @/new/fresh{dim}  (from Common/fresh){}\n"
               "{dim}  3 files, 22 B{}\n"
               "\n"
@@ -577,7 +577,7 @@ TEST_F(PlanTest, ReportsEachStepWithItsEntryAndEachPass) {
             {"key", "f"},      {"entry", entry}};
     };
     nlohmann::json made = step("-copy", "mkdir", "", "");
-    made.update({{"section", ""}, {"key", ""}, {"detail", "mode 0750 less the umask"}});
+    made.update({{"section", ""}, {"key", ""}, {"detail", "mode 0750 minus the umask"}});
     nlohmann::json copied = step("-copy", "copy", "other", "bin/other");
     copied.update({{"size", 3}, {"detail", "from Common/bin/other"}});
     nlohmann::json failed = step("-copy", "fail", "lost", "lost");
