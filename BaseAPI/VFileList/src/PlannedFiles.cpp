@@ -80,7 +80,7 @@ std::string PlannedFiles::NearestPlace(const std::string& path) const {
     while (Behind(directory).origin.empty() && directory != directory.parent_path()) {
         directory = directory.parent_path();
     }
-    return directory.empty() ? "." : Behind(directory).origin;
+    return Behind(directory).origin;
 }
 
 std::string PlannedFiles::WhyNoDirectory(const std::string& path) const {
