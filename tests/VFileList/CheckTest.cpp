@@ -1315,4 +1315,10 @@ TEST_F(CheckTest, SaysNothingOfInodesThatAreNotCounted) {
     EXPECT_THAT(DetailsOf("W-SPACE", package_), ElementsAre("4.0 KiB and 1 inode are needed, 0 B are free"));
 }
 
+TEST_F(CheckTest, TakesADotForNoFileName) {
+    package_.WriteEntries("bin/tool,bin/.");
+
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-ENTRY-EMPTY"));
+}
+
 }  // namespace

@@ -46,7 +46,7 @@ TEST_F(PlannedFilesTest, StartsARelativePathInTheWorkingDirectory) {
     const WorkingDirectory inside(Path("dir"));
 
     EXPECT_EQ(files_.NameOf("file"), Path("dir/file"));
-    EXPECT_EQ(files_.NearestPlace("new/er"), Path("dir"));
+    EXPECT_EQ(files_.NearestPlace("new/er"), ".");
     EXPECT_EQ(files_.WhyNoDirectory("new/../dir"), ". lacks what stands before \"..\"");
     EXPECT_THAT(files_.MakeDirectory("new"), ElementsAre(Path("dir/new")));
     EXPECT_EQ(files_.At("new").kind, FileKind::kDirectory);

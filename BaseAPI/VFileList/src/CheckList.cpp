@@ -80,16 +80,18 @@ bool CheckDirectory(Inspection& inspection, const TargetList& list) {
 
 bool HasSameSource(const FileList& list, const Entry& left, const Entry& right) {
     const fs::path source = list.SourceOf(left);
+    const fs::path other = list.SourceOf(right);
+    if (source.lexically_normal() == other.lexically_normal()) return true;
     const std::optional<std::string> real = CanonicalPath(source);
-    return source.lexically_normal() == fs::path(list.SourceOf(right)).lexically_normal() ||
-           (real && real == CanonicalPath(list.SourceOf(right)));
+    const std::optional<std::string> otherReal = CanonicalPath(other);
+    return real && real == otherReal;
 }
 
 }  // namespace
 
-void Inspection::Add(const char* code, const TargetList& of, const std::string& path,
+void Inspection::Add(const char* code, const TargetList& targets, const std::string& path,
                      const std::string& detail) {
-    findings.push_back({&KindOf(code), list.installType(), of.section, "", path, detail});
+    findings.push_back({&KindOf(code), list.installType(), targets.section, "", path, detail});
 }
 
 void Inspection::Add(const char* code, const Entry& entry, const std::string& path,

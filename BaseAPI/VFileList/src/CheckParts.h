@@ -22,8 +22,9 @@ struct Inspection {
     std::vector<Finding> findings;
     const std::optional<std::string> common = CanonicalPath(list.sourceDirectory());
 
-    explicit Inspection(const FileList& of) : list(of), files(of.root()) {}
-    void Add(const char* code, const TargetList& of, const std::string& path, const std::string& detail = "");
+    explicit Inspection(const FileList& fileList) : list(fileList), files(fileList.root()) {}
+    void Add(const char* code, const TargetList& targets, const std::string& path,
+             const std::string& detail = "");
     void Add(const char* code, const Entry& entry, const std::string& path, const std::string& detail = "");
     bool IsUsable(const Entry& entry) const { return unusable.count(list.ListOf(entry).section) == 0; }
 };

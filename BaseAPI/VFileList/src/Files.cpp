@@ -120,7 +120,7 @@ bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const st
     std::string trouble;
     const Content content = comparer.Compare(path, packagePath, trouble);
     return (content == Content::kSame || content == Content::kPart) &&
-           comparer.Compare(backupPath, path, trouble) != Content::kSame;
+           comparer.Compare(path, backupPath, trouble) != Content::kSame;
 }
 
 bool IsSameFile(const struct stat& left, const struct stat& right) {

@@ -76,18 +76,20 @@ std::optional<std::string> PlannedFiles::EndOf(const std::string& path) const {
 }
 
 std::string PlannedFiles::NearestPlace(const std::string& path) const {
-    fs::path directory = path;
-    while (Behind(directory).origin.empty() && directory != directory.parent_path()) {
-        directory = directory.parent_path();
+    const fs::path start = path;
+    for (fs::path directory = start; directory.has_relative_path(); directory = directory.parent_path()) {
+        std::string origin = Behind(directory).origin;
+        if (!origin.empty()) return origin;
     }
-    return Behind(directory).origin;
+    return start.is_absolute() ? root_ + "/" : ".";
 }
 
 std::string PlannedFiles::WhyNoDirectory(const std::string& path) const {
     if (Behind(path).kind == FileKind::kDirectory) return "";
     fs::path nearest = path;
-    while (At(nearest).kind == FileKind::kNone && nearest.has_relative_path())
-        nearest = nearest.parent_path();
+    for (; nearest.has_relative_path(); nearest = nearest.parent_path()) {
+        if (At(nearest).kind != FileKind::kNone) break;
+    }
     const std::string name = nearest.empty() ? "." : nearest.string();
     const FileKind kind = Behind(name).kind;
     if (kind == FileKind::kDirectory) return name + " lacks what stands before \"..\"";
@@ -179,6 +181,7 @@ std::optional<std::string> PlannedFiles::Walk(const std::string& path) const {
 }
 
 void PlannedFiles::Change(const std::string& name, PlannedFile file) {
-    if (LeadsOn(FileAt(name)) || LeadsOn(file)) directoryNames_.clear();
+    const bool didLeadOn = LeadsOn(FileAt(name));
+    if (didLeadOn || LeadsOn(file)) directoryNames_.clear();
     changed_[name] = std::move(file);
 }

@@ -43,7 +43,8 @@ std::string UnitOf(std::string controlGroups) {
     std::vector<std::string> components;
     SplitString(controlGroups, "/", components);
     const auto unit = std::find_if(components.rbegin(), components.rend(), [](const fs::path& component) {
-        return component.extension() == ".service" || component.extension() == ".scope";
+        const std::string extension = component.extension();
+        return extension == ".service" || extension == ".scope";
     });
     return unit != components.rend() ? *unit : "";
 }
