@@ -47,7 +47,7 @@ TEST_F(PlannedFilesTest, StartsARelativePathInTheWorkingDirectory) {
 
     EXPECT_EQ(files_.NameOf("file"), Path("dir/file"));
     EXPECT_EQ(files_.NearestPlace("new/er"), ".");
-    EXPECT_EQ(files_.WhyNoDirectory("new/../dir"), ". lacks what stands before \"..\"");
+    EXPECT_EQ(WhyNoDirectory(files_, "new/../dir"), ". lacks what stands before \"..\"");
     EXPECT_THAT(files_.MakeDirectory("new"), ElementsAre(Path("dir/new")));
     EXPECT_EQ(files_.At("new").kind, FileKind::kDirectory);
 }
@@ -70,11 +70,11 @@ TEST_F(PlannedFilesTest, SaysWhyADirectoryIsNone) {
     scratch_.Link("circle", "circle");
     scratch_.MakeDirectory("dir");
 
-    EXPECT_EQ(files_.WhyNoDirectory(Path("dir/")), "");
-    EXPECT_EQ(files_.WhyNoDirectory(file + "/new"), file + " is no directory");
-    EXPECT_EQ(files_.WhyNoDirectory(Path("dir/new/../x")), Path("dir") + " lacks what stands before \"..\"");
+    EXPECT_EQ(WhyNoDirectory(files_, Path("dir/")), "");
+    EXPECT_EQ(WhyNoDirectory(files_, file + "/new"), file + " is no directory");
+    EXPECT_EQ(WhyNoDirectory(files_, Path("dir/new/../x")), Path("dir") + " lacks what stands before \"..\"");
     for (const char* const name : {"link", "circle"}) {
-        EXPECT_EQ(files_.WhyNoDirectory(Path(name) + "/new"), Path(name) + " is a dangling link");
+        EXPECT_EQ(WhyNoDirectory(files_, Path(name) + "/new"), Path(name) + " is a dangling link");
     }
 }
 

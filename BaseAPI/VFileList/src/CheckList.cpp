@@ -56,7 +56,7 @@ bool IsBare(const std::string& root) {
 // False when there is no such directory, and -copy can't make it.
 bool CheckDirectory(Inspection& inspection, const TargetList& list) {
     const std::vector<std::string> made = inspection.files.MakeDirectory(list.directory);
-    const std::string why = inspection.files.WhyNoDirectory(list.directory);
+    const std::string why = WhyNoDirectory(inspection.files, list.directory);
     if (!why.empty()) {
         inspection.Add("E-DIR-NOT-DIRECTORY", list, list.directory, why);
         return false;

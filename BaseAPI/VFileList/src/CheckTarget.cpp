@@ -31,6 +31,21 @@ std::string AttributesOf(const std::string& path) {
     return lost;
 }
 
+std::string LostMode(const struct stat& reference, const struct stat& directory, bool isInstalled) {
+    const mode_t newMode = 0666 & ~CurrentUmask();
+    const mode_t mode = reference.st_mode & kPermissions;
+    std::string detail;
+    if (mode != newMode) detail = ShownMode(mode) + " becomes " + ShownMode(newMode);
+    // In a directory with the set-group-id bit a new file has the directory's group.
+    const gid_t group = (directory.st_mode & S_ISGID) != 0 ? directory.st_gid : getegid();
+    if (isInstalled && (reference.st_uid != geteuid() || reference.st_gid != group)) {
+        if (!detail.empty()) detail += ", ";
+        detail += "owner " + ShownOwner(reference) + " becomes " + std::to_string(geteuid()) + ":" +
+                  std::to_string(group);
+    }
+    return detail.empty() || isInstalled ? detail : detail + ", new in this package";
+}
+
 }  // namespace
 
 TargetChecker::TargetChecker(Inspection& inspection)
@@ -46,14 +61,19 @@ void TargetChecker::Check(const Entry& entry, const std::optional<struct stat>& 
 
     const PlannedFile file = files.At(path);
     const bool isLink = file.kind == FileKind::kLink;
-    const Look look{path, file, isLink ? files.Behind(path) : file, files.At(list.BackupOf(entry)), source};
+    const Look look{path,
+                    file,
+                    isLink ? files.Behind(path) : file,
+                    files.At(list.BackupOf(entry)),
+                    files.Behind(list.ListOf(entry).directory).status,
+                    source};
     if (look.behind.kind == FileKind::kFile) {
         CheckInstalled(entry, look);
     } else if (look.file.kind != FileKind::kNone) {
         CheckUnusable(entry, look);
     } else {
         CheckBackup(entry, look);
-        if (source) AddLoss("W-MODE-LOST", entry, LostMode(entry, *source, false));
+        if (source) AddLoss("W-MODE-LOST", entry, LostMode(*source, look.directory, false));
     }
 }
 
@@ -87,7 +107,7 @@ void TargetChecker::CheckUnusable(const Entry& entry, const Look& look) {
 
 void TargetChecker::CheckInstalled(const Entry& entry, const Look& look) {
     const struct stat& status = look.behind.status;
-    AddLoss("W-MODE-LOST", entry, LostMode(entry, status, true));
+    AddLoss("W-MODE-LOST", entry, LostMode(status, look.directory, true));
     AddLoss("W-ATTRIBUTES-LOST", entry, AttributesOf(look.behind.origin));
     if (look.source && IsSameFile(status, *look.source))
         inspection_.Add("E-TARGET-IN-PACKAGE", entry, look.path);
@@ -148,20 +168,4 @@ void TargetChecker::AddLoss(const char* code, const Entry& entry, const std::str
     const auto [loss, isNew] = losses_.try_emplace({code, detail}, Loss{inspection_.findings.size(), 0});
     if (isNew) inspection_.Add(code, entry, inspection_.list.TargetOf(entry), detail);
     ++loss->second.count;
-}
-
-std::string TargetChecker::LostMode(const Entry& entry, const struct stat& reference,
-                                    bool isInstalled) const {
-    const mode_t mode = reference.st_mode & kPermissions;
-    std::string detail;
-    if (mode != newMode_) detail = ShownMode(mode) + " becomes " + ShownMode(newMode_);
-    // In a directory with the set-group-id bit a new file has the directory's group.
-    const struct stat directory = inspection_.files.Behind(inspection_.list.ListOf(entry).directory).status;
-    const gid_t group = (directory.st_mode & S_ISGID) != 0 ? directory.st_gid : getegid();
-    if (isInstalled && (reference.st_uid != geteuid() || reference.st_gid != group)) {
-        if (!detail.empty()) detail += ", ";
-        detail += "owner " + ShownOwner(reference) + " becomes " + std::to_string(geteuid()) + ":" +
-                  std::to_string(group);
-    }
-    return detail.empty() || isInstalled ? detail : detail + ", new in this package";
 }

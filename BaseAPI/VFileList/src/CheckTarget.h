@@ -24,6 +24,7 @@ private:
         PlannedFile file;  // what bears the name
         PlannedFile behind;
         PlannedFile backup;
+        struct stat directory;
         std::optional<struct stat> source;
     };
     struct Loss {
@@ -37,13 +38,11 @@ private:
     void CheckBackup(const Entry& entry, const Look& look);
     bool IsBackupItself(const Entry& entry, const Look& look) const;
     void AddLoss(const char* code, const Entry& entry, const std::string& detail);
-    std::string LostMode(const Entry& entry, const struct stat& reference, bool isInstalled) const;
 
     Inspection& inspection_;
     PlannedFiles renamed_;  // the files as -rename leaves them so far
     ContentComparer comparer_;
     struct stat fileList_ {};
-    const mode_t newMode_ = 0666 & ~CurrentUmask();
     const std::set<FileId> tool_ = FilesOfTheTool();
     std::set<std::string> seen_;
     std::vector<std::pair<FileId, const Entry*>> installed_;

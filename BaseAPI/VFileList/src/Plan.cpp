@@ -121,7 +121,7 @@ std::string WhyCopyFails(const FileList& list, const Entry& entry, const Planned
     const std::string& directory = list.ListOf(entry).directory;
     const std::string path = list.TargetOf(entry);
     std::string why = WhySourceFails(entry, files.Behind(list.SourceOf(entry)));
-    if (why.empty()) why = files.WhyNoDirectory(directory);
+    if (why.empty()) why = WhyNoDirectory(files, directory);
     if (why.empty()) why = WhyNotWritable(files.NearestPlace(directory));
     if (why.empty() && !files.EndOf(path)) why = "a link that can't be followed stands there";
     if (why.empty() && files.Behind(path).kind == FileKind::kDirectory) why = "a directory stands there";

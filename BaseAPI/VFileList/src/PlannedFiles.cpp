@@ -84,18 +84,6 @@ std::string PlannedFiles::NearestPlace(const std::string& path) const {
     return start.is_absolute() ? root_ + "/" : ".";
 }
 
-std::string PlannedFiles::WhyNoDirectory(const std::string& path) const {
-    if (Behind(path).kind == FileKind::kDirectory) return "";
-    fs::path nearest = path;
-    for (; nearest.has_relative_path(); nearest = nearest.parent_path()) {
-        if (At(nearest).kind != FileKind::kNone) break;
-    }
-    const std::string name = nearest.empty() ? "." : nearest.string();
-    const FileKind kind = Behind(name).kind;
-    if (kind == FileKind::kDirectory) return name + " lacks what stands before \"..\"";
-    return name + (kind == FileKind::kNone ? " is a dangling link" : " is no directory");
-}
-
 void PlannedFiles::Move(const std::string& path, const std::string& newPath) {
     const std::optional<std::string> name = NameOf(path);
     const std::optional<std::string> newName = NameOf(newPath);
@@ -184,4 +172,16 @@ void PlannedFiles::Change(const std::string& name, PlannedFile file) {
     const bool didLeadOn = LeadsOn(FileAt(name));
     if (didLeadOn || LeadsOn(file)) directoryNames_.clear();
     changed_[name] = std::move(file);
+}
+
+std::string WhyNoDirectory(const PlannedFiles& files, const std::string& path) {
+    if (files.Behind(path).kind == FileKind::kDirectory) return "";
+    fs::path nearest = path;
+    for (; nearest.has_relative_path(); nearest = nearest.parent_path()) {
+        if (files.At(nearest).kind != FileKind::kNone) break;
+    }
+    const std::string name = nearest.empty() ? "." : nearest.string();
+    const FileKind kind = files.Behind(name).kind;
+    if (kind == FileKind::kDirectory) return name + " lacks what stands before \"..\"";
+    return name + (kind == FileKind::kNone ? " is a dangling link" : " is no directory");
 }

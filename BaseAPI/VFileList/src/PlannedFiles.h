@@ -36,8 +36,6 @@ public:
     std::optional<std::string> EndOf(const std::string& path) const;
     // Where the nearest directory at `path` or above it really is.
     std::string NearestPlace(const std::string& path) const;
-    // Why `path` is no directory; the empty text when it is.
-    std::string WhyNoDirectory(const std::string& path) const;
 
     // These two do nothing where the platform's calls fail.
     void Move(const std::string& path, const std::string& newPath);
@@ -56,5 +54,8 @@ private:
     std::map<std::string, PlannedFile> changed_;
     mutable std::map<std::string, std::optional<std::string>> directoryNames_;
 };
+
+// Why `path` is no directory; the empty text when it is.
+std::string WhyNoDirectory(const PlannedFiles& files, const std::string& path);
 
 #endif
