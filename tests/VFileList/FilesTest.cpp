@@ -206,15 +206,6 @@ TEST_F(FilesTest, TakesSlashesOffTheEndOfAllButTheRootDirectory) {
     EXPECT_EQ(WithoutTrailingSlashes(""), "");
 }
 
-TEST_F(FilesTest, FindsTheNearestThingThatExists) {
-    const std::string file = scratch_.Write("a/file", "");
-    EXPECT_EQ(NearestExisting(file), file);
-    EXPECT_EQ(NearestExisting(scratch_.Path("a/b/c/")), scratch_.Path("a"));
-    EXPECT_EQ(NearestExisting(file + "/below"), file);
-    EXPECT_EQ(NearestExisting("/nowhere/at/all"), "/");
-    EXPECT_EQ(NearestExisting("nowhere"), ".");
-}
-
 TEST_F(FilesTest, NoticesThatAFileWasTouched) {
     struct stat before {};
     struct stat now {};
@@ -347,26 +338,6 @@ TEST_F(FilesTest, KnowsNoBirthOfWhatIsMissingOrWhereTheFileSystemKeepsNone) {
     EXPECT_TRUE(BirthOf(scratch_.Write("file", "")));
     EXPECT_FALSE(BirthOf(scratch_.Path("missing")));
     EXPECT_FALSE(BirthOf("/proc/self/status"));
-}
-
-TEST_F(FilesTest, SaysWhyADirectoryCannotBeMade) {
-    const std::string file = scratch_.Write("file", "");
-    fs::create_symlink("nowhere", scratch_.Path("link"));
-    fs::create_symlink("circle", scratch_.Path("circle"));
-
-    EXPECT_EQ(WhyNoDirectory(scratch_.Path("new/dir")), "");
-    EXPECT_EQ(WhyNoDirectory("new/dir"), "") << "below whatever directory the tool is started in";
-    EXPECT_EQ(WhyNoDirectory("new/../dir"), ". lacks what stands before \"..\"");
-    EXPECT_EQ(WhyNoDirectory(file + "/new"), file + " is no directory");
-    for (const char* const name : {"link", "circle"}) {
-        EXPECT_EQ(WhyNoDirectory(scratch_.Path(name) + "/new"),
-                  scratch_.Path(name) + " is a link that points nowhere");
-    }
-    const Replaced replaced(calls::stat, [](const char*, struct stat*) {
-        errno = EIO;
-        return -1;
-    });
-    EXPECT_EQ(WhyNoDirectory(file), "") << "that is said where it is looked at";
 }
 
 }  // namespace

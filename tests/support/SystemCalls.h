@@ -91,6 +91,7 @@
     X(gid_t, getegid, (), ())                                                                        \
     X(uid_t, geteuid, (), ())                                                                        \
     X(int, isatty, (int fd), (fd))                                                                   \
+    X(ssize_t, listxattr, (const char* path, char* names, size_t size), (path, names, size))         \
     X(int, lstat, (const char* path, struct stat* status), (path, status))                           \
     X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                    \
     X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                      \
