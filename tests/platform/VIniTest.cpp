@@ -375,8 +375,9 @@ TEST_F(VIniTest, KeysBelowABrokenSectionLineBelongToNoSection) {
 
 TEST_F(VIniTest, ALoneBracketIsABrokenSectionLineToo) {
     const std::string texts[] = {
-        "top=0\n[s]\na=1\n[\nb=2\nc=3\n[t]\nd=4\n", "top=0\r\n[s]\r\na=1\r\n[\r\nb=2\r\n[t]\r\nd=4\r\n",
-        "top=0\r[s]\ra=1\r[\rb=2\r[t]\rd=4\r", "top=0\n[s]\na=1\n \t[ \t\nb=2\n[\n\n[\n[t]\nd=4\n"};
+        "top=0\n[s]\na=1\n[\nb=2\nc=3\n[t]\nd=4\n", "top=0\n[s]\na=1\n[\nb=[x]\nc=3\n[t]\nd=4\n",
+        "top=0\r\n[s]\r\na=1\r\n[\r\n[t]\r\nd=4\r\n", "top=0\r[s]\ra=1\r[\r[t]\rd=4\r",
+        "top=0\n[s]\na=1\n \t[ \t\nb=2\n[\n\n[\n[t]\nd=4\n"};
     for (const std::string& text : texts) {
         SCOPED_TRACE(text);
         const std::string path = Write(text);
@@ -396,12 +397,14 @@ TEST_F(VIniTest, ALoneBracketMayBeTheFirstLineOrTheLast) {
 }
 
 TEST_F(VIniTest, ABracketElsewhereIsNoSectionLine) {
-    const std::string path = Write("[s]\na=[\nb[\nc = x [ \n; [\n\xef\xbb\xbf[\nd=[x]\n\xef\xbb[\ne=1\n");
+    const std::string path =
+        Write("[s]\na=[\nb[\nc = x [ \n; [\n\xef\xbb\xbf[\nd=[x]\n\xef\xbb[\ne=\xef\xbb\xbf[\n");
 
     EXPECT_THAT(Keys("s", path, 4), ElementsAre("a", "c", "d", "e"));
     EXPECT_EQ(Get("s", "a", path), Found("["));
     EXPECT_EQ(Get("s", "c", path), Found("x ["));
     EXPECT_EQ(Get("s", "d", path), Found("[x]"));
+    EXPECT_EQ(Get("s", "e", path), Found("\xef\xbb\xbf["));
 }
 
 TEST_F(VIniTest, ANulByteEndsTheFile) {

@@ -865,6 +865,34 @@ TEST_F(VLoggerTest, LosesALineWithoutMemoryAndSaysSoOnce) {
     }
 }
 
+TEST_F(VLoggerTest, LogsOnOnceARotationHasMemoryAgain) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const long before = OpenDescriptors();
+    const std::string text(1000, 'b');
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        const CapturedStandardError* const standardError = new CapturedStandardError;
+        scratch_.Write("log/a.log", "");
+        Start(0, kLogLevelInformation, 2, 1);
+        LogText(std::string(1000, 'a'));
+        {
+            const ShortMemory memory(successes);
+            LogText(text);  // rotates
+            isDone = !memory.HasFailed();
+            LogText("short");
+        }
+        LOG_LINE("after");
+        const bool isLost = standardError->Text() != "";
+        EXPECT_THAT(Log(), EndsWith("after\n"));
+        EXPECT_EQ(Log().find(text) == std::string::npos, isLost);
+        EXPECT_EQ(standardError->Text(), isLost ? "VLogger: std::bad_alloc\n" : "");
+        Logger().StopSystem();
+        delete standardError;
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
 // The log has to be opened by an exit handler: the end of a test closes it.
 TEST_F(VLoggerTest, ExitHandlersAndStaticDestructorsMayLog) {
     if (InOwnProcess()) {
