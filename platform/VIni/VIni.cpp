@@ -111,9 +111,11 @@ public:
     int AddKeys(const char* section, std::set<std::string>& keys) const;
 
 private:
-    bool Parse(const char* iniPath);
+    bool Read(const char* iniPath);
+    void Parse(std::string content);
 
     std::unique_ptr<CSimpleIniCaseA> ini_;
+    std::string content_;
     struct stat identity_ = {};
     timespec firstSeen_ = {};
     bool isSettled_ = false;
@@ -130,11 +132,11 @@ bool ParsedFile::Load(const char* iniPath) {
         errno = EINVAL;
         return false;
     }
-    return (ini_ && isSettled_ && IsSameFile(status, identity_)) || Parse(iniPath);
+    return (isSettled_ && IsSameFile(status, identity_)) || Read(iniPath);
 }
 
-bool ParsedFile::Parse(const char* iniPath) {
-    ini_.reset();
+bool ParsedFile::Read(const char* iniPath) {
+    isSettled_ = false;
     const FileHandle file(std::fopen(iniPath, "rbe"));
     struct stat status;
     if (!file || fstat(fileno(file.get()), &status) != 0) return false;
@@ -142,15 +144,21 @@ bool ParsedFile::Parse(const char* iniPath) {
         identity_ = status;
         firstSeen_ = Now(CLOCK_MONOTONIC_COARSE);
     }
-    isSettled_ = IsSettled(identity_, firstSeen_);  // before the reading, which a change may follow at once
+    const bool isSettled = IsSettled(status, firstSeen_);  // a change may follow the reading at once
 
     std::string content;
     if (!ReadBeginning(file.get(), static_cast<std::size_t>(status.st_size), content)) return false;
+    if (!ini_ || content != content_) Parse(std::move(content));
+    isSettled_ = isSettled;
+    return true;
+}
+
+void ParsedFile::Parse(std::string content) {
     auto ini = std::make_unique<CSimpleIniCaseA>();
     // Without conversions nothing else can be wrong.
     if (ini->LoadData(WithNamedBrackets(content)) < 0) throw std::bad_alloc();
     ini_ = std::move(ini);
-    return true;
+    content_ = std::move(content);
 }
 
 int ParsedFile::AddKeys(const char* section, std::set<std::string>& keys) const {

@@ -18,12 +18,13 @@
 /// the next section line belong to no section; a NUL byte ends the file.
 ///
 /// A file is parsed once and the parse is kept for the next calls, as long as the file is the same (device,
-/// inode, size and times); reading N keys costs N. The parse of a file that changed a moment ago serves one
-/// call alone, since one more change could leave the file with the same times. A moment is two steps of the
-/// kernel's coarse clock, a few milliseconds; it is two seconds on a file system that keeps whole seconds or
-/// hundredths of them. It is counted from the first call for a file whose times lie in the future. Two
-/// things can hide a change: a network file system whose server has not yet told of it, and a clock that was
-/// set back and comes to the very same time again. No more than one file's parse is kept.
+/// inode, size and times); reading N keys costs N. A file that changed a moment ago is read anew by each
+/// call, and parsed when its content is another, since one more change could leave it with the same times. A
+/// moment is two steps of the kernel's coarse clock, a few milliseconds, and two seconds where the time of
+/// the change is a whole hundredth of a second, as on file systems that keep no finer ones. It is counted
+/// from the first call for a file whose times lie in the future. Two things can hide a change: a network file
+/// system whose server has not yet told of it, and a clock that was set back and comes to the very same time
+/// again. No more than one file's parse is kept.
 ///
 /// A file that can't be read, or is no ordinary file, or finds no memory, holds nothing; one line on standard
 /// error says why, and says so once, not for every key. Control characters, backslashes and bytes that are

@@ -676,7 +676,7 @@ TEST_F(VIniTest, AFailedReadBetweenKeepsTheParse) {
     EXPECT_EQ(counter.Opens(), 1);
 }
 
-TEST_F(VIniTest, ParsesAFileThatJustChangedForEveryKey) {
+TEST_F(VIniTest, ReadsAFileThatJustChangedForEveryKey) {
     const std::string path = Write("[s]\nkey=value\n");
     const FileAge age(path, JustChangedAge() - 1000);
     OpenCounter counter(path);
@@ -684,6 +684,20 @@ TEST_F(VIniTest, ParsesAFileThatJustChangedForEveryKey) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
 
     EXPECT_EQ(counter.Opens(), 3);
+}
+
+TEST_F(VIniTest, ParsesAFileThatJustChangedOnceAsLongAsItsContentIsTheSame) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    std::string content = "[s]\nkey=value\n";
+    for (int i = 0; i < 1000; ++i) content += "key" + std::to_string(i) + "=\n";
+    const std::string path = Write(content);
+    const FileAge age(path, 0);
+    ASSERT_EQ(Get("s", "key", path), Found("value"));
+
+    const long before = heap::Allocations();
+    EXPECT_EQ(Get("s", "key", path), Found("value"));
+
+    EXPECT_LT(heap::Allocations() - before, 100);  // a parse takes some for each key
 }
 
 TEST_F(VIniTest, KeepsTheParseAsSoonAsTheFileIsOldEnough) {
