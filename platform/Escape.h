@@ -29,11 +29,11 @@ inline std::size_t PrintableLength(std::string_view text) {
                                              {0xf0, 0xf0, 4, 0x90, 0xbf},
                                              {0xf1, 0xf3, 4, 0x80, 0xbf},
                                              {0xf4, 0xf4, 4, 0x80, 0x8f}}};
-    const auto isWithin = [text](std::size_t at, unsigned char first, unsigned char last) {
-        const auto byte = static_cast<unsigned char>(text[at]);
+    const auto isWithin = [text](std::size_t index, unsigned char first, unsigned char last) {
+        const auto byte = static_cast<unsigned char>(text[index]);
         return byte >= first && byte <= last;
     };
-    const auto form = std::find_if(forms.begin(), forms.end(), [&isWithin](const Form& candidate) {
+    const Form* const form = std::find_if(forms.begin(), forms.end(), [&isWithin](const Form& candidate) {
         return isWithin(0, candidate.first, candidate.last);
     });
     if (form == forms.end() || form->length > text.size()) return 0;

@@ -77,15 +77,16 @@ bool ReadBeginning(FILE* file, std::size_t size, std::string& content) {
 
 // True when the line of the '[' at `bracket` has nothing else, but for blanks and a byte-order mark.
 bool IsLoneBracket(std::string_view text, std::size_t bracket) {
+    constexpr auto npos = std::string_view::npos;
     constexpr std::string_view blanks = " \t";
     constexpr std::string_view lineEnds = "\r\n";
     const std::string_view before = text.substr(0, bracket);
     const std::string_view behind = text.substr(bracket + 1);
     const std::size_t last = before.find_last_not_of(blanks);
     const std::size_t next = behind.find_first_not_of(blanks);
-    const bool isFirst = last == before.npos || lineEnds.find(before[last]) != lineEnds.npos ||
-                         before.substr(0, last + 1) == "\xef\xbb\xbf";
-    return isFirst && next != behind.npos && lineEnds.find(behind[next]) != lineEnds.npos;
+    const bool isFirst =
+        last == npos || lineEnds.find(before[last]) != npos || before.substr(0, last + 1) == "\xef\xbb\xbf";
+    return isFirst && next != npos && lineEnds.find(behind[next]) != npos;
 }
 
 // SimpleIni looks for the name of a line that is only "[" in the next line, which is lost then. A name
@@ -93,7 +94,7 @@ bool IsLoneBracket(std::string_view text, std::size_t bracket) {
 std::string WithNamedBrackets(const std::string& content) {
     std::string text;
     std::size_t copied = 0;
-    for (std::size_t at = content.find('['); at != content.npos; at = content.find('[', at + 1)) {
+    for (std::size_t at = content.find('['); at != std::string::npos; at = content.find('[', at + 1)) {
         if (!IsLoneBracket(content, at)) continue;
         text.append(content, copied, at + 1 - copied) += 'x';
         copied = at + 1;
