@@ -94,10 +94,9 @@ std::vector<std::string> LogRecorder::Calls() {
 // The logger's members, which the dynamic linker finds here before it finds those of libVLogger.so.
 
 VLogger* VLogger::GetInstance() {
-    const calls::WithoutFaults paused;
-    static VLogger* const instance = new VLogger;
+    static VLogger instance;
     errno = LogRecorder::kForeignErrno;
-    return instance;
+    return &instance;
 }
 
 void VLogger::StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
