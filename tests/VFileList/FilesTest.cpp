@@ -290,12 +290,6 @@ TEST_F(FilesTest, ReadsNothingThatTurnsIntoADirectoryMeanwhile) {
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST_F(FilesTest, KnowsNoBirthOfWhatIsMissingOrWhereTheFileSystemKeepsNone) {
-    EXPECT_TRUE(BirthOf(scratch_.Write("file", "")));
-    EXPECT_FALSE(BirthOf(scratch_.Path("missing")));
-    EXPECT_FALSE(BirthOf("/proc/self/status"));
-}
-
 TEST_F(FilesTest, SaysWhyADirectoryCannotBeMade) {
     const std::string file = scratch_.Write("file", "");
     fs::create_symlink("nowhere", scratch_.Path("link"));

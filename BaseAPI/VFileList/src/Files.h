@@ -70,13 +70,6 @@ bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath);
 // The two files, by status, are one: the same inode.
 bool IsSameFile(const struct stat& left, const struct stat& right);
 
-// Nanoseconds since 1970.
-using Moment = long long;
-Moment MomentOf(const timespec& time);
-
-// When the file itself was made. Not every file system tells.
-std::optional<Moment> BirthOf(const std::string& path);
-
 // Nothing happened to the file between the two looks at it.
 bool IsUnchanged(const struct stat& before, const struct stat& now);
 
