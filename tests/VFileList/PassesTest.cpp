@@ -50,7 +50,7 @@ Targets Observed(const Model& model) {
 }
 
 // Runs the pass, or the rollback, on the first `count` files.
-void Run(const std::string& pass, Model& model, std::size_t count) {
+void RunPass(const std::string& pass, Model& model, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
         ModelFile& file = model[i];
         const bool isThere = file.name != Content::kNothing;
@@ -105,13 +105,13 @@ void ForEachCutOff(Check check) {
         for (const char* const pass : {"-rename", "-copy", "-clean"}) {
             for (std::size_t count = 0; count <= release.size(); ++count) {
                 Model cut = model;
-                Run(pass, cut, count);
+                RunPass(pass, cut, count);
                 check(cut, pass);
                 if (pass != std::string("-copy") || count == release.size()) continue;
                 cut[count].name = Content::kPart;
                 check(cut, pass);
             }
-            Run(pass, model, model.size());
+            RunPass(pass, model, model.size());
         }
     });
 }
@@ -121,7 +121,7 @@ PassesReport FollowToTheEnd(Model& model, bool isCleanBegun) {
     PassesReport report = JudgePasses(Observed(model));
     for (int step = 0; step < 4 && !report.next.empty(); ++step) {
         isCleanBegun = isCleanBegun || report.next == "-clean";
-        Run(report.next, model, model.size());
+        RunPass(report.next, model, model.size());
         EXPECT_TRUE(isCleanBegun || IsNothingLost(model)) << "after " << report.next;
         report = JudgePasses(Observed(model));
     }
@@ -153,9 +153,9 @@ TEST(PassesTest, LosesNothingWhereverARollbackIsCutOff) {
         for (const bool isCopied : {false, true}) {
             for (std::size_t count = 0; count <= release.size(); ++count) {
                 Model model = release;
-                Run("-rename", model, model.size());
-                if (isCopied) Run("-copy", model, model.size());
-                Run("rollback", model, count);
+                RunPass("-rename", model, model.size());
+                if (isCopied) RunPass("-copy", model, model.size());
+                RunPass("rollback", model, count);
                 SCOPED_TRACE(Shown(Observed(model)));
 
                 (void)FollowToTheEnd(model, false);
