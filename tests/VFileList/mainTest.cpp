@@ -229,10 +229,10 @@ TEST_F(VFileListMainTest, RollsBackToTheEndThoughNobodyReadsTheReport) {
     std::string list = "[Server]\nBin=@\n[Bin]\n";
     for (int i = 0; i < 2000; ++i) {
         const std::string name = "file" + std::to_string(i);
-        package_.Install(name + ".bak", "old");
         list += name + "=" + name + "\n";
     }
     package_.WriteList(list);
+    for (int i = 0; i < 2000; ++i) package_.Install("file" + std::to_string(i) + ".bak", "old");
 
     (void)RunProcess({"bash", "-c", std::string(VFILELIST_PATH) + " rollback \"$1\" | head -n 1", "bash",
                       package_.ListPath()});

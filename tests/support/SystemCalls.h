@@ -93,6 +93,8 @@
     X(int, lstat, (const char* path, struct stat* status), (path, status))                           \
     X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                    \
     X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                      \
+    X(int, statx, (int directory, const char* path, int flags, unsigned mask, struct statx* status), \
+      (directory, path, flags, mask, status))                                                        \
     X(int, unlink, (const char* path), (path))
 
 namespace calls {

@@ -84,7 +84,9 @@ protected:
 
     // Does what verify says, as ExpectTheWayOnEndsWell, and looks for the old files in between.
     void ExpectNothingLostOnTheWayOn(std::string pass) const {
-        for (std::string next; !(next = PassToRun()).empty();) {
+        for (int step = 0; step < 4; ++step) {
+            const std::string next = PassToRun();
+            if (next.empty()) break;
             pass = next;
             RunPassWhole(pass);
             ExpectInvariantsSince(pass, Installed());
@@ -152,7 +154,11 @@ protected:
 
     // Does what verify says until nothing is left to do.
     void ExpectTheWayOnEndsWell() const {
-        for (std::string next; !(next = PassToRun()).empty();) RunPassWhole(next);
+        for (int step = 0; step < 4; ++step) {
+            const std::string next = PassToRun();
+            if (next.empty()) break;
+            RunPassWhole(next);
+        }
         ExpectNewRelease();
         EXPECT_EQ(package_.Run("verify", {"--expect", "cleaned"}).exitStatus, 0);
     }
@@ -247,20 +253,14 @@ TEST_F(KilledUpgradeTest, ARollbackCanBeKilledAnywhereAndRunAgain) {
          }},
     };
     for (const auto& [name, reach] : states) {
-        for (const std::vector<std::string>& options :
-             {std::vector<std::string>{}, std::vector<std::string>{"--partial"}}) {
-            SCOPED_TRACE(testing::Message() << name << " " << testing::PrintToString(options));
-            const auto prepare = [this, reach = reach] {
-                Restore(old_);
-                reach();
-            };
-            const auto check = [&](const auto&) {
-                EXPECT_EQ(Status(Rollback(options)), 0);
-                ExpectOldRelease();
-            };
-            const Swept swept = Sweep({Rollback(options), prepare, check}, StartUpCalls());
-            EXPECT_GE(swept.states, kPredecessors + 1);
-        }
+        SCOPED_TRACE(name);
+        const auto prepare = [this, reach = reach] {
+            Restore(old_);
+            reach();
+        };
+        const auto check = [this](const auto&) { ExpectRollbackEndsWell(); };
+        const Swept swept = Sweep({Rollback({}), prepare, check}, StartUpCalls());
+        EXPECT_GE(swept.states, kPredecessors + 1);
     }
 }
 

@@ -92,8 +92,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "After -copy run `vfilelist rollback --only-modes`; set the mode of files without a predecessor "
          "yourself."},
         {"W-OLD-BACKUP", "an old NAME.bak is there",
-         "-rename replaces it without a word. A rollback takes it for the upgrade's backup when "
-         "-rename finds no NAME or has not been run, and NAME holds what the package's file holds.",
+         "-rename replaces it without a word. Until then vfilelist names no pass and puts no backup back.",
          "If the last upgrade is finished, remove it (`VCopyFileListIni -clean` of that upgrade)."},
         {"W-TARGET-BUSY", "a target is being executed",
          "-rename moves it, and the running program goes on with the old file; -copy without -rename fails: "
