@@ -538,6 +538,20 @@ TEST_F(RollbackTest, BringsBackALinkWhosePointeeComesBackToo) {
     EXPECT_EQ(package_.Installed("lib.so.1"), "old");
 }
 
+TEST_F(RollbackTest, PutsNoLinkBackWhosePointeeIsLeftBehind) {
+    package_.Bring("lib.so", "new");
+    package_.Bring("lib.so.1", "new");
+    package_.WriteEntries("lib.so,lib.so.1");
+    package_.Install("lib.so", "new");
+    fs::create_symlink("lib.so.1", package_.InstalledPath("lib.so.bak"));
+    for (const bool isBackupThere : {false, true}) {
+        if (isBackupThere) fs::create_directory(package_.InstalledPath("lib.so.1.bak"));
+
+        EXPECT_THAT(ActionHere("lib.so", Partial()), HasSubstr("NAME.bak is a dangling symlink"));
+        EXPECT_EQ(package_.Installed("lib.so"), "new");
+    }
+}
+
 TEST_F(RollbackTest, PutsNoLinkOverTheFileThatItLeadsTo) {
     package_.Install("tool", "the new tool");
     fs::create_symlink("tool", package_.InstalledPath("tool.bak"));

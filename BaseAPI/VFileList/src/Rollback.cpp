@@ -29,14 +29,10 @@ struct Item {
     std::string backup;
     std::string directory;
     TargetFacts facts;
-    RollbackStep step;
+    RollbackStep step = {Action::kNothing};
 };
 
-struct Summary {
-    std::map<Action, std::size_t> counts;
-    std::size_t problems = 0;
-    bool isRefused = false;
-};
+using Counts = std::map<Action, std::size_t>;
 
 struct ActionName {
     const char* json;
@@ -66,11 +62,8 @@ std::vector<Item> Examine(const FileList& list, Output& output) {
     for (const Target& target : targets) {
         output.Progress("rollback: compare", items.size(), targets.size());
         const Entry& entry = examiner.EntryOf(target);
-        items.push_back({list.TargetOf(entry),
-                         list.BackupOf(entry),
-                         list.ListOf(entry).directory,
-                         examiner.Examine(target),
-                         {Action::kNothing}});
+        items.push_back({list.TargetOf(entry), list.BackupOf(entry), list.ListOf(entry).directory,
+                         examiner.Examine(target)});
     }
     return items;
 }
@@ -83,8 +76,8 @@ void FollowDanglingLinks(std::vector<Item>& items) {
         const fs::path link = fs::read_symlink(item.backup, error);
         const fs::path pointee = (item.directory / link).lexically_normal();
         item.facts.isBackupDangling = std::none_of(items.begin(), items.end(), [&](const Item& other) {
-            return fs::path(other.path).lexically_normal() == pointee &&
-                   DecideOnBackup(other.facts).action == Action::kRestore;
+            if (fs::path(other.path).lexically_normal() != pointee) return false;
+            return DecideOnBackup(other.facts).action == Action::kRestore;
         });
     }
 }
@@ -197,22 +190,22 @@ void ShowItem(const Item& item, const RollbackOptions& options, Output& output) 
                 Shown(item.path) + (detail.empty() ? "" : "  (" + Shown(detail) + ")"));
 }
 
-void ShowSummary(Summary& summary, Output& output) {
+void ShowSummary(Counts& counts, std::size_t problems, bool isRefused, Output& output) {
     output.EndList();
-    output.Member("summary", {{"restored", summary.counts[Action::kRestore]},
-                              {"modesSet", summary.counts[Action::kSetMode]},
-                              {"kept", summary.counts[Action::kKeep]},
-                              {"failed", summary.counts[Action::kFail]},
-                              {"nothing", summary.counts[Action::kNothing]},
-                              {"problems", summary.problems},
-                              {"refused", summary.isRefused}});
+    output.Member("summary", {{"restored", counts[Action::kRestore]},
+                              {"modesSet", counts[Action::kSetMode]},
+                              {"kept", counts[Action::kKeep]},
+                              {"failed", counts[Action::kFail]},
+                              {"nothing", counts[Action::kNothing]},
+                              {"problems", problems},
+                              {"refused", isRefused}});
     output.Line();
-    output.Line(Counted(summary.counts[Action::kRestore] + summary.counts[Action::kSetMode], "file") +
-                " done, " + std::to_string(summary.counts[Action::kKeep]) + " kept, " +
-                std::to_string(summary.counts[Action::kFail]) + " failed.");
-    if (summary.isRefused) {
+    output.Line(Counted(counts[Action::kRestore] + counts[Action::kSetMode], "file") + " done, " +
+                std::to_string(counts[Action::kKeep]) + " kept, " + std::to_string(counts[Action::kFail]) +
+                " failed.");
+    if (isRefused) {
         output.Line(
-            output.Paint(Style::kError, "Nothing is changed because of " + Counted(summary.problems, "file") +
+            output.Paint(Style::kError, "Nothing is changed because of " + Counted(problems, "file") +
                                             ". Look at what is kept, or restore the rest: --partial"));
     }
 }
@@ -223,15 +216,16 @@ int Rollback(const FileList& list, const RollbackOptions& options, Output& outpu
     ShowHead(list, options, output);
     std::vector<Item> items = Examine(list, output);
     options.isOnlyModes ? FollowReferences(items) : FollowDanglingLinks(items);
-    Summary summary;
-    summary.isRefused = Decide(items, options);
+    const bool isRefused = Decide(items, options);
+    Counts counts;
+    std::size_t problems = 0;
     for (Item& item : items) {
         if (!options.isDryRun) item.step = Perform(item);
         ShowItem(item, options, output);
-        ++summary.counts[item.step.action];
-        if (item.step.isProblem) ++summary.problems;
+        ++counts[item.step.action];
+        if (item.step.isProblem) ++problems;
     }
-    if (!options.isDryRun) summary.problems += SyncDirectories(items);
-    ShowSummary(summary, output);
-    return summary.problems == 0 ? kFine : kFindings;
+    if (!options.isDryRun) problems += SyncDirectories(items);
+    ShowSummary(counts, problems, isRefused, output);
+    return problems == 0 ? kFine : kFindings;
 }
