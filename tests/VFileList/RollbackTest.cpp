@@ -579,8 +579,12 @@ TEST_F(RollbackTest, OnlyModesSetsTheModesOfTheOthersBesideAProblem) {
     SetMode("other.bak", 0750);
 
     int status = 0;
-    EXPECT_EQ(ActionHere("other", OnlyModes(), &status), "mode-set: 0644 to 0750");
+    const nlohmann::json report = ReportHere(OnlyModes(), &status);
+
+    EXPECT_EQ(report["actions"][1]["detail"], "0644 to 0750");
+    EXPECT_EQ(report["summary"]["refused"], false);
     EXPECT_EQ(status, 1);
+    EXPECT_EQ(ModeOf("other"), 0750u);
 }
 
 TEST_F(RollbackTest, OnlyModesTakesNoModeFromADirectory) {

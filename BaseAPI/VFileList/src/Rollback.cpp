@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using Counts = std::map<Action, std::size_t>;
 constexpr mode_t kPermissions = 07777;
 const char kChanged[] = "changed while the rollback ran";
 
@@ -31,8 +32,6 @@ struct Item {
     TargetFacts facts;
     RollbackStep step = {Action::kNothing};
 };
-
-using Counts = std::map<Action, std::size_t>;
 
 struct ActionName {
     const char* json;
