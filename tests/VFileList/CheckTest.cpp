@@ -666,7 +666,7 @@ TEST_F(CheckTest, AsksForTheRightsOfTheEffectiveUser) {
 
     EXPECT_THAT(FindCodes(package_), IsEmpty());
 
-    EXPECT_THAT(asked, ElementsAre(package_.InstalledPath() + "/"));
+    EXPECT_THAT(asked, ElementsAre(package_.InstalledPath()));
 }
 
 TEST_F(CheckTest, LeavesTheUmaskAsItWas) {
@@ -679,7 +679,7 @@ TEST_F(CheckTest, LeavesTheUmaskAsItWas) {
 }
 
 TEST_F(CheckTest, TakesAProgramOfTheSameInodeNumberOnAnotherFileSystemForAnother) {
-    const std::string program = "/proc/" + std::to_string(getpid()) + "/exe";
+    const std::string program = "/proc/" + std::to_string(getppid()) + "/exe";
     const auto codes = [&](dev_t step) {
         const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
             if (path != program) return calls::real::stat(path, status);

@@ -373,7 +373,7 @@ TEST_F(PlanTest, AsksForTheRightsOfTheEffectiveUser) {
 
     EXPECT_EQ(WhyItFails(package_), "");
 
-    const std::string directory = package_.InstalledPath() + "/";
+    const std::string directory = package_.InstalledPath();
     EXPECT_THAT(asked, ElementsAre(directory, directory)) << "for -rename, and for -copy";
 }
 

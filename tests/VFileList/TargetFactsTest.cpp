@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "FileSystem.h"
 #include "Package.h"
 #include "SystemCalls.h"
 
@@ -60,8 +61,7 @@ TEST_F(TargetFactsTest, KnowsADanglingLinkAndADanglingBackup) {
     EXPECT_TRUE(facts.hasBackup);
     EXPECT_FALSE(facts.hasReference);
     EXPECT_TRUE(facts.isBackupDangling);
-    EXPECT_EQ(facts.detail,
-              "a link that points nowhere, NAME.bak is a link that points nowhere; -clean passes over it");
+    EXPECT_EQ(facts.detail, "a dangling symlink, NAME.bak is a dangling symlink; -clean skips it");
 }
 
 TEST_F(TargetFactsTest, TakesASecondNameOfTheSameFileForNoBackup) {
@@ -87,7 +87,7 @@ TEST_F(TargetFactsTest, TakesALinkBetweenTheTwoNamesForNoBackup) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
     EXPECT_FALSE(Examine().hasBackup);
-    EXPECT_TRUE(Examine().Observation().isBackupDoubtful);
+    EXPECT_EQ(Examine().Observation().backupDoubt, BackupDoubt::kSameFile);
 }
 
 TEST_F(TargetFactsTest, TakesALinkToASecondNameOfTheNewFileForABackup) {
@@ -237,6 +237,59 @@ TEST_F(TargetFactsTest, TakesTheBackupOfADanglingLinkForABackup) {
 
     EXPECT_TRUE(facts.hasBackup);
     EXPECT_EQ(facts.backupDoubt, BackupDoubt::kNone);
+}
+
+// Lets `path` have been changed a little before everything else.
+auto WithEarlierChange(const std::string& path, const timespec& changed) {
+    return [path, changed](const char* file, struct stat* status) {
+        const int result = calls::real::lstat(file, status);
+        if (file == path) status->st_ctim = changed;
+        return result;
+    };
+}
+
+TEST_F(TargetFactsTest, DoubtsABackupThatIsOlderThanThePackagesFile) {
+    const timespec changed = StatusOf(package_.Bring("tool", "new")).st_ctim;
+    package_.Install("tool.bak", "older");
+    package_.WriteEntries("tool");
+    const struct {
+        timespec backup;
+        BackupDoubt doubt;
+    } cases[] = {{{changed.tv_sec, changed.tv_nsec - 1}, BackupDoubt::kEarlier},
+                 {{changed.tv_sec - 1, changed.tv_nsec + 1}, BackupDoubt::kEarlier},
+                 {changed, BackupDoubt::kNone},
+                 {{changed.tv_sec, changed.tv_nsec + 1}, BackupDoubt::kNone},
+                 {{changed.tv_sec + 1, changed.tv_nsec - 1}, BackupDoubt::kNone}};
+    for (const auto& row : cases) {
+        const Replaced replaced(calls::lstat,
+                                WithEarlierChange(package_.InstalledPath("tool.bak"), row.backup));
+        const TargetFacts facts = Examine();
+        EXPECT_EQ(facts.backupDoubt, row.doubt);
+        EXPECT_TRUE(facts.hasBackup);
+        EXPECT_EQ(facts.detail, row.doubt == BackupDoubt::kNone ? "" : "NAME.bak is older than the package");
+    }
+}
+
+TEST_F(TargetFactsTest, ComparesABackupWithTheFileListWhereThePackageLacksTheFile) {
+    package_.Install("tool.bak", "old");
+    const timespec changed = StatusOf(package_.WriteEntries("tool")).st_ctim;
+    const std::string backup = package_.InstalledPath("tool.bak");
+    {
+        const Replaced replaced(calls::lstat, WithEarlierChange(backup, changed));
+        EXPECT_EQ(Examine().backupDoubt, BackupDoubt::kNone);
+    }
+    const Replaced replaced(calls::lstat, WithEarlierChange(backup, {changed.tv_sec - 1, changed.tv_nsec}));
+    EXPECT_EQ(Examine().backupDoubt, BackupDoubt::kEarlier);
+    EXPECT_EQ(Examine().packageSize, -1);
+}
+
+TEST_F(TargetFactsTest, KnowsWhatRenameMovedForABackup) {
+    package_.Install("tool", "old");
+    package_.Bring("tool", "new");
+    package_.WriteEntries("tool");
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+
+    EXPECT_EQ(Examine().backupDoubt, BackupDoubt::kNone) << "though the file itself is older";
 }
 
 TEST_F(TargetFactsTest, SaysThatThePackageLacksWhatWouldStandBelowAFile) {

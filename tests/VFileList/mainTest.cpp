@@ -50,8 +50,8 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
         {"verify", package_.ListPath(), "--expect", "done"},
         {"verify", package_.ListPath(), "--root", "/"},
         {"check", package_.ListPath(), "--root", package_.scratch().Path("nowhere")},
-        {"rollback", package_.ListPath(), "--only-modes", "--remove-new"},
-        {"rollback", package_.ListPath(), "--only-modes", "--force"},
+        {"rollback", package_.ListPath(), "--only-modes", "--partial"},
+        {"rollback", package_.ListPath(), "--force"},
         {"plan", package_.ListPath(), "another.ini"},
     };
     for (const std::vector<std::string>& arguments : wrong) {
@@ -92,6 +92,49 @@ TEST_F(VFileListMainTest, ExitsWith2WithoutADirectoryListExceptForCheck) {
     }
 }
 
+TEST_F(VFileListMainTest, RollsBackNothingWithoutAFileListOrAnOpenUpgrade) {
+    const std::string state = package_.scratch().Path("state");
+    const struct {
+        std::vector<std::string> options;
+        const char* cause;
+    } cases[] = {{{}, "no upgrade is open; name a file list to put its backups back"},
+                 {{"--dry-run"}, "--dry-run and --only-modes need a file list"},
+                 {{"--only-modes"}, "--dry-run and --only-modes need a file list"}};
+    for (const auto& row : cases) {
+        const ProcessResult result =
+            RunProcess(Concatenate({VFILELIST_PATH, "rollback", "--state", state}, row.options));
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_THAT(result.err, HasSubstr(row.cause));
+    }
+}
+
+TEST_F(VFileListMainTest, RollsBackTheOthersWhenPartial) {
+    package_.Bring("other", "new");
+    package_.Install("other", "old");
+    package_.WriteEntries("tool,other");
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    package_.Install("tool", "configured");
+
+    EXPECT_EQ(package_.Run("rollback").exitStatus, 1);
+    EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("other.bak", "tool", "tool.bak"));
+    EXPECT_EQ(package_.Run("rollback", {"--partial"}).exitStatus, 1);
+    EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("other", "tool", "tool.bak"));
+}
+
+// An open upgrade whose backup is gone can't be taken back whole.
+TEST_F(VFileListMainTest, ClosesAnOpenUpgradeThatIsPartlyTakenBack) {
+    const std::string state = package_.scratch().Path("state");
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        return RunProcess(Concatenate({VFILELIST_PATH}, Concatenate(arguments, {"--state", state})))
+            .exitStatus;
+    };
+    ASSERT_EQ(run({"upgrade", package_.ListPath(), "--json"}), 0);
+    std::filesystem::remove(package_.InstalledPath("tool.bak"));
+
+    EXPECT_EQ(run({"rollback", "--partial"}), 3);
+    EXPECT_EQ(run({"status"}), 0) << "nothing is open any more";
+}
+
 TEST_F(VFileListMainTest, HelpIsFineAndNamesTheExitStatuses) {
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{}, {"check"}, {"plan"}, {"verify"}, {"rollback"}}) {
@@ -130,7 +173,7 @@ TEST_F(VFileListMainTest, WritesJsonAsItsSchemaHasItThroughoutAnUpgrade) {
         for (const char* const command : {"check", "plan", "verify"}) {
             ExpectMatchesSchema(package_.Run(command, {"--json"}).out);
         }
-        ExpectMatchesSchema(package_.Run("rollback", {"--json", "--dry-run", "--remove-new"}).out);
+        ExpectMatchesSchema(package_.Run("rollback", {"--json", "--dry-run", "--partial"}).out);
         ExpectMatchesSchema(package_.Run("rollback", {"--json", "--only-modes"}).out);
     }
 }
@@ -186,10 +229,10 @@ TEST_F(VFileListMainTest, RollsBackToTheEndThoughNobodyReadsTheReport) {
     std::string list = "[Server]\nBin=@\n[Bin]\n";
     for (int i = 0; i < 2000; ++i) {
         const std::string name = "file" + std::to_string(i);
-        package_.Install(name + ".bak", "old");
         list += name + "=" + name + "\n";
     }
     package_.WriteList(list);
+    for (int i = 0; i < 2000; ++i) package_.Install("file" + std::to_string(i) + ".bak", "old");
 
     (void)RunProcess({"bash", "-c", std::string(VFILELIST_PATH) + " rollback \"$1\" | head -n 1", "bash",
                       package_.ListPath()});

@@ -43,8 +43,8 @@ check_upgrade_tool() {
 }
 
 check_commands() {
-    expect '--help --version check plan rollback verify' vfilelist ''
-    expect 'rollback' vfilelist r
+    expect '--help --version check commit plan resume rollback status upgrade verify' vfilelist ''
+    expect 'resume rollback' vfilelist r
     expect '--help --version' vfilelist -
     expect '' vfilelist f
 }
@@ -53,13 +53,13 @@ check_vfilelist_options() {
     expect '--errors-only --help --json --root' vfilelist check -
     expect '--help --json' vfilelist plan -
     expect '--expect --help --ignore-modes --json' vfilelist verify -
-    expect '--dry-run --force --help --json --only-modes --remove-new' vfilelist rollback -
+    expect '--dry-run --help --json --only-modes --partial --state' vfilelist rollback -
     expect '--json' vfilelist verify filelist.ini --j
     # What is there already, and what it excludes, would be refused.
     expect '--errors-only --help --root' vfilelist check --json -
-    expect '--dry-run --help --json' vfilelist rollback --only-modes -
-    expect '--dry-run --help --json --remove-new' vfilelist rollback --force -
-    expect '--force' vfilelist rollback filelist.ini --remove-new --f
+    expect '--dry-run --help --json --state' vfilelist rollback --only-modes -
+    expect '--dry-run --help --json --state' vfilelist rollback --partial -
+    expect '--partial' vfilelist rollback filelist.ini --dry-run --p
     expect '' vfilelist unknown --r
 }
 
@@ -71,6 +71,10 @@ check_values() {
     expect '' vfilelist verify --expect f
     expect 'package' vfilelist check --root ''
     expect 'package/deep' vfilelist check --root = package/
+    local command
+    for command in upgrade commit rollback resume status; do
+        expect 'package' vfilelist "$command" --state ''
+    done
     expect 'filelist.ini' vfilelist verify --expect cleaned f
     # Another command's option has no values.
     expect 'filelist.ini' vfilelist plan --expect f
@@ -78,18 +82,21 @@ check_values() {
 
 check_files() {
     local command
-    for command in check plan verify rollback; do
+    for command in upgrade rollback check plan verify; do
         expect 'filelist.ini name with blanks.ini other.ini package' vfilelist "$command" ''
         expect 'name with blanks.ini' vfilelist "$command" --json n
         expect 'package/deep package/filelist.ini' vfilelist "$command" package/
         expect '' vfilelist "$command" notes
+    done
+    for command in commit resume status; do
+        expect '' vfilelist "$command" ''
     done
 }
 
 # Without the short forms.
 check_program() {
     local command
-    for command in check plan verify rollback; do
+    for command in upgrade commit rollback resume status check plan verify; do
         expect "$("$vfilelist" "$command" --help | sed -nE 's/^  (-h,)?(--[a-z-]+).*/\2/p' | sort | paste -sd' ')" \
             vfilelist "$command" -
     done

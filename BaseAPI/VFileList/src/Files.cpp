@@ -168,19 +168,6 @@ bool IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-Moment MomentOf(const timespec& time) {
-    return Moment{time.tv_sec} * 1000000000 + time.tv_nsec;
-}
-
-std::optional<Moment> BirthOf(const std::string& path) {
-    struct statx status {};
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) != 0 ||
-        (status.stx_mask & STATX_BTIME) == 0) {
-        return std::nullopt;
-    }
-    return MomentOf({status.stx_btime.tv_sec, status.stx_btime.tv_nsec});
-}
-
 FileMarks MarksOf(const std::string& path) {
     struct statx status {};
     if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) return {};

@@ -75,13 +75,6 @@ bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const st
 // The two files, by status, are one: the same inode.
 bool IsSameFile(const struct stat& left, const struct stat& right);
 
-// Nanoseconds since 1970.
-using Moment = long long;
-Moment MomentOf(const timespec& time);
-
-// When the file itself was made. Not every file system tells.
-std::optional<Moment> BirthOf(const std::string& path);
-
 // What keeps a file, or a link itself, from being renamed. Not every file system tells.
 struct FileMarks {
     const char* lock = "";  // "immutable" or "append-only"

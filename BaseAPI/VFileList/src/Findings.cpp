@@ -128,8 +128,7 @@ const std::vector<FindingKind>& FindingKinds() {
          "They can replace files, backups and the list itself while the upgrade runs with your rights.",
          "Take write access away from everyone but root and yourself."},
         {"W-OLD-BACKUP", "an old NAME.bak is there",
-         "-rename replaces it without a word. A rollback takes it for the upgrade's backup when "
-         "-rename finds no NAME or has not been run, and NAME holds what the package's file holds.",
+         "-rename replaces it without a word. Until then vfilelist names no pass and puts no backup back.",
          "If the last upgrade is finished, remove it (`VCopyFileListIni -clean` of that upgrade)."},
         {"W-TARGET-BUSY", "a process executes or maps a target",
          "After -rename the process goes on with the old file until it is restarted; without -rename, -copy "

@@ -1,11 +1,11 @@
-// How far the passes have come, told from nothing but the files.
+// How far passes that are run by hand have come, as far as the files alone show it.
 #ifndef VFILELIST_PASSES_H
 #define VFILELIST_PASSES_H
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
-
-#include "Files.h"
 
 enum class TargetState {
     kNew,      // holds what the package's file holds
@@ -15,13 +15,20 @@ enum class TargetState {
     kUnknown,  // there, but it can't be compared
 };
 
+// Why a NAME.bak can't be treated as the backup that this upgrade made.
+enum class BackupDoubt {
+    kNone,
+    kEarlier,     // it was there before the package
+    kSameFile,    // it is NAME, by a second name or through a link
+    kListed,      // it is on the list itself
+    kUnreadable,  // it can't be looked at
+};
+
 struct TargetObservation {
     TargetState state;
     bool hasBackup;
-    Moment born = 0;      // when NAME was made
-    Moment backedUp = 0;  // when something last happened to its backup, a change of its name included
-    bool isBackupDangling = false;  // a link that points nowhere: -clean passes over it
-    bool isBackupDoubtful = false;  // NAME.bak is something else than a backup, or can't be looked at
+    bool isBackupDangling = false;  // a dangling symlink: -clean skips it
+    BackupDoubt backupDoubt = BackupDoubt::kNone;
 };
 
 enum class PassState { kComplete, kIncomplete, kUnknown };
@@ -30,22 +37,13 @@ struct PassesReport {
     PassState rename;
     PassState copy;
     PassState clean;
-    std::string next;    // "-rename", "-copy", "-clean", or empty: nothing is left to do, or nobody can tell
-    std::string reason;  // why nobody can tell
+    std::string next;  // "-rename", "-copy" or "-clean"; empty: nothing is left, or a doubt
+    std::optional<std::size_t> doubtful;  // the first target because of which no pass is named
+    std::string reason;                   // and why
 };
 
-// Judges the targets, in the order in which the passes visit them. The content alone does not tell an
-// installed file that the package does not change, or whose beginning it is, from a copied one. The order
-// does: each pass visits the targets one by one, so that -copy cannot have come beyond a target that is
-// missing.
-//
-// When in doubt it names nothing. It never names -rename while a file stands beside its backup: the file
-// would take the backup's place.
+// Names no pass when in doubt, and never -rename while a file stands beside its backup: the file would
+// replace the backup. Without such a file -rename loses nothing, however far the passes have come.
 PassesReport JudgePasses(const std::vector<TargetObservation>& targets);
-
-// The same judgement for one target that has no backup and is there: the package brought it, and it did not
-// stand there before. False when that is not certain, and for a file that is older than some backup: -rename
-// makes the backups before -copy makes the files.
-bool WasBroughtByCopy(const std::vector<TargetObservation>& targets, std::size_t index);
 
 #endif

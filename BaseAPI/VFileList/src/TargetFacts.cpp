@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -10,6 +11,10 @@ constexpr mode_t kPermissions = 07777;
 
 void Append(std::string& detail, const std::string& text) {
     detail += (detail.empty() ? "" : ", ") + text;
+}
+
+bool IsBefore(const timespec& left, const timespec& right) {
+    return std::tie(left.tv_sec, left.tv_nsec) < std::tie(right.tv_sec, right.tv_nsec);
 }
 
 // Both names have the same inode, or one is a link that leads to the other. Two links to a third file are not
@@ -23,17 +28,6 @@ bool IsOneFile(const std::string& path, const struct stat& status, const std::st
 }
 
 }  // namespace
-
-// Without a birth the last change stands for it, which is later only for a file that -copy wrote over.
-TargetObservation TargetFacts::Observation() const {
-    const Moment born = birth.value_or(MomentOf(status.st_mtim));
-    return {state,
-            hasBackup,
-            isOccupied ? born : 0,
-            hasBackup ? MomentOf(backup.st_ctim) : 0,
-            isBackupDangling,
-            backupDoubt != BackupDoubt::kNone};
-}
 
 bool TargetFacts::IsModeDifferent() const {
     return state == TargetState::kNew && hasReference &&
@@ -58,9 +52,12 @@ void TargetExaminer::LookAtPackage(const Target& target, TargetFacts& facts) con
     struct stat package {};
     if (stat(list_.SourceOf(entry).c_str(), &package) == 0) {
         facts.packageSize = package.st_size;
+        facts.packageChanged = package.st_ctim;
         return;
     }
     const int error = errno;
+    (void)stat(list_.iniPath().c_str(), &package);  // it was read just now
+    facts.packageChanged = package.st_ctim;
     if (facts.state != TargetState::kMissing && !S_ISREG(facts.status.st_mode)) return;
     const bool isLacking = error == ENOENT || error == ENOTDIR;
     facts.detail = isLacking ? "the package lacks " + entry.text
@@ -76,12 +73,11 @@ void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
         return;
     }
     facts.isOccupied = true;
-    facts.birth = BirthOf(path);
     struct stat followed {};
     if (stat(path.c_str(), &followed) != 0) {
-        // The passes take it for missing, too.
+        // The passes treat it as missing, too.
         facts.state = errno == ENOENT ? TargetState::kMissing : TargetState::kUnknown;
-        facts.detail = errno == ENOENT ? "a link that points nowhere" : std::strerror(errno);
+        facts.detail = errno == ENOENT ? "a dangling symlink" : std::strerror(errno);
     } else if (S_ISREG(followed.st_mode)) {
         CompareWithPackage(target, facts);
         if (S_ISLNK(facts.status.st_mode) && facts.detail.empty()) facts.detail = "a link";
@@ -108,11 +104,15 @@ void TargetExaminer::LookAtBackup(const Target& target, TargetFacts& facts) cons
     facts.isBackupDangling = stat(path.c_str(), &facts.reference) != 0;
     facts.hasReference = !facts.isBackupDangling && S_ISREG(facts.reference.st_mode);
     if (facts.isBackupDangling) {
-        Append(facts.detail, "NAME.bak is a link that points nowhere; -clean passes over it");
+        Append(facts.detail, "NAME.bak is a dangling symlink; -clean skips it");
     }
     if (target.isBackupListed) {
         Append(facts.detail, "NAME.bak is on the list itself");
         facts.backupDoubt = BackupDoubt::kListed;
+    } else if (IsBefore(facts.backup.st_ctim, facts.packageChanged)) {
+        // -rename changes the time of what it moves.
+        Append(facts.detail, "NAME.bak is older than the package");
+        facts.backupDoubt = BackupDoubt::kEarlier;
     }
 }
 

@@ -4,36 +4,29 @@
 
 #include <sys/stat.h>
 
-#include <optional>
 #include <string>
 
 #include "FileList.h"
 #include "Files.h"
 #include "Passes.h"
 
-// What makes a NAME.bak something else than a backup.
-enum class BackupDoubt {
-    kNone,
-    kSameFile,    // it is NAME, by a second name or through a link
-    kListed,      // it is on the list itself
-    kUnreadable,  // it can't be looked at
-};
-
 struct TargetFacts {
     TargetState state = TargetState::kMissing;
     bool hasBackup = false;
-    bool isBackupDangling = false;  // it is a link that points nowhere
+    bool isBackupDangling = false;  // it is a dangling symlink
     BackupDoubt backupDoubt = BackupDoubt::kNone;
-    bool isOccupied = false;      // something bears the name, if only a link that points nowhere
-    std::string detail;           // what else there is to say; may be empty
-    struct stat status {};        // of NAME itself, if it is occupied
-    struct stat backup {};        // of NAME.bak itself, if there is a backup
-    std::optional<Moment> birth;  // of NAME itself, where the file system tells
-    struct stat reference {};     // of the file that the backup is or, being a link, leads to
-    bool hasReference = false;    // it is a regular file
-    long long packageSize = -1;   // of the package's file; -1 when it can't be read
+    bool isOccupied = false;     // something bears the name, if only a dangling symlink
+    std::string detail;          // what else there is to say; may be empty
+    struct stat status {};       // of NAME itself, if it is occupied
+    struct stat backup {};       // of NAME.bak itself, if there is a backup
+    struct stat reference {};    // of the file that the backup is or, being a link, leads to
+    bool hasReference = false;   // it is a regular file
+    long long packageSize = -1;  // of the package's file; -1 when it can't be read
+    timespec packageChanged{};   // its change time; that of the file list when it can't be read
 
-    TargetObservation Observation() const;
+    TargetObservation Observation() const { return {state, hasBackup, isBackupDangling, backupDoubt}; }
+    // NAME holds the package's content, or a beginning of it.
+    bool IsFromPackage() const { return state == TargetState::kNew || state == TargetState::kPartial; }
     // The new file has not the mode, or not the owner, of the backup.
     bool IsModeDifferent() const;
     bool IsOwnerDifferent() const;

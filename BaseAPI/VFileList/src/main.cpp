@@ -85,12 +85,8 @@ void AddRollback(CLI::App& app, Arguments& arguments) {
         "--only-modes", arguments.rollback.isOnlyModes,
         "Restore nothing; give the new files the modes and owners of their backups (after -copy)");
     rollback
-        ->add_flag("--remove-new", arguments.rollback.removesNew,
-                   "Remove the package's files that had no predecessor, too")
-        ->excludes(onlyModes);
-    rollback
-        ->add_flag("--force", arguments.rollback.isForced,
-                   "Put backups back over files that are not the package's, too")
+        ->add_flag("--partial", arguments.rollback.isPartial,
+                   "Restore what can be restored, though other files can't be")
         ->excludes(onlyModes);
 }
 
@@ -145,12 +141,15 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
 // With an open upgrade that one is taken back; otherwise the backups of the list are put back.
 int RunRollback(const Arguments& arguments, Output& output) {
     bool isOpen = false;
-    if (!arguments.rollback.isDryRun && !arguments.rollback.isOnlyModes) {
+    const bool isForList = arguments.rollback.isDryRun || arguments.rollback.isOnlyModes;
+    if (!isForList) {
         const int status = RollbackTransaction(arguments.transaction, output, isOpen);
         if (isOpen) return status;
     }
     if (!arguments.iniPath.empty()) return RunOnList(arguments, "rollback", output);
-    return Refuse(arguments, "rollback", "no upgrade is open; name a file list to put its backups back",
+    return Refuse(arguments, "rollback",
+                  isForList ? "--dry-run and --only-modes need a file list"
+                            : "no upgrade is open; name a file list to put its backups back",
                   output);
 }
 
@@ -168,6 +167,7 @@ int Run(Arguments& arguments, const std::string& command) {
     Output output(arguments.isJson);
     arguments.check.iniPath = arguments.iniPath;
     arguments.transaction.iniPath = arguments.iniPath;
+    arguments.transaction.isPartial = arguments.rollback.isPartial;
     const int status = RunCommand(arguments, command, output);
     output.EndJson();
     if (output.Finish()) return status;
