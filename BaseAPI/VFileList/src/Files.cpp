@@ -131,7 +131,7 @@ int ReadWhole(const std::string& path, std::string& content) {
 }
 
 Trouble Sync(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file || fsync(file.get()) != 0) return TroubleWith(path, errno);
     return std::nullopt;
 }
