@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include "Files.h"
@@ -78,6 +79,24 @@ TEST(DigestTest, ReadsNothingElse) {
     EXPECT_EQ(DigestFromHex(digest.substr(2)), std::nullopt);
     EXPECT_EQ(DigestFromHex(digest + "00"), std::nullopt);
     EXPECT_EQ(DigestFromHex("x" + digest.substr(1)), std::nullopt);
+}
+
+TEST(DigestTest, EndsInBadAllocWhenTheCryptographicLibraryHasNoMemory) {
+    const auto fails = [](auto...) { return 0; };
+    {
+        const Replaced replaced(calls::EVP_MD_CTX_new, []() -> void* { return nullptr; });
+        EXPECT_THROW((void)DigestOf("abc"), std::bad_alloc);
+    }
+    {
+        const Replaced replaced(calls::EVP_DigestInit_ex, fails);
+        EXPECT_THROW((void)DigestOf("abc"), std::bad_alloc);
+    }
+    {
+        const Replaced replaced(calls::EVP_DigestUpdate, fails);
+        EXPECT_THROW((void)DigestOf("abc"), std::bad_alloc);
+    }
+    const Replaced replaced(calls::EVP_DigestFinal_ex, fails);
+    EXPECT_THROW((void)DigestOf("abc"), std::bad_alloc);
 }
 
 }  // namespace

@@ -184,4 +184,14 @@ TEST_F(FileListTest, IsReliedOnOnlyWhenItIsReadTwiceWithTheSameResult) {
     EXPECT_GT(troubles, 10);
 }
 
+TEST_F(FileListTest, KnowsEveryDifferenceOfKeysAndEntries) {
+    const ListKey key{"name", 1};
+    EXPECT_FALSE(key == (ListKey{"other", 1}));
+    EXPECT_FALSE(key == (ListKey{"name", 2}));
+    const Entry entry{1, 2, "text"};
+    EXPECT_FALSE(entry == (Entry{0, 2, "text"}));
+    EXPECT_FALSE(entry == (Entry{1, 0, "text"}));
+    EXPECT_FALSE(entry == (Entry{1, 2, "other"}));
+}
+
 }  // namespace

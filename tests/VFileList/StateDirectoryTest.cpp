@@ -323,6 +323,8 @@ TEST_F(StateDirectoryTest, PassesOverLibrariesThatAreGone) {
 }
 
 TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
+    const std::string below = scratch_.Write("file", "");
+    EXPECT_EQ(StateDirectory(below).KeepRescue(journal_), below + "/rescue: Not a directory");
     const std::string rescue = File("rescue");
     EXPECT_EQ(directory_->KeepRescue(journal_), rescue + ": No such file or directory");
     ASSERT_EQ(directory_->Enter(), std::nullopt);

@@ -97,7 +97,8 @@ void Gates::Add(std::size_t call, calls::Hook<Result(Parameters...)>& hook, Resu
         if (isDue && isClosing) (void)real(parameters...);
         if (isDue) {
             errno = fault_.error;
-            return Failure<Result>();
+            const bool isCrypto = std::strncmp(kCalls[call], "EVP_", 4) == 0;
+            return isCrypto ? Result{} : Failure<Result>();
         }
         return before.replacement != nullptr ? before(parameters...) : real(parameters...);
     };
@@ -176,7 +177,8 @@ std::vector<long> RunWith(const Fault& fault, const Sweep& sweep) {
     (void)testing::internal::GetCapturedStdout();
 
     const std::string before = scene.release.Run(&::ShowStatus).state();
-    if (sweep.command == &::Upgrade && status != kLook) {
+    // Without memory it may end anywhere; otherwise it says truly how it ended.
+    if (sweep.command == &::Upgrade && (status == kFine || status == kFindings)) {
         EXPECT_EQ(before, status == kFine ? "installed" : "none") << status;
     }
     EXPECT_EQ(scene.release.StatusOf(&::Resume), 0);

@@ -506,14 +506,30 @@ TEST_F(TransactionTest, GoesBackWhenTheStateCannotBeWritten) {
 }
 
 TEST_F(TransactionTest, GoesBackThoughItCannotSaySoWhenOnlyTheWayBackLeadsOn) {
-    const Replaced replaced(calls::rename, WithoutState(3));
-    const Ending ending = Upgrade();
+    const std::string full = release_.StatePath("state") + ": No space left on device";
+    for (const int number : {2, 3}) {
+        const Replaced replaced(calls::rename, WithoutState(number));
+        const Ending ending = Upgrade();
 
-    EXPECT_EQ(ending.status, 3);
-    EXPECT_EQ(ending.error(), release_.StatePath("state") + ": No space left on device");
-    EXPECT_EQ(ending.message(), kBackButNamed);
-    EXPECT_THAT(ending.remarks(),
-                ElementsAre("! state: " + release_.StatePath("state") + ": No space left on device"));
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_EQ(ending.error(), full);
+        EXPECT_EQ(ending.message(), kBackButNamed);
+        EXPECT_THAT(ending.remarks(), ElementsAre("! state: " + full));
+        ExpectOld();
+    }
+}
+
+TEST_F(TransactionTest, GoesOnBackThoughItCannotSaySoAgain) {
+    release_.DieBeforeInstalling(Bin("conf"));
+    {
+        const Replaced replaced(calls::unlink, [](const char*) {
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(Resume().state(), "undoing");
+    }
+    const Replaced replaced(calls::rename, WithoutState(1));
+    EXPECT_EQ(Resume().message(), kBackButNamed);
     ExpectOld();
 }
 
@@ -523,7 +539,7 @@ TEST_F(TransactionTest, DoesNotGoBackFromACompleteUpgradeUnlessItCanSaySo) {
     for (const bool isReadable : {true, false}) {
         const Replaced replaced(calls::rename, [&](const char* from, const char* to) {
             if (to != release_.StatePath("state")) return calls::real::rename(from, to);
-            if (!isReadable) fs::rename(to, from);
+            if (!isReadable) Write(to, "");
             errno = ENOSPC;
             return -1;
         });
@@ -908,6 +924,25 @@ TEST_F(TransactionTest, ShowsThatAllIsCopied) {
 
     EXPECT_THAT(ProgressOf([this](Output& out) { return ::Upgrade(release_.Options(), out); }),
                 testing::AllOf(Contains("-copy: 59 B of 59 B"), Contains("install: 5 of 6 files")));
+}
+
+TEST_F(TransactionTest, IsNotCleanBeforeThatIsOnTheDisk) {
+    EXPECT_EQ(Upgrade().status, 0);
+    {
+        const Replaced replaced(calls::fsync, [this](int fd) {
+            const bool isBin =
+                fs::read_symlink("/proc/self/fd/" + std::to_string(fd)) == release_.Path("bin");
+            if (!isBin) return calls::real::fsync(fd);
+            errno = EIO;
+            return -1;
+        });
+        const Ending ending = Commit();
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_EQ(ending.message(),
+                  "The new files are in place, but some backups are not removed. Commit again.");
+        EXPECT_EQ(ending.state(), "cleaning");
+    }
+    EXPECT_EQ(Commit().status, 0);
 }
 
 }  // namespace

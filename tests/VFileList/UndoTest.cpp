@@ -20,6 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -264,7 +265,7 @@ TEST_F(UndoFilesTest, NoticesThatTheOldFileWasWrittenTo) {
 TEST_F(UndoFilesTest, KnowsACopyAndABeginningOfOneByTheContent) {
     Rename();
     for (const std::string& content : {std::string("the new file"), std::string(), std::string("the n"),
-                                       std::string("the\0\0\0\0file", 12)}) {
+                                       std::string("the\0\0\0\0\0file", 12)}) {
         Copy(content);
         EXPECT_EQ(NameFound(Phase::kRenaming), Found::kForeign) << "there is no copy yet";
         EXPECT_EQ(NameFound(Phase::kCopying), Found::kCopy) << content;
@@ -579,6 +580,28 @@ TEST_F(UndoFilesTest, IsNotDoneWhenADirectoryCannotBeSynced) {
 
     EXPECT_FALSE(isDone);
     EXPECT_THAT(Names(), ElementsAre("f"));
+}
+
+TEST_F(UndoFilesTest, KeepsWhatAServiceHasMadeOfAFileThatHadNoPredecessor) {
+    target_.old.reset();
+    Copy("rewritten");
+
+    EXPECT_THAT(Said(Phase::kInstalled), ElementsAre(HasSubstr("it is kept as " + path_ + ".changed")));
+
+    EXPECT_THAT(Names(), ElementsAre("f.changed"));
+    EXPECT_EQ(scratch_.Read("d/f.changed"), "rewritten");
+}
+
+TEST_F(UndoFilesTest, SaysWhyAFileCannotBeSetAside) {
+    Rename();
+    Copy("rewritten");
+    const Replaced replaced(calls::renameat2, [](int, const char*, int, const char*, unsigned) {
+        errno = EROFS;
+        return -1;
+    });
+
+    EXPECT_THAT(Said(Phase::kInstalled), Contains("! f: can't be put back: Read-only file system"));
+    EXPECT_THAT(Names(), ElementsAre("f", "f.bak"));
 }
 
 }  // namespace

@@ -80,8 +80,13 @@
     X(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))                            \
     X(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 
-// What only vfilelist calls.
+// What only vfilelist calls. libcrypto's types are of no interest here.
 #define VFS_TEST_FILE_LIST_CALLS(X)                                                                      \
+    X(int, EVP_DigestFinal_ex, (void* context, unsigned char* digest, unsigned* size),                   \
+      (context, digest, size))                                                                           \
+    X(int, EVP_DigestInit_ex, (void* context, const void* type, void* engine), (context, type, engine))  \
+    X(int, EVP_DigestUpdate, (void* context, const void* data, size_t size), (context, data, size))      \
+    X(void*, EVP_MD_CTX_new, (), ())                                                                     \
     X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))                             \
     X(int, faccessat, (int directory, const char* path, int mode, int flags),                            \
       (directory, path, mode, flags))                                                                    \
