@@ -171,7 +171,7 @@ TEST(JournalTest, OfAnotherFormIsRefusedThoughItsDigestIsRight) {
         list + "target a%4x\n",
         list + "target a%\n",
         list + "target %%\n",
-        list + "target %4%41\n",
+        list + "target %4x%41\n",
         list + " x\n",
         list + "target /t more\n",
         list + "newdirectory \n",
