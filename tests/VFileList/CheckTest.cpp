@@ -1370,4 +1370,16 @@ TEST_F(CheckTest, TakesADotForNoFileName) {
     EXPECT_THAT(FindCodes(package_), ElementsAre("E-ENTRY-EMPTY"));
 }
 
+TEST_F(CheckTest, SaysThatAListCannotBeReliedOnThatIsReadDifferentlyTheSecondTime) {
+    int looks = 0;
+    const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
+        if (path != package_.ListPath() || ++looks != 4) return calls::real::stat(path, status);
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_THAT(DetailsOf("E-INI-UNREADABLE", package_),
+                ElementsAre(package_.ListPath() + ": it can't be read twice with the same result"));
+}
+
 }  // namespace

@@ -182,4 +182,44 @@ TEST_F(FileListTest, HasNothingWithoutAFile) {
     EXPECT_EQ(list.installTypeLength(), 0u);
 }
 
+TEST_F(FileListTest, IsReliedOnOnlyWhenItIsReadTwiceWithTheSameResult) {
+    package_.WriteList("[Server]\nBin=@\nLib=@/lib\n[Bin]\nf=one,two\ng=three\n[Lib]\nf=four\n");
+    const FileList right(package_.ListPath());
+    EXPECT_EQ(right.trouble(), std::nullopt);
+
+    // The readers take a value that can't be read for one that is missing.
+    int troubles = 0;
+    bool isFailed = true;
+    for (int failing = 1; isFailed; ++failing) {
+        isFailed = false;
+        const Replaced replaced(calls::stat, [&, looks = 0](const char* path, struct stat* status) mutable {
+            if (path != package_.ListPath() || ++looks != failing) return calls::real::stat(path, status);
+            isFailed = true;
+            errno = EMFILE;
+            return -1;
+        });
+        const FileList list(package_.ListPath());
+        SCOPED_TRACE(failing);
+        if (list.trouble()) {
+            ++troubles;
+            EXPECT_EQ(*list.trouble(), package_.ListPath() + ": it can't be read twice with the same result");
+        } else {
+            EXPECT_EQ(list.installType(), "Server");
+            EXPECT_EQ(list.lists(), right.lists());
+            EXPECT_EQ(list.entries(), right.entries());
+        }
+    }
+    EXPECT_GT(troubles, 10);
+}
+
+TEST_F(FileListTest, KnowsEveryDifferenceOfKeysAndEntries) {
+    const ListKey key{"name", 1};
+    EXPECT_FALSE(key == (ListKey{"other", 1}));
+    EXPECT_FALSE(key == (ListKey{"name", 2}));
+    const Entry entry{1, 2, "text"};
+    EXPECT_FALSE(entry == (Entry{0, 2, "text"}));
+    EXPECT_FALSE(entry == (Entry{1, 0, "text"}));
+    EXPECT_FALSE(entry == (Entry{1, 2, "other"}));
+}
+
 }  // namespace

@@ -325,4 +325,88 @@ TEST_F(FilesTest, ReadsNothingThatTurnsIntoADirectoryMeanwhile) {
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
+TEST_F(FilesTest, ReadsAWholeFileHoweverLong) {
+    const std::string content(3 * 256 * 1024 + 1, 'x');
+    std::string read;
+    EXPECT_EQ(ReadWhole(scratch_.Write("file", content), read), 0);
+    EXPECT_EQ(read, content);
+    read.clear();
+    EXPECT_EQ(ReadWhole(scratch_.Write("empty", ""), read), 0);
+    EXPECT_EQ(read, "");
+}
+
+TEST_F(FilesTest, SaysWhyAFileCannotBeReadWhole) {
+    const std::string file = scratch_.Write("file", "abc");
+    std::string content;
+    EXPECT_EQ(ReadWhole(scratch_.Path("missing"), content), ENOENT);
+    EXPECT_EQ(ReadWhole(scratch_.Link("link", file), content), ELOOP) << "a link is not followed";
+    for (const int error : {EIO, EINTR}) {
+        const Replaced replaced(calls::read, [error](int, void*, size_t) -> ssize_t {
+            errno = error;
+            return -1;
+        });
+        EXPECT_EQ(ReadWhole(file, content), error);
+    }
+}
+
+TEST_F(FilesTest, SyncsFilesAndDirectories) {
+    const std::string file = scratch_.Write("file", "");
+    EXPECT_EQ(Sync(file), std::nullopt);
+    EXPECT_EQ(Sync(scratch_.Path()), std::nullopt);
+    EXPECT_EQ(Sync(scratch_.Path("missing")), scratch_.Path("missing") + ": No such file or directory");
+    const Replaced replaced(calls::fsync, [](int) {
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(Sync(file), file + ": Input/output error");
+}
+
+TEST_F(FilesTest, KnowsAnUnfinishedCopyByItsBytesAndZeros) {
+    const auto isUnfinished = [this](const std::string& content, const std::string& packaged) {
+        return IsUnfinishedCopy(scratch_.Write("file", content), scratch_.Write("packaged", packaged),
+                                trouble_);
+    };
+    for (const std::string& content : {std::string(), std::string("ab"), std::string("abc"),
+                                       std::string("\0bc", 3), std::string("\0\0", 2)}) {
+        EXPECT_EQ(isUnfinished(content, "abc"), true) << content;
+    }
+    for (const char* const content : {"abd", "x", "abcd"})
+        EXPECT_EQ(isUnfinished(content, "abc"), false) << content;
+
+    constexpr std::size_t kBlock = 256 * 1024;
+    const std::string packaged(2 * kBlock + 5, 'x');
+    EXPECT_EQ(isUnfinished(packaged, packaged), true);
+    EXPECT_EQ(isUnfinished(packaged.substr(0, kBlock), packaged), true);
+    EXPECT_EQ(isUnfinished(packaged + "x", packaged), false);
+    EXPECT_EQ(isUnfinished(packaged.substr(0, 2 * kBlock) + "y", packaged), false);
+}
+
+TEST_F(FilesTest, KnowsNoCopyOfWhatIsGoneAndSaysWhatCannotBeRead) {
+    const std::string file = scratch_.Write("file", "ab");
+    const std::string packaged = scratch_.Write("packaged", "abc");
+    EXPECT_EQ(IsUnfinishedCopy(file, scratch_.Path("gone"), trouble_), false);
+    EXPECT_EQ(IsUnfinishedCopy(file, packaged + "/gone", trouble_), false);
+    EXPECT_EQ(trouble_, "");
+    EXPECT_EQ(IsUnfinishedCopy(scratch_.Path("gone"), packaged, trouble_), std::nullopt);
+    EXPECT_EQ(trouble_, scratch_.Path("gone") + ": No such file or directory");
+    EXPECT_EQ(IsUnfinishedCopy(file, scratch_.Path(), trouble_), std::nullopt);
+    EXPECT_EQ(trouble_, scratch_.Path() + ": not a regular file");
+    {
+        const Replaced replaced(calls::stat, [](const char*, struct stat*) {
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(IsUnfinishedCopy(file, packaged, trouble_), true) << "it opens all the same";
+    }
+    for (const bool isInstalledBad : {true, false}) {
+        const Replaced replaced(calls::read, [isInstalledBad](int fd, void* data, size_t size) -> ssize_t {
+            if (IsInstalled(fd) != isInstalledBad) return calls::real::read(fd, data, size);
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(IsUnfinishedCopy(file, packaged, trouble_), std::nullopt);
+        EXPECT_EQ(trouble_, file + " or " + packaged + ": Input/output error");
+    }
+}
+
 }  // namespace

@@ -256,4 +256,32 @@ TEST(OutputTest, RemembersThatSomethingCouldNotBeWritten) {
     EXPECT_TRUE(output.Finish());
 }
 
+TEST(OutputTest, ShowsTheProgressInBytesWithTheTimeLeft) {
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable term("TERM", "xterm");
+    timespec now{1000, 0};
+    const Replaced clock(calls::clock_gettime, [&now](clockid_t, timespec* time) {
+        *time = now;
+        return 0;
+    });
+    testing::internal::CaptureStderr();
+    {
+        Output output(true);
+        output.ProgressOfBytes("-copy", 0, 4096);
+        now.tv_sec += 10;
+        output.ProgressOfBytes("-copy", 0, 4096);
+        output.ProgressOfBytes("-copy", 1, 4096);  // too soon
+        now.tv_sec += 10;
+        output.ProgressOfBytes("-copy", 1024, 4096);
+        now.tv_sec += 10;
+        output.ProgressOfBytes("-copy", 4096, 4096);
+        EXPECT_TRUE(output.Finish());
+    }
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "\r\033[K-copy: 0 B of 4.0 KiB"
+              "\r\033[K-copy: 1.0 KiB of 4.0 KiB, 61 s left"
+              "\r\033[K-copy: 4.0 KiB of 4.0 KiB\r\033[K");
+}
+
 }  // namespace

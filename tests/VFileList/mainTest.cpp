@@ -271,4 +271,61 @@ TEST_F(VFileListMainTest, ExitsWith2WhenItRunsOutOfMemory) {
     EXPECT_THAT(result.err, HasSubstr("vfilelist: std::bad_alloc\n"));
 }
 
+// The commands of the transaction, with a state directory and a log of the test's own.
+class VFileListTransactionMainTest : public VFileListMainTest {
+protected:
+    ProcessResult Run(const std::vector<std::string>& arguments) const {
+        return RunProcess(Concatenate(Concatenate({VFILELIST_PATH}, arguments),
+                                      {"--state", package_.scratch().Path("state")}),
+                          {"VLOGGER_DIRECTORY=" + package_.scratch().Path("log")});
+    }
+    int StatusOf(const std::vector<std::string>& arguments) const { return Run(arguments).exitStatus; }
+};
+
+TEST_F(VFileListTransactionMainTest, UpgradesAndCommits) {
+    EXPECT_EQ(StatusOf({"status"}), 0);
+    EXPECT_EQ(StatusOf({"upgrade", package_.ListPath()}), 0);
+    EXPECT_EQ(package_.Installed("tool"), "new");
+    EXPECT_EQ(StatusOf({"status"}), 1) << "one is open";
+    EXPECT_EQ(StatusOf({"resume"}), 0);
+    EXPECT_EQ(StatusOf({"commit"}), 0);
+    EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("tool"));
+    EXPECT_EQ(StatusOf({"status"}), 0);
+    EXPECT_EQ(StatusOf({"commit"}), 1);
+}
+
+TEST_F(VFileListTransactionMainTest, UpgradesAndRollsBack) {
+    EXPECT_EQ(StatusOf({"upgrade", package_.ListPath()}), 0);
+    EXPECT_EQ(StatusOf({"rollback"}), 0);
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("tool"));
+
+    const ProcessResult again = Run({"rollback"});
+    EXPECT_EQ(again.exitStatus, 2);
+    EXPECT_THAT(again.err, HasSubstr("no upgrade is open; name a file list"));
+}
+
+TEST_F(VFileListTransactionMainTest, WritesJsonAsItsSchemaHasIt) {
+    const std::vector<std::vector<std::string>> commands = {
+        {"upgrade", package_.scratch().Path("nowhere.ini")},
+        {"commit"},
+        {"rollback"},
+        {"upgrade", package_.ListPath()},
+        {"status"},
+        {"upgrade", package_.ListPath()},
+        {"resume"},
+        {"rollback"},
+    };
+    for (const std::vector<std::string>& command : commands) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        ExpectMatchesSchema(Run(Concatenate(command, {"--json"})).out);
+    }
+}
+
+TEST_F(VFileListTransactionMainTest, NeedsAFileListOnlyToUpgrade) {
+    EXPECT_EQ(StatusOf({"upgrade"}), 2);
+    EXPECT_EQ(StatusOf({"upgrade", package_.scratch().Path("nowhere.ini")}), 2);
+    EXPECT_EQ(StatusOf({"commit", package_.ListPath()}), 2);
+}
+
 }  // namespace

@@ -136,19 +136,24 @@ Trouble Sync(const std::string& path) {
     return std::nullopt;
 }
 
-bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath) {
-    std::string trouble;
+std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string& packagePath,
+                                     std::string& trouble) {
     struct stat status {};
+    if (stat(packagePath.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) return false;
     const Descriptor file(OpenRegular(path, status, trouble));
     const Descriptor package(OpenRegular(packagePath, status, trouble));
-    if (!file || !package) return false;
+    if (!file || !package) return std::nullopt;
 
     std::vector<char> block(kBlockSize);
     std::vector<char> packageBlock(kBlockSize);
     for (;;) {
         const std::optional<std::size_t> length = Fill(file.get(), block);
         const std::optional<std::size_t> packageLength = Fill(package.get(), packageBlock);
-        if (!length || !packageLength || *length > *packageLength) return false;
+        if (!length || !packageLength) {
+            trouble = TroubleWith(path + " or " + packagePath, errno);
+            return std::nullopt;
+        }
+        if (*length > *packageLength) return false;
         for (std::size_t i = 0; i < *length; ++i) {
             if (block[i] != packageBlock[i] && block[i] != '\0') return false;
         }

@@ -64,8 +64,10 @@ int ReadWhole(const std::string& path, std::string& content);
 Trouble Sync(const std::string& path);
 
 // True when `path` holds nothing but bytes that `packagePath` has in the same places, and zeros: what a copy
-// that was cut off, by a power cut perhaps, can leave. False also where one of them can't be read.
-bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath);
+// that was cut off, by a power cut perhaps, can leave. False also when the package's file is gone. Nothing
+// when one of them can't be read; `trouble` says which and why.
+std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string& packagePath,
+                                     std::string& trouble);
 
 // `path` holds the package's file or a beginning of it, and the backup something else: an upgrade has been
 // begun, and the backup is the only copy of the old file.

@@ -43,15 +43,12 @@ Trouble Install(const JournalTarget& target, Stamp& stamp) {
     if (*digest != target.package.digest)
         return target.path + ": it does not hold what the package's file held";
 
-    Attributes attributes;
     if (target.old) {
-        attributes = target.old->attributes;
-    } else {
-        if (const Trouble trouble = ReadAttributes(file.get(), attributes))
+        if (const Trouble trouble = WriteAttributes(file.get(), target.old->attributes))
             return target.path + ": " + *trouble;
-        attributes.mode = target.package.mode;
+    } else if (fchmod(file.get(), target.package.mode) != 0) {
+        return TroubleWith(target.path, errno);
     }
-    if (const Trouble trouble = WriteAttributes(file.get(), attributes)) return target.path + ": " + *trouble;
     struct stat status {};
     if (fsync(file.get()) != 0 || fstat(file.get(), &status) != 0) return TroubleWith(target.path, errno);
     stamp = StampOf(status);

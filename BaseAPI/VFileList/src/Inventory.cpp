@@ -55,20 +55,22 @@ Trouble LookAtNew(const std::string& source, NewFile& package) {
     return std::nullopt;
 }
 
-void LookAtDirectories(const FileList& list, Journal& journal) {
+// Of what is missing, the directory that it will be made in is recorded, too.
+Trouble LookAtDirectories(const FileList& list, Journal& journal) {
     std::set<std::string> missing;  // in this order parents come first
     for (const TargetList& target : list.lists()) {
         fs::path path = WithoutTrailingSlashes(target.directory);
         struct stat status {};
-        if (stat(path.c_str(), &status) == 0) {
-            journal.oldDirectories.push_back({path, status.st_ino});
-            continue;
-        }
-        for (path = path.lexically_normal(); stat(path.c_str(), &status) != 0; path = path.parent_path()) {
+        while (stat(path.c_str(), &status) != 0) {
+            if (errno != ENOENT || !path.has_relative_path()) return TroubleWith(path, errno);
+            path = path.lexically_normal();
             missing.insert(path);
+            path = path.parent_path();
         }
+        journal.oldDirectories.push_back({path, status.st_ino});
     }
     journal.newDirectories.assign(missing.begin(), missing.end());
+    return std::nullopt;
 }
 
 }  // namespace
@@ -77,7 +79,7 @@ Trouble TakeInventory(const FileList& list, Output& output, Journal& journal) {
     journal.fileList = list.iniPath();
     journal.installType = list.installType();
     journal.begun = std::time(nullptr);
-    LookAtDirectories(list, journal);
+    if (Trouble trouble = LookAtDirectories(list, journal)) return trouble;
 
     const std::vector<Target> targets = list.Targets();
     journal.targets.reserve(targets.size());

@@ -94,7 +94,9 @@ public:
             if (word[i] != '%') {
                 text += word[i];
             } else if (word.size() > 1) {
-                text += Expect(BytesFromHex(word.substr(i + 1, 2))).substr(0, 1);
+                const std::string_view digits = word.substr(i + 1, 2);
+                isGood_ = isGood_ && digits.size() == 2;
+                text += Expect(BytesFromHex(digits));
                 i += 2;
             }
         }

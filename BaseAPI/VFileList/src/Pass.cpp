@@ -15,7 +15,8 @@ extern "C" int VCopyFileListIniMain(int argc, char* argv[]);
 
 namespace {
 
-[[noreturn]] void BeThePass(const std::string& pass, const std::string& iniPath, pid_t parent) {
+// An exception ends the child here: whoever catches one further up is the upgrade, which is the parent's.
+[[noreturn]] void BeThePass(const std::string& pass, const std::string& iniPath, pid_t parent) noexcept {
     std::string program = "VCopyFileListIni";
     std::array<std::string, 2> texts = {pass, iniPath};
     std::array<char*, 4> arguments = {program.data(), texts[0].data(), texts[1].data(), nullptr};

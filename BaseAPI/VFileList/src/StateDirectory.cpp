@@ -131,6 +131,8 @@ Trouble StateDirectory::Read(State& state, Journal& journal) {
 
 Trouble StateDirectory::Begin(const Journal& journal) {
     const std::string text = Print(journal);
+    // The directory may have been made just now: its own name has to last as well.
+    if (Trouble trouble = Sync(FileName(".."))) return trouble;
     if (Trouble trouble = WriteDurably(kJournalFile, text)) return trouble;
     journalDigest_ = DigestOf(text);
     return Write({Phase::kRenaming, Phase::kNone});

@@ -220,11 +220,21 @@ bool CanGoBack(Run& run, Phase undone) {
            written.phase == Phase::kUndoing;
 }
 
+// What runs out of memory here is left for another try.
+bool UndoSafely(Run& run, Phase undone) {
+    try {
+        return Undo(run.journal, undone, run.report.remarks);
+    } catch (const std::exception& error) {
+        run.report.error = error.what();
+        return false;
+    }
+}
+
 int GoBack(Run& run, int statusWhenDone) {
     const Phase undone = run.state.phase == Phase::kUndoing ? run.state.undone : run.state.phase;
     if (!CanGoBack(run, undone))
         return End(run, kLook, "The state can't be written: nothing was taken back yet.");
-    bool isDone = Undo(run.journal, undone, run.report.remarks) || run.isPartial;
+    bool isDone = UndoSafely(run, undone) || run.isPartial;
     if (isDone) {
         if (const Trouble trouble = run.directory.Close()) {
             run.report.remarks.push_back({run.directory.path(), *trouble, true});
@@ -240,8 +250,17 @@ int GoBack(Run& run, int statusWhenDone) {
     return End(run, statusWhenDone, "The old files are back.");
 }
 
+// Whether nothing but what -rename has moved stands where -clean will remove it.
+bool AreBackupsOursAlone(Run& run) {
+    return AreDirectoriesOurs(run.journal, run.report.remarks) &&
+           AreBackupsOurs(run.journal, run.report.remarks);
+}
+
 // Removes the backups; to be repeated until it succeeds.
 int Clean(Run& run) {
+    if (!AreBackupsOursAlone(run)) {
+        return End(run, kLook, "Backups are left. Move what is named out of the way, and commit again.");
+    }
     Trouble trouble = ExpectSameList(run.journal);
     if (!trouble) trouble = RunPass("-clean", run.journal.fileList, run.signals, [] {});
     // The pass may have been cut off, and needs the file list: what it leaves goes all the same.
@@ -307,7 +326,7 @@ int Commit(const TransactionOptions& options, Output& output) {
                       run.state.phase == Phase::kNone ? "no upgrade is open" : "the upgrade is not complete");
     }
     if (const Trouble trouble = ExpectSameList(run.journal)) return Refuse(run, kFindings, *trouble);
-    if (!AreBackupsOurs(run.journal, run.report.remarks)) {
+    if (!AreBackupsOursAlone(run)) {
         return Refuse(run, kLook, "not all backups are those of the upgrade");
     }
     if (const Trouble trouble = Enter(run, {Phase::kCleaning})) return Refuse(run, kFindings, *trouble);

@@ -49,7 +49,9 @@ Found LookAtCopy(const std::string& path, const struct stat& status, const NewFi
     }
     if (*digest == package.digest) return Found::kCopy;
     if (undone == Phase::kInstalled) return Found::kForeign;
-    return IsUnfinishedCopy(path, package.source) ? Found::kCopy : Found::kForeign;
+    const std::optional<bool> isUnfinished = IsUnfinishedCopy(path, package.source, detail);
+    if (!isUnfinished) return Found::kUnknown;
+    return *isUnfinished ? Found::kCopy : Found::kForeign;
 }
 
 Found LookAtName(const JournalTarget& target, Phase undone, TargetNow& now) {
@@ -92,9 +94,9 @@ UndoStep DecideOnOld(Phase undone, const TargetNow& now) {
             default:
                 return {UndoMove::kNone, "NAME.bak is the same file by a second name", true};
         }
-        if (!now.isOldChanged) return {UndoMove::kRestore};
-        return {UndoMove::kRestore,
-                "NAME.bak was written to since the upgrade began; it is back as it is now", true};
+        const UndoMove move = now.name == Found::kCopy ? UndoMove::kReplace : UndoMove::kRestore;
+        if (!now.isOldChanged) return {move};
+        return {move, "NAME.bak was written to since the upgrade began; it is back as it is now", true};
     }
     if (now.name != Found::kOld) {
         return {UndoMove::kNone, "the installed file is neither under NAME nor under NAME.bak any more",
@@ -145,8 +147,11 @@ Trouble Perform(const UndoStep& step, const std::string& path, std::string& rema
         remark += "; it is kept as " + newPath;
     }
     const std::string backup = path + kBackupSuffix;
+    // What another process makes meanwhile where nothing stood is not overwritten.
     const bool isRestored = step.move == UndoMove::kRestore || step.move == UndoMove::kSetAsideAndRestore;
-    if (isRestored && rename(backup.c_str(), path.c_str()) != 0) return std::strerror(errno);
+    if (isRestored && RenameToFree(backup, path) != 0) return std::strerror(errno);
+    if (step.move == UndoMove::kReplace && rename(backup.c_str(), path.c_str()) != 0)
+        return std::strerror(errno);
     if (step.move == UndoMove::kRemove && unlink(path.c_str()) != 0) return std::strerror(errno);
     return std::nullopt;
 }
@@ -163,6 +168,13 @@ std::set<std::string> StrangeDirectories(const std::vector<OldDirectory>& direct
             remarks.push_back({directory.path, "not the directory that was upgraded: is it mounted?", true});
     }
     return strange;
+}
+
+bool IsBelow(const fs::path& path, const std::set<std::string>& directories) {
+    for (fs::path above = path.parent_path();; above = above.parent_path()) {
+        if (directories.count(above) != 0) return true;
+        if (!above.has_relative_path()) return false;
+    }
 }
 
 bool UndoTarget(const JournalTarget& target, Phase undone, std::vector<Remark>& remarks) {
@@ -209,11 +221,16 @@ bool Undo(const Journal& journal, Phase undone, std::vector<Remark>& remarks) {
     const std::set<std::string> strange = StrangeDirectories(journal.oldDirectories, remarks);
     bool isDone = strange.empty();
     for (const JournalTarget& target : journal.targets) {
-        if (strange.count(fs::path(target.path).parent_path()) != 0) continue;
+        if (IsBelow(target.path, strange)) continue;
         isDone = UndoTarget(target, undone, remarks) && isDone;
     }
-    if (undone != Phase::kRenaming) isDone = RemoveDirectories(journal.newDirectories, remarks) && isDone;
+    if (undone != Phase::kRenaming && strange.empty())
+        isDone = RemoveDirectories(journal.newDirectories, remarks) && isDone;
     return SyncDirectories(journal, remarks) && isDone;
+}
+
+bool AreDirectoriesOurs(const Journal& journal, std::vector<Remark>& remarks) {
+    return StrangeDirectories(journal.oldDirectories, remarks).empty();
 }
 
 // All of them, also when nothing was left to do: what an undo that was cut off has done may not be on the

@@ -25,7 +25,15 @@ struct TargetNow {
     std::string detail;         // why something can't be looked at
 };
 
-enum class UndoMove { kNone, kRestore, kRemove, kSetAside, kSetAsideAndRestore, kPostpone };
+enum class UndoMove {
+    kNone,
+    kRestore,  // where nothing stands
+    kReplace,  // restore over the copy
+    kRemove,
+    kSetAside,
+    kSetAsideAndRestore,
+    kPostpone,
+};
 
 struct UndoStep {
     UndoMove move = UndoMove::kNone;
@@ -47,6 +55,9 @@ struct Remark {
 
 // False when something could not be done, and is worth another try. Appends what is to be said.
 bool Undo(const Journal& journal, Phase undone, std::vector<Remark>& remarks);
+
+// Whether the directories of the targets are those that were upgraded. Those that are not are told.
+bool AreDirectoriesOurs(const Journal& journal, std::vector<Remark>& remarks);
 
 // Makes the names of all targets last through a power cut. False as above.
 bool SyncDirectories(const Journal& journal, std::vector<Remark>& remarks);

@@ -1,0 +1,254 @@
+#include "Install.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FileSystem.h"
+#include "ScratchDirectory.h"
+#include "SystemCalls.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const auto kFails = [](auto...) {
+    errno = EIO;
+    return -1;
+};
+
+// "known", which was installed before, and "fresh", which was not; both new files hold "new".
+class InstallTest : public testing::Test {
+protected:
+    InstallTest() {
+        Add("known");
+        scratch_.Write("known.bak", "old");
+        struct stat status {};
+        EXPECT_EQ(stat(scratch_.Path("known.bak").c_str(), &status), 0);
+        known().old =
+            OldFile{false, status.st_ino, status.st_size, status.st_mtim, {0750, geteuid(), getegid(), {}}};
+        Add("fresh");
+    }
+
+    void Add(const std::string& name) {
+        journal_.targets.push_back({scratch_.Path(name),
+                                    {scratch_.Path("package/" + name), 3, 0711, DigestOf("new")},
+                                    std::nullopt});
+    }
+    JournalTarget& known() { return journal_.targets[0]; }
+    JournalTarget& fresh() { return journal_.targets[1]; }
+
+    void Copy() const {
+        scratch_.Write("known", "new");
+        scratch_.Write("fresh", "new");
+    }
+    std::vector<Stamp> InstallAll() {
+        std::vector<Stamp> stamps(2);
+        for (std::size_t i = 0; i < 2; ++i) EXPECT_EQ(Install(journal_.targets[i], stamps[i]), std::nullopt);
+        return stamps;
+    }
+    Trouble InstallKnown() {
+        Stamp stamp;
+        return Install(known(), stamp);
+    }
+
+    // "name: what is said" of each remark of `ask`, which returns whether all is well.
+    template <typename Ask>
+    std::vector<std::string> SaidBy(Ask ask) const {
+        std::vector<Remark> remarks = {{"from before", "", false}};
+        const bool isWell = ask(remarks);
+        EXPECT_EQ(isWell, remarks.size() == 1);
+        std::vector<std::string> said;
+        for (std::size_t i = 1; i < remarks.size(); ++i) {
+            EXPECT_TRUE(remarks[i].isSerious);
+            said.push_back(fs::path(remarks[i].path).filename().string() + ": " + remarks[i].text);
+        }
+        return said;
+    }
+    std::vector<std::string> SaidAfterRename() const {
+        return SaidBy([this](auto& remarks) { return IsRenamed(journal_, remarks); });
+    }
+    std::vector<std::string> SaidAfterInstall(const std::vector<Stamp>& stamps) const {
+        return SaidBy([&](auto& remarks) { return IsInstalled(journal_, stamps, remarks); });
+    }
+    std::vector<std::string> SaidOfBackups() const {
+        return SaidBy([this](auto& remarks) { return AreBackupsOurs(journal_, remarks); });
+    }
+
+    const Umask umask_{022};
+    const ScratchDirectory scratch_;
+    Journal journal_;
+};
+
+TEST_F(InstallTest, FindsEverythingRenamed) {
+    EXPECT_THAT(SaidAfterRename(), IsEmpty());
+}
+
+TEST_F(InstallTest, NamesWhatIsNotAsRenameLeavesIt) {
+    const std::string text = ": another process changed it, or NAME.bak, during -rename";
+    scratch_.Write("known", "made since");
+    scratch_.Write("fresh.bak", "made since");
+    EXPECT_THAT(SaidAfterRename(), ElementsAre("known" + text, "fresh" + text));
+
+    fs::remove(scratch_.Path("known"));
+    fs::remove(scratch_.Path("fresh.bak"));
+    scratch_.Write("known.bak", "longer");
+    EXPECT_THAT(SaidAfterRename(), ElementsAre("known" + text)) << "the old file itself was written to";
+    fs::remove(scratch_.Path("known.bak"));
+    EXPECT_THAT(SaidAfterRename(), ElementsAre("known" + text));
+}
+
+TEST_F(InstallTest, GivesASuccessorTheModeAndAttributesOfItsPredecessorAndANewFileThePackagesMode) {
+    Copy();
+    const std::string path = scratch_.Path("known");
+    const bool hasAttributes = setxattr(path.c_str(), "user.a", "x", 1, 0) == 0;
+    if (hasAttributes) known().old->attributes.extended = {{"user.b", "kept"}};
+
+    (void)InstallAll();
+
+    EXPECT_EQ(PermissionsOf(path), 0750u);
+    EXPECT_EQ(PermissionsOf(scratch_.Path("fresh")), 0711u);
+    char value[8] = {};
+    if (hasAttributes) {
+        EXPECT_EQ(getxattr(path.c_str(), "user.b", value, sizeof value), 4);
+    }
+    EXPECT_EQ(getxattr(path.c_str(), "user.a", value, sizeof value), -1);
+}
+
+TEST_F(InstallTest, GivesANewFileThePackagesModeWhateverListItInheritsFromItsDirectory) {
+    // Version 2; owner rwx, user 1 rwx, group r-x, mask r-x, others r-x.
+    const char list[] =
+        "\2\0\0\0\1\0\7\0\377\377\377\377\2\0\7\0\1\0\0\0\4\0\5\0\377\377\377\377"
+        "\20\0\5\0\377\377\377\377\40\0\5\0\377\377\377\377";
+    if (setxattr(scratch_.Path().c_str(), "system.posix_acl_default", list, sizeof list - 1, 0) != 0)
+        GTEST_SKIP() << "the file system has no access control lists";
+    fresh().package.mode = 0771;
+    Copy();
+
+    (void)InstallAll();
+
+    EXPECT_EQ(PermissionsOf(scratch_.Path("fresh")), 0771u);
+    EXPECT_EQ(PermissionsOf(scratch_.Path("known")), 0750u);
+    char value[64] = {};
+    EXPECT_EQ(getxattr(scratch_.Path("known").c_str(), "system.posix_acl_access", value, sizeof value), -1)
+        << "its predecessor had none";
+}
+
+TEST_F(InstallTest, PutsEveryFileOnTheDiskAfterItsMode) {
+    Copy();
+    std::vector<mode_t> modes;
+    const Replaced replaced(calls::fsync, [&modes](int fd) {
+        struct stat status {};
+        EXPECT_EQ(fstat(fd, &status), 0);
+        modes.push_back(status.st_mode & 07777);
+        return 0;
+    });
+
+    (void)InstallAll();
+
+    EXPECT_THAT(modes, ElementsAre(0750, 0711));
+}
+
+TEST_F(InstallTest, RefusesWhatIsNotThePackagesFile) {
+    const std::string path = scratch_.Write("known", "NEW");
+    EXPECT_EQ(InstallKnown(), path + ": it does not hold what the package's file held");
+    fs::remove(path);
+    EXPECT_EQ(InstallKnown(), path + ": No such file or directory");
+    scratch_.Link("known", scratch_.Write("package/known", "new"));
+    EXPECT_EQ(InstallKnown(), path + ": Too many levels of symbolic links");
+    fs::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(InstallKnown(), path + ": it does not hold what the package's file held")
+        << "and does not wait";
+}
+
+TEST_F(InstallTest, SaysWhatFails) {
+    Copy();
+    const std::string known = scratch_.Path("known") + ": Input/output error";
+    const std::string fresh = scratch_.Path("fresh") + ": Input/output error";
+    Stamp stamp;
+    {
+        const Replaced replaced(calls::read, [](int, void*, size_t) -> ssize_t { return kFails(); });
+        EXPECT_EQ(InstallKnown(), known);
+    }
+    {
+        const Replaced replaced(calls::fchmod, kFails);
+        EXPECT_EQ(InstallKnown(), known);
+        EXPECT_EQ(Install(journal_.targets[1], stamp), fresh);
+    }
+    {
+        const Replaced replaced(calls::fsync, kFails);
+        EXPECT_EQ(InstallKnown(), known);
+    }
+    {
+        const Replaced replaced(calls::fstat, kFails);
+        EXPECT_EQ(Install(journal_.targets[1], stamp), fresh);
+    }
+}
+
+TEST_F(InstallTest, FindsEverythingInstalled) {
+    Copy();
+
+    EXPECT_THAT(SaidAfterInstall(InstallAll()), IsEmpty());
+}
+
+TEST_F(InstallTest, NamesWhatWasTouchedAfterwards) {
+    const std::string text = ": another process changed it after -copy";
+    Copy();
+    std::vector<Stamp> stamps = InstallAll();
+    const std::vector<Stamp> installed = stamps;
+    ++stamps[0].inode;
+    ++stamps[1].size;
+    EXPECT_THAT(SaidAfterInstall(stamps), ElementsAre("known" + text, "fresh" + text));
+    stamps = installed;
+    ++stamps[0].changed.tv_sec;
+    ++stamps[1].changed.tv_nsec;
+    EXPECT_THAT(SaidAfterInstall(stamps), ElementsAre("known" + text, "fresh" + text));
+
+    fs::remove(scratch_.Path("fresh"));
+    fs::remove(scratch_.Path("known.bak"));
+    scratch_.Write("known.bak", "foreign");
+    EXPECT_THAT(
+        SaidAfterInstall(installed),
+        ElementsAre("fresh" + text, "known: NAME.bak is not, or no longer, what the upgrade left there"));
+}
+
+TEST_F(InstallTest, TakesBackupsForOursWhileTheyAreTheOldFilesOrGone) {
+    const std::string text = ": NAME.bak is not, or no longer, what the upgrade left there";
+    EXPECT_THAT(SaidOfBackups(), IsEmpty());
+    scratch_.Write("known.bak", "written to");
+    EXPECT_THAT(SaidOfBackups(), ElementsAre("known" + text));
+    fs::remove(scratch_.Path("known.bak"));
+    EXPECT_THAT(SaidOfBackups(), IsEmpty());
+    scratch_.Write("fresh.bak", "foreign");
+    EXPECT_THAT(SaidOfBackups(), ElementsAre("fresh" + text));
+}
+
+TEST_F(InstallTest, RemovesTheOldFilesAndNothingElse) {
+    scratch_.Write("fresh.bak", "foreign");
+    const auto remove = [this](auto& remarks) { return RemoveBackups(journal_, remarks); };
+
+    EXPECT_THAT(SaidBy(remove), IsEmpty());
+    EXPECT_THAT(SaidBy(remove), IsEmpty()) << "again";
+
+    EXPECT_THAT(scratch_.List(), ElementsAre("fresh.bak"));
+}
+
+TEST_F(InstallTest, SaysWhichBackupCannotBeRemoved) {
+    const Replaced replaced(calls::unlink, kFails);
+
+    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(journal_, remarks); }),
+                ElementsAre("known.bak: can't be removed: Input/output error"));
+}
+
+}  // namespace

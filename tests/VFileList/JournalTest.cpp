@@ -1,0 +1,185 @@
+#include "Journal.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace {
+
+std::string EveryByte() {
+    std::string bytes;
+    for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
+    return bytes;
+}
+
+// With the largest and the smallest of what each member may hold.
+Journal FullJournal() {
+    Journal journal;
+    journal.fileList = "/package/file list.ini";
+    journal.fileListDigest = DigestOf("list");
+    journal.installType = EveryByte();
+    journal.begun = std::numeric_limits<std::time_t>::max();
+    journal.oldDirectories = {{"/opt/" + EveryByte(), std::numeric_limits<ino_t>::max()}, {"", 0}};
+    journal.newDirectories = {"/opt/new", "/opt/new/100%", "%", " "};
+
+    JournalTarget known{"/opt/" + EveryByte(),
+                        {EveryByte(), std::numeric_limits<off_t>::max(), 07777, DigestOf("new")},
+                        OldFile{}};
+    known.old->inode = std::numeric_limits<ino_t>::max();
+    known.old->size = std::numeric_limits<off_t>::max();
+    known.old->modified = {std::numeric_limits<std::time_t>::min(), 999999999};
+    known.old->attributes = {07777,
+                             std::numeric_limits<uid_t>::max(),
+                             std::numeric_limits<gid_t>::max(),
+                             {{"user.empty", ""}, {"user." + EveryByte(), EveryByte()}}};
+    JournalTarget link{"/opt/link", {"/package/Common/link", 0, 0, DigestOf("")}, OldFile{}};
+    link.old->isLink = true;
+    journal.targets = {known, link, {"/opt/fresh", {"", 1, 0644, DigestOf("fresh")}, std::nullopt}};
+    return journal;
+}
+
+std::string WithDigest(const std::string& text) {
+    return text + "sha256 " + HexOf(DigestOf(text)) + "\n";
+}
+
+// The lines between the first and the last one.
+std::string WithFrame(const std::string& lines) {
+    return WithDigest("vfilelist-journal 1\n" + lines);
+}
+
+std::string TroubleOf(const std::string& text) {
+    Journal journal;
+    return Parse(text, journal).value_or("");
+}
+
+void ExpectSame(const OldFile& read, const OldFile& written) {
+    EXPECT_EQ(read.isLink, written.isLink);
+    EXPECT_EQ(read.inode, written.inode);
+    EXPECT_EQ(read.size, written.size);
+    EXPECT_EQ(read.modified.tv_sec, written.modified.tv_sec);
+    EXPECT_EQ(read.modified.tv_nsec, written.modified.tv_nsec);
+    EXPECT_EQ(read.attributes, written.attributes);
+}
+
+void ExpectSame(const JournalTarget& read, const JournalTarget& written) {
+    EXPECT_EQ(read.path, written.path);
+    EXPECT_EQ(read.package.source, written.package.source);
+    EXPECT_EQ(read.package.size, written.package.size);
+    EXPECT_EQ(read.package.mode, written.package.mode);
+    EXPECT_EQ(read.package.digest, written.package.digest);
+    ASSERT_EQ(read.old.has_value(), written.old.has_value());
+    if (read.old) ExpectSame(*read.old, *written.old);
+}
+
+TEST(JournalTest, IsReadAsItWasPrinted) {
+    const Journal written = FullJournal();
+    Journal read;
+    read.newDirectories = {"from before"};
+    ASSERT_EQ(Parse(Print(written), read), std::nullopt);
+
+    EXPECT_EQ(read.fileList, written.fileList);
+    EXPECT_EQ(read.fileListDigest, written.fileListDigest);
+    EXPECT_EQ(read.installType, written.installType);
+    EXPECT_EQ(read.begun, written.begun);
+    ASSERT_EQ(read.oldDirectories.size(), 2u);
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(read.oldDirectories[i].path, written.oldDirectories[i].path);
+        EXPECT_EQ(read.oldDirectories[i].inode, written.oldDirectories[i].inode);
+    }
+    EXPECT_EQ(read.newDirectories, written.newDirectories);
+    ASSERT_EQ(read.targets.size(), written.targets.size());
+    for (std::size_t i = 0; i < read.targets.size(); ++i) ExpectSame(read.targets[i], written.targets[i]);
+    EXPECT_EQ(Print(read), Print(written));
+}
+
+TEST(JournalTest, OfNothingIsAJournalToo) {
+    EXPECT_EQ(TroubleOf(Print(Journal())), "");
+}
+
+TEST(JournalTest, IsPlainTextWhateverTheFilesAreCalled) {
+    Journal journal;
+    journal.fileList = "/a b/100%\n";
+    journal.fileListDigest = DigestOf("");
+    journal.begun = 5;
+    const std::string digest = HexOf(DigestOf(""));
+
+    EXPECT_EQ(Print(journal), WithFrame("filelist /a%20b/100%25%0a " + digest + " % 5\n"));
+    for (const char character : Print(FullJournal()))
+        EXPECT_TRUE(character == '\n' || (character >= ' ' && character <= '~'));
+}
+
+TEST(JournalTest, ThatWasCutOffAnywhereIsNone) {
+    const std::string text = Print(FullJournal());
+    const std::string kind = "it is no journal, or one of another version of vfilelist";
+    for (std::size_t length = 0; length < text.size(); ++length) {
+        EXPECT_EQ(TroubleOf(text.substr(0, length)), length < 20 ? kind : "it was cut off or changed")
+            << length;
+    }
+    EXPECT_EQ(TroubleOf(text + "\n"), "it was cut off or changed");
+    EXPECT_EQ(TroubleOf(text + text), "it was cut off or changed");
+}
+
+TEST(JournalTest, OfWhichAnyByteWasChangedIsNone) {
+    std::string text = Print(FullJournal());
+    for (char& byte : text) {
+        for (const int bits : {0x01, 0x20, 0xff}) {
+            byte = static_cast<char>(byte ^ bits);
+            EXPECT_NE(TroubleOf(text), "") << &byte - text.data();
+            byte = static_cast<char>(byte ^ bits);
+        }
+    }
+    EXPECT_EQ(TroubleOf(text), "");
+}
+
+TEST(JournalTest, OfAnotherVersionIsRefused) {
+    EXPECT_EQ(TroubleOf(WithDigest("vfilelist-journal 2\n")),
+              "it is no journal, or one of another version of vfilelist");
+}
+
+TEST(JournalTest, OfAnotherFormIsRefusedThoughItsDigestIsRight) {
+    const std::string digest = HexOf(DigestOf(""));
+    const std::string list = "filelist /list " + digest + " Server 5\n";
+    const std::string target = list + "target /t\nnew /s 1 420 " + digest + "\n";
+    const std::string old = target + "old file 1 2 3 4 5 6 7\n";
+    for (const std::string& right :
+         {list, target, old, old + "attribute user.a %\n", list + "olddirectory /d 2\nnewdirectory /e\n"}) {
+        EXPECT_EQ(TroubleOf(WithFrame(right)), "") << right;
+    }
+
+    const std::string wrong[] = {
+        list + "unknown /x\n",
+        list + "new /s 1 420 " + digest + "\n",  // of no target
+        list + "old file 1 2 3 4 5 6 7\n",
+        list + "attribute user.a b\n",
+        target + "attribute user.a b\n",  // of no old file
+        target + "unknown\n",
+        target + "old directory 1 2 3 4 5 6 7\n",
+        target + "old file 1 2 3 4 5 6\n",
+        target + "old file 1 2 3 4 5 6 7 8\n",
+        target + "old file -1 2 3 4 5 6 7\n",
+        target + "old file x 2 3 4 5 6 7\n",
+        target + "old file 1x 2 3 4 5 6 7\n",
+        target + "old file 18446744073709551616 2 3 4 5 6 7\n",
+        target + "old file  2 3 4 5 6 7\n",
+        list + "target /t\nnew /s 1 420 " + digest.substr(1) + "\n",
+        list + "target /t\nnew /s 1 420 " + digest + "0\n",
+        list + "target /t\nnew /s 1 420\n",
+        list + "target\n",
+        list + "target a%4\n",
+        list + "target a%4x\n",
+        list + "target a%\n",
+        list + "target %%\n",
+        list + "target %4x%41\n",
+        list + " x\n",
+        list + "target /t more\n",
+        list + "newdirectory \n",
+        list + "\n" + list,
+        "filelist /list " + digest + " Server\n",
+    };
+    for (const std::string& lines : wrong)
+        EXPECT_EQ(TroubleOf(WithFrame(lines)), "it does not have the form of a journal") << lines;
+}
+
+}  // namespace

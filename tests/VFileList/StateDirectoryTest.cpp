@@ -1,0 +1,347 @@
+#include "StateDirectory.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FileSystem.h"
+#include "ScratchDirectory.h"
+#include "SystemCalls.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const auto kFails = [](auto...) {
+    errno = EIO;
+    return -1;
+};
+const std::string kCause = ": Input/output error";
+
+class StateDirectoryTest : public testing::Test {
+protected:
+    StateDirectoryTest() {
+        journal_.fileList = "/list";
+        journal_.installType = "Server";
+        directory_.emplace(path_);
+    }
+
+    void Begin() {
+        ASSERT_EQ(directory_->Enter(), std::nullopt);
+        ASSERT_EQ(directory_->Begin(journal_), std::nullopt);
+    }
+    // What another process finds there; the phases, and the journal's list.
+    std::string Found() const {
+        StateDirectory directory(path_);
+        State state;
+        Journal journal;
+        if (const Trouble trouble = directory.Read(state, journal)) {
+            EXPECT_EQ(state.phase, Phase::kNone);
+            return *trouble;
+        }
+        return std::string(NameOf(state.phase)) + " " + NameOf(state.undone) + " " + journal.fileList;
+    }
+    // Every call on the file `name` of the directory fails that is of this kind.
+    template <typename Hook>
+    void ExpectTroubleOfBegin(Hook& hook, const std::string& trouble) {
+        const Replaced replaced(hook, kFails);
+        EXPECT_EQ(directory_->Begin(journal_), trouble);
+    }
+    std::string File(const char* name) const { return path_ + "/" + name; }
+
+    const Umask umask_{022};
+    const ScratchDirectory scratch_;
+    const std::string path_ = scratch_.Path("lib/state");
+    std::optional<StateDirectory> directory_;
+    Journal journal_;
+};
+
+TEST_F(StateDirectoryTest, IsMadeForItsOwnerAlone) {
+    EXPECT_EQ(directory_->path(), path_);
+    EXPECT_EQ(directory_->Enter(), std::nullopt);
+
+    EXPECT_EQ(PermissionsOf(path_), 0700u);
+    EXPECT_EQ(PermissionsOf(File("lock")), 0600u);
+}
+
+TEST_F(StateDirectoryTest, KeepsOthersOutWhileItsProcessLives) {
+    StateDirectory other(path_);
+    EXPECT_FALSE(other.IsOccupied()) << "there is none yet";
+    EXPECT_EQ(directory_->Enter(), std::nullopt);
+    EXPECT_TRUE(other.IsOccupied());
+    EXPECT_EQ(other.Enter(), path_ + ": another vfilelist is at work");
+
+    directory_.reset();
+    EXPECT_FALSE(other.IsOccupied());
+    EXPECT_EQ(other.Enter(), std::nullopt);
+}
+
+TEST_F(StateDirectoryTest, KeepsOthersOutWhileAProcessLivesThatItsOwnHasForked) {
+    EXPECT_EQ(directory_->Enter(), std::nullopt);
+    int wait[2];
+    ASSERT_EQ(pipe2(wait, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        char byte = 0;
+        (void)close(wait[1]);
+        _exit(static_cast<int>(read(wait[0], &byte, 1)));
+    }
+    directory_.reset();
+    const bool isOccupied = StateDirectory(path_).IsOccupied();
+    (void)close(wait[1]);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    (void)close(wait[0]);
+
+    EXPECT_TRUE(isOccupied);
+    EXPECT_FALSE(StateDirectory(path_).IsOccupied());
+}
+
+TEST_F(StateDirectoryTest, SaysWhyItCannotBeEntered) {
+    {
+        const Replaced replaced(calls::flock, kFails);
+        EXPECT_EQ(directory_->Enter(), File("lock") + kCause);
+        EXPECT_FALSE(directory_->IsOccupied()) << "nobody knows";
+    }
+    {
+        const Replaced replaced(calls::open, kFails);
+        EXPECT_EQ(directory_->Enter(), File("lock") + kCause);
+    }
+    const std::string below = scratch_.Write("file", "") + "/state";
+    EXPECT_EQ(StateDirectory(below).Enter(), below + ": Not a directory");
+}
+
+TEST_F(StateDirectoryTest, HasNothingOpenAtFirst) {
+    EXPECT_EQ(Found(), "none none ");
+}
+
+TEST_F(StateDirectoryTest, TellsOthersHowFarTheUpgradeHasCome) {
+    Begin();
+    EXPECT_EQ(Found(), "renaming none /list");
+    for (const Phase phase : {Phase::kRenaming, Phase::kCopying, Phase::kInstalled, Phase::kCleaning}) {
+        EXPECT_EQ(directory_->Write({phase, Phase::kNone}), std::nullopt);
+        EXPECT_EQ(Found(), std::string(NameOf(phase)) + " none /list");
+    }
+    for (const Phase undone : {Phase::kRenaming, Phase::kCopying, Phase::kInstalled}) {
+        EXPECT_EQ(directory_->Write({Phase::kUndoing, undone}), std::nullopt);
+        EXPECT_EQ(Found(), std::string("undoing ") + NameOf(undone) + " /list");
+    }
+    EXPECT_THAT(scratch_.List("lib/state"), ElementsAre("journal", "lock", "state"));
+}
+
+TEST_F(StateDirectoryTest, NamesThePhases) {
+    EXPECT_STREQ(NameOf(Phase::kNone), "none");
+    EXPECT_STREQ(NameOf(Phase::kRenaming), "renaming");
+    EXPECT_STREQ(NameOf(Phase::kCopying), "copying");
+    EXPECT_STREQ(NameOf(Phase::kInstalled), "installed");
+    EXPECT_STREQ(NameOf(Phase::kUndoing), "undoing");
+    EXPECT_STREQ(NameOf(Phase::kCleaning), "cleaning");
+}
+
+TEST_F(StateDirectoryTest, CanBeWrittenToByThoseWhoHaveReadWhatIsOpen) {
+    Begin();
+    StateDirectory other(path_);
+    State state;
+    Journal journal;
+    ASSERT_EQ(other.Read(state, journal), std::nullopt);
+    EXPECT_EQ(other.Write({Phase::kCopying, Phase::kNone}), std::nullopt);
+
+    EXPECT_EQ(Found(), "copying none /list");
+}
+
+TEST_F(StateDirectoryTest, KeepsNothingWhenTheUpgradeIsClosed) {
+    Begin();
+    scratch_.Write("lib/state/rescue/vfilelist", "");
+    EXPECT_EQ(directory_->Close(), std::nullopt);
+    EXPECT_EQ(Found(), "none none ");
+    EXPECT_THAT(scratch_.List("lib/state"), ElementsAre("lock"));
+    EXPECT_EQ(directory_->Close(), std::nullopt) << "again";
+}
+
+TEST_F(StateDirectoryTest, SaysWhyTheUpgradeCannotBeClosed) {
+    Begin();
+    {
+        const Replaced replaced(calls::unlink, kFails);
+        EXPECT_EQ(directory_->Close(), File("state") + kCause);
+    }
+    EXPECT_EQ(Found(), "renaming none /list");
+    const Replaced replaced(calls::fsync, kFails);
+    EXPECT_EQ(directory_->Close(), path_ + kCause);
+}
+
+TEST_F(StateDirectoryTest, BelievesNoStateThatIsNotWhole) {
+    Begin();
+    const std::string state = scratch_.Read("lib/state/state");
+    const std::string trouble = File("state") + ": changed, of another version, or not of this journal";
+    for (std::string wrong :
+         {std::string(), state.substr(1), state + "\n", state.substr(0, state.size() - 1)}) {
+        scratch_.Write("lib/state/state", wrong);
+        EXPECT_EQ(Found(), trouble) << wrong;
+    }
+    scratch_.Write("lib/state/state", state);
+    EXPECT_EQ(Found(), "renaming none /list");
+
+    journal_.fileList = "/other";
+    scratch_.Write("lib/state/journal", Print(journal_));
+    EXPECT_EQ(Found(), trouble) << "whole, but not of this upgrade";
+}
+
+TEST_F(StateDirectoryTest, BelievesNoJournalOfAnotherVersionThoughTheStateNamesIt) {
+    Begin();
+    std::string state = scratch_.Read("lib/state/state");
+    const std::string text = "vfilelist-journal 2\n";
+    const std::string old = HexOf(DigestOf(Print(journal_)));
+    state.replace(state.find(old), old.size(), HexOf(DigestOf(text)));
+    scratch_.Write("lib/state/state", state);
+    scratch_.Write("lib/state/journal", text);
+
+    EXPECT_EQ(Found(), File("journal") + ": it is no journal, or one of another version of vfilelist");
+}
+
+TEST_F(StateDirectoryTest, SaysWhatCannotBeRead) {
+    Begin();
+    fs::remove(File("journal"));
+    EXPECT_EQ(Found(), File("journal") + ": No such file or directory");
+    const Replaced replaced(calls::open, kFails);
+    EXPECT_EQ(Found(), File("state") + kCause);
+}
+
+TEST_F(StateDirectoryTest, SyncsEachFileBeforeItHasItsNameAndTheNameAfterwards) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    std::vector<std::string> steps;
+    const Replaced sync(calls::fsync, [&steps](int fd) {
+        steps.push_back("sync " +
+                        fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename().string());
+        return 0;
+    });
+    const Replaced rename(calls::rename, [&steps](const char* from, const char* to) {
+        steps.push_back("rename to " + fs::path(to).filename().string());
+        return calls::real::rename(from, to);
+    });
+
+    EXPECT_EQ(directory_->Begin(journal_), std::nullopt);
+
+    EXPECT_THAT(steps, ElementsAre("sync lib", "sync journal.new", "rename to journal", "sync state",
+                                   "sync state.new", "rename to state", "sync state"));
+}
+
+TEST_F(StateDirectoryTest, SaysWhatCannotBeWritten) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    ExpectTroubleOfBegin(calls::fsync, File("..") + kCause);
+    ExpectTroubleOfBegin(calls::rename, File("journal") + kCause);
+    {
+        const Replaced replaced(calls::write, [](int, const void*, size_t) -> ssize_t { return kFails(); });
+        EXPECT_EQ(directory_->Begin(journal_), File("journal.new") + kCause);
+    }
+    {
+        const Replaced replaced(calls::open, [this](const char* path, int flags, mode_t mode) {
+            return path == File("journal.new") ? kFails() : calls::real::open(path, flags, mode);
+        });
+        EXPECT_EQ(directory_->Begin(journal_), File("journal.new") + kCause);
+    }
+    {
+        const Replaced replaced(calls::fsync, [](int fd) {
+            struct stat status {};
+            EXPECT_EQ(fstat(fd, &status), 0);
+            return S_ISREG(status.st_mode) ? kFails() : 0;
+        });
+        EXPECT_EQ(directory_->Begin(journal_), File("journal.new") + kCause);
+    }
+    EXPECT_EQ(Found(), "none none ");
+}
+
+TEST_F(StateDirectoryTest, WritesOnAfterASignalOrAPartOnly) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    int calls = 0;
+    const Replaced replaced(calls::write, [&calls](int fd, const void* data, size_t size) -> ssize_t {
+        if (++calls % 2 == 0) return calls::real::write(fd, data, size < 5 ? size : 5);
+        errno = EINTR;
+        return -1;
+    });
+    EXPECT_EQ(directory_->Begin(journal_), std::nullopt);
+
+    EXPECT_EQ(Found(), "renaming none /list");
+}
+
+TEST_F(StateDirectoryTest, KeepsACopyOfThisProgramWithItsMode) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    scratch_.Write("lib/state/rescue/left", "");
+
+    EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
+
+    EXPECT_THAT(scratch_.List("lib/state/rescue"), ElementsAre("vfilelist"));
+    EXPECT_EQ(access((path_ + "/rescue/vfilelist").c_str(), X_OK), 0);
+    EXPECT_EQ(fs::file_size(path_ + "/rescue/vfilelist"), fs::file_size("/proc/self/exe"));
+}
+
+TEST_F(StateDirectoryTest, KeepsThoseOfItsLibrariesThatTheUpgradeWillMove) {
+    // Of the loaded files, the one by this name is the installed file.
+    std::string library;
+    const auto find = [](dl_phdr_info* object, std::size_t, void* found) {
+        const bool isIt = std::strstr(object->dlpi_name, "libVFileSys.so") != nullptr;
+        if (isIt) *static_cast<std::string*>(found) = object->dlpi_name;
+        return isIt ? 1 : 0;
+    };
+    ASSERT_EQ(dl_iterate_phdr(find, &library), 1);
+    struct stat status {};
+    ASSERT_EQ(stat(library.c_str(), &status), 0);
+    journal_.targets = {{"/fresh", {}, std::nullopt}, {"/library", {}, OldFile{}}};
+    journal_.targets[1].old->inode = status.st_ino;
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+
+    EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
+
+    const std::string name = fs::path(library).filename();
+    EXPECT_THAT(scratch_.List("lib/state/rescue"), testing::UnorderedElementsAre(name, "vfilelist"));
+
+    const Replaced replaced(calls::open, [&library](const char* path, int flags, mode_t mode) {
+        return path == library ? kFails() : calls::real::open(path, flags, mode);
+    });
+    EXPECT_THAT(directory_->KeepRescue(journal_).value_or(""), HasSubstr(name + kCause));
+}
+
+TEST_F(StateDirectoryTest, PassesOverLibrariesThatAreGone) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    const Replaced replaced(calls::stat, [](const char* path, struct stat* status) {
+        return std::strstr(path, ".so") != nullptr ? kFails() : calls::real::stat(path, status);
+    });
+
+    EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
+}
+
+TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
+    const std::string below = scratch_.Write("file", "");
+    EXPECT_EQ(StateDirectory(below).KeepRescue(journal_), below + "/rescue: Not a directory");
+    const std::string rescue = File("rescue");
+    EXPECT_EQ(directory_->KeepRescue(journal_), rescue + ": No such file or directory");
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    {
+        const Replaced replaced(calls::open, [](const char* path, int flags, mode_t mode) {
+            const bool isProgram = std::strcmp(path, "/proc/self/exe") == 0;
+            return isProgram ? kFails() : calls::real::open(path, flags, mode);
+        });
+        EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);
+    }
+    {
+        const Replaced replaced(calls::fsync, kFails);
+        EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);
+    }
+    ASSERT_EQ(chmod(rescue.c_str(), 0700), 0);
+    const Replaced replaced(calls::mkdir, kFails);
+    EXPECT_EQ(directory_->KeepRescue(journal_), rescue + kCause);
+}
+
+}  // namespace
