@@ -320,7 +320,7 @@ trouble "service web1-server stopped" "exit 1"
 run_play 2
 expect_untouched web1 web2 web3
 if grep -qE 'vfilelist (upgrade|rollback|commit)' "$work/journal"; then fail "files were touched"; fi
-expect_told "LOOK AT THIS HOST"
+expect_told "The old files are back, the services started."
 
 step "a host whose old files can't all come back is left to people, and its services stopped"
 new_fleet
