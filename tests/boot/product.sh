@@ -1,7 +1,7 @@
 # The product of the tests of vfilelist-resume.service. Sourced where nothing else is at stake: in a mount namespace or
 # a root directory of its own. Its upgrade replaces two files of the application, and what vfilelist itself needs: the
-# program PROGRAMS/vfilelist and the libraries LIBRARIES/*.so of this project.
-# shellcheck shell=bash
+# two programs in the directory `programs` and this project's libraries in `libraries`. `kill_at` is KillAt.cpp's.
+# shellcheck shell=bash disable=SC2034,SC2154  # the ones are used, the others set by who sources it
 
 state=/var/lib/vfilelist
 package=/srv/package
@@ -50,7 +50,8 @@ make_product() {
     done
     for file in $(own_files); do { cat "$file" && echo new; } >"$package/Common/${file##*/}"; done
     echo "new three" >"$package/Common/three"
-    printf '%s\n' '[Package_Intall_Type]' PackageIntallType=S '[S]' "A=$application" "B=$programs" "C=$libraries" "D=$application" \
+    printf '%s\n' '[Package_Intall_Type]' PackageIntallType=S \
+        '[S]' "A=$application" "B=$programs" "C=$libraries" "D=$application" \
         '[A]' f=one '[B]' "f=$(join "${own_programs[@]}")" '[C]' "f=$(join "${own_libraries[@]}")" '[D]' f=two,three \
         >"$package/filelist.ini"
     sync -f "$package"
@@ -60,7 +61,8 @@ make_product() {
 killed() {  # FILE COUNT ARGUMENT...
     local status=0
     {
-        KILL_AT=$1 KILL_TIME=$2 LD_PRELOAD=$kill_at setsid --wait "$programs/vfilelist" "${@:3}" >/dev/null || status=$?
+        KILL_AT=$1 KILL_TIME=$2 LD_PRELOAD=$kill_at setsid --wait "$programs/vfilelist" "${@:3}" >/dev/null ||
+            status=$?
     } 2>/dev/null
     [[ $status == 137 ]] || fail "vfilelist ${*:3} ended with $status instead of being killed at $1"
 }
@@ -73,7 +75,7 @@ cut_off() {  # CUT
     case $1 in
         undoing | clean*) "$programs/vfilelist" upgrade "$package/filelist.ini" >/dev/null ;;
     esac
-    # The states follow one another in files that are written as state.new.
+    # Each state is written as state.new and renamed.
     case $1 in
         between-renames) killed "$application/two" 1 upgrade "$package/filelist.ini" && expect_state renaming ;;
         renamed) killed "$state/state.new" 2 upgrade "$package/filelist.ini" && expect_state renaming ;;
