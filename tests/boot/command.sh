@@ -12,7 +12,8 @@ if [[ $1 != --inside ]]; then
     trap 'rm -rf "$work"' EXIT
     cmake --install "$2" --prefix "$work/product" >"$work/output" || { cat "$work/output"; exit 1; }
     c++ -shared -fPIC -o "$work/product/kill_at.so" "$1/tests/boot/KillAt.cpp"
-    bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --die-with-parent --tmpfs /opt --tmpfs /srv --tmpfs /var \
+    bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --die-with-parent --unsetenv LD_LIBRARY_PATH \
+        --tmpfs /opt --tmpfs /srv --tmpfs /var \
         --bind "$work/product" /opt/product "$(readlink -f "${BASH_SOURCE[0]}")" --inside
     exit
 fi
