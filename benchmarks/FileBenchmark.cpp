@@ -82,14 +82,18 @@ void AddCopyRow(Place place, std::size_t size, double plainTarget, double filesy
 }
 
 [[maybe_unused]] const bool kCopyRows = [] {
+    constexpr std::size_t kKiB = 1024;
+    constexpr std::size_t kMiB = 1024 * kKiB;
     AddCopyRow(Place::kMemory, 0, 0, 0.8);
-    AddCopyRow(Place::kMemory, 1024, 0, 0.95);
-    AddCopyRow(Place::kMemory, std::size_t{1024} * 1024, 0.92, 0);
-    AddCopyRow(Place::kDisk, 1024, 0, 0);
-    AddCopyRow(Place::kDisk, std::size_t{64} * 1024, 0, 0);
-    AddCopyRow(Place::kDisk, std::size_t{1024} * 1024, 0, 0);
-    AddCopyRow(Place::kDisk, std::size_t{64} * 1024 * 1024, 0.65, 1.5);
-    AddCopyRow(Place::kDisk, std::size_t{512} * 1024 * 1024, 0.65, 1.5);
+    AddCopyRow(Place::kMemory, kKiB, 0, 0.95);
+    AddCopyRow(Place::kMemory, kMiB, 0.92, 1.25);
+    // Below 128 KiB a copy is the plain loop, and one question more.
+    AddCopyRow(Place::kDisk, kKiB, 1.15, 0);
+    AddCopyRow(Place::kDisk, 64 * kKiB, 1.1, 0);
+    AddCopyRow(Place::kDisk, 128 * kKiB, 0.92, 0);
+    AddCopyRow(Place::kDisk, kMiB, 0.65, 1.25);
+    AddCopyRow(Place::kDisk, 64 * kMiB, 0.65, 1.1);
+    AddCopyRow(Place::kDisk, 512 * kMiB, 0.65, 1.1);
     return true;
 }();
 

@@ -10,6 +10,7 @@
 #include "Judge.h"
 #include "MemoryFile.h"
 #include "safestr.h"
+#include "TextModel.h"
 #include "VLogger.h"
 
 namespace {
@@ -110,30 +111,6 @@ public:
 private:
     const MemoryFile file_;
 };
-
-std::string EscapedByte(unsigned char byte) {
-    const char digits[] = "0123456789abcdef";
-    if (byte == '\n') return "\\n";
-    if (byte == '\r') return "\\r";
-    if (byte == '\t') return "\\t";
-    return std::string("\\x") + digits[byte / 16] + digits[byte % 16];
-}
-
-// Control characters, those of one byte and those that UTF-8 writes as c2 80 to c2 9f, are shown by their
-// bytes.
-std::string ModelOfEscaping(const std::string& text) {
-    std::string shown;
-    bool isSecondByte = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-        const bool isFirstOfTwo = !isSecondByte && byte == 0xc2 && next >= 0x80 && next <= 0x9f;
-        const bool isEscaped = byte < 0x20 || byte == 0x7f || isFirstOfTwo || isSecondByte;
-        shown += isEscaped ? EscapedByte(byte) : std::string(1, text[i]);
-        isSecondByte = isFirstOfTwo;
-    }
-    return shown;
-}
 
 std::string ModelOfLine(const std::string& text, const char* function, const char* file, int line) {
     const bool hasLineFeed = !text.empty() && text.back() == '\n';

@@ -21,6 +21,7 @@ PACKAGES_OF_OBJECTS = [
     ("platform/", ["vfilesys-standins"]),
     ("BaseAPI/VFileSys/CMakeFiles/VFileSysUpgradeTool.dir/", ["libvfilesys", "vfilesys-tools"]),
     ("BaseAPI/VFileSys/", ["libvfilesys"]),
+    ("BaseAPI/VCopyFileListIni/", ["vfilesys-tools"]),
     ("BaseAPI/VFileList/", ["vfilesys-tools"]),
 ]
 

@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# demo.sh BUILD: an upgrade from beginning to end, one that fails, and a tour of the library, with what was built
+# demo.sh BUILD: an upgrade, one that fails, one that is killed, and a tour of the library, with what was built
 # in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end.
 set -euo pipefail
 # shellcheck source=scripts/look.sh
 . "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/look.sh"
 
 build=$(readlink -f "$1")
-tool=$build/BaseAPI/VCopyFileListIni/VCopyFileListIni
 vfilelist=$build/BaseAPI/VFileList/vfilelist
 work=$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-demo-XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -18,6 +17,7 @@ umask 022
 package=$work/package  # what is to be installed: a file list, and the new files in Common/
 app=$work/app          # where the release is installed
 before=$work/before    # a copy of the release, to compare with
+state=$work/state      # what belongs to the open upgrade; /var/lib/vfilelist on a server
 
 # ---------------------------------------------------------------------------------------------- showing
 
@@ -40,9 +40,9 @@ show_app() {
     show_tree "$app"
 }
 
-# What a pass wrote to the upgrade log: level, function and text, with short paths; errors stand out.
+# What the passes wrote to the upgrade log: level, function and text, with short paths; errors stand out.
 show_log() {  # LINES-LOGGED-BEFORE
-    [[ -e $log ]] || die "the pass wrote no log"
+    [[ -e $log ]] || die "the passes wrote no log"
     tail -n "+$(($1 + 1))" "$log" | sed -E "s|$work/||g; s|^[^ ]+ [^ ]+ ||; s| \(BaseAPI/[^)]*\)$||" |
         while IFS= read -r line; do
             case $line in
@@ -68,21 +68,13 @@ verified() { good "Checked with sha256sum: $*"; }
 
 # ---------------------------------------------------------------------------------------------- running
 
-# Runs one pass as a process of its own and shows its part of the log; the pass has to end with STATUS.
-run_pass() {  # OPERATOR STATUS
-    local start status=0
-    start=$(lines_logged)
-    command_line "VCopyFileListIni $1 package/filelist.ini"
-    "$tool" "$1" "$package/filelist.ini" || status=$?
-    show_log "$start"
-    [[ $status == "$2" ]] || die "$1 ended with $status instead of $2"
-}
-
-# Runs vfilelist on the file list and shows its report; it has to end with STATUS.
-run_vfilelist() {  # STATUS COMMAND OPTION...
+# Runs vfilelist and shows its report; it has to end with STATUS.
+run_vfilelist() {  # STATUS COMMAND [OPTION|FILE...]
     local status=0
-    command_line "vfilelist ${*:2} package/filelist.ini"
-    { "$vfilelist" "${@:2}" "$package/filelist.ini" || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
+    local -a place=(--state "$state")
+    if [[ $2 == check ]]; then place=(); fi
+    command_line "vfilelist ${*:2}"
+    { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
     wait "$!"
     [[ $status == "$1" ]] || die "vfilelist $2 ended with $status instead of $1"
 }
@@ -134,73 +126,75 @@ prepare() {
     show_tree "$app"
 }
 
-rename_pass() {
+# Every file of the release, with its mode, has to be what it was before.
+expect_old_release() {
     local name
-    heading "2. -rename: what is about to be replaced becomes a backup"
-    run_pass -rename 0
-    show_app
-    for name in $replaced; do
-        expect_same "$before/$name" "$app/$name.bak"
-        expect_absent "$app/$name"
+    for name in $replaced app.conf; do
+        expect_same "$before/$name" "$app/$name"
+        [[ $(stat -c %a "$before/$name") == "$(stat -c %a "$app/$name")" ]] || die "$name has another mode"
     done
-    expect_absent "$app/bin/gzip.bak"
-    verified "the backups hold the old files. There was no gzip, and none is missed."
+    expect_absent "$app/bin/ls.bak"
 }
 
-copy_pass() {
-    local name
-    heading "3. -copy: the package's files take their places"
-    run_pass -copy 0
+upgrade() {
+    local name start
+    heading "2. The upgrade: one command"
+    tell "What would go wrong? vfilelist looks before anything is changed:"
+    run_vfilelist 0 check package/filelist.ini --errors-only
+    start=$(lines_logged)
+    run_vfilelist 0 upgrade package/filelist.ini
     show_app
     for name in $replaced bin/gzip; do expect_same "$package/Common/$name" "$app/$name"; done
-    verified "all four hold what the package brought."
-    tell "Mind the modes: -copy brings the content alone. The backups still have the old modes; gzip had no predecessor:"
-    run_vfilelist 0 rollback --only-modes
-    [[ $(stat -c %a "$app/bin/ls") == "$(stat -c %a "$before/bin/ls")" ]] || die "ls has not the mode of its backup"
-    command_line "chmod 755 app/bin/gzip; app/bin/gzip --version"
-    chmod 755 "$app/bin/gzip"
-    tell "  $("$app/bin/gzip" --version | head -n 1)"
-    tell "All in place? vfilelist compares every file with the package's:"
-    run_vfilelist 0 verify
+    for name in $replaced; do expect_same "$before/$name" "$app/$name.bak"; done
+    [[ $(stat -c %a "$app/bin/ls") == "$(stat -c %a "$before/bin/ls")" ]] || die "ls has not the mode of its predecessor"
+    verified "all four files hold what the package brought, and the backups hold the old files."
+    tell "The upgrade ran two passes of VCopyFileListIni. This is what they logged:"
+    show_log "$start"
 }
 
-clean_pass() {
+commit() {
     local name
-    heading "4. -clean: the upgrade stands, the backups go"
-    run_pass -clean 0
+    heading "3. All is well: the backups go"
+    run_vfilelist 0 commit
     show_app
     for name in $replaced; do
         expect_same "$package/Common/$name" "$app/$name"
         expect_absent "$app/$name.bak"
     done
     expect_same "$before/app.conf" "$app/app.conf"
-    verified "no backup is left, and app.conf is as it was."
+    verified "no backup is left, and app.conf, which no list names, is as it was."
 }
 
 failed_upgrade() {
-    local name
-    heading "5. An upgrade that fails half-way, and the way back"
-    tell "The next package replaces ls, gzip and libVIni.so, but also lists a file that it does not carry. Its" \
-        "release engineer would have seen that:"
+    heading "4. An upgrade that fails half-way"
     rm -rf "$before"
     cp -a "$app" "$before"
     cp "$(command -v cat)" "$package/Common/bin/ls"
-    write_file_list bin/ls,bin/missing,bin/gzip lib/libVIni.so
-    run_vfilelist 1 check --errors-only
-    tell "Nobody looked, and the upgrade begins:"
-    command_line "VCopyFileListIni -rename package/filelist.ini"
-    "$tool" -rename "$package/filelist.ini"
-    run_pass -copy 240
-    expect_same "$package/Common/bin/ls" "$app/bin/ls"
-    tell "The pass stopped there with status 240: ls is new, gzip and libVIni.so are gone. Where do we stand?"
-    run_vfilelist 1 verify
-    tell "Back to what was:"
-    run_vfilelist 0 rollback
-    run_vfilelist 0 verify --expect restored
-    for name in $replaced bin/gzip app.conf; do
-        expect_same "$before/$name" "$app/$name"
-        [[ $(stat -c %a "$before/$name") == "$(stat -c %a "$app/$name")" ]] || die "$name has another mode"
-    done
+    tell "The next package has another ls. The disk has no room for the libraries (here: no file may be larger than 64 KiB):"
+    (ulimit -f 64 && run_vfilelist 1 upgrade package/filelist.ini)
+    show_app
+    expect_old_release
+    verified "every file, and its mode, is what it was before this upgrade."
+}
+
+killed_upgrade() {
+    local process
+    heading "5. An upgrade that is killed in the middle"
+    truncate -s 256M "$package/Common/lib/large"
+    write_file_list bin/ls,bin/gzip lib/libVFileSys.so,lib/libVIni.so,lib/large
+    command_line "vfilelist upgrade package/filelist.ini &"
+    (cd "$work" && exec "$vfilelist" upgrade package/filelist.ini --state "$state" >/dev/null) &
+    process=$!
+    until [[ -e $app/lib/large ]] || ! kill -0 "$process" 2>/dev/null; do sleep 0.01; done
+    command_line "kill -9 %1"
+    kill -9 "$process"
+    wait "$process" 2>/dev/null || true
+    show_app
+    run_vfilelist 1 status
+    tell "After a power cut the boot unit would do this:"
+    run_vfilelist 0 resume
+    show_app
+    expect_old_release
     verified "every file, and its mode, is what it was before this upgrade."
 }
 
@@ -236,11 +230,11 @@ tour() {
     printf '\n'
 }
 
-[[ -x $tool ]] || die "there is no $tool; run ./dev demo"
+[[ -x $vfilelist ]] || die "there is no $vfilelist; run ./dev demo"
 prepare
-rename_pass
-copy_pass
-clean_pass
+upgrade
+commit
 failed_upgrade
+killed_upgrade
 tour
 note "Nothing is left of it all: the temporary directory is removed now."

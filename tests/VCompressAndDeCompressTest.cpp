@@ -587,6 +587,38 @@ TEST_F(VCompressAndDeCompressDeflateTest, GzipCompressBeginsAGzipMemberOfTheDefa
     EXPECT_TRUE(seen[0].hasDefaultAllocator);
 }
 
+TEST_F(VCompressAndDeCompressDeflateTest, GzipCompressSetsItsBuffersAfterTheCompressionHasBegun) {
+    const std::string src = "hello";
+    GuardedBuffer dst(100);
+    int begun = 0;
+    const auto counting = calls::deflateInit2_;
+    const Replaced replacedInit(calls::deflateInit2_, [&](z_streamp stream, auto... given) {
+        ++begun;
+        EXPECT_EQ(stream->next_in, nullptr);
+        EXPECT_EQ(stream->avail_in, 0U);
+        EXPECT_EQ(stream->next_out, nullptr);
+        EXPECT_EQ(stream->avail_out, 0U);
+        return counting(stream, given...);
+    });
+    std::vector<int> flushes;
+    const Replaced replaced(calls::deflate, [&](z_streamp stream, int flush) {
+        if (flushes.empty()) {
+            EXPECT_EQ(stream->next_in, Bytes(src));
+            EXPECT_EQ(stream->avail_in, 5U);
+            EXPECT_EQ(stream->next_out, reinterpret_cast<Bytef*>(dst.Data()));
+            EXPECT_EQ(stream->avail_out, 100U);
+        }
+        flushes.push_back(flush);
+        return calls::real::deflate(stream, flush);
+    });
+
+    EXPECT_GT(VCompressAndDeCompress::GzipCompress(src.data(), 5, dst.Data(), 100), 0);
+
+    EXPECT_EQ(begun, 1);
+    EXPECT_THAT(flushes, ElementsAre(Z_NO_FLUSH, Z_FINISH));
+    EXPECT_THAT(TakeLog(), ElementsAre(GzipCompressLine()));
+}
+
 TEST_F(VCompressAndDeCompressDeflateTest, GzipCompressFailsWhenTheCompressionCannotBegin) {
     int deflated = 0;
     const Replaced deflateReplaced(calls::deflate, [&](z_streamp, int) {
@@ -1050,6 +1082,25 @@ TEST_F(VCompressAndDeCompressTest, GzipDecompressBeginsWithTheGzipWrapperAlone) 
     EXPECT_TRUE(seen[0].hasDefaultAllocator);
 }
 
+TEST_F(VCompressAndDeCompressTest, GzipDecompressSetsItsBuffersBeforeItBegins) {
+    const std::string member = Deflated("hello", 31);
+    GuardedBuffer dst(100);
+    int begun = 0;
+    const Replaced replaced(calls::inflateInit2_, [&](z_streamp stream, auto... given) {
+        ++begun;
+        EXPECT_EQ(stream->next_in, Bytes(member));
+        EXPECT_EQ(stream->avail_in, static_cast<uInt>(member.size()));
+        EXPECT_EQ(stream->next_out, reinterpret_cast<Bytef*>(dst.Data()));
+        EXPECT_EQ(stream->avail_out, 100U);
+        return calls::real::inflateInit2_(stream, given...);
+    });
+
+    EXPECT_EQ(VCompressAndDeCompress::GzipDecompress(member.data(), Length(member), dst.Data(), 100), 5);
+
+    EXPECT_EQ(begun, 1);
+    EXPECT_THAT(TakeLog(), ElementsAre(GzipDecompressLine()));
+}
+
 TEST_F(VCompressAndDeCompressTest, GzipDecompressPassesOnWhyItCannotBegin) {
     int ended = 0;
     int inflated = 0;
@@ -1061,7 +1112,8 @@ TEST_F(VCompressAndDeCompressTest, GzipDecompressPassesOnWhyItCannotBegin) {
         ++inflated;
         return Z_STREAM_END;
     });
-    for (const int code : {Z_VERSION_ERROR, Z_MEM_ERROR, Z_STREAM_ERROR, Z_NEED_DICT, -99}) {
+    // Z_STREAM_END, too: from here it is no end of a stream.
+    for (const int code : {Z_VERSION_ERROR, Z_MEM_ERROR, Z_STREAM_ERROR, Z_NEED_DICT, Z_STREAM_END, 2, -99}) {
         SCOPED_TRACE(code);
         const Replaced replaced(calls::inflateInit2_, [&](z_streamp, int, const char*, int) { return code; });
         GuardedBuffer dst(100);

@@ -1,11 +1,15 @@
 #include "VCopyFileListIni.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -13,9 +17,28 @@
 #include "Resources.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
+#include "VIni.h"
 
 // The main of the module; the test program has one of its own.
 extern "C" int VCopyFileListIniMain(int argc, char* argv[]);
+
+namespace {
+
+// Stands in the place of VIni::IniGetString, if anything does.
+using IniGetString = int(const char*, const char*, const char*, char*, int, const char*);
+calls::Hook<IniGetString> iniGetString = {nullptr};
+
+}  // namespace
+
+int VIni::IniGetString(const char* section, const char* key, const char* defaultValue, char* buffer,
+                       int bufferSize, const char* iniPath) {
+    if (iniGetString.replacement != nullptr) {
+        return iniGetString(section, key, defaultValue, buffer, bufferSize, iniPath);
+    }
+    static const auto next =
+        reinterpret_cast<::IniGetString*>(dlsym(RTLD_NEXT, "_ZN4VIni12IniGetStringEPKcS1_S1_PciS1_"));
+    return next(section, key, defaultValue, buffer, bufferSize, iniPath);
+}
 
 namespace {
 
@@ -208,6 +231,60 @@ TEST_F(VCopyFileListIniTest, GetSectionItemListSkipsAValueOfMoreThan4095Bytes) {
 
     EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("[L] b"));
     EXPECT_THAT(entries, ElementsAre(longest, "y"));
+}
+
+TEST_F(VCopyFileListIniTest, EndsAValueThatTheReaderCutWithoutANul) {
+    const std::string list = WriteRawList("[L]\nkey=value\n");
+    const Replaced cutting(
+        iniGetString, [](const char*, const char*, const char*, char* buffer, int bufferSize, const char*) {
+            std::memset(buffer, 'v', static_cast<std::size_t>(bufferSize));
+            return 0;
+        });
+    std::vector<std::string> entries;
+
+    EXPECT_EQ(ReadIniValue("L", "key", list), std::string(259, 'v'));
+    GetSectionItemList("L", list, entries);
+
+    EXPECT_THAT(entries, ElementsAre(std::string(4095, 'v')));
+}
+
+// What the reader leaves in the buffer with the status of a failure.
+int FillAndFail(const char*, const char*, const char*, char* buffer, int, const char*) {
+    std::strcpy(buffer, "left,behind");
+    return -1;
+}
+
+TEST_F(VCopyFileListIniTest, DeliberatelyTakesTheEntriesThatAFailedReadLeft) {
+    const std::string list = WriteRawList("[L]\nkey=value\n");
+    const Replaced failing(iniGetString, FillAndFail);
+    std::vector<std::string> entries;
+
+    GetSectionItemList("L", list, entries);
+
+    EXPECT_THAT(entries, ElementsAre("left", "behind"));
+    EXPECT_EQ(ReadIniValue("L", "key", list), "") << "a directory is taken from a good read only";
+}
+
+TEST_F(VCopyFileListIniTest, GivesTheReaderZeroedBuffersOfFixedSizesAndAnEmptyDefault) {
+    const std::string list = WriteRawList("[L]\nkey=value\n");
+    std::vector<int> sizes;
+    const Replaced recording(iniGetString, [&](const char* section, const char* key, const char* defaultValue,
+                                               char* buffer, int bufferSize, const char* iniPath) {
+        EXPECT_STREQ(section, "L");
+        EXPECT_STREQ(key, "key");
+        EXPECT_STREQ(defaultValue, "");
+        EXPECT_EQ(iniPath, list);
+        EXPECT_EQ(std::count(buffer, buffer + bufferSize, '\0'), bufferSize);
+        sizes.push_back(bufferSize);
+        return -1;
+    });
+    std::vector<std::string> entries;
+
+    EXPECT_EQ(ReadIniValue("L", "key", list), "");
+    GetSectionItemList("L", list, entries);
+
+    EXPECT_THAT(sizes, ElementsAre(260, 4096));
+    EXPECT_THAT(entries, IsEmpty());
 }
 
 TEST_F(VCopyFileListIniTest, GetSectionItemListFindsNothingInMissingAndEmptySections) {
@@ -406,6 +483,23 @@ TEST_F(VCopyFileListIniTest, RenameStopsAtTheFirstFailure) {
                                                 "Failed:rename " + Target("b") + ", " + Target("b.bak")));
 }
 
+TEST_F(VCopyFileListIniTest, RenameFailsWhateverTheCause) {
+    Install("f", "old");
+    const std::string list = WriteList("[Server]\nL=@\n[L]\nf=f\n");
+    for (const int error : {EXDEV, ENOENT, EEXIST, EINTR, EROFS}) {
+        const Replaced failing(calls::rename, [error](const char*, const char*) {
+            errno = error;
+            return -1;
+        });
+
+        EXPECT_EQ(RenameOperator(list), -10000) << error;
+
+        EXPECT_THAT(InstalledNames(), ElementsAre("f"));
+        EXPECT_EQ(LogRecorder::Lines().back(), Line("RenameFile", kHardError, "Failed:rename %s, %s",
+                                                    "Failed:rename " + Target("f") + ", " + Target("f.bak")));
+    }
+}
+
 TEST_F(VCopyFileListIniTest, RenameFailsForAnEmptyEntry) {
     Install("a", "old");
     const std::string list = WriteList("[Server]\nL=@\n[L]\nf=,a\n");
@@ -573,6 +667,30 @@ TEST_F(VCopyFileListIniTest, CopyLogsDifferentSizesAsIntsWithTheFullWidthComma) 
     ASSERT_EQ(lines.size(), 6U);
     EXPECT_EQ(lines[4], Line("CompareFileSizes", kHardError, "inFileSize:%d\xef\xbc\x8coutFileSize:%d",
                              "inFileSize:9\xef\xbc\x8coutFileSize:0"));
+    EXPECT_EQ(lines[5],
+              Line("CopyOperator", kHardError, "Failed:Compare %s", "Failed:Compare " + Target("f")));
+}
+
+TEST_F(VCopyFileListIniTest, CopyComparesAllBitsOfTheSizesAndLogsTheLower32) {
+    constexpr std::uintmax_t kWraps = std::uintmax_t{1} << 32;
+    WriteSource("f", "123456789");
+    scratch_.MakeDirectory("installed");
+    const std::string list = WriteList("[Server]\nL=@\n[L]\nf=f\n");
+    // The source grows by a hole once its copy is whole: both sizes are measured after that.
+    const Replaced growing(calls::fclose, [this](FILE* file) {
+        const int result = calls::real::fclose(file);
+        std::error_code missing;
+        if (std::filesystem::file_size(Target("f"), missing) == 9) {
+            std::filesystem::resize_file(Source("f"), kWraps + 9);
+        }
+        return result;
+    });
+
+    EXPECT_EQ(CopyOperator(list), -10000);
+
+    const std::vector<LogLine> lines = LogRecorder::Lines();
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_EQ(lines[4].text, "inFileSize:9\xef\xbc\x8coutFileSize:9");
     EXPECT_EQ(lines[5],
               Line("CopyOperator", kHardError, "Failed:Compare %s", "Failed:Compare " + Target("f")));
 }
@@ -844,6 +962,73 @@ TEST_F(VCopyFileListIniMainTest, TurnsAnyOtherExceptionIntoAFailedRun) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "VCopyFileListIni: unknown exception\n");
     EXPECT_EQ(LogRecorder::Lines().back(), FailureLine());
     EXPECT_EQ(LogRecorder::Calls().back(), "StopSystem()");
+}
+
+TEST_F(VCopyFileListIniMainTest, FailsWithoutTouchingAFileWhenTheLogsStartThrows) {
+    Install("f", "old");
+    const std::string list = WriteList("[Server]\nL=@\n[L]\nf=f\n");
+    const Replaced throwing(LogRecorder::throwingCall, "StartSystem");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Run({"-rename", list}), -10000);
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "VCopyFileListIni: std::bad_alloc\n");
+    EXPECT_THAT(LogRecorder::Calls(), ElementsAre("StopSystem()"));
+    EXPECT_THAT(InstalledNames(), ElementsAre("f"));
+}
+
+TEST_F(VCopyFileListIniMainTest, FailsWhenAnyLineOfItsOwnThrowsAndStopsTheLog) {
+    const std::string list = WriteList("[Server]\nL=@\n");
+    const struct {
+        const char* format;
+        std::vector<std::string> arguments;
+    } rows[] = {
+        {"Usage: %s <operator> <filelist.ini path>", {}},
+        {"<operator>: -rename/-copy/-clean", {"-copy"}},
+        {"[error] Wrong Operator = %s", {"-wrong", list}},
+        {kRule, {"-clean", list}},
+        {"            Successfully completed", {"-clean", list}},
+        {"            Failed", {"-wrong", list}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.format);
+        LogRecorder::Clear();
+        const Replaced throwing(LogRecorder::throwingCall, row.format);
+
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Run(row.arguments), -10000);
+
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "VCopyFileListIni: std::bad_alloc\n");
+        EXPECT_EQ(LogRecorder::Calls().back(), "StopSystem()");
+    }
+}
+
+TEST_F(VCopyFileListIniMainTest, KeepsTheResultOfARunWhenTheLogsEndThrows) {
+    const std::string list = WriteList("[Server]\nL=@\n");
+    const Replaced throwing(LogRecorder::throwingCall, "StopSystem");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Run({"-clean", list}), 0);
+    EXPECT_EQ(Run({"-wrong", list}), -10000);
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "VCopyFileListIni: std::bad_alloc\nVCopyFileListIni: std::bad_alloc\n");
+}
+
+TEST_F(VCopyFileListIniMainTest, ThrowsNothingThoughNoMemoryIsLeftAtAll) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap belongs to a sanitizer here";
+    char* const arguments[] = {const_cast<char*>("/opt/tool"), const_cast<char*>("-copy"),
+                               const_cast<char*>("list.ini"), nullptr};
+
+    testing::internal::CaptureStderr();
+    int result = 0;
+    {
+        const Replaced noMemory(calls::newFails, true);
+        result = VCopyFileListIniMain(3, const_cast<char**>(arguments));
+    }
+
+    EXPECT_EQ(result, -10000);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::StartsWith("VCopyFileListIni: "));
 }
 
 }  // namespace

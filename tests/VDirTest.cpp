@@ -238,6 +238,22 @@ TEST_F(VDirTest, VMkDirMakesEveryMissingLevelWithTheGivenMode) {
     EXPECT_THAT(scratch_.List("a/b/c"), IsEmpty());
 }
 
+TEST_F(VDirTest, VMkDirPassesTheModeUnchangedForEveryLevel) {
+    std::vector<mode_t> modes;
+    const Replaced recording(calls::mkdir, [&](const char* path, mode_t mode) {
+        modes.push_back(mode);
+        return calls::real::mkdir(path, 0700);  // others would keep an ordinary user out
+    });
+    const unsigned short given[] = {0, 01, 0600, 0777, 07077, 0xffff};
+    for (const unsigned short mode : given) {
+        modes.clear();
+
+        EXPECT_EQ(MakeDirectory(scratch_.Path(std::to_string(mode) + "/b/c"), mode), kDone);
+
+        EXPECT_THAT(modes, ElementsAre(mode, mode, mode));
+    }
+}
+
 TEST_F(VDirTest, VMkDirLessensTheModeOfEveryLevelByTheUmask) {
     const Umask umask(027);
 
@@ -775,6 +791,7 @@ TEST_F(VDirTest, VChownLogsTheErrnoOfTheLookupForAnUnknownUser) {
     ASSERT_EQ(getpwnam(nobodysName), nullptr);
     const int lookupError = errno;
 
+    errno = 0;
     EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), nobodysName), -10000);
 
     EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(lookupError)));
@@ -797,13 +814,15 @@ TEST_F(VDirTest, VChownChangesNothingWithoutAUser) {
     EXPECT_THAT(changed, IsEmpty());
 }
 
-TEST_F(VDirTest, VChownLogsErrno0ForALookupThatWorkedAndFoundNobody) {
+TEST_F(VDirTest, VChownLogsWhateverErrnoTheLookupLeaves) {
     const Replaced findingNobody(calls::getpwnam, [](const char*) -> passwd* { return nullptr; });
-    errno = ENOTTY;
+    for (const int before : {ENOTTY, 0}) {
+        errno = before;
 
-    EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), "worker"), -10000);
+        EXPECT_EQ(VDir::VChownDirAndFirstDepthFiles(scratch_.Path().c_str(), "worker"), -10000);
 
-    EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(0)));
+        EXPECT_THAT(TakeLogLines(), ElementsAre(UserLine(before)));
+    }
 }
 
 TEST_F(VDirTest, VChownTakesANullUserForAnUnknownOneWithoutALookup) {

@@ -18,11 +18,18 @@
 /// the next section line belong to no section; a NUL byte ends the file.
 ///
 /// A file is parsed once and the parse is kept for the next calls, as long as the file is the same (device,
-/// inode, size and times); reading N keys costs N. The parse of a file that changed a moment ago is not
-/// kept, since one more change could leave it with the same times; nor is more than one file's. A file that
-/// can't be read, or is no ordinary file, holds nothing; one line on standard error says why, and says so
-/// once, not for every key. Control characters are shown there as '?'. Every operation may be called from
-/// any thread; it may change `errno`.
+/// inode, size and times); reading N keys costs N. A file that changed a moment ago is read anew by each
+/// call, and parsed when its content is another, since one more change could leave it with the same times. A
+/// moment is two steps of the kernel's coarse clock, a few milliseconds, and two seconds where the time of
+/// the change is a whole hundredth of a second, as on file systems that keep no finer ones. It is counted
+/// from the first call for a file whose times lie in the future. Two things can hide a change: a network file
+/// system whose server has not yet told of it, and a clock that was set back and comes to the very same time
+/// again. No more than one file's parse is kept.
+///
+/// A file that can't be read, or is no ordinary file, or finds no memory, holds nothing; one line on standard
+/// error says why, and says so once, not for every key. Control characters, backslashes and bytes that are
+/// not UTF-8 are shown there escaped (\n, \t, \\, \x1b, ...). No operation throws. Every operation may be
+/// called from any thread; it may change `errno`.
 class __attribute__((visibility("default"))) VIni {
 public:
     /// Copies the value of `key` in `section` of the file `iniPath` into `buffer`, the caller's buffer of
@@ -41,8 +48,6 @@ public:
     ///
     /// Returns the number of keys in the section; 0 when there is no such file or section.
     static int IniGetStringItems(const char* section, std::set<std::string>& keys, const char* iniPath);
-
-    explicit VIni() = delete;
 };
 
 #endif

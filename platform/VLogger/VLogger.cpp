@@ -14,10 +14,14 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
-#include <string_view>
+
+#include "Escape.h"
 
 namespace {
+
+constexpr char kName[] = "VLogger";
 
 constexpr std::size_t kKiB = 1024;
 constexpr std::size_t kMostKiB = std::numeric_limits<std::size_t>::max() / kKiB;
@@ -54,58 +58,6 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_
     return text;
 }
 
-void AppendEscaped(std::string& out, unsigned char byte) {
-    switch (byte) {
-        case '\n':
-            out += "\\n";
-            return;
-        case '\r':
-            out += "\\r";
-            return;
-        case '\t':
-            out += "\\t";
-            return;
-        default:
-            break;
-    }
-    char escape[5];
-    (void)std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned>(byte));
-    out += escape;
-}
-
-// The text with its control characters shown: nothing in it can end the line or steer a terminal.
-std::string Escaped(std::string_view text) {
-    const auto isPlain = [](char character) {
-        const auto byte = static_cast<unsigned char>(character);
-        return byte >= 0x20 && byte != 0x7f && byte != 0xc2;
-    };
-    // Nearly every line has nothing to escape.
-    if (std::all_of(text.begin(), text.end(), isPlain)) return std::string(text);
-
-    std::string line;
-    line.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const bool isControl = byte < 0x20 || byte == 0x7f;
-        // The other set of control characters, U+0080 to U+009F, as UTF-8 writes it.
-        const bool isWideControl =
-            byte == 0xc2 && i + 1 < text.size() && (static_cast<unsigned char>(text[i + 1]) & 0xe0) == 0x80;
-        if (isWideControl) {
-            AppendEscaped(line, byte);
-            AppendEscaped(line, static_cast<unsigned char>(text[++i]));
-        } else if (isControl) {
-            AppendEscaped(line, byte);
-        } else {
-            line += text[i];
-        }
-    }
-    return line;
-}
-
-void ReportTrouble(const char* what) {
-    (void)std::fprintf(stderr, "VLogger: %s\n", Escaped(what).c_str());
-}
-
 spdlog::level::level_enum SpdlogLevel(LogLevel level) {
     if (level <= kLogLevelError) return spdlog::level::err;
     return level == kLogLevelWarning ? spdlog::level::warn : spdlog::level::info;
@@ -130,12 +82,12 @@ public:
     OpenLog(std::string path, std::size_t maxBytes, std::size_t olderFiles, int detail, LogLevel maxLevel,
             bool isOnStandardError);
     void Write(const char* file, int line, const char* function, LogLevel level, const std::string& text);
+    void ReportFirstTrouble(const std::exception& error);
 
 private:
     std::unique_ptr<spdlog::sinks::sink> OpenFile();
     void WriteToFile(const spdlog::details::log_msg& message);
     void SetPattern(spdlog::sinks::sink& sink) const;
-    void ReportFirstTrouble(const std::exception& error);
 
     const std::string path_;
     const std::size_t maxBytes_;
@@ -162,7 +114,8 @@ OpenLog::OpenLog(std::string path, std::size_t maxBytes, std::size_t olderFiles,
     file_ = OpenFile();
 }
 
-// Null when it can't be opened. That is final: spdlog waits between its tries, and no line shall cost that.
+// Null when it can't be opened. That is final: spdlog waits between its tries, and no line shall cost that. A
+// want of memory costs no time, and may pass.
 std::unique_ptr<spdlog::sinks::sink> OpenLog::OpenFile() {
     try {
         spdlog::file_event_handlers handlers;
@@ -171,11 +124,13 @@ std::unique_ptr<spdlog::sinks::sink> OpenLog::OpenFile() {
                                                                            false, handlers);
         SetPattern(*file);
         return file;
+    } catch (const std::bad_alloc& error) {
+        ReportFirstTrouble(error);
     } catch (const std::exception& error) {
         isGivenUp_ = true;
         ReportFirstTrouble(error);
-        return nullptr;
     }
+    return nullptr;
 }
 
 void OpenLog::SetPattern(spdlog::sinks::sink& sink) const {
@@ -183,7 +138,7 @@ void OpenLog::SetPattern(spdlog::sinks::sink& sink) const {
 }
 
 void OpenLog::ReportFirstTrouble(const std::exception& error) {
-    if (!isTroubleReported_) ReportTrouble(error.what());
+    if (!isTroubleReported_) ReportTrouble(kName, error.what());
     isTroubleReported_ = true;
 }
 
@@ -224,17 +179,18 @@ struct State {
     std::atomic<bool> isOpen{false};  // lets the lines of a program without a log cost next to nothing
 };
 
-// Never destroyed: a thread that still runs while the process exits may log.
+// Never destroyed: a thread that still runs while the process exits may log. Nor allocated: that could fail.
 State& SharedState() {
-    static State& state = *new State;
+    alignas(State) static unsigned char room[sizeof(State)];
+    static State& state = *new (room) State;
     return state;
 }
 
 }  // namespace
 
 VLogger* VLogger::GetInstance() {
-    static VLogger* const instance = new VLogger;
-    return instance;
+    static VLogger instance;
+    return &instance;
 }
 
 void VLogger::StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
@@ -251,7 +207,7 @@ void VLogger::StartSystem(const char* fileName, const char* directory, int fileC
                                       alsoOnStandardError || IsSetInEnvironment("VLOGGER_STDERR"));
         state.isOpen = true;
     } catch (const std::exception& error) {
-        ReportTrouble(error.what());
+        ReportTrouble(kName, error.what());
     }
 }
 
@@ -268,7 +224,8 @@ void VLogger::Log(const char* file, int line, const char* function, const char* 
         const std::lock_guard<std::mutex> lock(state.mutex);
         if (state.openLog) state.openLog->Write(file, line, function, level, Escaped(text));
     } catch (const std::exception& error) {
-        ReportTrouble(error.what());
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        if (state.openLog) state.openLog->ReportFirstTrouble(error);
     }
     va_end(arguments);
 }

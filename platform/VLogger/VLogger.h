@@ -27,20 +27,23 @@ public:
     /// stands around the text: 0 nothing, 1 the time and the level before it, 2 also the function before and
     /// the source line behind it. Lines of a level above `maxLevel` are dropped. The file rotates before a
     /// line would make it longer than `maxFileKiB` KiB (0 counts as 1); a line longer than that is kept
-    /// whole, in a file of its own. `alsoOnStandardError` shows every line there too.
+    /// whole, in a file of its own. `alsoOnStandardError` shows every line there too. Each process wants a
+    /// file of its own: several may write to one, but lines are lost when they rotate it at once.
     ///
     /// When the file can't be opened, one line on standard error says so and nothing is written to a file.
-    /// When a line can't be written, on a full disk for instance, it is lost, the first time is told on
-    /// standard error, and the next line is tried anew.
+    /// When a line can't be written, on a full disk for instance or without memory, it is lost, the first
+    /// time is told on standard error, and the next line is tried anew.
     void StartSystem(const char* fileName, const char* directory, int fileCount, int detail,
                      LogLevel maxLevel, unsigned long maxFileKiB, bool alsoOnStandardError);
 
     /// Writes one line, made from the printf-style `format` and what follows it; it is in the file when the
     /// call returns. May change `errno`.
     ///
-    /// One call is one line, whatever the text holds: control characters in it are shown escaped (\n, \t,
-    /// \x1b, ...), so that a hostile file name can't forge a line; one line feed at its very end is dropped.
-    /// `module` and `tag` are not shown. A null text is shown as "(null)"; a null `format` writes nothing.
+    /// One call is one line, whatever the text holds: control characters and bytes that are not UTF-8 are
+    /// shown escaped (\n, \t, \x1b, ...), so that a hostile file name can't forge a line or steer a terminal.
+    /// A backslash is shown as \\, so that an escape can be told from a text that looks like one. One line
+    /// feed at the very end is dropped. `module` and `tag` are not shown. A null text is shown as "(null)"; a
+    /// null `format` writes nothing.
     void Log(const char* file, int line, const char* function, const char* module, const char* tag,
              LogLevel level, const char* format, ...) __attribute__((format(printf, 8, 9)));
 
@@ -49,7 +52,7 @@ public:
 
 private:
     VLogger() = default;
-    ~VLogger() = delete;
+    ~VLogger() = default;
     VLogger(const VLogger&) = delete;
     VLogger& operator=(const VLogger&) = delete;
 };

@@ -3,8 +3,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <link.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +22,7 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "Report.h"
 #include "Sanitizer.h"
 #include "SystemCalls.h"
@@ -145,10 +150,12 @@ const std::vector<Case>& Cases() {
         {"E-NAME-TOO-LONG",
          [](const Package& p) {
              p.Bring(std::string(252, 'n'), "");
+             p.Install(std::string(252, 'n'), "");
              p.WriteEntries(std::string(252, 'n'));
          },
          [](const Package& p) {
              p.Bring(std::string(251, 'n'), "");
+             p.Install(std::string(251, 'n'), "");
              p.WriteEntries(std::string(251, 'n'));
          }},
         {"E-DUPLICATE-NAME",
@@ -234,12 +241,54 @@ const std::vector<Case>& Cases() {
          [](const Package& p) { EXPECT_EQ(chmod(p.SourcePath("bin/tool").c_str(), 0755), 0); }},
         {"W-OLD-BACKUP", [](const Package& p) { p.Install("tool.bak", "older"); },
          [](const Package& p) { p.Install("tool.bak.old", "older"); }},
+        {"E-UPGRADE-UNFINISHED",
+         [](const Package& p) {
+             p.Install("tool", "new");
+             p.Install("tool.bak", "old");
+         },
+         [](const Package& p) {
+             p.Install("tool", "new");
+             p.Install("tool.bak", "new");
+         }},
+        {"E-BACKUP-DIRECTORY", [](const Package& p) { fs::create_directory(p.InstalledPath("tool.bak")); },
+         [](const Package& p) { fs::create_directory_symlink(".", p.InstalledPath("tool.bak")); }},
+        {"E-TARGET-TOOL",
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_symlink(fs::read_symlink("/proc/self/exe"), p.InstalledPath("tool"));
+         },
+         [](const Package& p) {
+             fs::remove(p.InstalledPath("tool"));
+             fs::create_symlink("/bin/true", p.InstalledPath("tool"));
+         }},
+        {"W-DUPLICATE-ENTRY", [](const Package& p) { p.WriteEntries("bin/tool,./bin//tool"); },
+         [](const Package& p) {
+             p.Bring("sbin/tool", "new");
+             p.WriteEntries("bin/tool,sbin/tool");
+         }},
+        {"W-NAME-LONG",
+         [](const Package& p) {
+             p.Bring(std::string(252, 'n'), "");
+             p.WriteEntries(std::string(252, 'n'));
+         },
+         [](const Package& p) {
+             p.Bring(std::string(251, 'n'), "");
+             p.WriteEntries(std::string(251, 'n'));
+         }},
+        {"W-DIR-MADE", [](const Package& p) { p.WriteList(WithDirectory("@/new")); },
+         [](const Package& p) { p.WriteList(WithDirectory("@/.")); }},
+        {"W-TARGET-LINKED",
+         [](const Package& p) { fs::create_hard_link(p.InstalledPath("tool"), p.InstalledPath("other")); },
+         [](const Package& p) { fs::create_symlink("tool", p.InstalledPath("other")); }},
+        {"W-OTHERS-WRITE", [](const Package& p) { EXPECT_EQ(chmod(p.InstalledPath().c_str(), 0757), 0); },
+         [](const Package& p) { EXPECT_EQ(chmod(p.InstalledPath("tool").c_str(), 0666), 0); }},
     };
     return cases;
 }
 
-// Those that need a namespace or a process of their own; each has tests below.
-const std::set<std::string> kOtherCases = {"W-TARGET-BUSY", "W-SPACE", "W-TARGET-NOT-WRITABLE"};
+// Those that need a namespace, a process or a file system of their own; each has tests below.
+const std::set<std::string> kOtherCases = {"W-TARGET-BUSY",   "W-SPACE",        "W-TARGET-NOT-WRITABLE",
+                                           "E-TARGET-LOCKED", "E-TARGET-MOUNT", "W-ATTRIBUTES-LOST"};
 
 class CheckTest : public testing::Test {
 protected:
@@ -597,6 +646,54 @@ TEST_F(CheckTest, FindsAPackagesFileThatCannotBeOpened) {
     EXPECT_THAT(DetailsOf("E-SOURCE-UNREADABLE", package_), ElementsAre("Permission denied"));
 }
 
+TEST_F(CheckTest, OpensAPackagesFileSoThatAPipeInItsPlaceHoldsNothingUp) {
+    const RecordedOpens opens;
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+
+    EXPECT_EQ(opens.FlagsOf(package_.SourcePath("bin/tool")), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+TEST_F(CheckTest, AsksForTheRightsOfTheEffectiveUser) {
+    std::vector<std::string> asked;
+    const Replaced replaced(calls::faccessat, [&](int directory, const char* path, int mode, int flags) {
+        EXPECT_EQ(directory, AT_FDCWD);
+        EXPECT_EQ(mode, W_OK | X_OK);
+        EXPECT_EQ(flags, AT_EACCESS);
+        asked.emplace_back(path);
+        return calls::real::faccessat(directory, path, mode, flags);
+    });
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+
+    EXPECT_THAT(asked, ElementsAre(package_.InstalledPath() + "/"));
+}
+
+TEST_F(CheckTest, LeavesTheUmaskAsItWas) {
+    const Umask umask(027);
+
+    (void)FindCodes(package_);
+
+    const Umask now(0);
+    EXPECT_EQ(now.old(), 027u);
+}
+
+TEST_F(CheckTest, TakesAProgramOfTheSameInodeNumberOnAnotherFileSystemForAnother) {
+    const std::string program = "/proc/" + std::to_string(getpid()) + "/exe";
+    const auto codes = [&](dev_t step) {
+        const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
+            if (path != program) return calls::real::stat(path, status);
+            const int result = calls::real::stat(package_.InstalledPath("tool").c_str(), status);
+            status->st_dev += step;
+            return result;
+        });
+        return FindCodes(package_);
+    };
+
+    EXPECT_THAT(codes(0), ElementsAre("W-TARGET-BUSY"));
+    EXPECT_THAT(codes(1), IsEmpty());
+}
+
 TEST_F(CheckTest, FindsNoEntryOutsideOfAPackageWithoutCommon) {
     fs::remove_all(package_.SourcePath(""));
 
@@ -604,12 +701,11 @@ TEST_F(CheckTest, FindsNoEntryOutsideOfAPackageWithoutCommon) {
 }
 
 TEST_F(CheckTest, SaysNothingOfATargetThatGoesAwayMeanwhile) {
-    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0755), 0);
     const std::string target = package_.InstalledPath("tool");
-    for (const int lastLook : {0, 1}) {
+    for (const int lastLook : {0, 1, 2, 3}) {
         int looks = 0;
-        const Replaced replaced(calls::stat, [&](const char* path, struct stat* status) {
-            if (path != target || looks++ < lastLook) return calls::real::stat(path, status);
+        const Replaced replaced(calls::lstat, [&](const char* path, struct stat* status) {
+            if (path != target || looks++ < lastLook) return calls::real::lstat(path, status);
             errno = ENOENT;
             return -1;
         });
@@ -683,7 +779,8 @@ TEST_F(CheckTest, LeavesTheReserveToRoot) {
     };
 
     EXPECT_THAT(detailsFor(0), IsEmpty());
-    EXPECT_THAT(detailsFor(1000), ElementsAre("8.0 KiB are needed, 4.0 KiB are free"));
+    EXPECT_THAT(detailsFor(1000),
+                ElementsAre("8.0 KiB and 1 inode are needed, 4.0 KiB and 10 inodes are free"));
 }
 
 TEST_F(CheckTest, FindsTooFewFreeFiles) {
@@ -695,7 +792,8 @@ TEST_F(CheckTest, FindsTooFewFreeFiles) {
     };
 
     EXPECT_THAT(detailsWith(10, 2), IsEmpty());
-    EXPECT_THAT(detailsWith(10, 1), ElementsAre("2 files are to be made, 1 are possible"));
+    EXPECT_THAT(detailsWith(10, 1),
+                ElementsAre("4.0 KiB and 2 inodes are needed, 400.0 KiB and 1 inode are free"));
     EXPECT_THAT(detailsWith(0, 0), IsEmpty()) << "a file system that does not count them";
 }
 
@@ -774,14 +872,24 @@ TEST_F(CheckTest, FindsADirectoryThatCannotBeMade) {
 }
 
 TEST_F(CheckTest, FindsALinkBetweenAFileAndItsBackup) {
-    fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
-    EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
-    EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("E-BACKUP-SAME-FILE"));
-
-    fs::remove(package_.InstalledPath("tool.bak"));
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
     EXPECT_THAT(FindCodes(package_), Contains("E-BACKUP-SAME-FILE"));
+    EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("E-BACKUP-SAME-FILE"));
+
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.InstalledNames(), std::vector<std::string>{"tool.bak"});
+    EXPECT_EQ(fs::read_symlink(package_.InstalledPath("tool.bak")), "tool.bak") << "the old content is lost";
+}
+
+TEST_F(CheckTest, TakesABackupThatIsALinkToItsFileForAnOldOne) {
+    fs::create_symlink("tool", package_.InstalledPath("tool.bak"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-OLD-BACKUP"));
+
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    ASSERT_EQ(package_.RunPass("-copy"), 0);
+    EXPECT_EQ(package_.Installed("tool.bak"), "old") << "-rename has replaced the link";
+    EXPECT_EQ(package_.Installed("tool"), "new");
 }
 
 TEST_F(CheckTest, TakesALinkToAThirdFileForABackup) {
@@ -845,10 +953,10 @@ TEST_F(CheckTest, ShowsPeopleEachKindWithItsPlacesAndWhatItMeans) {
               "\n"
               "{warning}warning W-MODE-LOST{}  {bold}a file's mode or owner will be lost{}\n"
               "  [Bin] f: bin/tool -> @/tool (0755 becomes 0644)\n"
-              "{dim}  What happens: -copy makes the new file with mode 0666 less the umask, owned by whoever "
-              "runs it.{}\n"
-              "{dim}  What to do:   After -copy run `vfilelist rollback --only-modes`; set the mode of files "
-              "without a predecessor yourself.{}\n"
+              "{dim}  What happens: -copy makes the new file with mode 0666 minus the umask, owned by "
+              "whoever runs it.{}\n"
+              "{dim}  What to do:   Use `vfilelist upgrade`, or run `vfilelist rollback --only-modes` after "
+              "-copy and set the mode of files without a predecessor yourself.{}\n"
               "\n"
               "1 error, 3 warnings.\n");
     EXPECT_EQ(status, 1);
@@ -898,7 +1006,368 @@ TEST_F(CheckTest, FindsALinkThatLeadsInACircle) {
     fs::remove(package_.InstalledPath("tool"));
     fs::create_symlink("tool", package_.InstalledPath("tool"));
 
-    EXPECT_THAT(package_.Run("check").out, HasSubstr("(in a circle: -copy fails)"));
+    EXPECT_THAT(package_.Run("check").out, HasSubstr("(-copy can't follow it and fails)"));
+}
+
+TEST_F(CheckTest, FindsAnUpgradeThatHasBeenBegun) {
+    // A copy that was cut off: shorter, or with room made for the rest.
+    const std::string halves[] = {"n", std::string("n\0\0", 3), ""};
+    package_.Install("tool.bak", "old");
+    for (const std::string& half : halves) {
+        package_.Install("tool", half);
+        EXPECT_THAT(FindCodes(package_), ElementsAre("E-UPGRADE-UNFINISHED")) << half.size();
+    }
+    package_.Install("tool", "old, too");
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-OLD-BACKUP"));
+    fs::remove(package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-OLD-BACKUP"));
+
+    // What it warns of.
+    package_.Install("tool", "new");
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.Installed("tool.bak"), "new");
+}
+
+TEST_F(CheckTest, NamesEveryDirectoryThatWillBeMadeWithItsModeAndOwner) {
+    package_.WriteList(
+        "[Server]\nA=@/a/b\nB=@/a/c/\nC=@/a/b/../../d\n[A]\nf=bin/tool\n[B]\nf=bin/tool\n[C]\nf=bin/tool\n");
+    const Umask umask(027);
+    std::vector<std::string> made;
+    for (const Finding& finding : Find(package_)) {
+        if (std::string(finding.kind->code) != "W-DIR-MADE") continue;
+        made.push_back(finding.key + " " + finding.path + " " + finding.detail);
+    }
+
+    const std::string owner =
+        " mode 0750, owner " + std::to_string(geteuid()) + ":" + std::to_string(getegid());
+    const auto line = [&](const char* list, const char* path) {
+        return std::string(list) + " " + package_.InstalledPath(path) + owner;
+    };
+    EXPECT_THAT(made, ElementsAre(line("A", "a"), line("A", "a/b"), line("B", "a/c"), line("C", "d")));
+    ASSERT_EQ(package_.RunPass("-copy"), 0);
+    EXPECT_EQ(PermissionsOf(package_.InstalledPath("a/b")), 0750u);
+    const Umask narrow(077);
+    fs::remove_all(package_.InstalledPath("d"));
+    EXPECT_THAT(DetailsOf("W-DIR-MADE", package_), ElementsAre(HasSubstr("mode 0700, ")));
+}
+
+TEST_F(CheckTest, KnowsTheDirectoriesThatEarlierListsMake) {
+    const auto codesOf = [this](const char* first, const char* second) {
+        package_.WriteList("[Server]\nA=@/" + std::string(first) + "\nB=@/" + second +
+                           "\n[A]\nf=bin/tool\n[B]\nf=bin/other\n");
+        package_.Bring("bin/other", "");
+        return FindCodes(package_);
+    };
+    fs::create_symlink("real", package_.InstalledPath("link"));
+
+    EXPECT_THAT(codesOf("real", "link"), ElementsAre("W-DIR-MADE"));
+    EXPECT_THAT(codesOf("new", "new/../b"), ElementsAre("W-DIR-MADE", "W-DIR-MADE"));
+    EXPECT_THAT(codesOf("new/../b", "new"), Contains("E-DIR-NOT-DIRECTORY"));
+    EXPECT_THAT(codesOf("link", "real"), Contains("E-DIR-NOT-DIRECTORY"));
+    EXPECT_EQ(package_.RunPass("-copy"), 240);
+    EXPECT_THAT(codesOf("real", "link"), Not(Contains("E-DIR-NOT-DIRECTORY")));
+    EXPECT_EQ(package_.RunPass("-copy"), 0);
+}
+
+TEST_F(CheckTest, FindsATargetAboveTheDirectoryOfAList) {
+    package_.Bring("lib", "a file");
+    package_.WriteList("[Server]\nA=@/lib/plugins\nB=@\n[A]\nf=bin/tool\n[B]\nf=lib\n");
+
+    EXPECT_THAT(DetailsOf("E-TARGET-DIRECTORY", package_),
+                ElementsAre("of a list, and not there yet: -copy fails"));
+    EXPECT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.RunPass("-copy"), 240);
+    fs::create_directories(package_.InstalledPath("lib/plugins"));
+    EXPECT_THAT(DetailsOf("E-TARGET-DIRECTORY", package_), ElementsAre(""));
+}
+
+TEST_F(CheckTest, FindsADanglingDirectoryBelowTheRoot) {
+    const std::string root = package_.scratch().MakeDirectory("image");
+    package_.scratch().Link("image/opt", "/data/opt");
+    package_.WriteList(WithDirectory("/opt/app"));
+
+    EXPECT_THAT(CodesOf(Find(package_, root)), Contains("E-DIR-NOT-DIRECTORY"));
+    package_.scratch().MakeDirectory("image/data/opt");
+    EXPECT_THAT(CodesOf(Find(package_, root)), ElementsAre("W-DIR-MADE"));
+}
+
+// A file or directory with attributes as chattr sets them; they are taken away at the end.
+class Locked {
+public:
+    Locked(const std::string& path, unsigned flags) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        isSet_ = ioctl(fd_, FS_IOC_GETFLAGS, &old_) == 0 && Set(old_ | flags);
+    }
+    ~Locked() {
+        EXPECT_TRUE(!isSet_ || Set(old_));
+        EXPECT_EQ(close(fd_), 0);
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+    bool isSet() const { return isSet_; }
+
+private:
+    bool Set(unsigned flags) const { return ioctl(fd_, FS_IOC_SETFLAGS, &flags) == 0; }
+
+    const int fd_;
+    unsigned old_ = 0;
+    bool isSet_ = false;
+};
+
+TEST_F(CheckTest, FindsWhatIsImmutableOrAppendOnly) {
+    const struct {
+        std::string path;
+        unsigned flag;
+        const char* detail;
+    } rows[] = {{package_.InstalledPath("tool"), FS_IMMUTABLE_FL, "immutable"},
+                {package_.InstalledPath("tool"), FS_APPEND_FL, "append-only"},
+                {package_.InstalledPath(), FS_IMMUTABLE_FL, "the directory is immutable"},
+                {package_.InstalledPath(), FS_APPEND_FL, "the directory is append-only"}};
+    for (const auto& row : rows) {
+        const Locked locked(row.path, row.flag);
+        if (!locked.isSet()) GTEST_SKIP() << "no such attributes here, or no right to set them";
+        EXPECT_THAT(DetailsOf("E-TARGET-LOCKED", package_), ElementsAre(row.detail));
+        EXPECT_EQ(package_.RunPass("-rename"), 240) << row.detail;
+    }
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+}
+
+TEST_F(CheckTest, SaysNothingOfAttributesThatTheFileSystemDoesNotTell) {
+    const Replaced replaced(calls::statx, [](int, const char*, int, unsigned, struct statx*) {
+        errno = ENOSYS;
+        return -1;
+    });
+
+    EXPECT_THAT(FindCodes(package_), IsEmpty());
+}
+
+TEST_F(CheckTest, FindsATargetThatIsAMountPoint) {
+    CONTINUE_IN_PRIVATE_NAMESPACE(
+        (std::vector<std::string>{"--tmpfs", "/mnt", "--bind", "/etc/hostname", "/mnt/tool"}));
+    package_.WriteList(WithDirectory("/mnt"));
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-MOUNT"));
+    EXPECT_EQ(package_.RunPass("-rename"), 240);
+}
+
+TEST_F(CheckTest, FindsABackupThatIsADirectory) {
+    fs::create_directory(package_.InstalledPath("tool.bak"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-BACKUP-DIRECTORY"));
+    EXPECT_EQ(package_.RunPass("-rename"), 240);
+
+    package_.Install("tool.bak/inside", "");
+    fs::remove(package_.InstalledPath("tool"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-BACKUP-DIRECTORY"));
+    EXPECT_EQ(package_.RunPass("-clean"), 240);
+}
+
+TEST_F(CheckTest, FindsOtherNamesThatKeepTheOldContent) {
+    fs::create_hard_link(package_.InstalledPath("tool"), package_.InstalledPath("other"));
+    EXPECT_THAT(DetailsOf("W-TARGET-LINKED", package_), ElementsAre("2 hard links"));
+    // Its backup is told of as such.
+    fs::rename(package_.InstalledPath("other"), package_.InstalledPath("tool.bak"));
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-BACKUP-SAME-FILE"));
+
+    fs::rename(package_.InstalledPath("tool.bak"), package_.InstalledPath("tool-1.0"));
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_symlink("tool-1.0", package_.InstalledPath("tool"));
+    EXPECT_THAT(DetailsOf("W-TARGET-LINKED", package_), ElementsAre("a link to tool-1.0"));
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    ASSERT_EQ(package_.RunPass("-copy"), 0);
+    EXPECT_EQ(package_.Installed("tool-1.0"), "old");
+}
+
+TEST_F(CheckTest, FindsWhoElseMayWriteTheDirectoriesAndTheList) {
+    const std::string paths[] = {package_.InstalledPath() + "/", package_.ListPath(),
+                                 package_.scratch().Path("package"),
+                                 package_.scratch().Path("package/Common")};
+    for (const std::string& path : paths) {
+        const mode_t mode = PermissionsOf(path);
+        ASSERT_EQ(chmod(path.c_str(), mode | S_IWOTH), 0);
+        const std::vector<Finding> findings = Find(package_);
+        ASSERT_THAT(CodesOf(findings), ElementsAre("W-OTHERS-WRITE")) << path;
+        EXPECT_EQ(findings[0].path, path);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    }
+    const WorkingDirectory inside(package_.scratch().Path("package"));
+    ASSERT_EQ(chmod(".", 0757), 0);
+    Output output(true);
+    EXPECT_THAT(CodesOf(FindTrouble({"filelist.ini", "", false}, output)), ElementsAre("W-OTHERS-WRITE"));
+}
+
+TEST_F(CheckTest, CountsNeitherRootNorTheCallerAsOthers) {
+    SKIP_UNLESS_ROOT();
+    const std::string path = package_.InstalledPath();
+    const auto detailsOf = [&](uid_t user, gid_t group, mode_t mode) {
+        EXPECT_EQ(chown(path.c_str(), user, group), 0);
+        EXPECT_EQ(chmod(path.c_str(), mode), 0);
+        return DetailsOf("W-OTHERS-WRITE", package_);
+    };
+
+    EXPECT_THAT(detailsOf(0, 0, 0775), IsEmpty());
+    EXPECT_THAT(detailsOf(0, 65534, 0755), IsEmpty());
+    EXPECT_THAT(detailsOf(0, 65534, 0775), ElementsAre("mode 0775, owner 0:65534"));
+    EXPECT_THAT(detailsOf(65534, 0, 0755), ElementsAre("mode 0755, owner 65534:0"));
+    const Replaced user(calls::geteuid, [] { return uid_t{65534}; });
+    const Replaced group(calls::getegid, [] { return gid_t{65534}; });
+    EXPECT_THAT(detailsOf(65534, 65534, 0775), IsEmpty());
+}
+
+TEST_F(CheckTest, CallsTwoEntriesForTheSameFileHarmless) {
+    fs::create_symlink("tool", package_.SourcePath("bin/link"));
+    fs::create_directory_symlink("bin", package_.SourcePath("sbin"));
+    for (const char* const entries : {"bin/tool,bin/tool", "bin/tool,sbin/tool", "lost,./lost"}) {
+        package_.WriteEntries(entries);
+        EXPECT_THAT(FindCodes(package_), Contains("W-DUPLICATE-ENTRY")) << entries;
+        EXPECT_THAT(FindCodes(package_), Not(Contains("E-DUPLICATE-NAME"))) << entries;
+    }
+    package_.Bring("other/tool", "other");
+    package_.WriteEntries("bin/tool,other/tool,lost/tool");
+    EXPECT_THAT(DetailsOf("E-DUPLICATE-NAME", package_),
+                ElementsAre("[Bin] f has it from bin/tool", "[Bin] f has it from bin/tool"));
+    package_.WriteEntries("lost/tool,bin/tool");
+    EXPECT_THAT(FindCodes(package_), Contains("E-DUPLICATE-NAME"));
+}
+
+TEST_F(CheckTest, WarnsOfANameThatOnlyTheNextUpgradeFailsOn) {
+    const std::string name(255, 'n');
+    package_.Bring(name, "new");
+    package_.WriteEntries("bin/tool," + name);
+    EXPECT_THAT(FindCodes(package_), ElementsAre("W-NAME-LONG"));
+    for (const char* const pass : {"-rename", "-copy", "-clean"})
+        EXPECT_EQ(package_.RunPass(pass), 0) << pass;
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-NAME-TOO-LONG"));
+    EXPECT_EQ(package_.RunPass("-rename"), 240);
+    package_.WriteEntries(std::string(256, 'n'));
+    EXPECT_THAT(FindCodes(package_), Contains("E-NAME-TOO-LONG"));
+}
+
+TEST_F(CheckTest, SaysOnceWhatSeveralFilesLose) {
+    for (const char* const name : {"a", "b", "c", "d"}) {
+        package_.Bring(name, "new");
+        ASSERT_EQ(chmod(package_.Install(name, "old").c_str(), *name == 'd' ? 0600 : 0755), 0);
+    }
+    package_.WriteEntries("bin/tool,a,b,d,c,a");
+
+    EXPECT_THAT(DetailsOf("W-MODE-LOST", package_),
+                ElementsAre("0755 becomes 0644; 3 files, this is the first", "0600 becomes 0644"));
+    for (const Finding& finding : Find(package_)) {
+        if (finding.detail.find("0755") == 0) {
+            EXPECT_EQ(finding.entry, "a");
+        }
+    }
+}
+
+TEST_F(CheckTest, FindsTheAttributesThatAFileWillLose) {
+    SKIP_UNLESS_ROOT();
+    const std::string path = package_.InstalledPath("tool");
+    const char capability[20] = {0, 0, 0, 2, 0, 4};
+    if (setxattr(path.c_str(), "user.origin", "x", 1, 0) != 0 ||
+        setxattr(path.c_str(), "security.capability", capability, sizeof(capability), 0) != 0) {
+        GTEST_SKIP() << "no such attributes here";
+    }
+    EXPECT_THAT(
+        DetailsOf("W-ATTRIBUTES-LOST", package_),
+        ElementsAre(testing::AnyOf("security.capability, user.origin", "user.origin, security.capability")));
+    fs::rename(path, package_.InstalledPath("tool-1.0"));
+    fs::create_symlink("tool-1.0", path);
+    EXPECT_THAT(FindCodes(package_), Contains("W-ATTRIBUTES-LOST"));
+    ASSERT_EQ(package_.RunPass("-rename"), 0);
+    ASSERT_EQ(package_.RunPass("-copy"), 0);
+    EXPECT_EQ(listxattr(path.c_str(), nullptr, 0), 0);
+}
+
+TEST_F(CheckTest, NamesTheAttributesThatCountAndNoOthers) {
+    const std::string names("system.posix_acl_access\0security.selinux\0trusted.user.x\0user.\0user.y\0",
+                            sizeof("system.posix_acl_access,security.selinux,trusted.user.x,user.,user.y"));
+    const auto detailsWhen = [&](ssize_t secondAnswer) {
+        const Replaced replaced(calls::listxattr, [&](const char*, char* buffer, size_t size) {
+            if (size == 0) return static_cast<ssize_t>(names.size());
+            names.copy(buffer, size);
+            return secondAnswer;
+        });
+        return DetailsOf("W-ATTRIBUTES-LOST", package_);
+    };
+
+    EXPECT_THAT(detailsWhen(static_cast<ssize_t>(names.size())),
+                ElementsAre("system.posix_acl_access, user., user.y"));
+    EXPECT_THAT(detailsWhen(24), ElementsAre("system.posix_acl_access")) << "one has gone away meanwhile";
+    EXPECT_THAT(detailsWhen(-1), IsEmpty());
+}
+
+TEST_F(CheckTest, FindsTheListAmongItsOwnTargets) {
+    fs::copy_file(package_.ListPath(), package_.SourcePath("filelist.ini"));
+    package_.WriteList("[Server]\nBin=" + package_.scratch().Path("package") + "\n[Bin]\nf=filelist.ini\n");
+
+    EXPECT_THAT(DetailsOf("E-TARGET-IN-PACKAGE", package_), ElementsAre("the file list"));
+    EXPECT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.RunPass("-copy"), 240) << "the list is gone";
+}
+
+TEST_F(CheckTest, FindsTheFilesThatTheToolIsStartedFrom) {
+    // A library of vfilelist's, and the tool in PATH.
+    fs::remove(package_.InstalledPath("tool"));
+    const auto find = [](dl_phdr_info* info, std::size_t, void* library) {
+        const std::string path = info->dlpi_name;
+        if (path.find("/libVFileSys.so") != std::string::npos) *static_cast<std::string*>(library) = path;
+        return 0;
+    };
+    std::string library;
+    (void)dl_iterate_phdr(find, &library);
+    fs::create_symlink(library, package_.InstalledPath("tool"));
+    EXPECT_THAT(package_.Run("check").out, HasSubstr("E-TARGET-TOOL"));
+
+    fs::remove(package_.InstalledPath("tool"));
+    package_.Bring("VCopyFileListIni", "new");
+    package_.Install("VCopyFileListIni", "old");
+    package_.WriteEntries("VCopyFileListIni");
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-TARGET-TOOL")));
+    const Variable none("PATH", nullptr);
+    EXPECT_THAT(FindCodes(package_), Not(Contains("E-TARGET-TOOL")));
+    const Variable path("PATH", ("/nowhere:" + package_.InstalledPath()).c_str());
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-TOOL"));
+}
+
+TEST_F(CheckTest, LeavesOutWhatVfilelistUpgradePrevents) {
+    const Variable path("PATH", package_.InstalledPath().c_str());
+    package_.Bring("VCopyFileListIni", "new");
+    ASSERT_EQ(chmod(package_.Install("VCopyFileListIni", "old").c_str(), 0755), 0);
+    package_.WriteEntries("bin/tool,VCopyFileListIni,lost");
+    const Replaced attributes(calls::listxattr, [](const char*, char* buffer, size_t size) {
+        (void)std::string("user.x", 7).copy(buffer, size);
+        return ssize_t{7};
+    });
+
+    EXPECT_THAT(FindCodes(package_),
+                ElementsAre("W-ATTRIBUTES-LOST", "W-MODE-LOST", "E-TARGET-TOOL", "E-SOURCE-MISSING"));
+    Output output(true);
+    EXPECT_THAT(CodesOf(FindTrouble({package_.ListPath(), "", false, true}, output)),
+                ElementsAre("E-SOURCE-MISSING"));
+}
+
+TEST_F(CheckTest, CountsAnInodeForEachNewFileAndDirectory) {
+    package_.Bring("bin/other", std::string(5000, 'x'));
+    package_.Bring("sbin/tool", std::string(4097, 'x'));
+    package_.WriteList(
+        "[Server]\nA=@/a/b\nB=@\n[A]\nf=bin/other,\n[B]\nf=bin/tool,lost,sbin/tool,bin/tool\n");
+    const Replaced replaced(calls::statvfs, FileSystemWith(0, 0, 10, 3));
+
+    // Two directories, 5000 bytes, and of the three for one target the largest.
+    EXPECT_THAT(DetailsOf("W-SPACE", package_),
+                ElementsAre("24.0 KiB and 4 inodes are needed, 0 B and 3 inodes are free"));
+}
+
+TEST_F(CheckTest, SaysNothingOfInodesThatAreNotCounted) {
+    const Replaced replaced(calls::statvfs, FileSystemWith(0, 0, 0, 0));
+
+    EXPECT_THAT(DetailsOf("W-SPACE", package_), ElementsAre("4.0 KiB and 1 inode are needed, 0 B are free"));
+}
+
+TEST_F(CheckTest, TakesADotForNoFileName) {
+    package_.WriteEntries("bin/tool,bin/.");
+
+    EXPECT_THAT(FindCodes(package_), ElementsAre("E-ENTRY-EMPTY"));
 }
 
 }  // namespace

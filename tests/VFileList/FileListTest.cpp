@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "SystemCalls.h"
 
 namespace {
@@ -99,6 +100,33 @@ TEST_F(FileListTest, SaysWhyAListCannotBeRead) {
     EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath() + ".missing"), "No such file or directory");
     EXPECT_EQ(FileList::WhyUnreadable(package_.scratch().Path()), "Is a directory");
     EXPECT_EQ(FileList::WhyUnreadable("/dev/null"), "not a regular file");
+}
+
+TEST_F(FileListTest, OpensAListSoThatAPipeInItsPlaceHoldsNothingUp) {
+    const std::string list = package_.WriteEntries("tool");
+    const RecordedOpens opens;
+
+    EXPECT_EQ(FileList::WhyUnreadable(list), "");
+
+    EXPECT_EQ(opens.FlagsOf(list), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+TEST_F(FileListTest, TakesTheSameInodeNumberOnTwoFileSystemsForTwoDirectories) {
+    package_.WriteList("[Server]\nA=@/a\nB=@/b\n[A]\nf=tool\n[B]\nf=tool\n");
+    package_.Install("a/tool", "");
+    package_.Install("b/tool", "");
+    const auto targets = [this](dev_t step) {
+        const Replaced replaced(calls::stat, [step](const char* path, struct stat* status) {
+            const int result = calls::real::stat(path, status);
+            status->st_ino = 1;
+            status->st_dev = std::string(path).find("/b") != std::string::npos ? 1 + step : 1;
+            return result;
+        });
+        return FileList(package_.ListPath()).Targets().size();
+    };
+
+    EXPECT_EQ(targets(1), 2u);
+    EXPECT_EQ(targets(0), 1u);
 }
 
 TEST_F(FileListTest, ResolvesBelowARootAsIfThatWereTheRootDirectory) {

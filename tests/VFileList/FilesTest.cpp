@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "RecordedOpens.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
 
@@ -68,6 +69,20 @@ TEST_F(FilesTest, LooksForZeroBytesBeyondTheBlockOfTheDifference) {
     }
 }
 
+TEST_F(FilesTest, NoticesADifferenceOnEitherSideOfTheEndOfABlock) {
+    constexpr std::size_t kBlock = 256 * 1024;
+    for (const std::size_t size : {kBlock, kBlock + 1, 2 * kBlock}) {
+        const std::string packaged(size, 'x');
+        EXPECT_EQ(Compare(packaged, packaged), Content::kSame) << size;
+        for (const std::size_t at : {kBlock - 1, kBlock, size - 1}) {
+            if (at >= size) continue;
+            std::string different = packaged;
+            different[at] = 'y';
+            EXPECT_EQ(Compare(different, packaged), Content::kOther) << size << " " << at;
+        }
+    }
+}
+
 TEST_F(FilesTest, SaysWhichFileCannotBeCompared) {
     const std::string file = scratch_.Write("file", "x");
     const std::string missing = scratch_.Path("missing");
@@ -105,6 +120,34 @@ TEST_F(FilesTest, DoesNotWaitForThoseWhoWriteToAPipe) {
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
 
     EXPECT_EQ(comparer_.Compare(pipe, scratch_.Write("file", "x"), trouble_), Content::kUnreadable);
+}
+
+TEST_F(FilesTest, WaitsForNoPipeAndGivesNoDescriptorToAProgramThatIsStarted) {
+    const RecordedOpens opens;
+
+    EXPECT_EQ(Compare("abc", "abc"), Content::kSame);
+
+    for (const char* const name : {"file", "packaged"}) {
+        EXPECT_EQ(opens.FlagsOf(scratch_.Path(name)), O_RDONLY | O_CLOEXEC | O_NONBLOCK) << name;
+    }
+}
+
+TEST_F(FilesTest, ReadsNothingThatTurnsIntoAPipeMeanwhile) {
+    const std::string file = scratch_.Write("file", "abc");
+    const std::string packaged = scratch_.Write("packaged", "abc");
+    const Replaced replaced(calls::open, [&file](const char* path, int flags, mode_t mode) {
+        if (path == file) {
+            fs::remove(file);
+            EXPECT_EQ(mkfifo(path, 0600), 0);
+        }
+        return calls::real::open(path, flags | O_NONBLOCK, mode);
+    });
+    const std::size_t before = OpenDescriptors();
+
+    EXPECT_EQ(comparer_.Compare(file, packaged, trouble_), Content::kUnreadable);
+
+    EXPECT_EQ(trouble_, file + ": not a regular file");
+    EXPECT_EQ(OpenDescriptors(), before);
 }
 
 TEST_F(FilesTest, LeavesNoDescriptorOpen) {
@@ -163,15 +206,6 @@ TEST_F(FilesTest, TakesSlashesOffTheEndOfAllButTheRootDirectory) {
     EXPECT_EQ(WithoutTrailingSlashes(""), "");
 }
 
-TEST_F(FilesTest, FindsTheNearestThingThatExists) {
-    const std::string file = scratch_.Write("a/file", "");
-    EXPECT_EQ(NearestExisting(file), file);
-    EXPECT_EQ(NearestExisting(scratch_.Path("a/b/c/")), scratch_.Path("a"));
-    EXPECT_EQ(NearestExisting(file + "/below"), file);
-    EXPECT_EQ(NearestExisting("/nowhere/at/all"), "/");
-    EXPECT_EQ(NearestExisting("nowhere"), ".");
-}
-
 TEST_F(FilesTest, NoticesThatAFileWasTouched) {
     struct stat before {};
     struct stat now {};
@@ -184,6 +218,16 @@ TEST_F(FilesTest, NoticesThatAFileWasTouched) {
     EXPECT_TRUE(IsSameFile(before, now));
     ASSERT_EQ(stat(scratch_.Write("other", "x").c_str(), &now), 0);
     EXPECT_FALSE(IsSameFile(before, now));
+}
+
+TEST_F(FilesTest, TakesTheSameInodeNumberOnTwoFileSystemsForTwoFiles) {
+    struct stat file {};
+    ASSERT_EQ(stat(scratch_.Write("file", "x").c_str(), &file), 0);
+    struct stat other = file;
+    ++other.st_dev;
+
+    EXPECT_TRUE(IsSameFile(file, file));
+    EXPECT_FALSE(IsSameFile(file, other));
 }
 
 TEST_F(FilesTest, GoesOnAfterAReadThatASignalInterrupted) {
@@ -294,26 +338,6 @@ TEST_F(FilesTest, KnowsNoBirthOfWhatIsMissingOrWhereTheFileSystemKeepsNone) {
     EXPECT_TRUE(BirthOf(scratch_.Write("file", "")));
     EXPECT_FALSE(BirthOf(scratch_.Path("missing")));
     EXPECT_FALSE(BirthOf("/proc/self/status"));
-}
-
-TEST_F(FilesTest, SaysWhyADirectoryCannotBeMade) {
-    const std::string file = scratch_.Write("file", "");
-    fs::create_symlink("nowhere", scratch_.Path("link"));
-    fs::create_symlink("circle", scratch_.Path("circle"));
-
-    EXPECT_EQ(WhyNoDirectory(scratch_.Path("new/dir")), "");
-    EXPECT_EQ(WhyNoDirectory("new/dir"), "") << "below whatever directory the tool is started in";
-    EXPECT_EQ(WhyNoDirectory("new/../dir"), ". lacks what stands before \"..\"");
-    EXPECT_EQ(WhyNoDirectory(file + "/new"), file + " is no directory");
-    for (const char* const name : {"link", "circle"}) {
-        EXPECT_EQ(WhyNoDirectory(scratch_.Path(name) + "/new"),
-                  scratch_.Path(name) + " is a link that points nowhere");
-    }
-    const Replaced replaced(calls::stat, [](const char*, struct stat*) {
-        errno = EIO;
-        return -1;
-    });
-    EXPECT_EQ(WhyNoDirectory(file), "") << "that is said where it is looked at";
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "Plan.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -12,7 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "FileSystem.h"
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "Report.h"
 #include "SystemCalls.h"
 
@@ -258,6 +262,41 @@ TEST_F(PlanTest, ForetellsWhatThePassesDo) {
              p.Bring("tool.bak", "the new backup");
              p.WriteEntries("bin/tool,tool.bak");
          }},
+        {"a file where the directory of a later list is wanted",
+         [](const Package& p) {
+             p.Bring("d", "a file");
+             p.WriteList("[Server]\nA=@\nB=@/d\n[A]\nf=d\n[B]\nf=bin/tool\n");
+         }},
+        {"an installed file where the directory of a list is wanted",
+         [](const Package& p) {
+             p.Bring("d", "a file");
+             p.Install("d", "an old file");
+             p.WriteList("[Server]\nA=@/d/e\nB=@\n[A]\nf=bin/tool\n[B]\nf=d\n");
+         }},
+        {"a directory beside one that a later list makes",
+         [](const Package& p) {
+             p.WriteList("[Server]\nA=@/new/../b\nB=@/new\n[A]\nf=bin/tool\n[B]\nf=bin/tool\n");
+         }},
+        {"a directory behind a link and \"..\"",
+         [](const Package& p) {
+             p.Install("real/sub/kept", "");
+             p.scratch().Link("installed/link", "real/sub");
+             p.WriteList("[Server]\nA=@/link/../new\n[A]\nf=bin/tool\n");
+         }},
+        {"an empty entry whose directory is a file",
+         [](const Package& p) { p.WriteList("[Server]\nA=@/tool\n[A]\nf=,bin/tool\n"); }},
+        {"a list's directory that -rename moves, with its files",
+         [](const Package& p) {
+             p.Install("d/tool", "old");
+             p.Install("d/kept", "kept");
+             p.Bring("d", "a file");
+             p.WriteList("[Server]\nA=@/d\nB=@\n[A]\nf=bin/tool\n[B]\nf=d\n");
+         }},
+        {"a file below one that a step makes",
+         [](const Package& p) {
+             p.Bring("d", "a file");
+             p.WriteList("[Server]\nA=@\nB=@/d/e\n[A]\nf=d\n[B]\nf=bin/tool\n");
+         }},
         {"a hard link for a backup",
          [](const Package& p) {
              fs::create_hard_link(p.InstalledPath("tool"), p.InstalledPath("tool.bak"));
@@ -318,9 +357,54 @@ TEST_F(PlanTest, SaysWhichDirectoryCannotBeWritten) {
         return -1;
     });
 
-    EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + "/: Read-only file system");
+    EXPECT_EQ(WhyItFails(package_), "-rename: " + package_.InstalledPath() + ": Read-only file system");
     fs::remove(package_.InstalledPath("tool"));
-    EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + "/: Read-only file system");
+    EXPECT_EQ(WhyItFails(package_), "-copy: " + package_.InstalledPath() + ": Read-only file system");
+}
+
+TEST_F(PlanTest, AsksForTheRightsOfTheEffectiveUser) {
+    std::vector<std::string> asked;
+    const Replaced replaced(calls::faccessat, [&](int directory, const char* path, int mode, int flags) {
+        EXPECT_EQ(mode, W_OK | X_OK);
+        EXPECT_EQ(flags, AT_EACCESS);
+        asked.emplace_back(path);
+        return calls::real::faccessat(directory, path, mode, flags);
+    });
+
+    EXPECT_EQ(WhyItFails(package_), "");
+
+    const std::string directory = package_.InstalledPath() + "/";
+    EXPECT_THAT(asked, ElementsAre(directory, directory)) << "for -rename, and for -copy";
+}
+
+TEST_F(PlanTest, OpensThePackagesFileSoThatAPipeInItsPlaceHoldsNothingUp) {
+    const RecordedOpens opens;
+
+    EXPECT_EQ(WhyItFails(package_), "");
+
+    EXPECT_EQ(opens.FlagsOf(package_.SourcePath("bin/tool")), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+TEST_F(PlanTest, TakesABackupOfTheSameInodeNumberOnAnotherFileSystemForAnotherFile) {
+    package_.Install("tool.bak", "older");
+    const auto details = [this](dev_t step) {
+        const struct stat installed = StatusOf(package_.InstalledPath("tool"));
+        const std::string backup = package_.InstalledPath("tool.bak");
+        const Replaced replaced(calls::lstat, [&](const char* path, struct stat* status) {
+            const int result = calls::real::lstat(path, status);
+            if (path == backup) {
+                status->st_ino = installed.st_ino;
+                status->st_dev = installed.st_dev + step;
+            }
+            return result;
+        });
+        const nlohmann::json report =
+            ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); });
+        return report["steps"][0]["detail"].get<std::string>();
+    };
+
+    EXPECT_EQ(details(0), "NAME.bak is the same file: nothing happens");
+    EXPECT_EQ(details(1), "to NAME.bak, replacing an older one");
 }
 
 TEST_F(PlanTest, SaysThatThePackagesFileCannotBeOpened) {
@@ -484,6 +568,22 @@ TEST_F(PlanTest, ForetellsWhatThePassesDoWithLinks) {
              LinkInAChain(p, 41);
          },
          {"-rename skip tool -", "-copy fail tool -"}},
+        {"a directory beside one that an earlier list makes",
+         [](const Package& p) {
+             p.WriteList("[Server]\nA=@/new\nB=@/new/../b\n[A]\nf=bin/tool\n[B]\nf=bin/tool\n");
+         },
+         {"-rename skip new/tool -", "-rename skip new/../b/tool -", "-copy mkdir new/ -",
+          "-copy copy new/tool 12", "-copy mkdir new/../b/ -", "-copy copy new/../b/tool 12",
+          "-clean skip new/tool.bak -", "-clean skip new/../b/tool.bak -"}},
+        {"a link to a directory that an earlier list makes",
+         [](const Package& p) {
+             p.scratch().Link("installed/link", "real");
+             p.WriteList("[Server]\nA=@/real\nB=@/link\n[A]\nf=bin/tool\n[B]\nf=other\n");
+             p.Bring("other", "new");
+         },
+         {"-rename skip real/tool -", "-rename skip link/other -", "-copy mkdir real/ -",
+          "-copy copy real/tool 12", "-copy copy link/other 3", "-clean skip real/tool.bak -",
+          "-clean skip link/other.bak -"}},
         {"a link into a missing directory",
          [](const Package& p) {
              fs::remove(p.InstalledPath("tool"));
@@ -534,7 +634,7 @@ TEST_F(PlanTest, ShowsPeopleEachStepAndTheSumOfEachPass) {
               "{bold}-copy{}\n"
               "  copy          12 B  @/tool{dim}  (from Common/bin/tool){}\n"
               "  copy           5 B  @/fresh{dim}  (from Common/fresh){}\n"
-              "  mkdir            -  @/new/{dim}  (mode 0750 less the umask){}\n"
+              "  mkdir            -  @/new/{dim}  (mode 0750 minus the umask){}\n"
               "  copy           5 B  @/new/fresh{dim}  (from Common/fresh){}\n"
               "{dim}  3 files, 22 B{}\n"
               "\n"
@@ -577,7 +677,7 @@ TEST_F(PlanTest, ReportsEachStepWithItsEntryAndEachPass) {
             {"key", "f"},      {"entry", entry}};
     };
     nlohmann::json made = step("-copy", "mkdir", "", "");
-    made.update({{"section", ""}, {"key", ""}, {"detail", "mode 0750 less the umask"}});
+    made.update({{"section", ""}, {"key", ""}, {"detail", "mode 0750 minus the umask"}});
     nlohmann::json copied = step("-copy", "copy", "other", "bin/other");
     copied.update({{"size", 3}, {"detail", "from Common/bin/other"}});
     nlohmann::json failed = step("-copy", "fail", "lost", "lost");
@@ -612,6 +712,34 @@ TEST_F(PlanTest, TakesARelativeDirectoryFromWhereItIsStarted) {
     for (const auto& step : report["steps"]) paths.push_back(step["path"]);
     EXPECT_THAT(paths, ElementsAre("nowhere/at/all/tool", "nowhere/at/all/", "nowhere/at/all/tool",
                                    "nowhere/at/all/tool.bak"));
+}
+
+TEST_F(PlanTest, WarnsThatRenameWillDestroyTheBackupOfAnUnfinishedUpgrade) {
+    package_.Install("tool.bak", "older");
+    EXPECT_EQ(package_.Run("plan").exitStatus, 0);
+
+    package_.Install("tool", "the new");
+    int status = 0;
+    const nlohmann::json report = package_.RunJson("plan", {}, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(report["steps"][0]["step"], "rename");
+    EXPECT_EQ(report["steps"][0]["detail"],
+              "to NAME.bak, replacing the backup of an unfinished upgrade: it is lost");
+    EXPECT_EQ(report["passes"]["rename"]["succeeds"], true);
+    EXPECT_THAT(ShownPlanOf(package_),
+                testing::HasSubstr("@/tool{error}  (to NAME.bak, replacing the backup"));
+}
+
+TEST_F(PlanTest, WarnsThatCopyWillEmptyThePackagesOwnFile) {
+    fs::remove(package_.InstalledPath("tool"));
+    fs::create_symlink(package_.SourcePath("bin/tool"), package_.InstalledPath("other"));
+    package_.WriteList("[Server]\nA=@\n[A]\nf=bin/tool\n");
+    EXPECT_EQ(package_.Run("plan").exitStatus, 0);
+
+    fs::rename(package_.InstalledPath("other"), package_.InstalledPath("tool.bak"));
+    fs::create_directory_symlink(package_.SourcePath("bin"), package_.InstalledPath("link"));
+    package_.WriteList("[Server]\nA=@\nB=@/link\n[A]\nf=bin/tool\n[B]\nf=lost\n");
+    EXPECT_EQ(package_.Run("plan").exitStatus, 1);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "RecordedOpens.h"
 #include "Report.h"
 #include "SystemCalls.h"
 
@@ -590,6 +592,22 @@ TEST_F(RollbackTest, GoesOnBehindAFileThatItCannotRestore) {
     EXPECT_EQ(ActionOn("tool", {"--force"}), "failed");
 }
 
+TEST_F(RollbackTest, TakesNoCauseOfAFailedRestoreForSuccess) {
+    RunPasses({"-rename", "-copy"});
+    for (const int error : {ENOENT, EXDEV, EEXIST}) {
+        const Replaced replaced(calls::rename, [error](const char*, const char*) {
+            errno = error;
+            return -1;
+        });
+        int status = 0;
+
+        EXPECT_EQ(ActionHere("tool", {}, &status), std::string("failed: ") + std::strerror(error));
+
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(package_.Installed("tool.bak"), "old");
+    }
+}
+
 TEST_F(RollbackTest, SaysSoWhenTheFileSystemIsReadOnly) {
     CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{}));
     RunPasses({"-rename", "-copy"});
@@ -878,6 +896,18 @@ TEST_F(RollbackTest, SynchronisesEachDirectoryThatItChangesOnceAndNoOther) {
     (void)ReportHere();
 
     EXPECT_THAT(synchronised, ElementsAre(package_.InstalledPath()));
+}
+
+TEST_F(RollbackTest, OpensWhatItChangesSoThatAPipeInItsPlaceHoldsNothingUp) {
+    SetMode("tool", 0755);
+    RunPasses({"-rename", "-copy"});
+    const RecordedOpens opens;
+
+    EXPECT_EQ(ActionHere("tool", OnlyModes()), "mode-set: 0644 to 0755");
+    EXPECT_EQ(opens.FlagsOf(package_.InstalledPath("tool")), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+
+    EXPECT_EQ(ActionHere("tool"), "restored: ");
+    EXPECT_EQ(opens.FlagsOf(package_.InstalledPath() + "/"), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
 TEST_F(RollbackTest, SynchronisesADirectoryThatItOnlyTakesFilesFrom) {

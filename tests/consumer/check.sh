@@ -113,6 +113,9 @@ quietly cmake --build "$work/consumer"
 mkdir "$work/consumer-data"
 quietly "${emulator[@]}" "$work/consumer/consumer" "$work/consumer-data"
 
+step "a program's own logger, built against the installed header, gets the library's lines"
+quietly "${emulator[@]}" "$work/consumer/own_logger"
+
 step "the outside project builds with pkg-config, and so does an example that uses the logger too"
 run_with_pkg_config "$work/prefix" "$neighbours"
 compile_with_pkg_config "$work/prefix" "$work/example" "$work/prefix/share/doc/VFileSys/examples/FirewallService.cpp" \

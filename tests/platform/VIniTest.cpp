@@ -19,11 +19,14 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "CapturedStandardError.h"
 #include "OrdinaryUser.h"
+#include "OwnProcess.h"
 #include "ScratchDirectory.h"
+#include "ShortMemory.h"
 
 namespace fs = std::filesystem;
 
@@ -34,25 +37,50 @@ using testing::IsEmpty;
 
 constexpr std::int64_t kSecond = 1000000000;
 
-// The time that the clock of the file time stamps shows to the process, in nanoseconds; 0 for the real one.
+// The times that the two coarse clocks show to the process, that of the file time stamps and the monotonic
+// one, and the time of every file's last change; in nanoseconds, and 0 for the real one.
 std::atomic<std::int64_t> stampClock{0};
+std::atomic<std::int64_t> monotonicClock{0};
+std::atomic<std::int64_t> fileStamp{0};
 
 std::int64_t Nanoseconds(const timespec& time) {
     return static_cast<std::int64_t>(time.tv_sec) * kSecond + time.tv_nsec;
 }
 
+timespec ToTime(std::int64_t nanoseconds) {
+    return {static_cast<time_t>(nanoseconds / kSecond), static_cast<long>(nanoseconds % kSecond)};
+}
+
 }  // namespace
 
-// In the C library's place: whether a file changed "just now" is a matter of the clock, and no test may wait.
-extern "C" __attribute__((visibility("default"))) int VfsTest_clock_gettime(clockid_t, timespec*) __asm__(
-    "clock_gettime");
-extern "C" int VfsTest_clock_gettime(clockid_t clock, timespec* time) {
-    if (clock == CLOCK_REALTIME_COARSE && stampClock != 0) {
-        time->tv_sec = static_cast<time_t>(stampClock / kSecond);
-        time->tv_nsec = static_cast<long>(stampClock % kSecond);
-        return 0;
-    }
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+// In the C library's place: whether a file changed "just now" is a matter of the clock, and no test may wait;
+// nor is there a file system everywhere whose time stamps move in large steps.
+extern "C" {
+#define VFS_TEST_IN_PLACE_OF(name) __asm__(name) __attribute__((visibility("default")))
+int VfsTest_clock_gettime(clockid_t, timespec*) VFS_TEST_IN_PLACE_OF("clock_gettime");
+int VfsTest_stat(const char*, struct stat*) VFS_TEST_IN_PLACE_OF("stat");
+int VfsTest_fstat(int, struct stat*) VFS_TEST_IN_PLACE_OF("fstat");
+
+int VfsTest_clock_gettime(clockid_t clock, timespec* time) {
+    const std::int64_t shown = clock == CLOCK_REALTIME_COARSE    ? stampClock.load()
+                               : clock == CLOCK_MONOTONIC_COARSE ? monotonicClock.load()
+                                                                 : 0;
+    if (shown == 0) return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    *time = ToTime(shown);
+    return 0;
+}
+
+int VfsTest_stat(const char* path, struct stat* status) {
+    const int result = static_cast<int>(syscall(SYS_newfstatat, AT_FDCWD, path, status, 0));
+    if (result == 0 && fileStamp != 0) status->st_mtim = status->st_ctim = ToTime(fileStamp);
+    return result;
+}
+
+int VfsTest_fstat(int fd, struct stat* status) {
+    const int result = static_cast<int>(syscall(SYS_fstat, fd, status));
+    if (result == 0 && fileStamp != 0) status->st_mtim = status->st_ctim = ToTime(fileStamp);
+    return result;
+}
 }
 
 namespace {
@@ -74,18 +102,45 @@ std::int64_t JustChangedAge() {
     return 2 * Nanoseconds(step);
 }
 
+// Forgets the kept parse, by putting another file in its place.
+void ForgetParse() {
+    std::set<std::string> keys;
+    (void)VIni::IniGetStringItems("", keys, "/proc/self/status");
+}
+
 // Shows the time at which the file's last change was so many nanoseconds ago.
 class FileAge {
 public:
-    FileAge(const std::string& path, std::int64_t age) { stampClock = ChangeTime(path) + age; }
-    // Puts another file in the place of the parse that would not have been kept by the real clock.
+    FileAge(const std::string& path, std::int64_t age) {
+        stampClock = ChangeTime(path) + age;
+        monotonicClock = 1000 * kSecond;
+    }
     ~FileAge() {
-        std::set<std::string> keys;
-        (void)VIni::IniGetStringItems("", keys, "/proc/self/status");
+        ForgetParse();  // the real clock would not have kept it
         stampClock = 0;
+        monotonicClock = 0;
     }
     FileAge(const FileAge&) = delete;
     FileAge& operator=(const FileAge&) = delete;
+
+    static void Pass(std::int64_t nanoseconds) {
+        stampClock += nanoseconds;
+        monotonicClock += nanoseconds;
+    }
+};
+
+// Shows every file as last changed at this moment of its file system's clock.
+class FileStamp {
+public:
+    explicit FileStamp(std::int64_t stamp) { fileStamp = stamp; }
+    ~FileStamp() {
+        ForgetParse();
+        fileStamp = 0;
+    }
+    FileStamp(const FileStamp&) = delete;
+    FileStamp& operator=(const FileStamp&) = delete;
+
+    static void MoveOn(std::int64_t nanoseconds) { fileStamp += nanoseconds; }
 };
 
 // Counts how often a file is opened.
@@ -318,6 +373,40 @@ TEST_F(VIniTest, KeysBelowABrokenSectionLineBelongToNoSection) {
     EXPECT_THAT(Keys("broken", path, 0), IsEmpty());
 }
 
+TEST_F(VIniTest, ALoneBracketIsABrokenSectionLineToo) {
+    const std::string texts[] = {
+        "top=0\n[s]\na=1\n[\nb=2\nc=3\n[t]\nd=4\n", "top=0\n[s]\na=1\n[\nb=[x]\nc=3\n[t]\nd=4\n",
+        "top=0\r\n[s]\r\na=1\r\n[\r\n[t]\r\nd=4\r\n", "top=0\r[s]\ra=1\r[\r[t]\rd=4\r",
+        "top=0\n[s]\na=1\n \t[ \t\nb=2\n[\n\n[\n[t]\nd=4\n"};
+    for (const std::string& text : texts) {
+        SCOPED_TRACE(text);
+        const std::string path = Write(text);
+
+        EXPECT_THAT(Keys("", path, 1), ElementsAre("top"));
+        EXPECT_THAT(Keys("s", path, 1), ElementsAre("a"));
+        EXPECT_THAT(Keys("t", path, 1), ElementsAre("d"));
+        EXPECT_THAT(Keys("x", path, 0), IsEmpty());
+    }
+}
+
+TEST_F(VIniTest, ALoneBracketMayBeTheFirstLineOrTheLast) {
+    const std::string path = Write("[\n[s]\na=1\n[");
+
+    EXPECT_THAT(Keys("s", path, 1), ElementsAre("a"));
+    EXPECT_THAT(Keys("s", Write("\xef\xbb\xbf [\n[s]\na=1\n[ \n"), 1), ElementsAre("a"));
+}
+
+TEST_F(VIniTest, ABracketElsewhereIsNoSectionLine) {
+    const std::string path =
+        Write("[s]\na=[\nb[\nc = x [ \n; [\n\xef\xbb\xbf[\nd=[x]\n\xef\xbb[\ne=\xef\xbb\xbf[\n");
+
+    EXPECT_THAT(Keys("s", path, 4), ElementsAre("a", "c", "d", "e"));
+    EXPECT_EQ(Get("s", "a", path), Found("["));
+    EXPECT_EQ(Get("s", "c", path), Found("x ["));
+    EXPECT_EQ(Get("s", "d", path), Found("[x]"));
+    EXPECT_EQ(Get("s", "e", path), Found("\xef\xbb\xbf["));
+}
+
 TEST_F(VIniTest, ANulByteEndsTheFile) {
     using namespace std::string_literals;
     const std::string path = Write("[s]\nfirst=1\nkey=ab\0cd\nlast=9\n"s);
@@ -393,7 +482,20 @@ TEST_F(VIniTest, ShowsNoControlCharacterOfANameOnStandardError) {
     EXPECT_EQ(VIni::IniGetString("s", "k\x1b]\x07y\x7f", "", buffer, sizeof(buffer), path.c_str()), -1);
 
     EXPECT_EQ(standardError.Text(),
-              "VIni: " + path + ": [s] k?]?y?: the value of 8 bytes is longer than 3\n");
+              "VIni: " + path + ": [s] k\\x1b]\\x07y\\x7f: the value of 8 bytes is longer than 3\n");
+}
+
+TEST_F(VIniTest, EscapesOnStandardErrorWhatIsNotUtf8OrAControlCharacterThere) {
+    const std::string path = Write("[a\\b]\n\x9b\xc2\x9b\xe4\xc3\xa9=too long\n");
+    char buffer[4];
+    const CapturedStandardError standardError;
+
+    EXPECT_EQ(
+        VIni::IniGetString("a\\b", "\x9b\xc2\x9b\xe4\xc3\xa9", "", buffer, sizeof(buffer), path.c_str()), -1);
+
+    EXPECT_EQ(standardError.Text(), "VIni: " + path +
+                                        ": [a\\\\b] \\x9b\\xc2\\x9b\\xe4\xc3\xa9: the value of 8 bytes is"
+                                        " longer than 3\n");
 }
 
 TEST_F(VIniTest, ADefaultThatDoesNotFitGivesTheEmptyText) {
@@ -501,7 +603,7 @@ TEST_F(VIniTest, SaysInOneLineThatAPathOfSeveralLinesIsMissing) {
 
     EXPECT_EQ(Get("s", "key", scratch_.Path("a\nb")), kDefault);
 
-    EXPECT_EQ(standardError.Text(), "VIni: " + scratch_.Path() + "/a?b: No such file or directory\n");
+    EXPECT_EQ(standardError.Text(), "VIni: " + scratch_.Path() + "/a\\nb: No such file or directory\n");
 }
 
 TEST_F(VIniTest, ADirectoryHoldsNothing) {
@@ -574,15 +676,28 @@ TEST_F(VIniTest, AFailedReadBetweenKeepsTheParse) {
     EXPECT_EQ(counter.Opens(), 1);
 }
 
-TEST_F(VIniTest, ParsesAFileThatJustChangedForEveryKey) {
+TEST_F(VIniTest, ReadsAFileThatJustChangedForEveryKey) {
     const std::string path = Write("[s]\nkey=value\n");
-    const FileAge age(path, JustChangedAge());
+    const FileAge age(path, JustChangedAge() - 1000);
     OpenCounter counter(path);
 
-    EXPECT_EQ(Get("s", "key", path), Found("value"));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
+
+    EXPECT_EQ(counter.Opens(), 3);
+}
+
+TEST_F(VIniTest, ParsesAFileThatJustChangedOnceAsLongAsItsContentIsTheSame) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    std::string content = "[s]\nkey=value\n";
+    for (int i = 0; i < 1000; ++i) content += "key" + std::to_string(i) + "=\n";
+    const std::string path = Write(content);
+    const FileAge age(path, 0);
+    ASSERT_EQ(Get("s", "key", path), Found("value"));
+
+    const long before = heap::Allocations();
     EXPECT_EQ(Get("s", "key", path), Found("value"));
 
-    EXPECT_EQ(counter.Opens(), 2);
+    EXPECT_LT(heap::Allocations() - before, 100);  // a parse takes some for each key
 }
 
 TEST_F(VIniTest, KeepsTheParseAsSoonAsTheFileIsOldEnough) {
@@ -590,21 +705,66 @@ TEST_F(VIniTest, KeepsTheParseAsSoonAsTheFileIsOldEnough) {
     const FileAge age(path, JustChangedAge() + 1000);
     OpenCounter counter(path);
 
-    EXPECT_EQ(Get("s", "key", path), Found("value"));
-    EXPECT_EQ(Get("s", "key", path), Found("value"));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
 
     EXPECT_EQ(counter.Opens(), 1);
 }
 
-TEST_F(VIniTest, ParsesAFileFromTheFutureForEveryKey) {
+TEST_F(VIniTest, KeepsTheParseOfAFileFromTheFutureOnceItWasSeenForAMoment) {
     const std::string path = Write("[s]\nkey=value\n");
     const FileAge age(path, -3600 * kSecond);
     OpenCounter counter(path);
 
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
+    EXPECT_EQ(counter.Opens(), 3);
+    age.Pass(JustChangedAge() - 1000);
     EXPECT_EQ(Get("s", "key", path), Found("value"));
-    EXPECT_EQ(Get("s", "key", path), Found("value"));
+    EXPECT_EQ(counter.Opens(), 4);
+    age.Pass(2000);
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
 
-    EXPECT_EQ(counter.Opens(), 2);
+    EXPECT_EQ(counter.Opens(), 5);
+}
+
+TEST_F(VIniTest, AChangeOfAFileFromTheFutureBeginsTheMomentAnew) {
+    const FileStamp stamp(7200 * kSecond + 1);
+    const std::string path = Write("[s]\nkey=one\n");
+    const FileAge age(path, -3600 * kSecond);
+    ASSERT_EQ(Get("s", "key", path), Found("one"));
+    age.Pass(60 * kSecond);
+    ASSERT_EQ(Get("s", "key", path), Found("one"));
+
+    stamp.MoveOn(60 * kSecond);
+    std::ofstream(path) << "[s]\nkey=two\n";
+    EXPECT_EQ(Get("s", "key", path), Found("two"));
+    std::ofstream(path) << "[s]\nkey=six\n";  // in the same step of the file system's clock
+
+    EXPECT_EQ(Get("s", "key", path), Found("six"));
+}
+
+TEST_F(VIniTest, ReadsAFileAnewThatChangedTwiceInOneLongStepOfItsFileSystemsClock) {
+    for (const std::int64_t fraction : {std::int64_t{0}, kSecond / 100, kSecond / 2}) {
+        SCOPED_TRACE(fraction);
+        const FileStamp stamp(7200 * kSecond + fraction);
+        const std::string path = Write("[s]\nkey=old\n");
+        const FileAge age(path, 2 * kSecond - 1000);
+        ASSERT_EQ(Get("s", "key", path), Found("old"));
+
+        std::ofstream(path) << "[s]\nkey=new\n";
+
+        EXPECT_EQ(Get("s", "key", path), Found("new"));
+    }
+}
+
+TEST_F(VIniTest, KeepsTheParseOnceALongStepOfTheFileSystemsClockIsOver) {
+    const FileStamp stamp(7200 * kSecond);
+    const std::string path = Write("[s]\nkey=value\n");
+    const FileAge age(path, 2 * kSecond + 1000);
+    OpenCounter counter(path);
+
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Get("s", "key", path), Found("value"));
+
+    EXPECT_EQ(counter.Opens(), 1);
 }
 
 TEST_F(VIniTest, ReadsAnEditedFileAnewEvenWithItsOldSizeAndModificationTime) {
@@ -658,6 +818,93 @@ TEST_F(VIniTest, TellsApartTwoFilesOfTheSameSizeAndTimes) {
     EXPECT_EQ(Get("s", "key", left), Found("left!"));
     EXPECT_EQ(Get("s", "key", right), Found("right"));
     EXPECT_EQ(Get("s", "key", left), Found("left!"));
+}
+
+TEST_F(VIniTest, NothingThrowsWithoutAnyMemoryFromTheFirstCallOn) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    if (!InOwnProcess()) {
+        const ProcessResult result = RunInOwnProcess(Write("[s]\nkey=value\n"));
+        EXPECT_PASSED(result);
+        EXPECT_EQ(result.err, "VIni: std::bad_alloc\n");
+        return;
+    }
+
+    const std::string path = OwnProcessDirectory();
+    const std::string missing = path + ".none";
+    std::set<std::string> keys = {"before"};
+    char buffer[256] = "";
+    {
+        const ShortMemory memory(0);
+        EXPECT_EQ(VIni::IniGetString("s", "key", "no", buffer, sizeof(buffer), missing.c_str()), -1);
+        EXPECT_STREQ(buffer, "no");
+        EXPECT_EQ(VIni::IniGetStringItems("s", keys, missing.c_str()), 0);
+        EXPECT_EQ(VIni::IniGetStringItems("s", keys, nullptr), 0);
+    }
+    EXPECT_THAT(keys, ElementsAre("before"));
+}
+
+TEST_F(VIniTest, GivesAValueOrTheDefaultAtEachAllocationThatFails) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const std::string path = Write("[s]\nkey=value\na key with a long name=1\n");
+    const CapturedStandardError standardError;
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        ForgetParse();
+        Answer answer = {0, std::string(256, ' ')};
+        {
+            const ShortMemory memory(successes);
+            answer.status =
+                VIni::IniGetString("s", "key", "the default", answer.text.data(), 256, path.c_str());
+            isDone = !memory.HasFailed();
+        }
+        EXPECT_EQ(Answer({answer.status, answer.text.c_str()}), isDone ? Found("value") : kDefault);
+        EXPECT_EQ(Get("s", "key", path), Found("value"));
+    }
+}
+
+TEST_F(VIniTest, GivesAllKeysOrNoneAtEachAllocationThatFails) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const std::string path = Write("[s]\na key with a long name=1\nanother key with a long name=2\n");
+    const CapturedStandardError standardError;
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        ForgetParse();
+        std::set<std::string> keys = {"before"};
+        int count = 0;
+        {
+            const ShortMemory memory(successes);
+            count = VIni::IniGetStringItems("s", keys, path.c_str());
+            isDone = !memory.HasFailed();
+        }
+        EXPECT_EQ(count, isDone ? 2 : 0);
+        EXPECT_THAT(keys, testing::SizeIs(isDone ? 3 : 1));
+    }
+}
+
+TEST_F(VIniTest, SaysWithoutMemoryThatThereIsNone) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const std::string missing = scratch_.Path("missing.ini");
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        ForgetParse();
+        const CapturedStandardError standardError;
+        std::set<std::string> keys;
+        {
+            const ShortMemory memory(successes);
+            EXPECT_EQ(VIni::IniGetStringItems("s", keys, missing.c_str()), 0);
+            isDone = !memory.HasFailed();
+        }
+        const std::string line = "VIni: " + missing + ": No such file or directory\n";
+        EXPECT_THAT(standardError.Text(),
+                    testing::AnyOf(line, "VIni: std::bad_alloc\n", "VIni: std::bad_alloc\n" + line));
+    }
+}
+
+TEST_F(VIniTest, CanBeInstantiatedByAnotherImplementation) {
+    EXPECT_TRUE(std::is_default_constructible_v<VIni>);
 }
 
 TEST_F(VIniTest, ThreadsReadAtOnce) {

@@ -20,9 +20,10 @@
 
 #include "CapturedStandardError.h"
 #include "OrdinaryUser.h"
-#include "Process.h"
+#include "OwnProcess.h"
 #include "Sanitizer.h"
 #include "ScratchDirectory.h"
+#include "ShortMemory.h"
 
 namespace fs = std::filesystem;
 
@@ -39,8 +40,7 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::SizeIs;
 
-// The variables of a test that needs a process of its own; see RunInOwnProcess.
-constexpr char kOwnProcess[] = "VLOGGER_TEST_DIRECTORY";
+// The variable of a test that needs a process of its own.
 constexpr char kLastLine[] = "VLOGGER_TEST_LAST_LINE";
 
 // The logger asks once in a process what kind of terminal it runs on.
@@ -79,29 +79,6 @@ std::vector<std::string> Lines(const std::string& text) {
 long OpenDescriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), {});
 }
-
-// Runs the test that calls it once more, alone in a process of its own in which InOwnProcess() is true.
-ProcessResult RunInOwnProcess(const std::string& directory, const std::vector<std::string>& wrapper = {},
-                              const std::vector<std::string>& environment = {}) {
-    const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-    const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
-    return RunProcess(Concatenate(wrapper, {THIS_PROGRAM_PATH, filter}),
-                      Concatenate({std::string(kOwnProcess) + "=" + directory}, environment));
-}
-
-bool InOwnProcess() {
-    return std::getenv(kOwnProcess) != nullptr;
-}
-
-std::string OwnProcessDirectory() {
-    return std::getenv(kOwnProcess);
-}
-
-#define EXPECT_PASSED(result)                                                                             \
-    do {                                                                                                  \
-        EXPECT_EQ((result).exitStatus, 0) << (result).waitStatus << "\n" << (result).out << (result).err; \
-        EXPECT_THAT((result).out, HasSubstr("[  PASSED  ] 1 test."));                                     \
-    } while (false)
 
 class VLoggerTest : public testing::Test {
 protected:
@@ -317,14 +294,13 @@ TEST_F(VLoggerTest, EscapesControlCharactersAsUtf8WritesThem) {
     EXPECT_EQ(Log(), "\\xc2\\x9b31m\\xc2\\x80\\xc2\\x9f\\xc2\\x85.\n");
 }
 
-TEST_F(VLoggerTest, KeepsTextInUtf8AndBytesThatAreNot) {
-    const std::string texts[] = {"path\xef\xbc\x8cnext",      // a full-width comma
-                                 "\xc2\xa0\xc2\xbf\xc3\x9f",  // just above the control characters
-                                 "\xe4\xf6\xfc",
-                                 "\x9b\x80",
-                                 "\xc2",
-                                 "\xff\xfe",
-                                 "back\\slash %s %n {} {0}"};
+TEST_F(VLoggerTest, KeepsTextInUtf8) {
+    // The first and the last characters of each length, and on both sides of the surrogates.
+    const std::string texts[] = {"path\xef\xbc\x8cnext",  // a full-width comma
+                                 " ~\xc2\xa0\xc2\xbf\xc3\x80\xdf\xbf",
+                                 "\xe0\xa0\x80\xe1\x80\x80\xec\xbf\xbf\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbf",
+                                 "\xf0\x90\x80\x80\xf1\x80\x80\x80\xf3\xbf\xbf\xbf\xf4\x8f\xbf\xbf",
+                                 "%s %n {} {0}"};
     Start();
     std::string expected;
     for (const std::string& text : texts) {
@@ -333,6 +309,41 @@ TEST_F(VLoggerTest, KeepsTextInUtf8AndBytesThatAreNot) {
     }
 
     EXPECT_EQ(Log(), expected);
+}
+
+TEST_F(VLoggerTest, EscapesBytesThatAreNotUtf8) {
+    const struct {
+        std::string text;
+        std::string shown;
+    } rows[] = {{"\xe4\xf6\xfc.", "\\xe4\\xf6\\xfc."},                  // another encoding
+                {"\x9b\x80", "\\x9b\\x80"},                             // its control characters
+                {"\xc1\xbf", "\\xc1\\xbf"},                             // too long a form
+                {"\xe0\x9f\xbf", "\\xe0\\x9f\\xbf"},                    // the same
+                {"\xf0\x8f\xbf\xbf", "\\xf0\\x8f\\xbf\\xbf"},           // the same
+                {"\xed\xa0\x80", "\\xed\\xa0\\x80"},                    // a surrogate
+                {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},           // beyond the last character
+                {"\xf5\x80\x80\x80\xff", "\\xf5\\x80\\x80\\x80\\xff"},  // the same
+                {"\xc3.\xe1\x80.\xe1\x80\xc0", "\\xc3.\\xe1\\x80.\\xe1\\x80\\xc0"},
+                {"\xf1\x80\x80.", "\\xf1\\x80\\x80."},
+                {"\xc3\xa9\xf1\x80\x80", "\xc3\xa9\\xf1\\x80\\x80"},  // cut short
+                {"\xc3", "\\xc3"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.shown);
+        scratch_.Write("log/a.log", "");
+        Start();
+        LogText(row.text);
+        EXPECT_EQ(Log(), row.shown + "\n");
+    }
+}
+
+TEST_F(VLoggerTest, DoublesBackslashesSoThatAnEscapeCanBeToldFromItsLikeness) {
+    Start(2);
+    LogText("lib\\one.so \\n\n\\");
+    Logger().Log("a\\b.cpp", 7, "A\\B", " ", "", kLogLevelError, "text");
+
+    EXPECT_THAT(Lines(Log()),
+                ElementsAre(EndsWith(" error [Function] lib\\\\one.so \\\\n\\n\\\\ (BaseAPI/file.cpp:42)"),
+                            EndsWith(" error [A\\\\B] text (a\\\\b.cpp:7)")));
 }
 
 TEST_F(VLoggerTest, DropsOneFinalLineFeed) {
@@ -785,6 +796,100 @@ TEST_F(VLoggerTest, ThreadsStartStopAndLogAtOnce) {
     Logger().StopSystem();
 
     EXPECT_THAT(Lines(Log()), Each(std::string(200, 'x')));
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(VLoggerTest, NothingThrowsWithoutAnyMemoryFromTheFirstCallOn) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    if (!InOwnProcess()) {
+        const ProcessResult result = RunInOwnProcess(scratch_.Path());
+        EXPECT_PASSED(result);
+        EXPECT_EQ(result.err, "VLogger: std::bad_alloc\n");
+        return;
+    }
+
+    const std::string directory = OwnProcessDirectory();
+    const long before = heap::Allocations();
+    {
+        const ShortMemory memory(0);
+        EXPECT_NE(VLogger::GetInstance(), nullptr);
+        LOG_LINE("before the start");
+        Logger().StopSystem();
+        EXPECT_FALSE(memory.HasFailed());
+        StartIn(directory);
+        EXPECT_TRUE(memory.HasFailed());
+        LOG_LINE("without a log");
+        Logger().StopSystem();
+    }
+    EXPECT_EQ(heap::Allocations(), before);
+}
+
+TEST_F(VLoggerTest, StartsOrSaysWhyNotAtEachAllocationThatFails) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const std::string directory = scratch_.Path("log");
+    const long descriptors = OpenDescriptors();
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        const CapturedStandardError standardError;
+        {
+            const ShortMemory memory(successes);
+            StartIn(directory);
+            isDone = !memory.HasFailed();
+        }
+        EXPECT_EQ(standardError.Text() != "", !isDone);
+        Logger().StopSystem();
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(VLoggerTest, LosesALineWithoutMemoryAndSaysSoOnce) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const std::string text = std::string(500, 'x') + "\x1b";
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        const CapturedStandardError standardError;
+        Start(2, kLogLevelInformation, 3, 1024, false);
+        {
+            const ShortMemory memory(successes);
+            LogText(text);
+            isDone = !memory.HasFailed();
+            LogText(text);
+        }
+        EXPECT_EQ(standardError.Text(), "VLogger: std::bad_alloc\n");
+        LOG_LINE("after %ld", successes);
+        EXPECT_THAT(Log(), EndsWith(" error [Function] after " + std::to_string(successes) +
+                                    " (BaseAPI/file.cpp:42)\n"));
+        Logger().StopSystem();
+    }
+}
+
+TEST_F(VLoggerTest, LogsOnOnceARotationHasMemoryAgain) {
+    if (!heap::IsCounted()) GTEST_SKIP() << "the heap is not the tests' own";
+    const long before = OpenDescriptors();
+    const std::string text(1000, 'b');
+    bool isDone = false;
+    for (long successes = 0; !isDone; ++successes) {
+        SCOPED_TRACE(successes);
+        const CapturedStandardError* const standardError = new CapturedStandardError;
+        scratch_.Write("log/a.log", "");
+        Start(0, kLogLevelInformation, 2, 1);
+        LogText(std::string(1000, 'a'));
+        {
+            const ShortMemory memory(successes);
+            LogText(text);  // rotates
+            isDone = !memory.HasFailed();
+            LogText("short");
+        }
+        LOG_LINE("after");
+        const bool isLost = standardError->Text() != "";
+        EXPECT_THAT(Log(), EndsWith("after\n"));
+        EXPECT_EQ(Log().find(text) == std::string::npos, isLost);
+        EXPECT_EQ(standardError->Text(), isLost ? "VLogger: std::bad_alloc\n" : "");
+        Logger().StopSystem();
+        delete standardError;
+    }
     EXPECT_EQ(OpenDescriptors(), before);
 }
 

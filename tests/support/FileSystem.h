@@ -17,6 +17,8 @@ public:
     Umask(const Umask&) = delete;
     Umask& operator=(const Umask&) = delete;
 
+    mode_t old() const { return old_; }
+
 private:
     const mode_t old_;
 };

@@ -34,6 +34,8 @@ public:
     // What StartSystem and StopSystem were called with, as one text each, in the order of the calls; log
     // lines stand between them as "Log".
     static std::vector<std::string> Calls();
+    // "StartSystem", "StopSystem" or the format of a line, which throws std::bad_alloc instead of being kept.
+    static const char* throwingCall;
 };
 
 #endif

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -125,6 +126,11 @@ std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const s
 
 std::vector<std::string> WithoutHelperTool() {
     return {"--tmpfs", "/usr/local"};
+}
+
+std::vector<std::string> WithShell(const std::string& shell) {
+    // Where /bin/sh is a link, what it leads to.
+    return {"--ro-bind", shell, std::filesystem::canonical("/bin/sh")};
 }
 
 bool IsInPrivateNamespace() {

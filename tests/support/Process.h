@@ -32,6 +32,9 @@ std::vector<std::string> PrivateNamespace(const std::vector<std::string>& option
 std::vector<std::string> WithHelperTool(const ScratchDirectory& scratch, const std::string& script);
 std::vector<std::string> WithoutHelperTool();
 
+// The options that put the program `shell` in the place of /bin/sh.
+std::vector<std::string> WithShell(const std::string& shell);
+
 // True inside a test that CONTINUE_IN_PRIVATE_NAMESPACE has started again.
 bool IsInPrivateNamespace();
 
@@ -57,6 +60,12 @@ std::vector<std::string> Concatenate(std::vector<std::string> left, const std::v
             RunThisTestInPrivateNamespace(options); \
             return;                                 \
         }                                           \
+    } while (false)
+
+// Leaves the test as skipped, aloud, where the program is not installed.
+#define SKIP_WITHOUT_PROGRAM(path)                                                     \
+    do {                                                                               \
+        if (access(path, X_OK) != 0) GTEST_SKIP() << "this machine has no " << (path); \
     } while (false)
 
 // Leaves the test as skipped, aloud, for an ordinary user.

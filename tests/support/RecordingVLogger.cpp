@@ -32,8 +32,8 @@ void Record(const std::string& call) {
 }  // namespace
 
 VLogger* VLogger::GetInstance() {
-    static VLogger* const instance = new VLogger;
-    return instance;
+    static VLogger instance;
+    return &instance;
 }
 
 void VLogger::StartSystem(const char* fileName, const char* directory, int fileCount, int detail,

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -76,5 +76,7 @@ WorkingDirectory::~WorkingDirectory() {
 std::string ReadWholeFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw std::runtime_error("can't read " + path);
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }

@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <pthread.h>
 #include <pwd.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
@@ -70,7 +71,7 @@
     X(int, remove, (const char* path), (path))                                                              \
     X(int, rename, (const char* from, const char* to), (from, to))                                          \
     X(int, rmdir, (const char* path), (path))                                                               \
-    X(int, setvbuf, (FILE * file, char* buffer, int mode, size_t size), (file, buffer, mode, size))         \
+    X(ssize_t, sendfile, (int to, int from, off_t* offset, size_t count), (to, from, offset, count))        \
     X(int, stat, (const char* path, struct stat* status), (path, status))                                   \
     X(int, strcpy_s, (char* dest, size_t destMax, const char* src), (dest, destMax, src))                   \
     X(int, strncpy_s, (char* dest, size_t destMax, const char* src, size_t count),                          \
@@ -90,6 +91,7 @@
     X(gid_t, getegid, (), ())                                                                        \
     X(uid_t, geteuid, (), ())                                                                        \
     X(int, isatty, (int fd), (fd))                                                                   \
+    X(ssize_t, listxattr, (const char* path, char* names, size_t size), (path, names, size))         \
     X(int, lstat, (const char* path, struct stat* status), (path, status))                           \
     X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                    \
     X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                      \

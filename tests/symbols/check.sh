@@ -65,6 +65,11 @@ check_soname() {
     [[ $soname == libVFileSys.so ]] || fail "the library calls itself '$soname'"
 }
 
+# dlclose never unloads it: the firewall fixer's thread runs its code.
+check_stays_loaded() {
+    readelf --dynamic --wide "$library" | grep -qE '\(FLAGS_1\).*NODELETE' || fail "the library can be unloaded"
+}
+
 # Read-only relocations, all bound at the start, and no executable stack.
 check_hardening() {  # FILE
     local dynamic headers
@@ -93,6 +98,7 @@ check_source_names() {
 check_exports
 check_imports
 check_soname
+check_stays_loaded
 check_hardening "$library"
 for program in "${programs[@]}"; do check_program "$program"; done
 check_source_names

@@ -50,8 +50,8 @@ extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* 
 }
 
 VLogger* VLogger::GetInstance() {
-    static VLogger* const instance = new VLogger;
-    return instance;
+    static VLogger instance;
+    return &instance;
 }
 
 void VLogger::StartSystem(const char*, const char*, int, int, LogLevel, unsigned long, bool) {}

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Process.h"
+#include "Sanitizer.h"
 #include "ScratchDirectory.h"
 
 namespace {
@@ -56,6 +57,19 @@ protected:
         return RunProcess(Concatenate({TOOL_PATH}, arguments),
                           {"LD_PRELOAD=" RECORDER_PATH, "VLOGGER_RECORD=" + scratch_.Path("record"),
                            "ASAN_OPTIONS=" + asanOptions});
+    }
+
+    // Runs `script` in the scratch directory; in it "$@" is the tool with "-copy" and the file list.
+    ProcessResult RunInShell(const std::string& script, const std::vector<std::string>& environment) const {
+        return RunProcess({"sh", "-c", "cd \"$0\" && " + script, scratch_.Path(), TOOL_PATH, "-copy", list_},
+                          environment);
+    }
+
+    // Every line is the logger's own, and stands there once.
+    void ExpectLogOfOneCopy(const std::string& log) const {
+        const std::vector<std::string> lines = LinesOf(scratch_.Read(log));
+        EXPECT_EQ(lines.size(), 6U);
+        EXPECT_THAT(lines, testing::Each(HasSubstr("BaseAPI/VFileSys/src/VCopyFileListIni.cpp:")));
     }
 
     std::string RecordedLine(const std::string& function, int level, const std::string& format,
@@ -165,6 +179,124 @@ TEST_F(VCopyFileListIniProcessTest, UpgradesThoughNoLogCanBeWritten) {
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(scratch_.Read("installed/tool"), "new");
     EXPECT_EQ(LinesOf(result.err).size(), 1U) << result.err;
+}
+
+// A standard error that no process reads; the shell's descriptor 4.
+const char kBrokenPipe[] = "mkfifo pipe && exec 3<>pipe 4>pipe 3<&- && ";
+
+TEST_F(VCopyFileListIniProcessTest, UpgradesThoughNoProcessReadsStandardError) {
+    const struct {
+        const char* name;
+        std::string log;
+        std::string first;
+        const char* variable;
+    } rows[] = {
+        {"a value that does not fit", "log", "d=" + std::string(4096, 'x'), "VLOGGER_STDERR=0"},
+        {"a log that cannot be written", "pkg/Common/bin/tool", "", "VLOGGER_STDERR=0"},
+        {"every log line", "log", "", "VLOGGER_STDERR=1"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        scratch_.Write("installed/tool", "old");
+        WriteList("bin/tool\n" + row.first);
+
+        const ProcessResult result =
+            RunInShell(std::string("rm -f pipe && ") + kBrokenPipe + "exec \"$@\" 2>&4",
+                       {"VLOGGER_DIRECTORY=" + scratch_.Path(row.log), row.variable});
+
+        EXPECT_EQ(result.waitStatus, 0) << result.err;
+        EXPECT_EQ(scratch_.Read("installed/tool"), "new");
+    }
+}
+
+TEST_F(VCopyFileListIniProcessTest, FailsAndDoesNotDieWhenItCannotReportAFailure) {
+    WriteList("missing");
+
+    const ProcessResult result =
+        RunInShell(std::string(kBrokenPipe) + "exec \"$@\" 2>&4",
+                   {"VLOGGER_DIRECTORY=" + scratch_.Path("log"), "VLOGGER_STDERR=1"});
+
+    EXPECT_EQ(result.exitStatus, 240);
+    EXPECT_THAT(scratch_.Read("log/" + std::string(kLogName)), HasSubstr("            Failed"));
+}
+
+TEST_F(VCopyFileListIniProcessTest, UpgradesThoughTheLogReachesTheLimitForFiles) {
+    scratch_.Write("log/" + std::string(kLogName), std::string(1023, 'x') + "\n");
+
+    const ProcessResult result =
+        RunInShell("ulimit -f 2 && exec \"$@\"", {"VLOGGER_DIRECTORY=" + scratch_.Path("log")});
+
+    EXPECT_EQ(result.waitStatus, 0);
+    EXPECT_THAT(result.err, HasSubstr("VLogger: "));
+    EXPECT_EQ(scratch_.Read("installed/tool"), "new");
+    EXPECT_EQ(scratch_.Read("log/" + std::string(kLogName)).size(), 1024U);
+}
+
+TEST_F(VCopyFileListIniProcessTest, FailsToCopyAFileBeyondTheLimitForFiles) {
+    for (const std::size_t size : {4097U, 100000U}) {
+        SCOPED_TRACE(size);
+        scratch_.Write("pkg/Common/bin/tool", std::string(size, 'n'));
+
+        const ProcessResult result =
+            RunInShell("ulimit -f 8 && exec \"$@\"", {"VLOGGER_DIRECTORY=" + scratch_.Path("log")});
+
+        EXPECT_EQ(result.exitStatus, 240) << result.waitStatus;
+        EXPECT_EQ(scratch_.Read("installed/tool").size(), 4096U);
+        EXPECT_THAT(LinesOf(scratch_.Read("log/" + std::string(kLogName))).back(),
+                    HasSubstr("            Failed"));
+    }
+}
+
+TEST_F(VCopyFileListIniProcessTest, WritesNoReportIntoAFileThatGotTheNumberOfAClosedStream) {
+    if (VFS_TEST_EMULATED) GTEST_SKIP() << "the emulator opens files of its own";
+    WriteList("bin/tool\nd=" + std::string(4096, 'x'));
+    for (const char* const closed : {"2>&-", "1>&- 2>&-", "0<&- 1>&- 2>&-", "0<&- 2>&-", "0<&-", "1>&-"}) {
+        SCOPED_TRACE(closed);
+        const std::string log = "log of " + std::string(closed);
+
+        const ProcessResult result =
+            RunInShell(std::string("exec \"$@\" ") + closed,
+                       {"VLOGGER_DIRECTORY=" + scratch_.Path(log), "VLOGGER_STDERR=1"});
+
+        EXPECT_EQ(result.waitStatus, 0) << result.err;
+        EXPECT_EQ(scratch_.Read("installed/tool"), "new");
+        ExpectLogOfOneCopy(log + "/" + kLogName);
+    }
+}
+
+TEST_F(VCopyFileListIniProcessTest, NeedsNoDevicesToKeepReportsOutOfTheLog) {
+    SKIP_WITHOUT_PRIVATE_NAMESPACE();
+    if (VFS_TEST_EMULATED) GTEST_SKIP() << "the emulator opens files of its own";
+    const std::vector<std::string> inside =
+        PrivateNamespace({"--bind", scratch_.Path(), scratch_.Path(), "--tmpfs", "/dev", "--setenv",
+                          "VLOGGER_DIRECTORY", scratch_.Path("log"), "--setenv", "VLOGGER_STDERR", "1"});
+
+    const ProcessResult result = RunProcess(
+        Concatenate(inside, {"sh", "-c", std::string("exec ") + TOOL_PATH + " -copy " + list_ + " 2>&-"}));
+
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    ExpectLogOfOneCopy("log/" + std::string(kLogName));
+}
+
+TEST_F(VCopyFileListIniProcessTest, LeavesOpenStandardStreamsAsTheyAre) {
+    const ProcessResult result = RunInShell(
+        "\"$@\"; echo out; echo err >&2", {"VLOGGER_DIRECTORY=" + scratch_.Path("log"), "VLOGGER_STDERR=1"});
+
+    EXPECT_EQ(result.out, "out\n");
+    EXPECT_THAT(result.err, HasSubstr("Successfully completed"));
+    EXPECT_EQ(LinesOf(result.err).back(), "err");
+}
+
+TEST_F(VCopyFileListIniProcessTest, KeepsNoDescriptorButThatOfTheLog) {
+    if (VFS_TEST_EMULATED) GTEST_SKIP() << "the emulator opens files of its own";
+    if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
+    // The standard streams, the log, and a source and its copy.
+    const ProcessResult result =
+        RunInShell("ulimit -n 6 && exec \"$@\"", {"VLOGGER_DIRECTORY=" + scratch_.Path("log")});
+
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    ExpectLogOfOneCopy("log/" + std::string(kLogName));
 }
 
 TEST_F(VCopyFileListIniProcessTest, LogsIntoItsFixedDirectory) {

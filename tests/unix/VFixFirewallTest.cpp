@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -255,6 +255,78 @@ TEST_F(VFixFirewallTest, GoesOnWhenASignalShortensItsSleep) {
     });
 }
 
+// Counts the signals that are handled; without SA_RESTART, so that calls end with EINTR.
+std::atomic<int> handled{0};
+
+void HandleWithoutRestart(int number) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ++handled; };
+    ASSERT_EQ(sigaction(number, &action, nullptr), 0);
+}
+
+void BlockHere(int number) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, number);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, nullptr), 0);
+}
+
+TEST_F(VFixFirewallTest, EndsTheHelperInMidRepairWhenASignalIsHandledWithoutRestart) {
+    InChild([] {
+        const ScratchDirectory scratch;
+        const std::string isCut = scratch.Path("isCut");
+        HandleWithoutRestart(SIGUSR1);
+        signal(SIGPIPE, SIG_DFL);  // whoever runs the tests may ignore it
+        // Sends signals until the reading has ended, and would then write for ever.
+        const std::string send = "kill -USR1 " + std::to_string(getpid());
+        const Replaced start(calls::popen,
+                             InHelpersPlace("echo one; while [ ! -e " + isCut + " ] && " + send +
+                                            "; do :; done; while echo more; do :; done"));
+        const Replaced end(calls::pclose, [&](FILE* stream) {
+            scratch.Write("isCut", "");
+            return calls::real::pclose(stream);
+        });
+        const Replaced sleep(calls::nanosleep, [](const timespec*, timespec*) {
+            VFixFirewall::FixFirewallStop();
+            return 0;
+        });
+
+        VFixFirewall::FixFirewallStart();
+        // From here on only the new thread gets the signals; it has a mask of its own.
+        BlockHere(SIGUSR1);
+        EXPECT_TRUE(LogRecorder::WaitFor("FixFirewallThread exit"));
+
+        EXPECT_GT(handled, 0);
+        EXPECT_THAT(LogRecorder::Lines(),
+                    ElementsAreArray(RunLines(PassLines({Output("one\n"), Status(SIGPIPE)}))));
+    });
+}
+
+TEST_F(VFixFirewallTest, IsNotDisturbedBySignalsThatWereBlockedBeforeItsStart) {
+    InChild([] {
+        HandleWithoutRestart(SIGUSR1);
+        // The helper would die of the second signal if it had another mask than the thread.
+        const Replaced start(calls::popen, InHelpersPlace("echo one; kill -USR1 " + std::to_string(getpid()) +
+                                                          "; kill -USR1 $$; echo two"));
+        sigset_t ofTheThread;
+        sigemptyset(&ofTheThread);
+        const Replaced sleep(calls::nanosleep, [&](const timespec*, timespec*) {
+            pthread_sigmask(SIG_BLOCK, nullptr, &ofTheThread);
+            VFixFirewall::FixFirewallStop();
+            return 0;
+        });
+
+        BlockHere(SIGUSR1);
+        VFixFirewall::FixFirewallStart();
+        EXPECT_TRUE(LogRecorder::WaitFor("FixFirewallThread exit"));
+
+        EXPECT_EQ(sigismember(&ofTheThread, SIGUSR1), 1);
+        EXPECT_EQ(handled, 0);
+        EXPECT_THAT(LogRecorder::Lines(),
+                    ElementsAreArray(RunLines(PassLines({Output("one\n"), Output("two\n"), Status(0)}))));
+    });
+}
+
 TEST_F(VFixFirewallTest, RunsNoPassWhenItWasStoppedBefore) {
     InChild([] {
         VFixFirewall::FixFirewallStop();
@@ -361,12 +433,25 @@ TEST_F(VFixFirewallTest, RunsTheHelperToolWithTheArgumentFirewall) {
 }
 
 TEST_F(VFixFirewallTest, LogsTheShellsStatusForAHelperToolThatWasKilled) {
+    SKIP_WITHOUT_PROGRAM("/bin/dash");
     const ScratchDirectory scratch;
-    CONTINUE_IN_PRIVATE_NAMESPACE(WithHelperTool(scratch, "kill -9 $$\n"));
+    CONTINUE_IN_PRIVATE_NAMESPACE(
+        Concatenate(WithHelperTool(scratch, "kill -9 $$\n"), WithShell("/bin/dash")));
 
     RunPasses(1);
 
     EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(PassLines({Status(137)}))));
+}
+
+TEST_F(VFixFirewallTest, LogsTheRawStatusWhereTheShellReplacedItselfByAHelperToolThatWasKilled) {
+    SKIP_WITHOUT_PROGRAM("/bin/bash");
+    const ScratchDirectory scratch;
+    CONTINUE_IN_PRIVATE_NAMESPACE(
+        Concatenate(WithHelperTool(scratch, "kill -9 $$\n"), WithShell("/bin/bash")));
+
+    RunPasses(1);
+
+    EXPECT_THAT(LogRecorder::Lines(), ElementsAreArray(RunLines(PassLines({Status(9)}))));
 }
 
 TEST_F(VFixFirewallTest, LogsTheShellsStatusForAMissingHelperTool) {

@@ -12,6 +12,7 @@ struct CheckOptions {
     std::string iniPath;
     std::string root;  // targets are looked at below it; empty: on this machine
     bool isErrorsOnly = false;
+    bool isForUpgrade = false;  // by `vfilelist upgrade`; otherwise by hand
 };
 
 // Everything that is found, in the order of the list. Reads only.

@@ -53,7 +53,7 @@ std::optional<Digest> DigestOfFile(int fd) {
     do {
         count = read(fd, block.data(), block.size());
         if (count > 0) hasher.Add(block.data(), static_cast<std::size_t>(count));
-    } while (count > 0 || (count < 0 && errno == EINTR));
+    } while (count > 0);
     if (count < 0) return std::nullopt;
     return hasher.Finish();
 }

@@ -49,7 +49,7 @@ std::optional<std::size_t> Fill(int fd, std::vector<char>& block) {
         const ssize_t count = read(fd, block.data() + length, block.size() - length);
         if (count == 0) break;
         if (count > 0) length += static_cast<std::size_t>(count);
-        if (count < 0 && errno != EINTR) return std::nullopt;
+        if (count < 0) return std::nullopt;
     }
     return length;
 }
@@ -126,7 +126,7 @@ int ReadWhole(const std::string& path, std::string& content) {
         const ssize_t count = read(file.get(), block.data(), block.size());
         if (count == 0) return 0;
         if (count > 0) content.append(block.data(), static_cast<std::size_t>(count));
-        if (count < 0 && errno != EINTR) return errno;
+        if (count < 0) return errno;
     }
 }
 
@@ -156,6 +156,14 @@ bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath) {
     }
 }
 
+bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const std::string& backupPath,
+                    const std::string& packagePath) {
+    std::string trouble;
+    const Content content = comparer.Compare(path, packagePath, trouble);
+    return (content == Content::kSame || content == Content::kPart) &&
+           comparer.Compare(path, backupPath, trouble) != Content::kSame;
+}
+
 bool IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
@@ -171,6 +179,22 @@ std::optional<Moment> BirthOf(const std::string& path) {
         return std::nullopt;
     }
     return MomentOf({status.stx_btime.tv_sec, status.stx_btime.tv_nsec});
+}
+
+FileMarks MarksOf(const std::string& path) {
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) return {};
+    FileMarks marks;
+    if ((status.stx_attributes & STATX_ATTR_APPEND) != 0) marks.lock = "append-only";
+    if ((status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0) marks.lock = "immutable";
+    marks.isMountPoint = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    return marks;
+}
+
+mode_t CurrentUmask() {
+    const mode_t mask = umask(0);
+    (void)umask(mask);
+    return mask;
 }
 
 bool IsUnchanged(const struct stat& before, const struct stat& now) {
@@ -194,27 +218,4 @@ std::optional<std::string> CanonicalPath(const std::string& path) {
     const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
     if (!resolved) return std::nullopt;
     return resolved.get();
-}
-
-std::string NearestExisting(const std::string& path) {
-    fs::path candidate = path;
-    struct stat status {};
-    while (lstat(candidate.c_str(), &status) != 0 && candidate != candidate.parent_path()) {
-        candidate = candidate.parent_path();
-    }
-    return candidate.empty() ? "." : candidate.string();
-}
-
-std::string WhyNoDirectory(const std::string& path) {
-    const std::string existing = NearestExisting(path);
-    struct stat status {};
-    if (stat(existing.c_str(), &status) != 0) {
-        return errno == ENOENT || errno == ELOOP ? existing + " is a link that points nowhere" : "";
-    }
-    if (!S_ISDIR(status.st_mode)) return existing + " is no directory";
-    // What is missing before a ".." is not made, and stays in the way.
-    const std::string rest = existing == "." ? path : path.substr(existing.size());
-    const fs::path missing = rest;
-    const bool hasWayBack = std::find(missing.begin(), missing.end(), "..") != missing.end();
-    return hasWayBack ? existing + " lacks what stands before \"..\"" : "";
 }

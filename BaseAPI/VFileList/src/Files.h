@@ -67,6 +67,11 @@ Trouble Sync(const std::string& path);
 // that was cut off, by a power cut perhaps, can leave. False also where one of them can't be read.
 bool IsUnfinishedCopy(const std::string& path, const std::string& packagePath);
 
+// `path` holds the package's file or a beginning of it, and the backup something else: an upgrade has been
+// begun, and the backup is the only copy of the old file.
+bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const std::string& backupPath,
+                    const std::string& packagePath);
+
 // The two files, by status, are one: the same inode.
 bool IsSameFile(const struct stat& left, const struct stat& right);
 
@@ -76,6 +81,15 @@ Moment MomentOf(const timespec& time);
 
 // When the file itself was made. Not every file system tells.
 std::optional<Moment> BirthOf(const std::string& path);
+
+// What keeps a file, or a link itself, from being renamed. Not every file system tells.
+struct FileMarks {
+    const char* lock = "";  // "immutable" or "append-only"
+    bool isMountPoint = false;
+};
+FileMarks MarksOf(const std::string& path);
+
+mode_t CurrentUmask();
 
 // Nothing happened to the file between the two looks at it.
 bool IsUnchanged(const struct stat& before, const struct stat& now);
@@ -87,11 +101,5 @@ bool StaysBelow(const std::string& relativePath);
 
 // The canonical path of what is there; nothing when it can't be told.
 std::optional<std::string> CanonicalPath(const std::string& path);
-
-// The nearest thing that exists at `path` or above it, if only a link that points nowhere.
-std::string NearestExisting(const std::string& path);
-
-// Why `path` is no directory, and can't be made one; the empty text when it is or can be.
-std::string WhyNoDirectory(const std::string& path);
 
 #endif

@@ -7,10 +7,11 @@
 #include <vector>
 
 struct FindingKind {
-    const char* code;    // "E-..." is an error, "W-..." a warning
-    const char* title;   // what is wrong
-    const char* effect;  // what will happen
-    const char* advice;  // what to do
+    const char* code;           // "E-..." is an error, "W-..." a warning
+    const char* title;          // what is wrong
+    const char* effect;         // what will happen
+    const char* advice;         // what to do
+    bool isByHandOnly = false;  // `vfilelist upgrade` prevents it
 
     bool IsError() const { return code[0] == 'E'; }
 };

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 extern "C" int VCopyFileListIniMain(int argc, char* argv[]);
 
@@ -25,7 +26,7 @@ namespace {
 Trouble Judge(const char* pass, int waitStatus) {
     if (waitStatus == 0) return std::nullopt;
     if (WIFSIGNALED(waitStatus)) {
-        return std::string(pass) + " was killed by signal " + std::to_string(WTERMSIG(waitStatus));
+        return std::string(pass) + " was ended by a signal: " + strsignal(WTERMSIG(waitStatus));
     }
     return std::string(pass) + " ended with status " + std::to_string(WEXITSTATUS(waitStatus)) +
            "; the upgrade log names the file";

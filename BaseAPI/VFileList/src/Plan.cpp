@@ -19,6 +19,17 @@ namespace {
 
 enum class Step { kMove, kSkip, kMakeDirectory, kCopy, kRemove, kFail };
 
+struct PlannedStep {
+    Step step;
+    std::string path;
+    std::string detail;
+    unsigned long long size = 0;  // of a file that is moved, copied or removed
+    bool isHarmful = false;       // it succeeds, but something is lost by it
+};
+
+// What a pass does for an entry, noted in `files`.
+using PassOverEntry = PlannedStep (*)(const FileList& list, const Entry& entry, PlannedFiles& files);
+
 struct StepName {
     const char* json;
     Style style;
@@ -35,17 +46,114 @@ StepName NameOf(Step step) {
         case Step::kRemove:
             return {"remove", Style::kPlain};
         case Step::kFail:
-            return {"FAIL", Style::kError};
+            return {"fail", Style::kError};
         case Step::kSkip:
             break;
     }
     return {"skip", Style::kDim};
 }
 
+bool IsThere(const PlannedFiles& files, const std::string& path) {
+    return files.Behind(path).kind != FileKind::kNone;
+}
+
 // One that the tool makes gets files.
 bool IsEmptyDirectory(const PlannedFile& directory) {
     std::error_code error;
     return !directory.origin.empty() && std::filesystem::is_empty(directory.origin, error);
+}
+
+std::string WhyNotWritable(const std::string& directory) {
+    if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return "";
+    return directory + ": " + std::strerror(errno);
+}
+
+std::string WhyRenameFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
+    if (!HasFileName(entry)) return "a directory can't be moved into itself";
+    if (GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
+        return "the name is too long for its backup";
+    }
+    const PlannedFile backup = files.At(list.BackupOf(entry));
+    const bool isDirectory = files.At(list.TargetOf(entry)).kind == FileKind::kDirectory;
+    if (backup.kind == FileKind::kDirectory && !isDirectory) return "NAME.bak is a directory";
+    if (backup.kind == FileKind::kDirectory && !IsEmptyDirectory(backup)) {
+        return "NAME.bak is a directory that is not empty";
+    }
+    if (isDirectory && backup.kind != FileKind::kNone && backup.kind != FileKind::kDirectory) {
+        return "NAME is a directory, NAME.bak is not";
+    }
+    return WhyNotWritable(files.NearestPlace(list.ListOf(entry).directory));
+}
+
+PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& files) {
+    const std::string path = list.TargetOf(entry);
+    const PlannedFile behind = files.Behind(path);
+    if (behind.kind == FileKind::kNone) return {Step::kSkip, path, "not there"};
+    const std::string why = WhyRenameFails(list, entry, files);
+    if (!why.empty()) return {Step::kFail, path, why};
+
+    const PlannedFile file = files.At(path);
+    const PlannedFile backup = files.At(list.BackupOf(entry));
+    if (backup.kind != FileKind::kNone && IsSameFile(backup.status, file.status)) {
+        return {Step::kSkip, path, "NAME.bak is the same file: nothing happens"};
+    }
+    files.Move(path, list.BackupOf(entry));
+    if (backup.kind == FileKind::kNone) return {Step::kMove, path, "to NAME.bak", behind.size()};
+    ContentComparer comparer;
+    if (!IsUpgradeBegun(comparer, behind.origin, backup.origin, list.SourceOf(entry))) {
+        return {Step::kMove, path, "to NAME.bak, replacing an older one", behind.size()};
+    }
+    return {Step::kMove, path, "to NAME.bak, replacing the backup of an unfinished upgrade: it is lost",
+            behind.size(), true};
+}
+
+std::string WhySourceFails(const Entry& entry, const PlannedFile& file) {
+    if (file.kind == FileKind::kNone) return "the package lacks " + entry.text;
+    if (file.kind == FileKind::kDirectory) return entry.text + " is a directory";
+    if (file.kind == FileKind::kOther) return entry.text + " is a special file";
+    if (file.origin.empty()) return "";  // an earlier step has made it
+    const Descriptor source(open(file.origin.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return source ? "" : entry.text + ": " + std::strerror(errno);
+}
+
+std::string WhyCopyFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
+    if (!HasFileName(entry)) return "the entry has no file name";
+    const std::string& directory = list.ListOf(entry).directory;
+    const std::string path = list.TargetOf(entry);
+    std::string why = WhySourceFails(entry, files.Behind(list.SourceOf(entry)));
+    if (why.empty()) why = WhyNoDirectory(files, directory);
+    if (why.empty()) why = WhyNotWritable(files.NearestPlace(directory));
+    if (why.empty() && !files.EndOf(path)) why = "a link that can't be followed stands there";
+    if (why.empty() && files.Behind(path).kind == FileKind::kDirectory) why = "a directory stands there";
+    return why;
+}
+
+PlannedStep CopyEntry(const FileList& list, const Entry& entry, PlannedFiles& files) {
+    const std::string path = list.TargetOf(entry);
+    const std::string why = WhyCopyFails(list, entry, files);
+    if (!why.empty()) return {Step::kFail, path, why};
+
+    const std::string source = list.SourceOf(entry);
+    const bool isOntoItself = files.EndOf(source) == files.EndOf(path);
+    const unsigned long long size = isOntoItself ? 0 : files.Behind(source).size();
+    const char* const how = isOntoItself           ? ", onto itself: it will be empty"
+                            : IsThere(files, path) ? ", overwriting it"
+                                                   : "";
+    files.Write(path, size);
+    return {Step::kCopy, path, "from Common/" + entry.text + how, size, isOntoItself};
+}
+
+PlannedStep CleanEntry(const FileList& list, const Entry& entry, PlannedFiles& files) {
+    // An entry without a file name stands for a file that is called ".bak", or "..bak", or "...bak".
+    const std::string path = list.BackupOf(entry);
+    const PlannedFile behind = files.Behind(path);
+    if (behind.kind == FileKind::kNone) return {Step::kSkip, path, "not there"};
+    const PlannedFile backup = files.At(path);
+    if (backup.kind == FileKind::kDirectory && !IsEmptyDirectory(backup)) {
+        return {Step::kFail, path, "a directory, which goes only if it is empty"};
+    }
+    files.Remove(path);
+    return {Step::kRemove, path, "", behind.size()};
 }
 
 class Planner {
@@ -55,24 +163,11 @@ public:
     int Run();
 
 private:
-    void RunPass(const char* pass, bool (Planner::*handle)(std::size_t));
+    void RunPass(const char* pass, PassOverEntry handle);
     void EndPass(const char* pass, bool isReached);
-    bool RenameEntry(std::size_t index);
-    bool CopyEntry(std::size_t index);
-    bool CleanEntry(std::size_t index);
     void MakeDirectoryOf(const TargetList& list);
-
-    std::string WhyRenameFails(const Entry& entry) const;
-    std::string WhyMoveFails(const PlannedFile& file, const PlannedFile& backup) const;
-    std::string WhyCopyFails(const Entry& entry) const;
-    std::string WhySourceFails(const Entry& entry) const;
-    std::string WhyDirectoryFails(const std::string& directory) const;
-    std::string WhyWriteFails(const std::string& path) const;
-    bool IsThere(const std::string& path) const { return files_.Behind(path).kind != FileKind::kNone; }
-
-    void Show(Step step, const Entry* entry, const std::string& path, unsigned long long size,
-              const std::string& detail = "");
-    bool Fail(const Entry& entry, const std::string& path, const std::string& why);
+    void ShowSkippedKeys(const std::vector<FileList::SkippedKey>& skippedKeys);
+    void Show(const PlannedStep& step, const Entry* entry);
 
     const FileList& list_;
     Output& output_;
@@ -80,7 +175,8 @@ private:
     const char* pass_ = "";
     std::size_t count_ = 0;  // of files in the pass in hand
     unsigned long long bytes_ = 0;
-    std::string failure_;
+    bool hasFailed_ = false;
+    bool isHarmful_ = false;
     Json passes_;
 };
 
@@ -92,40 +188,31 @@ int Planner::Run() {
                  Shown(list_.installType()));
 
     output_.BeginList("steps");
-    RunPass("-rename", &Planner::RenameEntry);
-    RunPass("-copy", &Planner::CopyEntry);
-    RunPass("-clean", &Planner::CleanEntry);
+    RunPass("-rename", RenameEntry);
+    RunPass("-copy", CopyEntry);
+    RunPass("-clean", CleanEntry);
     output_.EndList();
 
-    output_.BeginList("skippedKeys");
     const std::vector<FileList::SkippedKey> skippedKeys = list_.SkippedKeys();
-    if (!skippedKeys.empty()) output_.Line();
-    for (const FileList::SkippedKey& skipped : skippedKeys) {
-        output_.Item(
-            {{"section", skipped.section}, {"key", skipped.key.name}, {"bytes", skipped.key.valueLength}});
-        output_.Line(output_.Paint(Style::kError, "Every pass skips [" + Shown(skipped.section) + "] " +
-                                                      Shown(skipped.key.name) + ": a value of " +
-                                                      std::to_string(skipped.key.valueLength) + " bytes."));
-    }
-    output_.EndList();
+    ShowSkippedKeys(skippedKeys);
     output_.Member("passes", passes_);
-    return failure_.empty() && skippedKeys.empty() ? kFine : kFindings;
+    return hasFailed_ || isHarmful_ || !skippedKeys.empty() ? kFindings : kFine;
 }
 
 // Stops at the first entry that fails; the passes behind it are not reached.
-void Planner::RunPass(const char* pass, bool (Planner::*handle)(std::size_t)) {
+void Planner::RunPass(const char* pass, PassOverEntry handle) {
     pass_ = pass;
     count_ = 0;
     bytes_ = 0;
     output_.Line();
     output_.Line(output_.Paint(Style::kBold, pass));
-    const bool isReached = failure_.empty();
+    const bool isReached = !hasFailed_;
     std::size_t index = 0;
-    for (std::size_t list = 0; list < list_.lists().size() && failure_.empty(); ++list) {
-        if (handle == &Planner::CopyEntry) MakeDirectoryOf(list_.lists()[list]);
-        while (index < list_.entries().size() && list_.entries()[index].list == list &&
-               (this->*handle)(index)) {
-            ++index;
+    for (std::size_t list = 0; list < list_.lists().size() && !hasFailed_; ++list) {
+        if (handle == CopyEntry) MakeDirectoryOf(list_.lists()[list]);
+        while (index < list_.entries().size() && list_.entries()[index].list == list && !hasFailed_) {
+            const Entry& entry = list_.entries()[index++];
+            Show(handle(list_, entry, files_), &entry);
         }
     }
     EndPass(pass, isReached);
@@ -133,175 +220,53 @@ void Planner::RunPass(const char* pass, bool (Planner::*handle)(std::size_t)) {
 
 void Planner::EndPass(const char* pass, bool isReached) {
     passes_[std::string(pass).substr(1)] = {
-        {"reached", isReached}, {"succeeds", failure_.empty()}, {"files", count_}, {"bytes", bytes_}};
+        {"reached", isReached}, {"succeeds", !hasFailed_}, {"files", count_}, {"bytes", bytes_}};
     if (!isReached) {
         output_.Line("  not reached");
-    } else if (failure_.empty()) {
+    } else if (!hasFailed_) {
         output_.Line(output_.Paint(Style::kDim, "  " + Counted(count_, "file") + ", " + ShownSize(bytes_)));
     } else {
         output_.Line(output_.Paint(Style::kError, "  stops here, exit status 240"));
     }
 }
 
-bool Planner::RenameEntry(std::size_t index) {
-    const Entry& entry = list_.entries()[index];
-    const std::string path = list_.TargetOf(entry);
-    const std::string backupPath = list_.BackupOf(entry);
-    // As access(): a link that points nowhere is not there.
-    const PlannedFile behind = files_.Behind(path);
-    if (behind.kind == FileKind::kNone || behind.kind == FileKind::kLink) {
-        Show(Step::kSkip, &entry, path, 0, "not there");
-        return true;
-    }
-    if (!HasFileName(entry)) return Fail(entry, path, "a directory can't be moved into itself");
-    const std::string why = WhyRenameFails(entry);
-    if (!why.empty()) return Fail(entry, path, why);
-
-    const PlannedFile backup = files_.At(backupPath);
-    if (backup.kind != FileKind::kNone && backup.id == files_.At(path).id) {
-        Show(Step::kSkip, &entry, path, 0, "NAME.bak is the same file: nothing happens");
-        return true;
-    }
-    Show(Step::kMove, &entry, path, behind.size,
-         backup.kind != FileKind::kNone ? "to NAME.bak, replacing an older one" : "to NAME.bak");
-    files_.Move(path, backupPath);
-    return true;
-}
-
-std::string Planner::WhyRenameFails(const Entry& entry) const {
-    if (GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
-        return "the name is too long for its backup";
-    }
-    std::string why = WhyMoveFails(files_.At(list_.TargetOf(entry)), files_.At(list_.BackupOf(entry)));
-    if (!why.empty()) return why;
-    const std::string& directory = list_.ListOf(entry).directory;
-    if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-        return directory + ": " + std::strerror(errno);
-    }
-    return "";
-}
-
-std::string Planner::WhyMoveFails(const PlannedFile& file, const PlannedFile& backup) const {
-    const bool isDirectory = file.kind == FileKind::kDirectory;
-    if (backup.kind == FileKind::kDirectory) {
-        if (!isDirectory) return "NAME.bak is a directory";
-        return IsEmptyDirectory(backup) ? "" : "NAME.bak is a directory that is not empty";
-    }
-    return isDirectory && backup.kind != FileKind::kNone ? "NAME is a directory, NAME.bak is not" : "";
-}
-
 void Planner::MakeDirectoryOf(const TargetList& list) {
-    if (IsThere(list.directory) || !WhyNoDirectory(list.directory).empty()) return;
-    Show(Step::kMakeDirectory, nullptr, list.directory, 0, "mode 0750 less the umask");
-    files_.MakeDirectory(list.directory);
+    if (files_.MakeDirectory(list.directory).empty()) return;
+    Show({Step::kMakeDirectory, list.directory, "mode 0750 minus the umask"}, nullptr);
 }
 
-bool Planner::CopyEntry(std::size_t index) {
-    const Entry& entry = list_.entries()[index];
-    const std::string path = list_.TargetOf(entry);
-    const std::string why = WhyCopyFails(entry);
-    if (!why.empty()) return Fail(entry, path, why);
-
-    const std::string source = list_.SourceOf(entry);
-    const bool isOntoItself = files_.IsSameName(files_.EndOf(source), files_.EndOf(path));
-    const unsigned long long size = files_.Behind(source).size;
-    Show(Step::kCopy, &entry, path, isOntoItself ? 0 : size,
-         std::string("from Common/") + entry.text +
-             (isOntoItself    ? ", onto itself: it will be empty"
-              : IsThere(path) ? ", overwriting it"
-                              : ""));
-    files_.Write(path, isOntoItself ? 0 : size);
-    return true;
-}
-
-std::string Planner::WhyCopyFails(const Entry& entry) const {
-    if (!HasFileName(entry)) return "the entry has no file name";
-    std::string why = WhySourceFails(entry);
-    if (why.empty()) why = WhyDirectoryFails(list_.ListOf(entry).directory);
-    return why.empty() ? WhyWriteFails(list_.TargetOf(entry)) : why;
-}
-
-std::string Planner::WhySourceFails(const Entry& entry) const {
-    const PlannedFile file = files_.Behind(list_.SourceOf(entry));
-    if (file.kind == FileKind::kNone || file.kind == FileKind::kLink)
-        return "the package lacks " + entry.text;
-    if (file.kind == FileKind::kDirectory) return entry.text + " is a directory";
-    if (file.kind == FileKind::kOther) return entry.text + " is a special file";
-    if (file.origin.empty()) return "";  // an earlier step has made it
-    const Descriptor source(open(file.origin.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    return source ? "" : entry.text + ": " + std::strerror(errno);
-}
-
-std::string Planner::WhyDirectoryFails(const std::string& directory) const {
-    std::string why = WhyNoDirectory(directory);
-    if (!why.empty()) return why;
-    const std::string existing = NearestExisting(directory);
-    if (faccessat(AT_FDCWD, existing.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-        return existing + ": " + std::strerror(errno);
+void Planner::ShowSkippedKeys(const std::vector<FileList::SkippedKey>& skippedKeys) {
+    output_.BeginList("skippedKeys");
+    if (!skippedKeys.empty()) output_.Line();
+    for (const auto& [section, key] : skippedKeys) {
+        output_.Item({{"section", section}, {"key", key.name}, {"bytes", key.valueLength}});
+        output_.Line(output_.Paint(Style::kError, "Every pass skips [" + Shown(section) + "] " +
+                                                      Shown(key.name) + ": a value of " +
+                                                      std::to_string(key.valueLength) + " bytes."));
     }
-    return "";
+    output_.EndList();
 }
 
-std::string Planner::WhyWriteFails(const std::string& path) const {
-    const std::string end = files_.EndOf(path);
-    switch (files_.At(end).kind) {
-        case FileKind::kDirectory:
-            return "a directory stands there";
-        case FileKind::kLink:
-            return "a link that leads in a circle stands there";
-        case FileKind::kNone:
-            return IsThere(std::filesystem::path(end).parent_path()) ? ""
-                                                                     : "a link into nothing stands there";
-        case FileKind::kFile:
-        case FileKind::kOther:
-            break;
-    }
-    return "";
-}
-
-bool Planner::CleanEntry(std::size_t index) {
-    const Entry& entry = list_.entries()[index];
-    // An entry without a file name stands for a file that is called ".bak", or "..bak", or "...bak".
-    const std::string path = list_.BackupOf(entry);
-    const PlannedFile behind = files_.Behind(path);
-    if (behind.kind == FileKind::kNone || behind.kind == FileKind::kLink) {
-        Show(Step::kSkip, &entry, path, 0, "not there");
-        return true;
-    }
-    const PlannedFile backup = files_.At(path);
-    if (backup.kind == FileKind::kDirectory && !IsEmptyDirectory(backup)) {
-        return Fail(entry, path, "a directory, which goes only if it is empty");
-    }
-    Show(Step::kRemove, &entry, path, behind.size);
-    files_.Remove(path);
-    return true;
-}
-
-void Planner::Show(Step step, const Entry* entry, const std::string& path, unsigned long long size,
-                   const std::string& detail) {
-    const bool isFile = step == Step::kMove || step == Step::kCopy || step == Step::kRemove;
-    if (isFile) {
-        ++count_;
-        bytes_ += size;
-    }
-    const StepName name = NameOf(step);
+void Planner::Show(const PlannedStep& step, const Entry* entry) {
+    const bool isFile = step.step == Step::kMove || step.step == Step::kCopy || step.step == Step::kRemove;
+    if (isFile) ++count_;
+    bytes_ += step.size;
+    hasFailed_ = step.step == Step::kFail;
+    isHarmful_ = isHarmful_ || step.isHarmful;
+    const StepName name = NameOf(step.step);
     output_.Item({{"pass", pass_},
-                  {"step", step == Step::kFail ? "fail" : name.json},
-                  {"path", path},
-                  {"size", isFile ? Json(size) : Json(nullptr)},
-                  {"detail", detail},
+                  {"step", name.json},
+                  {"path", step.path},
+                  {"size", isFile ? Json(step.size) : Json(nullptr)},
+                  {"detail", step.detail},
                   {"section", entry != nullptr ? list_.ListOf(*entry).section : ""},
                   {"key", entry != nullptr ? list_.KeyOf(*entry) : ""},
                   {"entry", entry != nullptr ? entry->text : ""}});
-    output_.Line("  " + output_.Paint(name.style, Padded(name.json, 6)) + "  " +
-                 RightAligned(isFile ? ShownSize(size) : "-", 10) + "  " + Shown(path) +
-                 (detail.empty() ? "" : output_.Paint(Style::kDim, "  (" + Shown(detail) + ")")));
-}
-
-bool Planner::Fail(const Entry& entry, const std::string& path, const std::string& why) {
-    Show(Step::kFail, &entry, path, 0, why);
-    failure_ = why;
-    return false;
+    const std::string shownName = hasFailed_ ? "FAIL" : name.json;
+    const Style detailStyle = step.isHarmful ? Style::kError : Style::kDim;
+    output_.Line("  " + output_.Paint(name.style, Padded(shownName, 6)) + "  " +
+                 RightAligned(isFile ? ShownSize(step.size) : "-", 10) + "  " + Shown(step.path) +
+                 (step.detail.empty() ? "" : output_.Paint(detailStyle, "  (" + Shown(step.detail) + ")")));
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
-// Keeps the files that a plan changes under the canonical names of their directories.
+// Keeps the files that a plan changes under their names without links, and walks paths as the kernel does.
 #include "PlannedFiles.h"
 
-#include <sys/stat.h>
-
+#include <algorithm>
+#include <deque>
 #include <filesystem>
-#include <optional>
+#include <utility>
 
 #include "Files.h"
+#include "VPath.h"
 
 namespace fs = std::filesystem;
 
@@ -22,71 +23,165 @@ FileKind KindOf(mode_t mode) {
 }
 
 PlannedFile LookAt(const std::string& path) {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) return {};
-    PlannedFile file{KindOf(status.st_mode),
-                     static_cast<unsigned long long>(status.st_size),
-                     path,
-                     "",
-                     {status.st_dev, status.st_ino}};
+    PlannedFile file;
+    if (lstat(path.c_str(), &file.status) != 0) return {};
+    file.kind = KindOf(file.status.st_mode);
+    file.origin = path;
     std::error_code error;
     if (file.kind == FileKind::kLink) file.link = fs::read_symlink(path, error);
     return file;
 }
 
-}  // namespace
-
-PlannedFile PlannedFiles::At(const std::string& path) const {
-    const auto changed = changed_.find(NameOf(path));
-    return changed != changed_.end() ? changed->second : LookAt(WithoutTrailingSlashes(path));
+// What comes and goes under such a name changes where paths lead.
+bool LeadsOn(const PlannedFile& file) {
+    return file.kind == FileKind::kDirectory || file.kind == FileKind::kLink;
 }
 
-std::string PlannedFiles::EndOf(const std::string& path) const {
-    std::string end = WithoutTrailingSlashes(path);
-    for (int links = 0; links < kMaxLinks; ++links) {
-        const PlannedFile file = At(end);
-        if (file.kind != FileKind::kLink) break;
-        end = WithoutTrailingSlashes(fs::path(end).parent_path() / file.link);
+PlannedFile Made(FileKind kind, unsigned long long size) {
+    PlannedFile file;
+    file.kind = kind;
+    file.status.st_size = static_cast<off_t>(size);
+    return file;
+}
+
+}  // namespace
+
+PlannedFiles::PlannedFiles(std::string root) : root_(WithoutTrailingSlashes(std::move(root))) {}
+
+PlannedFile PlannedFiles::At(const std::string& path) const {
+    const std::optional<std::string> name = NameOf(path);
+    return name ? FileAt(*name) : PlannedFile{};
+}
+
+PlannedFile PlannedFiles::Behind(const std::string& path) const {
+    const std::optional<std::string> end = EndOf(path);
+    return end ? FileAt(*end) : PlannedFile{};
+}
+
+// Many paths have the same directory, which is walked once.
+std::optional<std::string> PlannedFiles::NameOf(const std::string& path) const {
+    const std::size_t begin = path.rfind('/') + 1;  // 0 when there is none
+    const std::string last = path.substr(begin);
+    if (last.empty() || last == "." || last == "..") return Walk(path);
+
+    const auto [directory, isNew] = directoryNames_.try_emplace(path.substr(0, begin));
+    if (isNew) directory->second = Walk(directory->first);
+    if (!directory->second) return std::nullopt;
+    return *directory->second + "/" + last;
+}
+
+std::optional<std::string> PlannedFiles::EndOf(const std::string& path) const {
+    std::optional<std::string> name = NameOf(path);
+    return name && FileAt(*name).kind == FileKind::kLink ? Walk(path) : name;
+}
+
+std::string PlannedFiles::NearestPlace(const std::string& path) const {
+    const fs::path start = path;
+    for (fs::path directory = start; directory.has_relative_path(); directory = directory.parent_path()) {
+        std::string origin = Behind(directory).origin;
+        if (!origin.empty()) return origin;
     }
-    return end;
+    return start.is_absolute() ? root_ + "/" : ".";
 }
 
 void PlannedFiles::Move(const std::string& path, const std::string& newPath) {
-    changed_[NameOf(newPath)] = At(path);
-    Remove(path);
-}
-
-void PlannedFiles::Remove(const std::string& path) {
-    changed_[NameOf(path)] = {};
-}
-
-void PlannedFiles::Write(const std::string& path, unsigned long long size) {
-    PlannedFile file;
-    file.kind = FileKind::kFile;
-    file.size = size;
-    changed_[NameOf(EndOf(path))] = file;
-}
-
-void PlannedFiles::MakeDirectory(const std::string& path) {
-    PlannedFile directory;
-    directory.kind = FileKind::kDirectory;
-    for (fs::path missing = WithoutTrailingSlashes(path); At(missing).kind == FileKind::kNone;
-         missing = missing.parent_path()) {
-        changed_[NameOf(missing)] = directory;
+    const std::optional<std::string> name = NameOf(path);
+    const std::optional<std::string> newName = NameOf(newPath);
+    if (!name || !newName) return;
+    Change(*newName, FileAt(*name));
+    Change(*name, {});
+    // What was changed in a directory goes with it.
+    const std::string prefix = *name + "/";
+    for (auto file = changed_.lower_bound(prefix); file != changed_.end();) {
+        if (file->first.compare(0, prefix.size(), prefix) != 0) break;
+        auto moved = changed_.extract(file++);
+        moved.key().replace(0, name->size(), *newName);
+        changed_.insert(std::move(moved));
     }
 }
 
-std::string PlannedFiles::NameOf(const std::string& path) const {
-    const fs::path plain = WithoutTrailingSlashes(path);
-    return DirectoryNameOf(plain.parent_path()) + "/" + plain.filename().string();
+void PlannedFiles::Remove(const std::string& path) {
+    if (const std::optional<std::string> name = NameOf(path)) Change(*name, {});
 }
 
-// The canonical path of a directory, or what that will be once it is made.
-std::string PlannedFiles::DirectoryNameOf(const std::string& path) const {
-    if (path.empty()) return ".";
-    const auto [name, isNew] = directoryNames_.try_emplace(path);
-    if (!isNew) return name->second;
-    const std::optional<std::string> real = CanonicalPath(path);
-    const std::string found = real ? *real : NameOf(path);
-    return directoryNames_[path] = found;
+void PlannedFiles::Write(const std::string& path, unsigned long long size) {
+    if (const std::optional<std::string> end = EndOf(path)) Change(*end, Made(FileKind::kFile, size));
+}
+
+std::vector<std::string> PlannedFiles::MakeDirectory(const std::string& path) {
+    std::vector<std::string> made;
+    if (Behind(path).kind != FileKind::kNone) return made;
+    const VPath canonical(path.c_str());
+    const std::string text = canonical.RealPath().text;
+    for (std::size_t end = 0; end != std::string::npos;) {
+        end = text.find('/', end + 1);
+        const std::string part = text.substr(0, end);
+        if (Behind(part).kind != FileKind::kNone) continue;
+        const std::optional<std::string> name = NameOf(part);
+        if (!name || FileAt(*name).kind != FileKind::kNone) break;
+        Change(*name, Made(FileKind::kDirectory, 0));
+        made.push_back(part);
+    }
+    return made;
+}
+
+PlannedFile PlannedFiles::FileAt(const std::string& name) const {
+    const auto changed = changed_.find(name);
+    if (changed != changed_.end()) return changed->second;
+    // Below a directory that has been moved, the files are where that was; a new one has none.
+    for (std::size_t slash = name.rfind('/'); slash != 0 && slash != std::string::npos;
+         slash = name.rfind('/', slash - 1)) {
+        const auto directory = changed_.find(name.substr(0, slash));
+        if (directory == changed_.end()) continue;
+        const std::string& origin = directory->second.origin;
+        return origin.empty() ? PlannedFile{} : LookAt(origin + name.substr(slash));
+    }
+    return LookAt(name.empty() ? root_ + "/" : root_ + name);
+}
+
+// The name at which the path ends once all links are followed. That of the root directory is empty.
+std::optional<std::string> PlannedFiles::Walk(const std::string& path) const {
+    const fs::path start = fs::path(path).is_absolute() ? fs::path(path) : fs::current_path() / path;
+    std::deque<fs::path> rest(start.begin(), start.end());
+    std::string name;
+    FileKind kind = FileKind::kDirectory;
+    for (int links = 0; !rest.empty();) {
+        if (kind != FileKind::kDirectory) return std::nullopt;
+        const fs::path component = rest.front();
+        rest.pop_front();
+        if (component.empty() || component == "." || component == "/") continue;
+        if (component == "..") {
+            name.erase(std::min(name.rfind('/'), name.size()));
+            continue;
+        }
+        const PlannedFile file = FileAt(name + "/" + component.string());
+        if (file.kind != FileKind::kLink) {
+            name += "/" + component.string();
+            kind = file.kind;
+            continue;
+        }
+        if (++links > kMaxLinks) return std::nullopt;
+        const fs::path link = file.link;
+        if (link.is_absolute()) name.clear();
+        rest.insert(rest.begin(), link.begin(), link.end());
+    }
+    return name;
+}
+
+void PlannedFiles::Change(const std::string& name, PlannedFile file) {
+    const bool didLeadOn = LeadsOn(FileAt(name));
+    if (didLeadOn || LeadsOn(file)) directoryNames_.clear();
+    changed_[name] = std::move(file);
+}
+
+std::string WhyNoDirectory(const PlannedFiles& files, const std::string& path) {
+    if (files.Behind(path).kind == FileKind::kDirectory) return "";
+    fs::path nearest = path;
+    for (; nearest.has_relative_path(); nearest = nearest.parent_path()) {
+        if (files.At(nearest).kind != FileKind::kNone) break;
+    }
+    const std::string name = nearest.empty() ? "." : nearest.string();
+    const FileKind kind = files.Behind(name).kind;
+    if (kind == FileKind::kDirectory) return name + " lacks what stands before \"..\"";
+    return name + (kind == FileKind::kNone ? " is a dangling link" : " is no directory");
 }

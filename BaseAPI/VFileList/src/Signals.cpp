@@ -11,8 +11,6 @@ Signals::Signals() {
     struct sigaction ignored {};
     ignored.sa_handler = SIG_IGN;
     (void)sigaction(SIGHUP, &ignored, &oldHangup_);
-    // Who stops reading the report must not stop the upgrade half-way.
-    (void)sigaction(SIGPIPE, &ignored, &oldPipe_);
     // Where it is ignored, nobody would be told how a child ended.
     struct sigaction usual {};
     usual.sa_handler = SIG_DFL;
@@ -20,7 +18,6 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
-    (void)sigaction(SIGPIPE, &oldPipe_, nullptr);
     (void)sigaction(SIGHUP, &oldHangup_, nullptr);
     (void)IsEndWanted();  // one that came too late would end the process otherwise
     (void)sigaction(SIGCHLD, &oldChild_, nullptr);

@@ -23,7 +23,6 @@ private:
     sigset_t waited_{};
     sigset_t oldMask_{};
     struct sigaction oldHangup_ {};
-    struct sigaction oldPipe_ {};
     struct sigaction oldChild_ {};
     bool isEndWanted_ = false;
 };

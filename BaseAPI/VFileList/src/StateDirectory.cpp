@@ -47,13 +47,16 @@ std::optional<State> StateFrom(const std::string& text, const Digest& journal) {
 Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = write(fd, text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) return TroubleWith(path, errno);
-        if (count > 0) done += static_cast<std::size_t>(count);
+        if (count < 0) return TroubleWith(path, errno);
+        done += static_cast<std::size_t>(count);
     }
     return std::nullopt;
 }
 
-Trouble CopyDurably(const fs::path& from, const fs::path& to) {
+// Another name for the file is as good as a copy, since -rename gives it another name, too, and costs
+// nothing; but not all file systems can do that.
+Trouble Keep(const fs::path& from, const fs::path& to) {
+    if (linkat(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
     std::error_code error;
     fs::copy_file(from, to, error);
     if (error) return to.string() + ": " + error.message();
@@ -167,14 +170,14 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
     for (const JournalTarget& target : journal.targets) {
         if (target.old) moved.insert(target.old->inode);
     }
-    if (Trouble trouble = CopyDurably("/proc/self/exe", rescue / kProgram)) return trouble;
+    if (Trouble trouble = Keep("/proc/self/exe", rescue / kProgram)) return trouble;
     const std::set<std::string> libraries = LoadedLibraries();
     const fs::path usual = UsualDirectory(libraries);
     for (const fs::path library : libraries) {
         struct stat status {};
         if (stat(library.c_str(), &status) != 0) continue;
         if (library.parent_path() == usual && moved.count(status.st_ino) == 0) continue;
-        if (Trouble trouble = CopyDurably(library, rescue / library.filename())) return trouble;
+        if (Trouble trouble = Keep(library, rescue / library.filename())) return trouble;
     }
     return Sync(rescue);
 }

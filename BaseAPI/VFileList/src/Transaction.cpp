@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Check.h"
+#include "CheckParts.h"
 #include "FileList.h"
 #include "Files.h"
 #include "Install.h"
@@ -18,7 +19,6 @@
 #include "Journal.h"
 #include "Pass.h"
 #include "Signals.h"
-#include "Space.h"
 #include "StateDirectory.h"
 #include "TransactionReport.h"
 #include "Undo.h"
@@ -78,20 +78,16 @@ Trouble ExpectSameList(const Journal& journal) {
     return std::nullopt;
 }
 
-Trouble ExpectSpace(const Journal& journal) {
-    SpaceNeed need;
-    for (const JournalTarget& target : journal.targets) {
-        need.AddFile(fs::path(target.path).parent_path(), target.package.size);
-    }
-    for (const Shortage& shortage : need.Shortages()) return shortage.directory + ": " + shortage.detail;
-    return std::nullopt;
+Trouble ExpectSpace(const FileList& list) {
+    std::vector<Finding> shortages;
+    CheckSpace(list, shortages);
+    if (shortages.empty()) return std::nullopt;
+    return shortages.front().path + ": " + shortages.front().detail;
 }
 
 // Errors, and what would be no error in passes by hand: a backup that is in the way, and a lack of space.
 bool IsAccepted(Run& run, const std::string& iniPath) {
-    CheckOptions options;
-    options.iniPath = iniPath;
-    for (const Finding& finding : FindTrouble(options, run.output)) {
+    for (const Finding& finding : FindTrouble({iniPath, "", false, true}, run.output)) {
         const std::string code = finding.kind->code;
         if (!finding.kind->IsError() && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
         const std::string detail = finding.detail.empty() ? "" : " (" + finding.detail + ")";
@@ -109,7 +105,6 @@ Trouble Record(Run& run, const FileList& list) {
     if (error != 0) return TroubleWith(list.iniPath(), error);
     run.journal.fileListDigest = DigestOf(text);
     if (Trouble trouble = TakeInventory(list, run.output, run.journal)) return trouble;
-    if (Trouble trouble = ExpectSpace(run.journal)) return trouble;
     if (Trouble trouble = run.directory.KeepRescue(run.journal)) return trouble;
     Trouble trouble = run.directory.Begin(run.journal);
     if (trouble) (void)run.directory.Close();  // it may be half begun
@@ -162,7 +157,7 @@ Trouble Rename(Run& run) {
     if (Trouble trouble = ExpectSameList(run.journal)) return trouble;
     if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
-    return ExpectSpace(run.journal);
+    return std::nullopt;
 }
 
 Trouble Copy(Run& run) {
@@ -189,8 +184,10 @@ void ShowStep(Run& run, const char* step) {
     run.output.Line(run.output.Paint(Style::kDim, std::string("  ") + step));
 }
 
-Trouble RunSteps(Run& run) {
+Trouble RunSteps(Run& run, const FileList& list) {
     if (Trouble trouble = Rename(run)) return trouble;
+    // The space that was there at the check may be somebody else's now.
+    if (Trouble trouble = ExpectSpace(list)) return trouble;
     ShowStep(run, "the installed files are renamed to NAME.bak");
     if (Trouble trouble = Enter(run, {Phase::kCopying})) return trouble;
     if (Trouble trouble = Copy(run)) return trouble;
@@ -202,9 +199,9 @@ Trouble RunSteps(Run& run) {
 }
 
 // What runs out of memory in the middle is taken back like any other failure.
-Trouble RunStepsSafely(Run& run) {
+Trouble RunStepsSafely(Run& run, const FileList& list) {
     try {
-        return RunSteps(run);
+        return RunSteps(run, list);
     } catch (const std::exception& error) {
         return error.what();
     }
@@ -279,7 +276,7 @@ int UpgradeList(Run& run, const std::string& iniPath) {
     if (const Trouble trouble = Record(run, list)) return Refuse(run, kFindings, *trouble);
     run.state.phase = Phase::kRenaming;
 
-    if (const Trouble trouble = RunStepsSafely(run)) {
+    if (const Trouble trouble = RunStepsSafely(run, list)) {
         run.report.error = *trouble;
         return GoBack(run, kFindings);
     }

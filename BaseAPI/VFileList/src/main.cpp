@@ -1,7 +1,6 @@
 // vfilelist: the command line.
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -140,8 +139,6 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
     }
     if (command == "plan") return Plan(list, output);
     if (command == "verify") return Verify(list, arguments.verify, output);
-    // Who stops reading the report must not stop the rollback half-way.
-    (void)std::signal(SIGPIPE, SIG_IGN);
     return Rollback(list, arguments.rollback, output);
 }
 

@@ -45,8 +45,9 @@ public:
     ///
     /// Returns 0 on success. Returns -10000 and stops at the first failure, which it logs with function name
     /// "VChownDirAndFirstDepthFiles" at level 1; entries already changed stay changed:
-    ///  - "Can't get user name id, errno: %d": there is no such user (a null name is none either); the errno
-    ///    may be 0, for a lookup that worked and found nobody;
+    ///  - "Can't get user name id, errno: %d": there is no such user. The number is the errno after the
+    ///    lookup; a lookup that works and finds no user may leave an older one. A null name is not looked up,
+    ///    and gives ENOENT;
     ///  - "Failed to lchown to user, error:%d": the owner of the directory or of an entry could not be
     ///    changed (a null `dirPath` gives ENOENT here);
     ///  - "Failed open dir,path=%s": the directory could not be opened; it has its new owner.

@@ -89,6 +89,11 @@ public:
     /// copying a directory makes an empty file. Compare the sizes or the content afterwards where that
     /// matters.
     ///
+    /// The kernel moves most of a regular file of 128 KiB or more to a regular file, unless that one's file
+    /// system has blocks of 2048 bytes or less; the streams copy the rest, at least the last 16 KiB. An error
+    /// of the move is left to the streams: it shows as in a copy that they make alone, or not at all when it
+    /// does not come again, and the copy is whole then.
+    ///
     /// Logs with function name "VCopyFile", where a failed open is first logged by "fopen_s" as
     /// "open file %s errno %d" (level 3):
     ///  - "Not Exist:srcFilename=%s" (level 3): the source did not open, for whatever reason; a null path is
@@ -124,8 +129,8 @@ public:
     /// Links to directories are entered and **nothing limits the depth**: a link that points back up the tree
     /// is followed until the system refuses the path, and two such links make a walk that never ends in
     /// practice. Each level keeps one descriptor open; where they run out, deeper directories are silently
-    /// missing. For trusted trees only. Lets std::bad_alloc through. Never logs; may be called from any
-    /// thread that has `files` to itself.
+    /// missing. Each level also takes up to 300 bytes of stack. For trusted trees only. Lets std::bad_alloc
+    /// through. Never logs; may be called from any thread that has `files` to itself.
     ///
     /// Hazard 18 of docs/reliability.md.
     static void ScanDirectoriesFiles(std::string path, std::vector<std::string>& files);

@@ -21,13 +21,11 @@ Bytef* Bytes(const char* data) {
     return reinterpret_cast<Bytef*>(const_cast<char*>(data));
 }
 
-z_stream StreamBetween(const char* src, int srcLen, char* dst, int dstLen) {
-    z_stream stream = {};
+void SetBuffers(z_stream& stream, const char* src, int srcLen, char* dst, int dstLen) {
     stream.next_in = Bytes(src);
     stream.avail_in = static_cast<uInt>(srcLen);
     stream.next_out = Bytes(dst);
     stream.avail_out = static_cast<uInt>(dstLen);
-    return stream;
 }
 
 // Releases the state of a compression on whatever way out.
@@ -89,12 +87,13 @@ int VCompressAndDeCompress::CompressString(const char* src, int srcLen, char* ds
 int VCompressAndDeCompress::GzipCompress(const char* src, int srcLen, char* dst, int dstLen) {
     if (src == nullptr || srcLen <= 0) return kFailure;
 
-    z_stream stream = StreamBetween(src, srcLen, dst, dstLen);
+    z_stream stream = {};
     if (deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindowBits, kMemoryLevel,
                       Z_DEFAULT_STRATEGY, kZlibVersion, kZlibStreamSize) != Z_OK) {
         return kFailure;
     }
     DeflateGuard guard(stream);
+    SetBuffers(stream, src, srcLen, dst, dstLen);
     if (dstLen <= 0) return srcLen;
 
     do {
@@ -109,12 +108,14 @@ int VCompressAndDeCompress::GzipCompress(const char* src, int srcLen, char* dst,
 }
 
 int VCompressAndDeCompress::GzipDecompress(const char* src, int srcLen, char* dst, int dstLen) {
-    z_stream stream = StreamBetween(src, srcLen, dst, dstLen);
-    int status = inflateInit2_(&stream, kGzipWindowBits, kZlibVersion, kZlibStreamSize);
-    if (status == Z_OK) status = inflate(&stream, Z_FINISH);
+    z_stream stream = {};
+    SetBuffers(stream, src, srcLen, dst, dstLen);
+    const int started = inflateInit2_(&stream, kGzipWindowBits, kZlibVersion, kZlibStreamSize);
+    const int status = started == Z_OK ? inflate(&stream, Z_FINISH) : started;
 
     (void)inflateEnd(&stream);  // after a failed start, too: there is nothing to release then
-    if (status != Z_STREAM_END) return status;
+    // Only inflate can report the end of the stream: any result of a failed start goes to the caller.
+    if (started != Z_OK || status != Z_STREAM_END) return status;
     VFS_LOG("GzipDecompress", kLogInfo, "gzip decompress success.");
     return static_cast<int>(stream.total_out);
 }

@@ -141,9 +141,10 @@ void LogBanner(int result) {
 
 // A run that an exception cuts short, for lack of memory above all, is a failed run like any other; the cause
 // has no line in the log, so it goes to standard error.
-int RunOperatorSafely(const char* operatorName, const char* iniPath) {
+template <typename Step>
+int RunSafely(Step step) {
     try {
-        return RunOperator(operatorName, iniPath);
+        return step();
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "VCopyFileListIni: %s\n", error.what());
     } catch (...) {
@@ -152,13 +153,32 @@ int RunOperatorSafely(const char* operatorName, const char* iniPath) {
     return kFailure;
 }
 
+// What stands between the log's start and its end.
+int Run(int argc, char* argv[]) {
+    if (argc < 3) {
+        LogUsage(argc > 0 ? argv[0] : "");
+        return kFailure;
+    }
+    const int result = RunSafely([argv] { return RunOperator(argv[1], argv[2]); });
+    LogBanner(result);
+    return result;
+}
+
+// Calls the INI reader with a buffer of zero bytes. Whatever the reader does with a value that does not fit,
+// the text ends within the buffer.
+template <std::size_t capacity>
+int ReadInto(char (&value)[capacity], const std::string& section, const std::string& key,
+             const std::string& iniPath) {
+    const int status = VIni::IniGetString(section.c_str(), key.c_str(), "", value, capacity, iniPath.c_str());
+    value[capacity - 1] = '\0';
+    return status;
+}
+
 }  // namespace
 
 std::string ReadIniValue(std::string section, std::string key, std::string iniPath) {
     char value[kDirectoryValueCapacity] = {};
-    const int status =
-        VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
-    return status == 0 ? value : "";
+    return ReadInto(value, section, key, iniPath) == 0 ? value : "";
 }
 
 void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out) {
@@ -188,7 +208,7 @@ void GetKeyItemList(const std::string& section, const std::string& key, const st
     char value[kListValueCapacity] = {};
     // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing that
     // fits, leaves it empty, and the key is skipped.
-    (void)VIni::IniGetString(section.c_str(), key.c_str(), "", value, sizeof(value), iniPath.c_str());
+    (void)ReadInto(value, section, key, iniPath);
     if (value[0] != '\0') SplitString(value, ",", out);
 }
 
@@ -271,16 +291,16 @@ int CleanOperator(std::string iniPath) {
 }
 
 int main(int argc, char* argv[]) {
-    // The numbers are the logger's: three files kept, full detail, information, 2 MiB a file, file only.
-    VLogger::GetInstance()->StartSystem("TarnFramework_upgrade.log", kLogDirectory.c_str(), 3, 2, kLogInfo,
-                                        2048, false);
-    int result = kFailure;
-    if (argc < 3) {
-        LogUsage(argc > 0 ? argv[0] : "");
-    } else {
-        result = RunOperatorSafely(argv[1], argv[2]);
-        LogBanner(result);
-    }
-    VLogger::GetInstance()->StopSystem();
+    const int result = RunSafely([argc, argv] {
+        // The numbers are the logger's: three files kept, full detail, information, 2 MiB a file, file only.
+        VLogger::GetInstance()->StartSystem("TarnFramework_upgrade.log", kLogDirectory.c_str(), 3, 2,
+                                            kLogInfo, 2048, false);
+        return Run(argc, argv);
+    });
+    // By now the run has its result, and the log says which.
+    (void)RunSafely([] {
+        VLogger::GetInstance()->StopSystem();
+        return kSuccess;
+    });
     return result;
 }

@@ -37,9 +37,9 @@ int MakeParents(char* path, mode_t mode) {
     return 0;
 }
 
+// The entry of `userName`; null with the errno to log when there is none.
 const passwd* FindUser(const char* userName) {
-    // A lookup that finds nobody need not set errno; what stood there before would mislead the log's reader.
-    errno = 0;
+    // Null would crash the process in the platform's lookup.
     if (userName != nullptr) return getpwnam(userName);
     errno = ENOENT;
     return nullptr;

@@ -1,6 +1,7 @@
 // Whole-file operations, the switch of the file protection, and listings of directory trees.
 #include "VFile.h"
 
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -16,12 +17,21 @@
 namespace {
 
 constexpr std::size_t kCopyBlockSize = 2048;
-constexpr off_t kLargeBufferSize = off_t{64} * 1024;
+
+// Of a file of this size or more the kernel moves all but a tail, which the streams copy. The tail is longer
+// than a stream's buffer (at most BUFSIZ bytes) and a block: a write error before the tail then still shows
+// in fwrite, and not only in the unchecked flush.
+constexpr off_t kLargeFileSize = off_t{128} * 1024;
+constexpr off_t kMinTailSize = off_t{2} * BUFSIZ;
 
 struct FileCloser {
     void operator()(FILE* file) const { (void)fclose(file); }  // nobody is promised the status of closing
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+// Smaller than BUFSIZ, which is half of the smallest stack that a thread may have. The calls that write are
+// the same: 1024 bytes and more are written past the buffer, and less is written when the stream is closed.
+constexpr std::size_t kStreamBufferSize = 2048;
 
 // A file stream with a buffer that is not on the heap: nothing here may throw for lack of memory.
 template <typename Stream>
@@ -30,7 +40,7 @@ struct BufferedFile {
         stream.rdbuf()->pubsetbuf(buffer, sizeof(buffer));
         stream.open(path, mode);
     }
-    char buffer[BUFSIZ];
+    char buffer[kStreamBufferSize];
     Stream stream;
 };
 using InputFile = BufferedFile<std::ifstream>;
@@ -47,6 +57,16 @@ bool IsWritable(const char* path, const char* data, long len) {
     return data != nullptr && len > 0 && path != nullptr;
 }
 
+// Writes and closes the file. Returns whether it opened, not whether all was written. Never inlined, so that
+// its buffer is off the stack before FileSize needs one: a thread may have no room for two.
+__attribute__((noinline)) bool WriteFile(const char* path, std::ios::openmode mode, const char* data,
+                                         long len) {
+    OutputFile file(path, mode);
+    if (!file.stream.is_open()) return false;
+    file.stream.write(data, len);
+    return true;
+}
+
 FileHandle fopen_s(const char* path, const char* mode) {
     FileHandle file(fopen(path, mode));
     if (!file) {
@@ -56,50 +76,42 @@ FileHandle fopen_s(const char* path, const char* mode) {
     return file;
 }
 
-// Copies blocks until the source gives no more; a read error is not told apart from its end. With `isTrial`
-// an error of the destination is not logged.
-int CopyBlocks(FILE* source, FILE* destination, bool isTrial) {
+// How many bytes the kernel is to move; 0 unless both are regular files and the source is a large one. Whole
+// buffers, so that the streams flush the tail at the offsets at which they flush a copy of their own. A
+// stream whose buffer holds no more than a block does not buffer its first one: it has to write the whole
+// copy.
+off_t BulkSize(int source, int destination) {
+    struct stat status;
+    if (fstat(source, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < kLargeFileSize) return 0;
+    const off_t size = status.st_size;
+    if (fstat(destination, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+    if (status.st_blksize <= blksize_t{kCopyBlockSize}) return 0;
+    return (size - kMinTailSize) / BUFSIZ * BUFSIZ;
+}
+
+// Moves the bulk of a large file from descriptor to descriptor, before the streams have read or written.
+// Errors are ignored: the streams continue where the descriptors stand, and meet them there.
+void MoveBulk(int source, int destination) {
+    off_t left = BulkSize(source, destination);
+    while (left > 0) {
+        const ssize_t moved = sendfile(destination, source, nullptr, static_cast<std::size_t>(left));
+        if (moved <= 0) return;
+        left -= moved;
+    }
+}
+
+// Copies blocks until the source gives no more; a read error is not told apart from its end.
+int CopyBlocks(FILE* source, FILE* destination) {
     char block[kCopyBlockSize] = {};
     while (const std::size_t bytesRead = fread(block, 1, sizeof(block), source)) {
         const std::size_t bytesWritten = fwrite(block, 1, bytesRead, destination);
         if (bytesWritten != bytesRead) {
-            if (isTrial && ferror(destination) != 0) return kFailure;
             VFS_LOG("VCopyFile", kLogError, "ret=%d,len=%d", static_cast<int>(bytesWritten),
                     static_cast<int>(bytesRead));
             return kFailure;
         }
     }
     return kSuccess;
-}
-
-// Copies and closes the streams. `hasFailed` tells an error of the destination, also one that shows only when
-// the stream is flushed; without it nobody asks.
-int CopyAndClose(FileHandle& source, FileHandle& destination, bool* hasFailed) {
-    const int status = CopyBlocks(source.get(), destination.get(), hasFailed != nullptr);
-    // Callers rely on these two being unchecked: what does not fit at the last flush is not reported.
-    (void)fflush(source.get());
-    (void)fflush(destination.get());
-    if (hasFailed != nullptr) *hasFailed = ferror(destination.get()) != 0;
-    source.reset();
-    destination.reset();
-    return status;
-}
-
-// Large buffers are for two regular files; short copies would gain nothing.
-bool IsWorthLargeBuffers(FILE* source, FILE* destination) {
-    struct stat status;
-    return fstat(fileno(source), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_size > kLargeBufferSize && fstat(fileno(destination), &status) == 0 &&
-           S_ISREG(status.st_mode);
-}
-
-// The same with fewer, larger system calls.
-int CopyOnLargeBuffers(FileHandle& source, FileHandle& destination, bool& hasFailed) {
-    char sourceBuffer[kLargeBufferSize];
-    char destinationBuffer[kLargeBufferSize];
-    (void)setvbuf(source.get(), sourceBuffer, _IOFBF, sizeof(sourceBuffer));
-    (void)setvbuf(destination.get(), destinationBuffer, _IOFBF, sizeof(destinationBuffer));
-    return CopyAndClose(source, destination, &hasFailed);
 }
 
 // The kind of what `path` leads to, as the S_IF... bits; 0, which is no kind, when there is nothing.
@@ -175,50 +187,40 @@ long VFile::ReadBinFile(const char* path, char* buf, long bufLen) {
 
 long VFile::WriteBinFile(const char* path, const char* data, long len) {
     if (!IsWritable(path, data, len)) return kFailure;
-    OutputFile file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file.stream.is_open()) return kFailure;
-
-    file.stream.write(data, len);
-    file.stream.close();
+    if (!WriteFile(path, std::ios::out | std::ios::trunc | std::ios::binary, data, len)) return kFailure;
     // The size on the disk tells of a short write, whatever the stream thinks.
     return FileSize(path) == len ? len : kFailure;
 }
 
 int VFile::AppendWriteFile(const char* path, const char* data, long len) {
     if (!IsWritable(path, data, len)) return kFailure;
-    OutputFile file(path, std::ios::out | std::ios::app);
-    if (!file.stream.is_open()) return kFailure;
-
     // Deliberately unchecked, unlike WriteBinFile: a file that opened is all that the result promises.
-    file.stream.write(data, len);
-    return kSuccess;
+    return WriteFile(path, std::ios::out | std::ios::app, data, len) ? kSuccess : kFailure;
 }
 
 int VFile::VCopyFile(const char* srcFilename, const char* dstFilename) {
     const char* const sourcePath = TextOrEmpty(srcFilename);
     const char* const destinationPath = TextOrEmpty(dstFilename);
-    // Callers rely on how the default buffering of the destination shows a write error, or does not. A copy
-    // on large buffers that meets one is therefore done again from the beginning, on the default ones.
-    for (bool isFirst = true;; isFirst = false) {
-        FileHandle source = fopen_s(sourcePath, "rb");
-        if (!source) {
-            VFS_LOG("VCopyFile", kLogInfo, "Not Exist:srcFilename=%s", sourcePath);
-            return kFailure;
-        }
-        FileHandle destination = fopen_s(destinationPath, "wb");
-        if (!destination) {
-            source.reset();
-            VFS_LOG("VCopyFile", kLogInfo, "Not fopen_s:dstFilename=%s", destinationPath);
-            return kFailure;
-        }
-        if (!isFirst || !IsWorthLargeBuffers(source.get(), destination.get())) {
-            return CopyAndClose(source, destination, nullptr);
-        }
-
-        bool hasFailed = false;
-        const int status = CopyOnLargeBuffers(source, destination, hasFailed);
-        if (!hasFailed) return status;
+    FileHandle source = fopen_s(sourcePath, "rb");
+    if (!source) {
+        VFS_LOG("VCopyFile", kLogInfo, "Not Exist:srcFilename=%s", sourcePath);
+        return kFailure;
     }
+    FileHandle destination = fopen_s(destinationPath, "wb");
+    if (!destination) {
+        source.reset();
+        VFS_LOG("VCopyFile", kLogInfo, "Not fopen_s:dstFilename=%s", destinationPath);
+        return kFailure;
+    }
+
+    MoveBulk(fileno(source.get()), fileno(destination.get()));
+    const int status = CopyBlocks(source.get(), destination.get());
+    // Callers rely on these two being unchecked: what does not fit at the last flush is not reported.
+    (void)fflush(source.get());
+    (void)fflush(destination.get());
+    source.reset();
+    destination.reset();
+    return status;
 }
 
 time_t VFile::GetFileLastModifiedTime(const std::string& path) {

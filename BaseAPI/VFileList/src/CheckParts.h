@@ -1,0 +1,52 @@
+// The parts of `vfilelist check`. Each adds what it finds.
+#ifndef VFILELIST_CHECKPARTS_H
+#define VFILELIST_CHECKPARTS_H
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FileList.h"
+#include "Files.h"
+#include "Findings.h"
+#include "PlannedFiles.h"
+
+// What the parts share.
+struct Inspection {
+    const FileList& list;
+    PlannedFiles files;              // as they are, with the directories that -copy will make
+    std::set<std::string> unusable;  // lists whose directory is no place to look at
+    std::vector<Finding> findings;
+    const std::optional<std::string> common = CanonicalPath(list.sourceDirectory());
+
+    explicit Inspection(const FileList& fileList) : list(fileList), files(fileList.root()) {}
+    void Add(const char* code, const TargetList& targets, const std::string& path,
+             const std::string& detail = "");
+    void Add(const char* code, const Entry& entry, const std::string& path, const std::string& detail = "");
+    bool IsUsable(const Entry& entry) const { return unusable.count(list.ListOf(entry).section) == 0; }
+};
+
+// The install type, the lists and their directories; entries with the same target.
+void CheckLists(Inspection& inspection);
+void CheckDuplicates(Inspection& inspection);
+
+// An entry's text, and the package's file. Returns the file's status if it is a regular one.
+std::optional<struct stat> CheckSource(Inspection& inspection, const Entry& entry);
+// What the package has and no entry names, and who else may write it.
+void CheckPackage(Inspection& inspection);
+
+// Room for the new files and directories.
+void CheckSpace(const FileList& list, std::vector<Finding>& findings);
+
+inline std::string Bytes(std::size_t count) {
+    return std::to_string(count) + " bytes";
+}
+
+// The mode and owner of what users other than root and the caller can write; the empty text for anything
+// else.
+std::string WhoElseWrites(const struct stat& status);
+
+#endif

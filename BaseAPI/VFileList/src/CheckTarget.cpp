@@ -1,0 +1,171 @@
+// Checks the installed files: what they are, what the passes would do to them, and who uses them.
+#include "CheckTarget.h"
+
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "Output.h"
+#include "TargetFacts.h"
+
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+
+// The capabilities, access control list and user attributes of a file, by name.
+std::string AttributesOf(const std::string& path) {
+    const ssize_t size = listxattr(path.c_str(), nullptr, 0);
+    if (size <= 0) return "";
+    std::string names(static_cast<std::size_t>(size), '\0');
+    const ssize_t length = listxattr(path.c_str(), names.data(), names.size());
+    names.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    std::istringstream list(names);
+    std::string lost;
+    for (std::string name; std::getline(list, name, '\0');) {
+        const bool isUsers = name.rfind("user.", 0) == 0;
+        if (!isUsers && name != "security.capability" && name != "system.posix_acl_access") continue;
+        lost += (lost.empty() ? "" : ", ") + name;
+    }
+    return lost;
+}
+
+std::string LostMode(const struct stat& reference, const struct stat& directory, bool isInstalled) {
+    const mode_t newMode = 0666 & ~CurrentUmask();
+    const mode_t mode = reference.st_mode & kPermissions;
+    std::string detail;
+    if (mode != newMode) detail = ShownMode(mode) + " becomes " + ShownMode(newMode);
+    // In a directory with the set-group-id bit a new file has the directory's group.
+    const gid_t group = (directory.st_mode & S_ISGID) != 0 ? directory.st_gid : getegid();
+    if (isInstalled && (reference.st_uid != geteuid() || reference.st_gid != group)) {
+        if (!detail.empty()) detail += ", ";
+        detail += "owner " + ShownOwner(reference) + " becomes " + std::to_string(geteuid()) + ":" +
+                  std::to_string(group);
+    }
+    return detail.empty() || isInstalled ? detail : detail + ", new in this package";
+}
+
+}  // namespace
+
+TargetChecker::TargetChecker(Inspection& inspection)
+    : inspection_(inspection), renamed_(inspection.list.root()) {
+    (void)stat(inspection.list.iniPath().c_str(), &fileList_);  // without it nothing is the list
+}
+
+void TargetChecker::Check(const Entry& entry, const std::optional<struct stat>& source) {
+    const FileList& list = inspection_.list;
+    const PlannedFiles& files = inspection_.files;
+    const std::string path = list.TargetOf(entry);
+    if (!seen_.insert(files.NameOf(path).value_or(path)).second) return;
+
+    const PlannedFile file = files.At(path);
+    const bool isLink = file.kind == FileKind::kLink;
+    const Look look{path,
+                    file,
+                    isLink ? files.Behind(path) : file,
+                    files.At(list.BackupOf(entry)),
+                    files.Behind(list.ListOf(entry).directory).status,
+                    source};
+    if (look.behind.kind == FileKind::kFile) {
+        CheckInstalled(entry, look);
+    } else if (look.file.kind != FileKind::kNone) {
+        CheckUnusable(entry, look);
+    } else {
+        CheckBackup(entry, look);
+        if (source) AddLoss("W-MODE-LOST", entry, LostMode(*source, look.directory, false));
+    }
+}
+
+void TargetChecker::Finish() {
+    for (const auto& [key, loss] : losses_) {
+        if (loss.count == 1) continue;
+        inspection_.findings[loss.finding].detail +=
+            "; " + Counted(loss.count, "file") + ", this is the first";
+    }
+    std::set<FileId> files;
+    for (const auto& [file, entry] : installed_) files.insert(file);
+    const std::map<FileId, std::string> users = UsersOf(files);
+    for (const auto& [file, entry] : installed_) {
+        const auto found = users.find(file);
+        if (found == users.end()) continue;
+        inspection_.Add("W-TARGET-BUSY", *entry, inspection_.list.TargetOf(*entry), found->second);
+    }
+}
+
+void TargetChecker::CheckUnusable(const Entry& entry, const Look& look) {
+    if (look.behind.kind == FileKind::kNone) {
+        inspection_.Add("E-TARGET-DANGLING", entry, look.path,
+                        inspection_.files.EndOf(look.path) ? "" : "-copy can't follow it and fails");
+    } else if (look.behind.kind == FileKind::kDirectory) {
+        inspection_.Add("E-TARGET-DIRECTORY", entry, look.path,
+                        look.behind.origin.empty() ? "of a list, and not there yet: -copy fails" : "");
+    } else {
+        inspection_.Add("E-TARGET-SPECIAL", entry, look.path);
+    }
+}
+
+void TargetChecker::CheckInstalled(const Entry& entry, const Look& look) {
+    const struct stat& status = look.behind.status;
+    AddLoss("W-MODE-LOST", entry, LostMode(status, look.directory, true));
+    AddLoss("W-ATTRIBUTES-LOST", entry, AttributesOf(look.behind.origin));
+    if (look.source && IsSameFile(status, *look.source))
+        inspection_.Add("E-TARGET-IN-PACKAGE", entry, look.path);
+    if (IsSameFile(status, fileList_))
+        inspection_.Add("E-TARGET-IN-PACKAGE", entry, look.path, "the file list");
+    if (tool_.count(IdOf(status)) != 0) inspection_.Add("E-TARGET-TOOL", entry, look.path);
+    const FileMarks marks = MarksOf(look.file.origin);
+    if (*marks.lock != '\0') inspection_.Add("E-TARGET-LOCKED", entry, look.path, marks.lock);
+    if (marks.isMountPoint) inspection_.Add("E-TARGET-MOUNT", entry, look.path);
+    CheckLinks(entry, look);
+    CheckBackup(entry, look);
+    installed_.emplace_back(IdOf(status), &entry);
+}
+
+void TargetChecker::CheckLinks(const Entry& entry, const Look& look) {
+    // A link points nowhere, too, when -rename comes to it after it has moved what the link leads to.
+    const bool isLink = look.file.kind == FileKind::kLink;
+    if (isLink && renamed_.Behind(look.path).kind == FileKind::kNone) {
+        inspection_.Add("E-TARGET-DANGLING", entry, look.path, "once -rename has moved what it leads to");
+        return;
+    }
+    renamed_.Move(look.path, inspection_.list.BackupOf(entry));
+    if (isLink) {
+        inspection_.Add("W-TARGET-LINKED", entry, look.path, "a link to " + look.file.link);
+    } else if (look.file.status.st_nlink > (IsBackupItself(entry, look) ? 2 : 1)) {
+        inspection_.Add("W-TARGET-LINKED", entry, look.path,
+                        std::to_string(look.file.status.st_nlink) + " hard links");
+    }
+}
+
+void TargetChecker::CheckBackup(const Entry& entry, const Look& look) {
+    const std::string path = inspection_.list.BackupOf(entry);
+    if (look.backup.kind == FileKind::kNone) return;
+    if (look.backup.kind == FileKind::kDirectory) {
+        inspection_.Add("E-BACKUP-DIRECTORY", entry, path);
+    } else if (IsBackupItself(entry, look)) {
+        inspection_.Add("E-BACKUP-SAME-FILE", entry, path);
+    } else if (IsUpgradeBegun(comparer_, look.behind.origin, look.backup.origin,
+                              inspection_.list.SourceOf(entry))) {
+        inspection_.Add("E-UPGRADE-UNFINISHED", entry, path);
+    } else {
+        inspection_.Add("W-OLD-BACKUP", entry, path);
+    }
+}
+
+// NAME and NAME.bak are hard links, or NAME is a link to NAME.bak. The other way round -rename replaces the
+// link.
+bool TargetChecker::IsBackupItself(const Entry& entry, const Look& look) const {
+    if (look.file.kind == FileKind::kNone || look.backup.kind == FileKind::kNone) return false;
+    if (IsSameFile(look.file.status, look.backup.status)) return true;
+    return look.file.kind == FileKind::kLink && look.backup.kind != FileKind::kLink &&
+           inspection_.files.EndOf(look.path) == inspection_.files.NameOf(inspection_.list.BackupOf(entry));
+}
+
+// Says once what several files lose.
+void TargetChecker::AddLoss(const char* code, const Entry& entry, const std::string& detail) {
+    if (detail.empty()) return;
+    const auto [loss, isNew] = losses_.try_emplace({code, detail}, Loss{inspection_.findings.size(), 0});
+    if (isNew) inspection_.Add(code, entry, inspection_.list.TargetOf(entry), detail);
+    ++loss->second.count;
+}

@@ -1,0 +1,184 @@
+// vfilelist upgrade, commit and rollback, with all processes that they start, killed or let down at their
+// system calls: one `resume` later the tree is the old release or the new one, to the last attribute.
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Release.h"
+#include "Sanitizer.h"
+#include "Scale.h"
+#include "TracedTree.h"
+
+namespace {
+
+std::string Joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += "\n  " + line;
+    return text;
+}
+
+class KilledTransactionTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER) {
+            GTEST_SKIP() << "a sanitizer makes system calls of its own";
+        }
+    }
+
+    static void ExpectTree(const TreeSnapshot& expected, const TreeSnapshot& actual, const char* name) {
+        const std::vector<std::string> differences = DifferencesBetween(expected, actual);
+        EXPECT_TRUE(differences.empty()) << "not the " << name << " tree:" << Joined(differences);
+    }
+
+    // Brings about the state in which the command is given.
+    static void Prepare(const Release& release, const std::string& command) {
+        release.Restore();
+        if (command == "upgrade") return;
+        ASSERT_EQ(release.Run("upgrade"), 0);
+    }
+
+    // What one `resume` has to leave.
+    static void ExpectOldOrNew(const Release& release, const std::string& command) {
+        EXPECT_EQ(release.Run("resume"), 0);
+        const bool isOpen = release.Run("status") == 1;
+        if (isOpen) {
+            ExpectTree(release.newTreeWithBackups(), release.Now(), "new");
+        } else if (command == "commit") {
+            ExpectTree(release.newTree(), release.Now(), "new");
+        } else {
+            ExpectTree(release.oldTree(), release.Now(), "old");
+        }
+    }
+
+    // Where the command's first change of anything is made; what comes before only reads.
+    static long FirstChange(const std::vector<long>& calls) {
+        const auto isChange = [](long call) {
+            return call == SYS_rename || call == SYS_unlink || call == SYS_mkdir;
+        };
+        return std::find_if(calls.begin(), calls.end(), isChange) - calls.begin();
+    }
+
+    // `points` calls of the command in all: every one from its first change on if they suffice, a few before
+    // it.
+    static std::vector<long> Points(const Release& release, const std::string& command, long points) {
+        Prepare(release, command);
+        const std::vector<long> calls =
+            RunTracedTree(release.Command(command), release.Environment(), {}).calls;
+        const auto last = static_cast<long>(calls.size());
+        const long first = FirstChange(calls);
+        std::vector<long> chosen;
+        const auto choose = [&chosen](long from, long to, long count) {
+            const long step = std::max(1L, (to - from) / std::max(1L, count));
+            for (long at = from; at < to; at += step) chosen.push_back(at);
+        };
+        choose(1, first, points / 10);
+        choose(first, last + 1, points);
+        return chosen;
+    }
+
+    static void Sweep(const Release& release, const std::string& command, long points,
+                      const TreeEvent& event) {
+        long happened = 0;
+        const std::vector<long> chosen = Points(release, command, points);
+        for (const long at : chosen) {
+            SCOPED_TRACE(testing::Message() << command << " at system call " << at << ", error "
+                                            << event.error << (event.isOnwards ? " from there on" : ""));
+            Prepare(release, command);
+            TreeEvent there = event;
+            there.at = at;
+            const TreeRun run = RunTracedTree(release.Command(command), release.Environment(), there);
+            if (run.hasHappened) ++happened;
+            if (run.exitStatus == 0 && command == "upgrade") {
+                ExpectTree(release.newTreeWithBackups(), release.Now(), "new");
+            }
+            if (run.exitStatus == 1 && command == "upgrade")
+                ExpectTree(release.oldTree(), release.Now(), "old");
+            ExpectOldOrNew(release, command);
+            if (HasFailure()) return;
+        }
+        std::cout << command << ": " << happened << " points, "
+                  << (event.error == 0 ? "killed" : "error " + std::to_string(event.error))
+                  << (event.isOnwards ? " from there on" : "") << std::endl;
+        EXPECT_GE(happened, static_cast<long>(chosen.size()) * 9 / 10);
+    }
+};
+
+TEST_F(KilledTransactionTest, EndsWithTheOldOrTheNewReleaseWhereverItIsKilled) {
+    const Release release(true);
+
+    for (const char* const command : {"upgrade", "commit", "rollback"})
+        Sweep(release, command, 130 * TestScale(), {});
+}
+
+TEST_F(KilledTransactionTest, EndsWithTheOldOrTheNewReleaseWhateverFails) {
+    const Release release(true);
+
+    for (const char* const command : {"upgrade", "commit", "rollback"}) {
+        for (const int error : {ENOSPC, EIO, EMFILE, EINTR}) {
+            for (const bool isOnwards : {false, true}) {
+                TreeEvent event;
+                event.error = error;
+                event.isOnwards = isOnwards;
+                Sweep(release, command, 16 * TestScale(), event);
+            }
+        }
+    }
+}
+
+// What is killed in its turn goes on from there.
+TEST_F(KilledTransactionTest, EndsWellWhenItsResumptionIsKilledToo) {
+    const Release release(false);
+    std::mt19937 random(1);
+    const auto callsOf = [&release](const std::string& command, long killAt) {
+        TreeEvent event;
+        event.at = killAt;
+        return RunTracedTree(release.Command(command), release.Environment(), event).calls;
+    };
+    release.Restore();
+    const std::vector<long> calls = callsOf("upgrade", 0);
+    const long first = FirstChange(calls);
+    std::uniform_int_distribution<long> firstKills(first, static_cast<long>(calls.size()));
+
+    const long pairs = 60 * TestScale();
+    for (long pair = 0; pair < pairs && !HasFailure(); ++pair) {
+        const long firstKill = firstKills(random);
+        release.Restore();
+        (void)callsOf("upgrade", firstKill);
+        const auto length = static_cast<long>(callsOf("resume", 0).size());
+        const long secondKill = std::uniform_int_distribution<long>(1, length)(random);
+        SCOPED_TRACE(testing::Message() << "upgrade killed at " << firstKill << ", resume at " << secondKill);
+        release.Restore();
+        (void)callsOf("upgrade", firstKill);
+        (void)callsOf("resume", secondKill);
+        ExpectOldOrNew(release, "upgrade");
+    }
+    std::cout << "upgrade and resume: " << pairs << " pairs of kills\n";
+}
+
+TEST_F(KilledTransactionTest, LetsOneOfTwoBegin) {
+    const Release release(false);
+
+    const long races = 20 * TestScale();
+    for (long race = 0; race < races && !HasFailure(); ++race) {
+        release.Restore();
+        const auto upgrade = [&release] { return release.Run("upgrade"); };
+        std::future<int> other = std::async(std::launch::async, upgrade);
+        const int status = upgrade();
+        const int otherStatus = other.get();
+
+        EXPECT_EQ(std::min(status, otherStatus), 0);
+        EXPECT_EQ(std::max(status, otherStatus), 1);
+        ExpectTree(release.newTreeWithBackups(), release.Now(), "new");
+    }
+}
+
+}  // namespace

@@ -1,0 +1,57 @@
+// An installed release with all that files may have, a package that upgrades it, and what the tree has to be
+// before, during and after.
+#ifndef TESTS_TOOL_RELEASE_H
+#define TESTS_TOOL_RELEASE_H
+
+#include <string>
+#include <vector>
+
+#include "Package.h"
+#include "TreeSnapshot.h"
+
+class Release {
+public:
+    // One of 40 entries, or of 3.
+    explicit Release(bool isLong);
+
+    // Installs the old release anew, as if nothing had ever happened.
+    void Restore() const;
+
+    const TreeSnapshot& oldTree() const { return old_; }
+    const TreeSnapshot& newTree() const { return new_; }                 // after commit
+    const TreeSnapshot& newTreeWithBackups() const { return between_; }  // after upgrade
+    std::string InstalledPath() const { return package_.InstalledPath(); }
+    const Package& package() const { return package_; }
+    TreeSnapshot Now() const { return TakeSnapshot(package_.InstalledPath()); }
+
+    std::string StatePath() const { return package_.scratch().Path("state"); }
+    std::vector<std::string> Command(const std::string& command) const;
+    std::vector<std::string> Environment() const;
+    // Runs it without a tracer. Returns its exit status.
+    int Run(const std::string& command) const;
+
+private:
+    struct Listed {
+        std::string entry;
+        std::string target;
+    };
+
+    void ListLong();
+    void ListShort();
+    void List(const std::string& section, const std::string& directory,
+              const std::vector<std::string>& entries);
+    void InstallOld() const;
+    void Expect();
+    TreeNode Successor(const Listed& listed) const;
+
+    Package package_;
+    bool isLong_;
+    std::string listText_;
+    std::string sections_;
+    std::vector<Listed> listed_;
+    TreeSnapshot old_;
+    TreeSnapshot new_;
+    TreeSnapshot between_;
+};
+
+#endif
