@@ -6,6 +6,8 @@ install(TARGETS VFileSys EXPORT VFileSysTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
 install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+# systemd looks here for units, below /usr and /usr/local; the directory is lib on every architecture.
+install(FILES BaseAPI/VFileList/vfilelist-resume.service DESTINATION lib/systemd/system)
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 # Their build file is the project's own.
 install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" PATTERN CMakeLists.txt EXCLUDE)

@@ -16,6 +16,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Headers that differ from architecture to architecture, which others of their package include.
+foreach(language C CXX)
+  set(CMAKE_${language}_STANDARD_INCLUDE_DIRECTORIES "${vfs_arm64_debian}/sysroot/usr/include/aarch64-linux-gnu")
+endforeach()
+
 # Libraries that only libraries need are looked for by the linker, which knows nothing of the above.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${vfs_arm64_debian}/sysroot/usr/lib/aarch64-linux-gnu")
 

@@ -26,7 +26,7 @@ PACKAGES_OF_OBJECTS = [
 ]
 
 # C headers declare; the code is in a library that the package depends on, or in the kernel.
-DECLARATIONS_ONLY = re.compile(r"(libc6-dev|linux-libc-dev|zlib1g-dev)(-|$)")
+DECLARATIONS_ONLY = re.compile(r"(libc6-dev|libssl-dev|linux-libc-dev|zlib1g-dev)(-|$)")
 
 # Debian's short names of licences, and those of packages that do not name theirs in a form for machines.
 LICENCES = {

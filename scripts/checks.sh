@@ -14,6 +14,7 @@ man       build,man               the manual pages and completions tell what the
 docs      docs,browser            the site has every public name, hazard and document, and each of its links leads somewhere
 install   build,install           outside projects build against the installed package
 package   build,package,arm64     Debian packages are the same when built again; they install, work and go without a trace
+boot      build,package,boot      a machine that boots after a cut-off upgrade has the old files, or the new, before any service
 powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
@@ -272,6 +273,18 @@ check_install() {
 }
 
 check_package() { check_packages; }
+
+# On the packages as they are made of the sources now.
+check_boot() {
+    local architecture
+    architecture=$(dpkg --print-architecture)
+    if ((EUID != 0)) || ! systemd-nspawn --quiet --directory=/ --volatile=yes --register=no --keep-unit true; then
+        note "skipped: it takes root, and a machine on which systemd-nspawn can start a container"
+        return 0
+    fi
+    package "$architecture"
+    tests/boot/check.sh . "$(packages_of_architecture "$architecture")"
+}
 
 # Those that are run, and those that users source; what they source is read along with them.
 shell_scripts() {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check.sh SOURCE TOOL VFILELIST: runs the play of examples/ansible of the source tree SOURCE with these two programs,
-# on three hosts that are directories below a temporary directory.
+# check.sh SOURCE VFILELIST: runs the play of examples/ansible of the source tree SOURCE with this program, on three
+# hosts that are directories below a temporary directory.
 set -euo pipefail
 
 if ! command -v ansible-playbook >/dev/null; then
@@ -9,8 +9,7 @@ if ! command -v ansible-playbook >/dev/null; then
 fi
 
 source=$(readlink -f "$1")
-tool=$2
-vfilelist=$3
+vfilelist=$2
 work=$(readlink -f "$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-fleet-XXXXXX")")
 trap 'rm -rf "$work"' EXIT
 umask 022
@@ -28,11 +27,12 @@ unset VLOGGER_STDERR
 export FLEET=$work PATH=$work/bin:$PATH
 mkdir "$HOME" "$TMPDIR" "$work/bin" "$work/programs"
 
-ln -s "$tool" "$vfilelist" "$work/programs"
-# sync is only recorded: a test does not make the whole machine write.
-for name in VCopyFileListIni vfilelist sync health recorded; do
+ln -s "$vfilelist" "$work/programs"
+for name in vfilelist drain undrain health recorded; do
     ln -s "$source/tests/fleet/recorded" "$work/bin/$name"
 done
+
+c++ -shared -fPIC -o "$work/kill_at.so" "$source/tests/boot/KillAt.cpp"
 
 cat >"$ANSIBLE_INVENTORY" <<YAML
 app:
@@ -47,7 +47,11 @@ app:
     package_directory: "{{ host }}/package"
     services: ["{{ inventory_hostname }}-worker", "{{ inventory_hostname }}-server"]
     health_command: [health, "{{ inventory_hostname }}"]
-    new_files: [{path: "{{ host }}/app/bin/tool3", mode: "0755"}]
+    drain_command: [drain, "{{ inventory_hostname }}"]
+    undrain_command: [undrain, "{{ inventory_hostname }}"]
+    drain_from: localhost
+    vfilelist_state: "{{ host }}/state"
+    upgrade_log: "$work/log/TarnFramework_upgrade.log"
 YAML
 
 # ------------------------------------------------------------------------------------------ speaking
@@ -82,7 +86,7 @@ make_host() {  # HOST
 
     write "$host/new/Common/bin/tool1" 644 "new tool1"
     write "$host/new/Common/bin/tool2" 644 "new tool2"
-    write "$host/new/Common/bin/tool3" 644 "new tool3"
+    write "$host/new/Common/bin/tool3" 755 "new tool3"
     write "$host/new/Common/lib/notes" 644 "notes, and more"
     write "$host/new/Common/lib/one.so" 644 "one.so"
     cat >"$host/new/filelist.ini" <<INI
@@ -148,11 +152,23 @@ run_play() {  # STATUS OPTION...
     [[ $status == "$1" ]] || fail "the play ended with $status instead of $1"
 }
 
-# What was done on HOST from the first service that was stopped to -clean, or to the end when that did not come.
-# Only for hosts upgraded one after the other, since the call of sync does not tell its host.
+# What was done on HOST, but for looking at it.
 work_on() {  # HOST
-    sed -n "/^service $1-worker stopped\$/,/^VCopyFileListIni -clean $1/p" "$work/journal" |
-        sed "s|$1/package/filelist.ini|LIST|; s|$1-||"
+    grep -vE "$looks" "$work/journal" | grep -F "$1" |
+        sed "s|$1/package/filelist.ini|LIST|; s| --state $1/state||; s|$1-||" || true
+}
+
+# Kills upgrades of HOST, and takes the host away, when the file is to be renamed.
+lose_host_at() {  # HOST FILE
+    local lost="rm -r ${work@Q}/$1/tmp; : >${work@Q}/$1/tmp"
+    trouble "vfilelist upgrade $1/" "$lost
+        export KILL_AT=${work@Q}/$1/app/$2 KILL_TIME=1 LD_PRELOAD=${work@Q}/kill_at.so
+        exec setsid --wait \"\$FLEET/programs/vfilelist\" \"\$@\""
+}
+
+find_host_again() {  # HOST
+    rm "$work/$1/tmp"
+    no_trouble
 }
 
 # ------------------------------------------------------------------------------------------ looking
@@ -179,62 +195,50 @@ expect_untouched() {  # HOST...
     for host; do expect_same "$host was touched" "$(cat "$work/$host/status")" "$(status "$host")"; done
 }
 
-# Nobody stopped a service, ran a pass or asked about the health.
+# Nobody stopped a service, changed a file or asked about the health.
+looks='^vfilelist (resume|status|check|verify) '
 expect_only_looks() {
     local others
-    others=$(grep -vE '^vfilelist (check|verify|plan) ' "$work/journal") || return 0
+    others=$(grep -vE "$looks" "$work/journal") || return 0
     fail "more was done than to look: $others"
 }
 
 expect_told() { grep -qF -- "$1" "$work/output.txt" || fail "the play did not say: $1"; }  # TEXT
 
-expect_running() {  # HOST...
-    local host
-    for host; do
-        expect_same "the last order to the services of $host" "service $host-worker started" \
-            "$(grep "^service $host-" "$work/journal" | tail -n 1)"
-    done
-}
-
-upgrade_calls='service worker stopped
+upgrade_calls='drain HOST
+service worker stopped
 service server stopped
-VCopyFileListIni -rename LIST
-VCopyFileListIni -copy LIST
-vfilelist rollback --only-modes LIST
-vfilelist verify LIST
-sync
-service server started
-service worker started
-health HOST'
-
-way_back_calls='service worker stopped
-service server stopped
-vfilelist rollback LIST --remove-new
-vfilelist verify LIST --expect restored
+vfilelist upgrade LIST
 service server started
 service worker started'
+kept_calls='health HOST
+vfilelist commit
+undrain HOST'
+way_back_calls='service worker stopped
+service server stopped
+vfilelist rollback
+service server started
+service worker started
+undrain HOST'
+
+expect_work() {  # HOST CALLS...
+    local calls
+    calls=$(printf '%s\n' "${@:2}")
+    expect_same "the steps on $1" "${calls//HOST/$1}" "$(work_on "$1")"
+}
 
 # ------------------------------------------------------------------------------------------ the runs
 
-step "check mode shows the plan and changes no host"
+step "check mode changes no host"
 new_fleet
 run_play 0 --check
 expect_only_looks
-expect_told "-rename"
 expect_untouched web1 web2 web3
 
 step "every host is upgraded, one after the other"
 run_play 0
 expect_upgraded web1 web2 web3
-for host in web1 web2 web3; do
-    expect_same "the steps on $host" "${upgrade_calls/HOST/$host}"$'\n'"VCopyFileListIni -clean LIST" \
-        "$(work_on "$host")"
-done
-
-step "a second run has nothing to do"
-run_play 0
-expect_only_looks
-expect_upgraded web1 web2 web3
+for host in web1 web2 web3; do expect_work "$host" "$upgrade_calls" "$kept_calls"; done
 
 step "a host that is refused keeps all others from being touched"
 new_fleet
@@ -245,14 +249,15 @@ expect_only_looks
 expect_told "E-SOURCE-MISSING"
 expect_untouched web1 web2 web3
 
-step "a package with a list that installs nothing is refused"
+step "so does a package with a list that installs nothing, and a host with old backups"
 new_fleet
 sed -i 's/^\[LibFiles\]/[Libfiles]/' "$work/web2/new/filelist.ini"
 pack web2
+write "$work/web3/app/bin/tool1.bak" 644 "of long ago"
 run_play 2
 expect_only_looks
 expect_told "W-LIST-EMPTY"
-expect_untouched web1 web2 web3
+expect_told "W-OLD-BACKUP"
 
 step "a host that can't be reached does the same"
 new_fleet
@@ -265,13 +270,16 @@ expect_untouched web1 web2 web3
 
 step "a new release that does not work is taken back, and no further host is begun"
 new_fleet
-trouble "health web2" "exit 1"
+trouble "health web2" "echo other >${work@Q}/web2/app/bin/tool1; exit 1"
 run_play 2
 expect_upgraded web1
+expect_same "the file that the service rewrote" "other" "$(cat "$work/web2/app/bin/tool1.changed")"
+rm "$work/web2/app/bin/tool1.changed"
 expect_taken_back web2
 expect_untouched web3
-expect_same "the steps on web2" "${upgrade_calls/HOST/web2}"$'\n'"$way_back_calls" "$(work_on web2)"
-expect_told "Ask the new release whether it works: non-zero return code. The old release is back"
+expect_work web2 "$upgrade_calls" "health HOST" "$way_back_calls"
+expect_told "Ask the new release whether it works: failed."
+expect_told "The old files are back, the services started."
 
 step "the next run goes on with the hosts that are left"
 no_trouble
@@ -279,14 +287,16 @@ run_play 0
 expect_upgraded web1 web2 web3
 [[ -z $(work_on web1) ]] || fail "web1 was upgraded twice"
 
-step "the others of its batch are upgraded to the end"
+step "the others of its batch are upgraded to the end, and with max_fail the rest too"
 new_fleet
 trouble "health web1" "exit 1"
 run_play 2 -e hosts_at_a_time=2
 expect_taken_back web1
-expect_untouched web3
 expect_upgraded web2
-expect_running web1 web2
+expect_untouched web3
+run_play 2 -e hosts_at_a_time=2 -e max_fail=34
+expect_taken_back web1
+expect_upgraded web2 web3
 
 step "a host that is refused when its turn comes keeps its batch from being begun"
 new_fleet
@@ -295,69 +305,59 @@ run_play 2 -e '{"hosts_at_a_time": [1, 2]}'
 expect_upgraded web1
 expect_untouched web2 web3
 
-step "-copy fails half-way"
+# The limit is beyond what vfilelist keeps of itself, and the file beyond the limit.
+step "an upgrade that fails half-way shows what the log says"
 new_fleet
-trouble "VCopyFileListIni -copy web1/" "rm ${work@Q}/web1/package/Common/lib/notes"
+trouble "vfilelist upgrade web1/" \
+    "truncate -s 64M ${work@Q}/web1/package/Common/lib/notes; trap '' XFSZ; ulimit -f 32768"
 run_play 2
 expect_taken_back web1
 expect_untouched web2 web3
-expect_running web1
-expect_told "Copy the new files: non-zero return code. The old release is back"
-
-step "-rename fails before it has moved a file"
-new_fleet
-trouble "VCopyFileListIni -rename" "exit 240"
-run_play 2 -e hosts_at_a_time=100%
-expect_untouched web1 web2 web3
-expect_running web1 web2 web3
-expect_told "Make backups of the installed files: non-zero return code. The old release is back"
+expect_work web1 "${upgrade_calls/LIST*/LIST}" "${way_back_calls/vfilelist rollback$'\n'/}"
+expect_told "Failed:copy $work/web1/package/Common/lib/notes"
 
 step "a service can't be stopped"
 new_fleet
 trouble "service web1-server stopped" "exit 1"
 run_play 2
 expect_untouched web1 web2 web3
-expect_running web1
-if grep -qE 'VCopyFileListIni|rollback' "$work/journal"; then fail "files were touched"; fi
+if grep -qE 'vfilelist (upgrade|rollback|commit)' "$work/journal"; then fail "files were touched"; fi
+expect_told "The old files are back, the services started."
 
-step "a file that somebody else changed meanwhile is left to people, and the services stopped"
+step "a host whose old files can't all come back is left to people, and its services stopped"
 new_fleet
-trouble "health web1" "echo other >${work@Q}/web1/app/bin/tool1; exit 1"
+trouble "health web1" "rm ${work@Q}/web1/app/bin/tool1.bak; exit 1"
 run_play 2
 expect_told 'LOOK AT THIS HOST'
-expect_same "the last call" "vfilelist rollback web1/package/filelist.ini --remove-new" "$(tail -n 1 "$work/journal")"
-expect_same "the changed file" "other" "$(cat "$work/web1/app/bin/tool1")"
-expect_same "its backup" "old tool1" "$(cat "$work/web1/app/bin/tool1.bak")"
+expect_same "the last call" "vfilelist rollback --state web1/state" "$(tail -n 1 "$work/journal")"
 expect_untouched web2 web3
 
-step "a failure in -clean takes nothing back"
+step "a failure in commit takes nothing back"
 new_fleet
 backup=$work/web1/app/bin/tool2.bak
-trouble "VCopyFileListIni -clean web1/" "rm ${backup@Q}; mkdir -p ${backup@Q}/full"
+trouble "vfilelist commit --state web1/" "rm ${backup@Q}; mkdir -p ${backup@Q}/full"
 run_play 2 -e hosts_at_a_time=2
 rm -r "$backup"
-expect_told "some backups could not be removed"
-no_trouble
-VCopyFileListIni -clean "$work/web1/package/filelist.ini"
-expect_upgraded web1 web2
-expect_untouched web3
-
-step "a host that is lost half-way ends the run"
-new_fleet
-trouble "VCopyFileListIni -copy web1/" "rm -r ${work@Q}/web1/tmp; : >${work@Q}/web1/tmp"
-run_play 4 -e hosts_at_a_time=2
+expect_told "The new files are in place and work, but"
 expect_upgraded web2
 expect_untouched web3
-expect_told "Lost on the way: web1."
 
-step "it is refused until the backups are gone, and so are the others"
-rm "$work/web1/tmp"
-no_trouble
-run_play 2
-expect_only_looks
-expect_told "4 of the listed"
+step "a host that is lost half-way ends the run, and the next one heals it"
+new_fleet
+lose_host_at web1 lib/notes
+run_play 4 -e hosts_at_a_time=2
+[[ ! -e $work/web1/app/bin/tool1 ]] || fail "the upgrade of web1 was not cut off"
+expect_upgraded web2
 expect_untouched web3
-vfilelist rollback --remove-new "$work/web1/package/filelist.ini" >"$work/output.txt" || fail "no way back"
-expect_taken_back web1
+find_host_again web1
 run_play 0
+expect_upgraded web1 web2 web3
+
+step "one that is lost before its upgrade is decided on is upgraded again"
+new_fleet
+trouble "health web1" "rm -r ${work@Q}/web1/tmp; : >${work@Q}/web1/tmp"
+run_play 4
+find_host_again web1
+run_play 0
+expect_work web1 "${upgrade_calls/vfilelist/vfilelist rollback LIST$'\n'vfilelist}" "$kept_calls"
 expect_upgraded web1 web2 web3

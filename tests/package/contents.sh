@@ -34,7 +34,8 @@ check_fields() {
     done
     check_needs libvfilesys 'libc6, libgcc-s1, libstdc++6, vfilesys-standins | vfilesys-neighbours, zlib1g'
     check_needs libvfilesys-dev 'libvfilesys, vfilesys-standins-dev | vfilesys-neighbours-dev'
-    check_needs vfilesys-tools 'libc6, libgcc-s1, libstdc++6, libvfilesys, vfilesys-standins | vfilesys-neighbours'
+    check_needs vfilesys-tools \
+        'libc6, libgcc-s1, libssl3, libstdc++6, libvfilesys, vfilesys-standins | vfilesys-neighbours'
     check_needs vfilesys-standins 'libc6, libfmt9, libgcc-s1, libstdc++6'
     check_needs vfilesys-standins-dev vfilesys-standins
     for package in vfilesys-standins:vfilesys-neighbours vfilesys-standins-dev:vfilesys-neighbours-dev; do
@@ -88,7 +89,7 @@ check_bill() {
         grep -q "$(sha256sum <"$(package_file "$package")" | cut -d' ' -f1)" "$bill" ||
             fail "$bill tells of another $package"
     done
-    for package in zlib1g libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev nlohmann-json3-dev; do
+    for package in zlib1g libssl3 libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev nlohmann-json3-dev; do
         grep -qE "\"referenceLocator\": \"pkg:deb/debian/$package@[^\"]+\?arch=($architecture|all)\"" "$bill" ||
             fail "$bill does not tell which $package it was"
     done

@@ -47,6 +47,7 @@ check_documents() {
 try_tools() {
     rm -rf upgrade
     ./upgrade.sh "$trial/upgrade" /usr/bin
+    quietly vfilelist resume  # makes the directory where vfilelist keeps an open upgrade
 }
 
 check_development_documents() {

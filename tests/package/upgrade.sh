@@ -48,6 +48,18 @@ upgrade() {
     run vfilelist verify "$work/package/filelist.ini" --expect cleaned
 }
 
+# The same in one step, back, and there again. What belongs to the open upgrade stays in WORK as well.
+upgrade_at_once() {
+    echo newer >"$work/package/Common/bin/tool"
+    run vfilelist upgrade "$work/package/filelist.ini" --state "$work/state"
+    [[ $(cat "$work/target/tool" "$work/target/tool.bak") == newer$'\n'new ]] || fail "upgrade did not bring the file"
+    run vfilelist rollback --state "$work/state"
+    [[ $(cat "$work"/target/*) == new ]] || fail "rollback did not bring the old file back"
+    run vfilelist upgrade "$work/package/filelist.ini" --state "$work/state"
+    run vfilelist commit --state "$work/state"
+    [[ $(cat "$work"/target/*) == newer ]] || fail "commit did not keep the new file alone"
+}
+
 # Whoever reads logs relies on it: the names of the sources begin with BaseAPI/, wherever the packages were built.
 check_log() {
     grep -q 'Successfully completed' "$log" || fail "the log does not tell of success"
@@ -59,5 +71,6 @@ check_log() {
 make_package
 show_help
 upgrade
+upgrade_at_once
 check_log
 printf '%s lines logged, each from BaseAPI/\n' "$(wc -l <"$log")"

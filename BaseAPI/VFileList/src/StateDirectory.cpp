@@ -75,6 +75,14 @@ std::set<std::string> LoadedLibraries() {
     return paths;
 }
 
+// Where the loader looks without being told to: there is the C library.
+fs::path UsualDirectory(const std::set<std::string>& libraries) {
+    for (const fs::path library : libraries) {
+        if (library.filename() == "libc.so.6") return library.parent_path();
+    }
+    return {};
+}
+
 }  // namespace
 
 const char* NameOf(Phase phase) {
@@ -165,9 +173,12 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
         if (target.old) moved.insert(target.old->inode);
     }
     if (Trouble trouble = Keep("/proc/self/exe", rescue / kProgram)) return trouble;
-    for (const fs::path library : LoadedLibraries()) {
+    const std::set<std::string> libraries = LoadedLibraries();
+    const fs::path usual = UsualDirectory(libraries);
+    for (const fs::path library : libraries) {
         struct stat status {};
-        if (stat(library.c_str(), &status) != 0 || moved.count(status.st_ino) == 0) continue;
+        if (stat(library.c_str(), &status) != 0) continue;
+        if (library.parent_path() == usual && moved.count(status.st_ino) == 0) continue;
         if (Trouble trouble = Keep(library, rescue / library.filename())) return trouble;
     }
     return Sync(rescue);

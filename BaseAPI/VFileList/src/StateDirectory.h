@@ -46,8 +46,8 @@ public:
     Trouble Write(const State& state);
     Trouble Close();
 
-    // Copies this program, and those of its libraries that the upgrade will move, to where they can be
-    // started from while it does.
+    // Copies this program, and those of its libraries that the copy would not find: the upgrade will move
+    // them, or the program's run path leads to them.
     Trouble KeepRescue(const Journal& journal);
 
 private:
