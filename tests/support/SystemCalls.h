@@ -105,6 +105,8 @@
     X(uid_t, geteuid, (), ())                                                                            \
     X(pid_t, getppid, (), ())                                                                            \
     X(int, isatty, (int fd), (fd))                                                                       \
+    X(int, linkat, (int directory, const char* path, int newDirectory, const char* newPath, int flags),  \
+      (directory, path, newDirectory, newPath, flags))                                                   \
     X(ssize_t, listxattr, (const char* path, char* names, size_t size), (path, names, size))             \
     X(int, lstat, (const char* path, struct stat* status), (path, status))                               \
     X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                        \
