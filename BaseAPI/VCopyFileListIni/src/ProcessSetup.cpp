@@ -1,6 +1,6 @@
 // Prepares the process before main, which in the upgrade tool starts the log first of all. Only the
-// programs have this: in the library and in its tests signals and descriptors belong to others. What fails here
-// is ignored; the pass runs as it would without.
+// programs have this: in the library and in its tests signals and descriptors belong to others. What fails
+// here is ignored; the pass runs as it would without.
 #include <fcntl.h>
 #include <unistd.h>
 
