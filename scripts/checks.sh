@@ -188,8 +188,9 @@ check_faults() {
 
 check_crash() {
     configure default
-    build default killed_upgrade_tests
+    build default killed_upgrade_tests killed_transaction_tests
     run_sweep build/default/tests/killed_upgrade_tests 'killed at system calls'
+    run_sweep build/default/tests/killed_transaction_tests ' points, '
 }
 
 check_powerloss() {
@@ -200,11 +201,13 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests killed_upgrade_tests
+    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
+    VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'
+    VFILESYS_TEST_SCALE=10 build/default/tests/killed_transaction_tests --gtest_filter='*.*WhateverFails'
 }
 
 # The tests' own heap counter steps aside for memcheck's. What is not ours and only started by tests is not watched,

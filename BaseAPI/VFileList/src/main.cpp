@@ -119,7 +119,8 @@ int Refuse(const Arguments& arguments, const std::string& command, const std::st
     output.Member("command", command);
     output.Member("fileList", arguments.iniPath);
     output.Member("error", trouble);
-    (void)std::fprintf(stderr, "vfilelist: %s: %s\n", Shown(arguments.iniPath).c_str(), trouble.c_str());
+    const std::string place = arguments.iniPath.empty() ? "" : Shown(arguments.iniPath) + ": ";
+    (void)std::fprintf(stderr, "vfilelist: %s%s\n", place.c_str(), trouble.c_str());
     return kWrongUse;
 }
 
