@@ -60,7 +60,7 @@ TEST_F(PassTest, SaysHowAPassFailed) {
 TEST_F(PassTest, DoesNotBeginUnlessItWouldDieWithItsParent) {
     const std::string trouble = "-rename ended with status 1; the upgrade log names the file";
     {
-        const Replaced replaced(calls::prctl, [](int, unsigned long) { return -1; });
+        const Replaced replaced(calls::prctl, [](auto...) { return -1; });
         EXPECT_EQ(Run("-rename"), trouble);
     }
     {
@@ -71,7 +71,7 @@ TEST_F(PassTest, DoesNotBeginUnlessItWouldDieWithItsParent) {
 }
 
 TEST_F(PassTest, DiesWithItsParent) {
-    const Replaced replaced(calls::prctl, [](int operation, unsigned long argument) {
+    const Replaced replaced(calls::prctl, [](int operation, unsigned long argument, auto...) {
         _exit(operation == PR_SET_PDEATHSIG ? static_cast<int>(argument) : 1);
         return 0;
     });

@@ -82,44 +82,46 @@
     X(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 
 // What only vfilelist calls. libcrypto's types are of no interest here.
-#define VFS_TEST_FILE_LIST_CALLS(X)                                                                      \
-    X(int, EVP_DigestFinal_ex, (void* context, unsigned char* digest, unsigned* size),                   \
-      (context, digest, size))                                                                           \
-    X(int, EVP_DigestInit_ex, (void* context, const void* type, void* engine), (context, type, engine))  \
-    X(int, EVP_DigestUpdate, (void* context, const void* data, size_t size), (context, data, size))      \
-    X(void*, EVP_MD_CTX_new, (), ())                                                                     \
-    X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))                             \
-    X(int, faccessat, (int directory, const char* path, int mode, int flags),                            \
-      (directory, path, mode, flags))                                                                    \
-    X(int, fchmod, (int fd, mode_t mode), (fd, mode))                                                    \
-    X(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group))                                 \
-    X(ssize_t, fgetxattr, (int fd, const char* name, void* value, size_t size), (fd, name, value, size)) \
-    X(ssize_t, flistxattr, (int fd, char* names, size_t size), (fd, names, size))                        \
-    X(int, flock, (int fd, int operation), (fd, operation))                                              \
-    X(pid_t, fork, (), ())                                                                               \
-    X(int, fremovexattr, (int fd, const char* name), (fd, name))                                         \
-    X(int, fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),             \
-      (fd, name, value, size, flags))                                                                    \
-    X(int, fsync, (int fd), (fd))                                                                        \
-    X(gid_t, getegid, (), ())                                                                            \
-    X(uid_t, geteuid, (), ())                                                                            \
-    X(pid_t, getppid, (), ())                                                                            \
-    X(int, isatty, (int fd), (fd))                                                                       \
-    X(int, linkat, (int directory, const char* path, int newDirectory, const char* newPath, int flags),  \
-      (directory, path, newDirectory, newPath, flags))                                                   \
-    X(ssize_t, listxattr, (const char* path, char* names, size_t size), (path, names, size))             \
-    X(int, lstat, (const char* path, struct stat* status), (path, status))                               \
-    X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                        \
-    X(int, prctl, (int operation, unsigned long argument), (operation, argument))                        \
-    X(int, renameat2,                                                                                    \
-      (int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags),            \
-      (fromDirectory, from, toDirectory, to, flags))                                                     \
-    X(int, sigtimedwait, (const sigset_t* signals, siginfo_t* info, const timespec* time),               \
-      (signals, info, time))                                                                             \
-    X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                          \
-    X(int, statx, (int directory, const char* path, int flags, unsigned mask, struct statx* status),     \
-      (directory, path, flags, mask, status))                                                            \
-    X(int, unlink, (const char* path), (path))                                                           \
+#define VFS_TEST_FILE_LIST_CALLS(X)                                                                          \
+    X(int, EVP_DigestFinal_ex, (void* context, unsigned char* digest, unsigned* size),                       \
+      (context, digest, size))                                                                               \
+    X(int, EVP_DigestInit_ex, (void* context, const void* type, void* engine), (context, type, engine))      \
+    X(int, EVP_DigestUpdate, (void* context, const void* data, size_t size), (context, data, size))          \
+    X(void*, EVP_MD_CTX_new, (), ())                                                                         \
+    X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))                                 \
+    X(int, faccessat, (int directory, const char* path, int mode, int flags),                                \
+      (directory, path, mode, flags))                                                                        \
+    X(int, fchmod, (int fd, mode_t mode), (fd, mode))                                                        \
+    X(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group))                                     \
+    X(ssize_t, fgetxattr, (int fd, const char* name, void* value, size_t size), (fd, name, value, size))     \
+    X(ssize_t, flistxattr, (int fd, char* names, size_t size), (fd, names, size))                            \
+    X(int, flock, (int fd, int operation), (fd, operation))                                                  \
+    X(pid_t, fork, (), ())                                                                                   \
+    X(int, fremovexattr, (int fd, const char* name), (fd, name))                                             \
+    X(int, fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),                 \
+      (fd, name, value, size, flags))                                                                        \
+    X(int, fsync, (int fd), (fd))                                                                            \
+    X(gid_t, getegid, (), ())                                                                                \
+    X(uid_t, geteuid, (), ())                                                                                \
+    X(pid_t, getppid, (), ())                                                                                \
+    X(int, isatty, (int fd), (fd))                                                                           \
+    X(int, linkat, (int directory, const char* path, int newDirectory, const char* newPath, int flags),      \
+      (directory, path, newDirectory, newPath, flags))                                                       \
+    X(ssize_t, listxattr, (const char* path, char* names, size_t size), (path, names, size))                 \
+    X(int, lstat, (const char* path, struct stat* status), (path, status))                                   \
+    X(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode))                            \
+    X(int, prctl,                                                                                            \
+      (int operation, unsigned long first, unsigned long second, unsigned long third, unsigned long fourth), \
+      (operation, first, second, third, fourth))                                                             \
+    X(int, renameat2,                                                                                        \
+      (int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags),                \
+      (fromDirectory, from, toDirectory, to, flags))                                                         \
+    X(int, sigtimedwait, (const sigset_t* signals, siginfo_t* info, const timespec* time),                   \
+      (signals, info, time))                                                                                 \
+    X(int, statvfs, (const char* path, struct statvfs* status), (path, status))                              \
+    X(int, statx, (int directory, const char* path, int flags, unsigned mask, struct statx* status),         \
+      (directory, path, flags, mask, status))                                                                \
+    X(int, unlink, (const char* path), (path))                                                               \
     X(pid_t, waitpid, (pid_t process, int* status, int options), (process, status, options))
 
 namespace calls {
