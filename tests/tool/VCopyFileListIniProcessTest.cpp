@@ -291,7 +291,8 @@ TEST_F(VCopyFileListIniProcessTest, KeepsNoDescriptorButThatOfTheLog) {
     if (VFS_TEST_EMULATED) GTEST_SKIP() << "the emulator opens files of its own";
     if (VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER)
         GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
-    // The standard streams, the log, and a source and its copy; what the tests' caller has left open is closed.
+    // The standard streams, the log, and a source and its copy; what the tests' caller has left open is
+    // closed.
     const ProcessResult result =
         RunInShell("exec 3<&- 4<&- 5<&- 6<&- 7<&- 8<&- 9<&- && ulimit -n 6 && exec \"$@\"",
                    {"VLOGGER_DIRECTORY=" + scratch_.Path("log")});
