@@ -74,9 +74,9 @@ Trouble ReadAttributes(int fd, Attributes& attributes) {
 
 Trouble WriteAttributes(int fd, const Attributes& attributes) {
     Attributes present;
-    if (const Trouble trouble = ReadAttributes(fd, present)) return trouble;
+    if (Trouble trouble = ReadAttributes(fd, present)) return trouble;
     if (present == attributes) return std::nullopt;
-    if (const Trouble trouble = RemoveOthers(fd, attributes.extended, present.extended)) return trouble;
+    if (Trouble trouble = RemoveOthers(fd, attributes.extended, present.extended)) return trouble;
 
     // The owner first: a change of the owner takes set-id bits and capabilities away, and a file of a wrong
     // owner must not get them. Then the mode, which an access control list may sharpen.

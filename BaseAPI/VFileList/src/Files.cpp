@@ -150,7 +150,7 @@ std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string&
         const std::optional<std::size_t> length = Fill(file.get(), block);
         const std::optional<std::size_t> packageLength = Fill(package.get(), packageBlock);
         if (!length || !packageLength) {
-            trouble = TroubleWith(path + " or " + packagePath, errno);
+            trouble = TroubleWith(std::string(path).append(" or ").append(packagePath), errno);
             return std::nullopt;
         }
         if (*length > *packageLength) return false;

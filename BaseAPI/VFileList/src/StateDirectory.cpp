@@ -55,12 +55,12 @@ Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
 
 // Another name for the file is as good as a copy, since -rename gives it another name, too, and costs
 // nothing; but not all file systems can do that.
-Trouble Keep(const fs::path& from, const fs::path& to) {
-    if (linkat(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
+Trouble Keep(const fs::path& file, const fs::path& copy) {
+    if (linkat(AT_FDCWD, file.c_str(), AT_FDCWD, copy.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
     std::error_code error;
-    fs::copy_file(from, to, error);
-    if (error) return to.string() + ": " + error.message();
-    return Sync(to);
+    fs::copy_file(file, copy, error);
+    if (error) return copy.string() + ": " + error.message();
+    return Sync(copy);
 }
 
 // The files that this process has loaded besides its program.

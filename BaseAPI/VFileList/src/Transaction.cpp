@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -57,10 +58,8 @@ int Refuse(Run& run, int status, const std::string& error) {
 }
 
 bool HasSeriousRemarks(const Run& run) {
-    for (const Remark& remark : run.report.remarks) {
-        if (remark.isSerious) return true;
-    }
-    return false;
+    const std::vector<Remark>& remarks = run.report.remarks;
+    return std::any_of(remarks.begin(), remarks.end(), [](const Remark& remark) { return remark.isSerious; });
 }
 
 Trouble EnterAndRead(Run& run) {
@@ -90,10 +89,10 @@ bool IsAccepted(Run& run, const std::string& iniPath) {
     for (const Finding& finding : FindTrouble({iniPath, "", false, true}, run.output)) {
         const std::string code = finding.kind->code;
         if (!finding.kind->IsError() && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
+        std::string place = finding.path;
+        if (place.empty()) place.append(finding.section).append(" ").append(finding.key);
         const std::string detail = finding.detail.empty() ? "" : " (" + finding.detail + ")";
-        run.report.remarks.push_back(
-            {finding.path.empty() ? finding.section + " " + finding.key : finding.path,
-             code + ": " + finding.kind->title + detail, true});
+        run.report.remarks.push_back({place, code + ": " + finding.kind->title + detail, true});
     }
     return run.report.remarks.empty();
 }
@@ -140,7 +139,8 @@ public:
             done_ += target.package.size;
             unfinished = 0;
         }
-        output_.ProgressOfBytes("-copy", static_cast<unsigned long long>(done_ + unfinished),
+        const off_t copied = done_ + unfinished;
+        output_.ProgressOfBytes("-copy", static_cast<unsigned long long>(copied),
                                 static_cast<unsigned long long>(total_));
     }
 
@@ -286,7 +286,7 @@ std::optional<int> RefuseOtherList(Run& run, const std::string& iniPath) {
 
 int UpgradeList(Run& run, const std::string& iniPath) {
     const FileList list(iniPath);
-    if (const Trouble trouble = list.trouble()) return Refuse(run, kWrongUse, *trouble);
+    if (list.trouble()) return Refuse(run, kWrongUse, *list.trouble());
     if (list.lists().empty()) {
         return Refuse(run, kWrongUse, "no install type with a directory list; vfilelist check says more");
     }

@@ -28,7 +28,8 @@ bool IsMissing(int error) {
 
 // The number of its device may be another one when the machine has been started anew.
 bool IsOld(const OldFile& old, const struct stat& status) {
-    return status.st_ino == old.inode && S_ISLNK(status.st_mode) == old.isLink;
+    const bool isLink = S_ISLNK(status.st_mode);
+    return status.st_ino == old.inode && isLink == old.isLink;
 }
 
 bool IsChanged(const OldFile& old, const struct stat& status) {
@@ -121,11 +122,11 @@ UndoStep DecideOnNew(Phase undone, const TargetNow& now) {
 
 // As rename, but fails with EEXIST where something bears the new name. Not every file system can do that in
 // one step; on the others a name that is taken between the two is lost, which nothing can help.
-int RenameToFree(const std::string& path, const std::string& newPath) {
-    if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, newPath.c_str(), RENAME_NOREPLACE) == 0) return 0;
+int RenameToFree(const std::string& file, const std::string& newName) {
+    if (renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, newName.c_str(), RENAME_NOREPLACE) == 0) return 0;
     if (errno != EINVAL) return -1;
     struct stat status {};
-    if (lstat(newPath.c_str(), &status) != 0) return rename(path.c_str(), newPath.c_str());
+    if (lstat(newName.c_str(), &status) != 0) return rename(file.c_str(), newName.c_str());
     errno = EEXIST;
     return -1;
 }
