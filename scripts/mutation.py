@@ -14,7 +14,9 @@ LIST has the mutants that no test can catch, each place with its reason:
       The reason.
       | (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL); ==> dropped
 
-The status is 0 when every survivor is listed, no listed one was caught, and 95 % were caught.
+The status is 0 when every survivor is listed, no listed one was caught, and 95 % were caught; of a sample, when 90 %
+were caught. A sample tells at each commit when the tests have grown much worse; what it finds is named, and has to be
+listed or caught by the time all are tried.
 """
 import argparse
 import collections
@@ -32,6 +34,7 @@ import threading
 import time
 
 MIN_SCORE = 95
+MIN_SAMPLE_SCORE = 90  # a few mutants in a hundred say it less exactly
 SLOW_SECONDS = 0.5  # tests that take longer come last
 PRESET = "debug"
 WORK = pathlib.Path("build/mutation").resolve()
@@ -529,7 +532,7 @@ def read_list(path):
     return listed
 
 
-def judge(results, listed, is_whole):
+def judge(results, listed, is_whole, is_sample):
     counts = collections.Counter(results.values())
     caught = counts["caught"] + counts["hung"]
     tried = caught + counts["survived"]
@@ -540,6 +543,9 @@ def judge(results, listed, is_whole):
     wrong = False
     for file, label in sorted((survivors - listed).elements()):
         print(f"{file}: no test notices: {label}", file=sys.stderr)
+        wrong = wrong or not is_sample
+    if is_sample and score < MIN_SAMPLE_SCORE:
+        print(f"fewer than {MIN_SAMPLE_SCORE} % are caught", file=sys.stderr)
         wrong = True
     if is_whole:
         for file, label in sorted((listed - survivors).elements()):
@@ -577,7 +583,7 @@ def main():
         print(len(mutants))
         return 0
     results = run_all(mutants, options.jobs)
-    return judge(results, listed, is_whole)
+    return judge(results, listed, is_whole, options.sample is not None)
 
 
 if __name__ == "__main__":
