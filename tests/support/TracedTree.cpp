@@ -52,7 +52,6 @@ private:
     TreeRun run_;
     std::map<pid_t, bool> isInside_;
     std::map<pid_t, bool> isFailing_;
-    bool isEnding_ = false;
 };
 
 TreeRun Tracer::Run() {
