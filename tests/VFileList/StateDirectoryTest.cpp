@@ -332,6 +332,27 @@ TEST_F(StateDirectoryTest, KeepsThoseOfItsLibrariesThatTheUpgradeWillMove) {
     EXPECT_THAT(directory_->KeepRescue(journal_).value_or(""), HasSubstr(name + kCause));
 }
 
+TEST_F(StateDirectoryTest, KeepsTheSystemsOwnLibrariesOnlyWhenTheUpgradeMovesThem) {
+    std::string library;
+    const auto find = [](dl_phdr_info* object, std::size_t, void* found) {
+        const bool isIt = std::strstr(object->dlpi_name, "libstdc++.so.6") != nullptr;
+        if (isIt) *static_cast<std::string*>(found) = object->dlpi_name;
+        return isIt ? 1 : 0;
+    };
+    ASSERT_EQ(dl_iterate_phdr(find, &library), 1);
+    struct stat status {};
+    ASSERT_EQ(stat(library.c_str(), &status), 0);
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+
+    EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
+    EXPECT_THAT(scratch_.List("lib/state/rescue"), testing::Not(testing::Contains("libstdc++.so.6")));
+
+    journal_.targets = {{"/library", {}, OldFile{}}};
+    journal_.targets[0].old->inode = status.st_ino;
+    EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
+    EXPECT_THAT(scratch_.List("lib/state/rescue"), testing::Contains("libstdc++.so.6"));
+}
+
 TEST_F(StateDirectoryTest, PassesOverLibrariesThatAreGone) {
     ASSERT_EQ(directory_->Enter(), std::nullopt);
     const Replaced replaced(calls::stat, [](const char* path, struct stat* status) {

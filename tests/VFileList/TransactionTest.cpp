@@ -220,6 +220,24 @@ TEST_F(TransactionTest, KeepsOthersOutWhileAPassIsAtWork) {
     EXPECT_EQ(seen, "occupied");
 }
 
+TEST_F(TransactionTest, LeavesTheUpgradeOpenWhenMemoryRunsOutOnTheWayBack) {
+    ASSERT_EQ(Upgrade().status, 0);
+    {
+        const std::string state = release_.StatePath("state");
+        const Replaced replaced(calls::EVP_MD_CTX_new, [&state]() -> void* {
+            const bool isUndoing = ReadWholeFile(state).find("undoing") != std::string::npos;
+            return isUndoing ? nullptr : calls::real::EVP_MD_CTX_new();
+        });
+        const Ending ending = Rollback();
+
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_EQ(ending.error(), "std::bad_alloc");
+        EXPECT_EQ(ending.message(), "The old files are not all back. Remove the cause, and resume.");
+    }
+    EXPECT_EQ(Resume().status, 0);
+    ExpectOld();
+}
+
 TEST_F(TransactionTest, RefusesASecondUpgradeWhileOneIsOpen) {
     EXPECT_EQ(Upgrade().status, 0);
     const Tree installed = release_.Now();

@@ -61,12 +61,10 @@ void TargetChecker::Check(const Entry& entry, const std::optional<struct stat>& 
 
     const PlannedFile file = files.At(path);
     const bool isLink = file.kind == FileKind::kLink;
-    const Look look{path,
-                    file,
-                    isLink ? files.Behind(path) : file,
-                    files.At(list.BackupOf(entry)),
-                    files.Behind(list.ListOf(entry).directory).status,
-                    source};
+    const PlannedFile behind = isLink ? files.Behind(path) : file;
+    const PlannedFile backup = files.At(list.BackupOf(entry));
+    const PlannedFile directory = files.Behind(list.ListOf(entry).directory);
+    const Look look{path, file, behind, backup, directory.status, source};
     if (look.behind.kind == FileKind::kFile) {
         CheckInstalled(entry, look);
     } else if (look.file.kind != FileKind::kNone) {

@@ -2,7 +2,9 @@
 // state, which names its journal by the digest, at each step.
 #include "StateDirectory.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <gnu/libc-version.h>
 #include <link.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -76,11 +78,11 @@ std::set<std::string> LoadedLibraries() {
 }
 
 // Where the loader looks without being told to: there is the C library.
-fs::path UsualDirectory(const std::set<std::string>& libraries) {
-    for (const fs::path library : libraries) {
-        if (library.filename() == "libc.so.6") return library.parent_path();
-    }
-    return {};
+fs::path UsualDirectory() {
+    Dl_info library{};
+    (void)dladdr(reinterpret_cast<void*>(&gnu_get_libc_version),
+                 &library);  // it is loaded, or nothing would run
+    return fs::path(library.dli_fname).parent_path();
 }
 
 }  // namespace
@@ -173,9 +175,8 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
         if (target.old) moved.insert(target.old->inode);
     }
     if (Trouble trouble = Keep("/proc/self/exe", rescue / kProgram)) return trouble;
-    const std::set<std::string> libraries = LoadedLibraries();
-    const fs::path usual = UsualDirectory(libraries);
-    for (const fs::path library : libraries) {
+    const fs::path usual = UsualDirectory();
+    for (const fs::path library : LoadedLibraries()) {
         struct stat status {};
         if (stat(library.c_str(), &status) != 0) continue;
         if (library.parent_path() == usual && moved.count(status.st_ino) == 0) continue;
