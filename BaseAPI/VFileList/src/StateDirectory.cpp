@@ -179,7 +179,8 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
     for (const fs::path library : LoadedLibraries()) {
         struct stat status {};
         if (stat(library.c_str(), &status) != 0) continue;
-        if (library.parent_path() == usual && moved.count(status.st_ino) == 0) continue;
+        const bool isUsual = library.parent_path() == usual;
+        if (isUsual && moved.count(status.st_ino) == 0) continue;
         if (Trouble trouble = Keep(library, rescue / library.filename())) return trouble;
     }
     return Sync(rescue);
