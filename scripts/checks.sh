@@ -236,7 +236,8 @@ check_valgrind() {
     build default
     rm -rf "$logs"
     mkdir -p "$logs"
-    for program in vfilesys_tests platform_tests process_tests vfilelist_tests; do
+    # vfilelist forks the passes, which end otherwise under memcheck; AddressSanitizer watches it.
+    for program in vfilesys_tests platform_tests process_tests; do
         note "$program ..."
         under_valgrind "$program" "$logs" &
         running[$program]=$!
