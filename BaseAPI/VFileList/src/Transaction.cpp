@@ -91,8 +91,10 @@ bool IsAccepted(Run& run, const std::string& iniPath) {
         if (!finding.kind->IsError() && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
         std::string place = finding.path;
         if (place.empty()) place.append(finding.section).append(" ").append(finding.key);
-        const std::string detail = finding.detail.empty() ? "" : " (" + finding.detail + ")";
-        run.report.remarks.push_back({place, code + ": " + finding.kind->title + detail, true});
+        std::string text = code;
+        text.append(": ").append(finding.kind->title);
+        if (!finding.detail.empty()) text.append(" (").append(finding.detail).append(")");
+        run.report.remarks.push_back({place, text, true});
     }
     return run.report.remarks.empty();
 }
