@@ -219,13 +219,16 @@ under_valgrind() {  # PROGRAM LOGS
         --log-file="$PWD/$2/$1.%p" "build/default/tests/$1" --gtest_brief=1 >"$2/$1.out" 2>&1
 }
 
-# What memcheck's logs have of descriptors that a process had opened itself and left open. This is no error to it. The
-# log of a process that does not end it stays open: it outlives everything that may still log.
+# What memcheck's logs have of descriptors that a process had opened itself and left open. This is no error to it. A
+# process that a signal ended had no time to close anything. The log of a process that does not end it stays open: it
+# outlives everything that may still log.
 left_open() {  # LOG...
-    awk '/ Open (file descriptor|AF_)/ {
+    awk 'FNR == 1 { killed = 0 }
+    / Process terminating with default action of signal/ { killed = 1 }
+    / Open (file descriptor|AF_)/ {
         what = $0
         getline
-        if (!/inherited from parent/ && what !~ /\/a\.log$/) print FILENAME ":" what
+        if (!killed && !/inherited from parent/ && what !~ /\/a\.log$/) print FILENAME ":" what
     }' "$@"
 }
 
