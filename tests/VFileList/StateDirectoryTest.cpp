@@ -230,8 +230,8 @@ TEST_F(StateDirectoryTest, SyncsEachFileBeforeItHasItsNameAndTheNameAfterwards) 
     ASSERT_EQ(directory_->Enter(), std::nullopt);
     std::vector<std::string> steps;
     const Replaced sync(calls::fsync, [&steps](int fd) {
-        steps.push_back("sync " +
-                        fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename().string());
+        const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
+        steps.push_back("sync " + (path == "/" ? "/" : path.filename().string()));
         return 0;
     });
     const Replaced rename(calls::rename, [&steps](const char* from, const char* to) {
@@ -241,13 +241,32 @@ TEST_F(StateDirectoryTest, SyncsEachFileBeforeItHasItsNameAndTheNameAfterwards) 
 
     EXPECT_EQ(directory_->Begin(journal_), std::nullopt);
 
-    EXPECT_THAT(steps, ElementsAre("sync lib", "sync journal.new", "rename to journal", "sync state",
-                                   "sync state.new", "rename to state", "sync state"));
+    // The state's directories may be new, up to the root.
+    std::vector<std::string> expected;
+    for (fs::path above = fs::canonical(File("..")); above != "/"; above = above.parent_path())
+        expected.push_back("sync " + above.filename().string());
+    for (const char* const step : {"sync /", "sync journal.new", "rename to journal", "sync state",
+                                   "sync state.new", "rename to state", "sync state"})
+        expected.emplace_back(step);
+    EXPECT_EQ(steps, expected);
+}
+
+TEST_F(StateDirectoryTest, NeedNotSyncDirectoriesThatItCannotHaveMade) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    for (const int error : {EACCES, EINVAL, EIO}) {
+        const Replaced replaced(calls::fsync, [error](int fd) {
+            if (fs::read_symlink("/proc/self/fd/" + std::to_string(fd)) != "/") return 0;
+            errno = error;
+            return -1;
+        });
+        EXPECT_EQ(directory_->Begin(journal_).value_or("begun"),
+                  error == EIO ? "/: Input/output error" : "begun");
+    }
 }
 
 TEST_F(StateDirectoryTest, SaysWhatCannotBeWritten) {
     ASSERT_EQ(directory_->Enter(), std::nullopt);
-    ExpectTroubleOfBegin(calls::fsync, File("..") + kCause);
+    ExpectTroubleOfBegin(calls::fsync, fs::canonical(File("..")).string() + kCause);
     ExpectTroubleOfBegin(calls::rename, File("journal") + kCause);
     {
         const Replaced replaced(calls::write, [](int, const void*, size_t) -> ssize_t { return kFails(); });

@@ -22,7 +22,7 @@ Journal JournalOfTwo() {
 }
 
 TransactionReport ReportIn(Phase phase) {
-    TransactionReport report{"status", "/state"};
+    TransactionReport report{"status", kUsualStateDirectory};
     report.message = "The message.";
     report.phase = phase;
     return report;
@@ -43,7 +43,7 @@ TEST(TransactionReportTest, HasNothingOfAnUpgradeWhileNoneIsOpen) {
 
     EXPECT_EQ(status, 0);
     EXPECT_EQ(report, nlohmann::json::parse(R"({
-        "command": "status", "stateDirectory": "/state", "state": "none", "isAtWork": false, "fileList": null,
+        "command": "status", "stateDirectory": "/var/lib/vfilelist", "state": "none", "isAtWork": false, "fileList": null,
         "installType": null, "begun": null, "targets": null, "message": "The message.", "error": null,
         "remarks": [], "next": [], "exitStatus": 0})"));
     EXPECT_EQ(Text(ReportIn(Phase::kNone)), "The message.\n");
@@ -58,7 +58,7 @@ TEST(TransactionReportTest, HasTheOpenUpgradeAndWhatIsNext) {
     int status = -1;
 
     EXPECT_EQ(Json(report, &status), nlohmann::json::parse(R"({
-        "command": "status", "stateDirectory": "/state", "state": "installed", "isAtWork": true,
+        "command": "status", "stateDirectory": "/var/lib/vfilelist", "state": "installed", "isAtWork": true,
         "fileList": "/package/file\nlist.ini", "installType": "Server", "begun": "2001-09-09T01:46:40Z",
         "targets": 2, "message": "The message.", "error": "an error",
         "remarks": [{"path": "/one", "text": "text", "isSerious": true},
@@ -84,6 +84,12 @@ TEST(TransactionReportTest, SaysWhatLeadsOnFromEachState) {
                     HasSubstr("Next:   vfilelist resume    takes up what was cut off\n"));
     }
     EXPECT_THAT(Json(ReportIn(Phase::kCleaning))["next"], ElementsAre("commit"));
+}
+
+TEST(TransactionReportTest, RepeatsAnotherStateDirectoryInTheNextCommands) {
+    TransactionReport report = ReportIn(Phase::kInstalled);
+    report.stateDirectory = "/elsewhere\n";
+    EXPECT_THAT(Text(report), HasSubstr("Next:   vfilelist commit   --state /elsewhere\\x0a  keeps the new"));
 }
 
 TEST(TransactionReportTest, IsColouredOnATerminal) {

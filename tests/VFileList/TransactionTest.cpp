@@ -425,18 +425,27 @@ TEST_F(TransactionTest, KeepsTheListsApart) {
     EXPECT_EQ(Upgrade().status, 0);
     const std::string error = "the open upgrade is that of " + release_.package().ListPath();
     TransactionOptions options = release_.Options();
-    options.iniPath = release_.package().scratch().Write("other.ini", "");
-    const auto commit = [&](Output& out) { return ::Commit(options, out); };
     const auto rollback = [&](Output& out) { return RollbackOpen(options, out); };
-    EXPECT_EQ(ReportOf(commit)["error"], error);
+    options.iniPath = release_.package().scratch().Write("other.ini", "");
     EXPECT_EQ(ReportOf(rollback)["error"], error);
     options.iniPath = "nowhere.ini";
-    EXPECT_EQ(ReportOf(commit)["error"], error);
+    EXPECT_EQ(ReportOf(rollback)["error"], error);
 
     options.iniPath = release_.package().scratch().Link("package/link.ini", release_.package().ListPath());
     int status = -1;
-    EXPECT_EQ(ReportOf(commit, &status)["error"], nullptr) << "the same list by another name";
+    EXPECT_EQ(ReportOf(rollback, &status)["error"], nullptr) << "the same list by another name";
     EXPECT_EQ(status, 0);
+}
+
+TEST_F(TransactionTest, RefusesWhatIsForPassesByHandWhileAnUpgradeIsOpen) {
+    EXPECT_EQ(Upgrade().status, 0);
+    TransactionOptions options = release_.Options();
+    options.isByHand = true;
+    int status = -1;
+    EXPECT_EQ(ReportOf([&](Output& out) { return RollbackOpen(options, out); }, &status)["error"],
+              "an upgrade is open: --dry-run and --only-modes are for passes by hand");
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(Rollback().status, 0) << "it is still open";
 }
 
 TEST_F(TransactionTest, GoesBackWhenAPassFails) {

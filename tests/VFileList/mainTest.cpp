@@ -94,17 +94,12 @@ TEST_F(VFileListMainTest, ExitsWith2WithoutADirectoryListExceptForCheck) {
 
 TEST_F(VFileListMainTest, RollsBackNothingWithoutAFileListOrAnOpenUpgrade) {
     const std::string state = package_.scratch().Path("state");
-    const struct {
-        std::vector<std::string> options;
-        const char* cause;
-    } cases[] = {{{}, "no upgrade is open; name a file list to put its backups back"},
-                 {{"--dry-run"}, "--dry-run and --only-modes need a file list"},
-                 {{"--only-modes"}, "--dry-run and --only-modes need a file list"}};
-    for (const auto& row : cases) {
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{}, {"--dry-run"}, {"--only-modes"}}) {
         const ProcessResult result =
-            RunProcess(Concatenate({VFILELIST_PATH, "rollback", "--state", state}, row.options));
+            RunProcess(Concatenate({VFILELIST_PATH, "rollback", "--state", state}, options));
         EXPECT_EQ(result.exitStatus, 2);
-        EXPECT_THAT(result.err, HasSubstr(row.cause));
+        EXPECT_THAT(result.err, HasSubstr("no upgrade is open; name a file list to put its backups back"));
     }
 }
 
@@ -303,6 +298,16 @@ TEST_F(VFileListTransactionMainTest, UpgradesAndRollsBack) {
     const ProcessResult again = Run({"rollback"});
     EXPECT_EQ(again.exitStatus, 2);
     EXPECT_THAT(again.err, HasSubstr("no upgrade is open; name a file list"));
+}
+
+TEST_F(VFileListTransactionMainTest, DoesNothingForPassesByHandWhileAnUpgradeIsOpen) {
+    EXPECT_EQ(StatusOf({"upgrade", package_.ListPath()}), 0);
+    for (const char* const option : {"--dry-run", "--only-modes"}) {
+        const ProcessResult result = Run({"rollback", package_.ListPath(), option});
+        EXPECT_EQ(result.exitStatus, 1) << option;
+        EXPECT_THAT(result.out, HasSubstr("an upgrade is open: --dry-run and --only-modes are for"));
+    }
+    EXPECT_EQ(package_.Installed("tool"), "new");
 }
 
 TEST_F(VFileListTransactionMainTest, WritesJsonAsItsSchemaHasIt) {

@@ -19,7 +19,8 @@ std::vector<Finding> Inspect(const FileList& list, Output& output) {
         if (HasFileName(entry) && inspection.IsUsable(entry)) targets.Check(entry, source);
         output.Progress("check", ++done, list.entries().size());
     }
-    targets.Finish();
+    inspection.CountLosses();
+    targets.CheckUsers();
     CheckDuplicates(inspection);
     CheckPackage(inspection);
     CheckSpace(list, inspection.findings);

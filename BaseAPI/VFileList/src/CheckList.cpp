@@ -100,6 +100,20 @@ void Inspection::Add(const char* code, const Entry& entry, const std::string& pa
         {&KindOf(code), list.ListOf(entry).section, list.KeyOf(entry), entry.text, path, detail});
 }
 
+void Inspection::AddLoss(const char* code, const Entry& entry, const std::string& detail) {
+    if (detail.empty()) return;
+    const auto [loss, isNew] = losses.try_emplace({code, detail}, Loss{findings.size(), 0});
+    if (isNew) Add(code, entry, list.TargetOf(entry), detail);
+    ++loss->second.count;
+}
+
+void Inspection::CountLosses() {
+    for (const auto& [key, loss] : losses) {
+        if (loss.count == 1) continue;
+        findings[loss.finding].detail += "; " + Counted(loss.count, "file") + ", this is the first";
+    }
+}
+
 void CheckLists(Inspection& inspection) {
     CheckInstallType(inspection);
     for (const TargetList& list : inspection.list.lists()) {

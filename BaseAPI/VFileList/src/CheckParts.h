@@ -4,9 +4,11 @@
 
 #include <sys/stat.h>
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FileList.h"
@@ -21,11 +23,19 @@ struct Inspection {
     std::set<std::string> unusable;  // lists whose directory is no place to look at
     std::vector<Finding> findings;
     const std::optional<std::string> common = CanonicalPath(list.sourceDirectory());
+    struct Loss {
+        std::size_t finding;
+        std::size_t count;
+    };
+    std::map<std::pair<std::string, std::string>, Loss> losses;  // by code and detail
 
     explicit Inspection(const FileList& fileList) : list(fileList), files(fileList.root()) {}
     void Add(const char* code, const TargetList& targets, const std::string& path,
              const std::string& detail = "");
     void Add(const char* code, const Entry& entry, const std::string& path, const std::string& detail = "");
+    // Says once what several files lose; nothing where `detail` is empty.
+    void AddLoss(const char* code, const Entry& entry, const std::string& detail);
+    void CountLosses();
     bool IsUsable(const Entry& entry) const { return unusable.count(list.ListOf(entry).section) == 0; }
 };
 

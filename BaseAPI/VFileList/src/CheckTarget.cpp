@@ -71,16 +71,11 @@ void TargetChecker::Check(const Entry& entry, const std::optional<struct stat>& 
         CheckUnusable(entry, look);
     } else {
         CheckBackup(entry, look);
-        if (source) AddLoss("W-MODE-LOST", entry, LostMode(*source, look.directory, false));
+        if (source) inspection_.AddLoss("W-MODE-LOST", entry, LostMode(*source, look.directory, false));
     }
 }
 
-void TargetChecker::Finish() {
-    for (const auto& [key, loss] : losses_) {
-        if (loss.count == 1) continue;
-        inspection_.findings[loss.finding].detail +=
-            "; " + Counted(loss.count, "file") + ", this is the first";
-    }
+void TargetChecker::CheckUsers() {
     std::set<FileId> files;
     for (const auto& [file, entry] : installed_) files.insert(file);
     const std::map<FileId, std::string> users = UsersOf(files);
@@ -105,8 +100,8 @@ void TargetChecker::CheckUnusable(const Entry& entry, const Look& look) {
 
 void TargetChecker::CheckInstalled(const Entry& entry, const Look& look) {
     const struct stat& status = look.behind.status;
-    AddLoss("W-MODE-LOST", entry, LostMode(status, look.directory, true));
-    AddLoss("W-ATTRIBUTES-LOST", entry, AttributesOf(look.behind.origin));
+    inspection_.AddLoss("W-MODE-LOST", entry, LostMode(status, look.directory, true));
+    inspection_.AddLoss("W-ATTRIBUTES-LOST", entry, AttributesOf(look.behind.origin));
     if (look.source && IsSameFile(status, *look.source))
         inspection_.Add("E-TARGET-IN-PACKAGE", entry, look.path);
     if (IsSameFile(status, fileList_))
@@ -158,12 +153,4 @@ bool TargetChecker::IsBackupItself(const Entry& entry, const Look& look) const {
     if (IsSameFile(look.file.status, look.backup.status)) return true;
     return look.file.kind == FileKind::kLink && look.backup.kind != FileKind::kLink &&
            inspection_.files.EndOf(look.path) == inspection_.files.NameOf(inspection_.list.BackupOf(entry));
-}
-
-// Says once what several files lose.
-void TargetChecker::AddLoss(const char* code, const Entry& entry, const std::string& detail) {
-    if (detail.empty()) return;
-    const auto [loss, isNew] = losses_.try_emplace({code, detail}, Loss{inspection_.findings.size(), 0});
-    if (isNew) inspection_.Add(code, entry, inspection_.list.TargetOf(entry), detail);
-    ++loss->second.count;
 }

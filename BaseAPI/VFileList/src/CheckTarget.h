@@ -2,7 +2,6 @@
 #ifndef VFILELIST_CHECKTARGET_H
 #define VFILELIST_CHECKTARGET_H
 
-#include <map>
 #include <utility>
 
 #include "CheckParts.h"
@@ -15,8 +14,8 @@ public:
     // The target of an entry with a file name, in a directory that is one. `source` is the status of the
     // package's file, if there is one.
     void Check(const Entry& entry, const std::optional<struct stat>& source);
-    // What can be said when all targets are known.
-    void Finish();
+    // Who uses the files, when all are known.
+    void CheckUsers();
 
 private:
     struct Look {
@@ -27,17 +26,12 @@ private:
         struct stat directory;
         std::optional<struct stat> source;
     };
-    struct Loss {
-        std::size_t finding;
-        std::size_t count;
-    };
 
     void CheckUnusable(const Entry& entry, const Look& look);
     void CheckInstalled(const Entry& entry, const Look& look);
     void CheckLinks(const Entry& entry, const Look& look);
     void CheckBackup(const Entry& entry, const Look& look);
     bool IsBackupItself(const Entry& entry, const Look& look) const;
-    void AddLoss(const char* code, const Entry& entry, const std::string& detail);
 
     Inspection& inspection_;
     PlannedFiles renamed_;  // the files as -rename leaves them so far
@@ -46,7 +40,6 @@ private:
     const std::set<FileId> tool_ = FilesOfTheTool();
     std::set<std::string> seen_;
     std::vector<std::pair<FileId, const Entry*>> installed_;
-    std::map<std::pair<std::string, std::string>, Loss> losses_;  // by code and detail
 };
 
 #endif

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <set>
 #include <tuple>
@@ -17,15 +16,13 @@
 #include <utility>
 
 #include "Files.h"
+#include "PlannedFiles.h"
 #include "VCopyFileListIni.h"
 #include "VIni.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// As many as the kernel follows before it calls it a loop.
-constexpr int kMaxLinks = 40;
 
 // The tool's readers don't tell how long a value is that does not fit; a buffer of the whole file's size
 // holds any.
@@ -50,11 +47,15 @@ private:
     std::vector<char> buffer_;
 };
 
-// The same text for the same directory, however it is spelt.
-std::string IdentityOfDirectory(const std::string& path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) return fs::path(path).lexically_normal();
-    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+// The same text for the same directory, however it is spelt, be it one that -copy will make.
+std::string IdentityOfDirectory(PlannedFiles& files, const std::string& path) {
+    (void)files.MakeDirectory(path);
+    const PlannedFile directory = files.Behind(path);
+    if (directory.origin.empty()) {
+        const std::string text = fs::path(path).lexically_normal();
+        return files.EndOf(path).value_or(WithoutTrailingSlashes(text)) + "/";
+    }
+    return std::to_string(directory.status.st_dev) + ":" + std::to_string(directory.status.st_ino) + "/";
 }
 
 }  // namespace
@@ -120,17 +121,10 @@ std::string FileList::BackupOf(const Entry& entry) const {
     return TargetOf(entry) + kBackupSuffix;
 }
 
-std::string FileList::PlaceOf(const Entry& entry) const {
-    return PlaceOf(ListOf(entry)) + GetFileName(entry.text);
-}
-
-std::string FileList::PlaceOf(const TargetList& list) const {
-    return root_.empty() ? list.directory : ResolveBelowRoot(root_, list.directory) + "/";
-}
-
 std::vector<Target> FileList::Targets() const {
+    PlannedFiles files(root_);
     std::vector<std::string> identities;
-    for (const TargetList& list : lists()) identities.push_back(IdentityOfDirectory(PlaceOf(list)) + "/");
+    for (const TargetList& list : lists()) identities.push_back(IdentityOfDirectory(files, list.directory));
 
     std::vector<Target> targets;
     std::unordered_map<std::string, std::size_t> indexes;
@@ -165,30 +159,4 @@ bool HasValues(const TargetList& list) {
 bool HasFileName(const Entry& entry) {
     const std::string name = GetFileName(entry.text);
     return !name.empty() && name != "." && name != "..";
-}
-
-std::string ResolveBelowRoot(const std::string& root, const std::string& path) {
-    const fs::path start = fs::path(path).relative_path();
-    std::deque<fs::path> rest(start.begin(), start.end());
-    fs::path resolved = root;
-    for (int links = 0; !rest.empty();) {
-        const fs::path component = rest.front();
-        rest.pop_front();
-        if (component.empty() || component == ".") continue;
-        if (component == "..") {
-            if (resolved != root) resolved = resolved.parent_path();
-            continue;
-        }
-
-        std::error_code error;
-        const fs::path link = fs::read_symlink(resolved / component, error);
-        if (error || ++links > kMaxLinks) {
-            resolved /= component;
-            continue;
-        }
-        if (link.is_absolute()) resolved = root;
-        const fs::path relative = link.relative_path();
-        rest.insert(rest.begin(), relative.begin(), relative.end());
-    }
-    return resolved;
 }

@@ -69,10 +69,6 @@ public:
     std::string SourceOf(const Entry& entry) const { return sourceDirectory_ + entry.text; }
     std::string TargetOf(const Entry& entry) const;
     std::string BackupOf(const Entry& entry) const;
-    // Where the directory, ending in '/', and the target in it are on this machine: below the root, the
-    // directory's links followed as if the root were "/".
-    std::string PlaceOf(const TargetList& list) const;
-    std::string PlaceOf(const Entry& entry) const;
 
     // The installed files that the entries name. The same file in lists with different spellings of a
     // directory is one target; entries without a file name have none.
@@ -108,9 +104,5 @@ bool HasValues(const TargetList& list);
 
 // True for an entry that names a file: its last component is not empty, "." or "..".
 bool HasFileName(const Entry& entry);
-
-// `path` as the root directory of a system below `root` would resolve it: links that are absolute start again
-// at `root`, and ".." does not leave it. What is missing is appended as it stands.
-std::string ResolveBelowRoot(const std::string& root, const std::string& path);
 
 #endif

@@ -55,6 +55,19 @@ Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
     return std::nullopt;
 }
 
+// The directory, and those above it, may have been made just now: their names have to last as well. Where one
+// can't be opened or synced at all, nothing was made.
+Trouble SyncAbove(const std::string& path) {
+    std::error_code error;
+    const fs::path directory = fs::canonical(path, error);
+    for (fs::path above = directory; above.has_relative_path();) {
+        above = above.parent_path();
+        const Trouble trouble = Sync(above);
+        if (trouble && errno != EACCES && errno != EINVAL) return trouble;
+    }
+    return std::nullopt;
+}
+
 // Another name for the file is as good as a copy, since -rename gives it another name, too, and costs
 // nothing; but not all file systems can do that.
 Trouble Keep(const fs::path& file, const fs::path& copy) {
@@ -141,8 +154,7 @@ Trouble StateDirectory::Read(State& state, Journal& journal) {
 
 Trouble StateDirectory::Begin(const Journal& journal) {
     const std::string text = Print(journal);
-    // The directory may have been made just now: its own name has to last as well.
-    if (Trouble trouble = Sync(FileName(".."))) return trouble;
+    if (Trouble trouble = SyncAbove(path_)) return trouble;
     if (Trouble trouble = WriteDurably(kJournalFile, text)) return trouble;
     journalDigest_ = DigestOf(text);
     return Write({Phase::kRenaming, Phase::kNone});

@@ -10,6 +10,8 @@
 #include "Journal.h"
 #include "Trouble.h"
 
+constexpr char kUsualStateDirectory[] = "/var/lib/vfilelist";
+
 // What may have begun. Everything between two of them can be done again from its beginning.
 enum class Phase {
     kNone,       // nothing is open

@@ -279,13 +279,6 @@ int Clean(Run& run) {
     return End(run, kFine, "The new files are in place, and the backups are removed.");
 }
 
-// Refuses what can't be done on the open upgrade, if any.
-std::optional<int> RefuseOtherList(Run& run, const std::string& iniPath) {
-    if (iniPath.empty() || CanonicalPath(iniPath).value_or(iniPath) == run.journal.fileList)
-        return std::nullopt;
-    return Refuse(run, kFindings, "the open upgrade is that of " + run.journal.fileList);
-}
-
 int UpgradeList(Run& run, const std::string& iniPath) {
     const FileList list(iniPath);
     if (list.trouble()) return Refuse(run, kWrongUse, *list.trouble());
@@ -321,7 +314,6 @@ int Upgrade(const TransactionOptions& options, Output& output) {
 int Commit(const TransactionOptions& options, Output& output) {
     Run run("commit", options, output);
     if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kLook, *trouble);
-    if (const std::optional<int> status = RefuseOtherList(run, options.iniPath)) return *status;
     if (run.state.phase == Phase::kCleaning) return Clean(run);
     if (run.state.phase != Phase::kInstalled) {
         return Refuse(run, kFindings,
@@ -366,10 +358,17 @@ int RollbackTransaction(const TransactionOptions& options, Output& output, bool&
         return Refuse(run, kLook, *trouble);
     isOpen = run.state.phase != Phase::kNone;
     if (!isOpen) return kFine;
+    if (options.isByHand) {
+        return Refuse(run, kFindings,
+                      "an upgrade is open: --dry-run and --only-modes are for passes by hand");
+    }
     if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
     if (run.state.phase == Phase::kNone)
         return Refuse(run, kFindings, "another process has closed the upgrade");
-    if (const std::optional<int> status = RefuseOtherList(run, options.iniPath)) return *status;
+    if (!options.iniPath.empty() &&
+        CanonicalPath(options.iniPath).value_or(options.iniPath) != run.journal.fileList) {
+        return Refuse(run, kFindings, "the open upgrade is that of " + run.journal.fileList);
+    }
     if (run.state.phase == Phase::kCleaning) {
         return Refuse(run, kFindings, "backups are being removed already: only commit leads on");
     }

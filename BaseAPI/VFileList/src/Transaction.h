@@ -7,12 +7,14 @@
 #include <string>
 
 #include "Output.h"
+#include "StateDirectory.h"
 
 struct TransactionOptions {
-    std::string iniPath;  // for Upgrade; for the others empty, or the list of the open upgrade
-    std::string stateDirectory = "/var/lib/vfilelist";
-    bool isPartial =
-        false;  // RollbackTransaction closes the upgrade also when some files can't be brought back
+    std::string iniPath;  // for Upgrade; for RollbackTransaction empty, or the list of the open upgrade
+    std::string stateDirectory = kUsualStateDirectory;
+    // For RollbackTransaction: closes the upgrade also when some files can't be brought back.
+    bool isPartial = false;
+    bool isByHand = false;  // the same: refused, since something is asked for that is for passes by hand
 };
 
 // Each returns the exit status.

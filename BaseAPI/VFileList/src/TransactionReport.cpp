@@ -67,8 +67,10 @@ void ShowAsText(const TransactionReport& report, const Journal& journal, Output&
     output.Line("State:  " + std::string(NameOf(report.phase)) + ", begun " + ShownTime(journal.begun) +
                 (report.isAtWork ? ", at work now" : ""));
     output.Line("Files:  " + std::to_string(journal.targets.size()) + " of " + Shown(journal.fileList));
+    const bool isUsual = report.stateDirectory == kUsualStateDirectory;
+    const std::string option = isUsual ? "" : " --state " + Shown(report.stateDirectory);
     for (const std::string& command : NextCommands(report)) {
-        output.Line("Next:   vfilelist " + Padded(command, 8) + "  " +
+        output.Line("Next:   vfilelist " + Padded(command, 8) + option + "  " +
                     output.Paint(Style::kDim, Purpose(command)));
     }
 }

@@ -142,15 +142,10 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
 // With an open upgrade that one is taken back; otherwise the backups of the list are put back.
 int RunRollback(const Arguments& arguments, Output& output) {
     bool isOpen = false;
-    const bool isForList = arguments.rollback.isDryRun || arguments.rollback.isOnlyModes;
-    if (!isForList) {
-        const int status = RollbackTransaction(arguments.transaction, output, isOpen);
-        if (isOpen) return status;
-    }
+    const int status = RollbackTransaction(arguments.transaction, output, isOpen);
+    if (isOpen) return status;
     if (!arguments.iniPath.empty()) return RunOnList(arguments, "rollback", output);
-    return Refuse(arguments, "rollback",
-                  isForList ? "--dry-run and --only-modes need a file list"
-                            : "no upgrade is open; name a file list to put its backups back",
+    return Refuse(arguments, "rollback", "no upgrade is open; name a file list to put its backups back",
                   output);
 }
 
@@ -169,6 +164,7 @@ int Run(Arguments& arguments, const std::string& command) {
     arguments.check.iniPath = arguments.iniPath;
     arguments.transaction.iniPath = arguments.iniPath;
     arguments.transaction.isPartial = arguments.rollback.isPartial;
+    arguments.transaction.isByHand = arguments.rollback.isDryRun || arguments.rollback.isOnlyModes;
     const int status = RunCommand(arguments, command, output);
     output.EndJson();
     if (output.Finish()) return status;
