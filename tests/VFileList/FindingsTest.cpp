@@ -2,11 +2,58 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include "ScratchDirectory.h"
+
 namespace {
+
+// Compares the part of a document between two texts with what the table says. VFILELIST_WRITE_FINDINGS=1
+// writes it instead.
+void ExpectPart(const std::string& document, const std::string& begin, const std::string& end,
+                const std::string& part) {
+    const std::string path = VFS_SOURCE_DIRECTORY "/" + document;
+    const std::string text = ReadWholeFile(path);
+    const std::size_t from = text.find(begin) + begin.size();
+    const std::size_t to = end.empty() ? text.size() : text.find(end, from);
+    ASSERT_LE(from, text.size());
+    ASSERT_LE(to, text.size());
+    if (std::getenv("VFILELIST_WRITE_FINDINGS") != nullptr) {
+        std::ofstream(path) << text.substr(0, from) << part << text.substr(to);
+    } else {
+        EXPECT_EQ(text.substr(from, to - from), part);
+    }
+}
+
+std::string Sentence(const char* title) {
+    std::string sentence = std::string(title) + ".";
+    sentence[0] = static_cast<char>(std::toupper(sentence[0]));
+    return sentence;
+}
+
+// `text` in lines of a manual page, a new one for each sentence.
+std::string ManualLines(const std::string& text) {
+    std::istringstream words(text);
+    std::string lines;
+    std::string line;
+    for (std::string word; words >> word;) {
+        if (word[0] == '-') word.insert(0, 1, '\\');
+        const bool isEnd = !line.empty() && line.back() == '.';
+        if (isEnd || (!line.empty() && line.size() + 1 + word.size() > 80)) {
+            lines += line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return lines + line + "\n";
+}
 
 TEST(FindingsTest, EveryKindHasACodeOfItsOwnAndSaysWhatWillHappenAndWhatToDo) {
     std::set<std::string> codes;
@@ -27,6 +74,26 @@ TEST(FindingsTest, ErrorsComeBeforeWarnings) {
         EXPECT_FALSE(isWarningSeen && kind.IsError()) << kind.code;
         isWarningSeen = isWarningSeen || !kind.IsError();
     }
+}
+
+TEST(FindingsTest, TheDocumentIsMadeOfThem) {
+    std::string part;
+    for (const FindingKind& kind : FindingKinds()) {
+        part += std::string("\n### ") + kind.code + "\n\n" + Sentence(kind.title) + " " + kind.effect +
+                " **What to do:** " + kind.advice +
+                (kind.isByHandOnly ? " `vfilelist upgrade` prevents it.\n" : "\n");
+    }
+    ExpectPart("docs/findings.md", "<!-- from the table of the program -->\n", "", part);
+}
+
+TEST(FindingsTest, TheManualPageIsMadeOfThem) {
+    std::string part;
+    for (const FindingKind& kind : FindingKinds()) {
+        part += std::string(".It Li ") + kind.code + "\n" + ManualLines(Sentence(kind.title)) +
+                ManualLines(kind.effect);
+    }
+    ExpectPart("docs/man/vfilelist.1", "They stay the same from version to version.\n.Bl -tag -width Ds\n",
+               ".El\n", part);
 }
 
 TEST(FindingsTest, ThereIsNoUnknownKind) {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "Findings.h"
 #include "Package.h"
 #include "Sanitizer.h"
 
@@ -233,14 +232,6 @@ TEST_F(VFileListMainTest, RollsBackToTheEndThoughNobodyReadsTheReport) {
                       package_.ListPath()});
 
     for (const std::string& name : package_.InstalledNames()) EXPECT_THAT(name, Not(HasSubstr(".bak")));
-}
-
-TEST_F(VFileListMainTest, TheDocumentNamesEveryFindingAndItsTitle) {
-    const std::string document = ReadWholeFile(VFS_SOURCE_DIRECTORY "/docs/vfilelist.md");
-    for (const FindingKind& kind : FindingKinds()) {
-        EXPECT_THAT(document, HasSubstr("| `" + std::string(kind.code) + "` | " + kind.title + " | " +
-                                        kind.effect + " |\n"));
-    }
 }
 
 TEST_F(VFileListMainTest, WritesNothingToTheUpgradeLog) {

@@ -112,22 +112,6 @@ $(described_options ".Ss $command")"
         "$(part_of vfilelist.1 '.Ss verify' | sed -n 's/^\.It Cm //p')"
 }
 
-# The table of the document, word for word.
-check_findings() {
-    local page code wrong outcome
-    page=$(flat "$pages/vfilelist.1")
-    page=${page,,}
-    same "The sources of vfilelist and vfilelist.1 have different findings" \
-        "$(grep -ohE '"[EW]-[A-Z-]+"' "$source/BaseAPI/VFileList/src/Findings.cpp" | tr -d '"')" \
-        "$(sed -nE 's/^\.It Li ([EW]-[A-Z-]+)$/\1/p' "$pages/vfilelist.1")"
-    while IFS='|' read -r _ code wrong outcome _; do
-        code=${code//[\` ]/}
-        wrong="$code$wrong"
-        wrong="${wrong% }.$outcome"
-        [[ $page == *"${wrong,,}"* ]] || fail "vfilelist.1 tells of $code otherwise than docs/vfilelist.md"
-    done < <(grep -E '^\| `[EW]-' "$source/docs/vfilelist.md")
-}
-
 classes=()
 for header in "$library"/include/*.h; do classes+=("$(basename "$header" .h)"); done
 
@@ -138,7 +122,6 @@ for class in "${classes[@]}"; do
 done
 check_logged_by_tool
 check_options
-check_findings
 
 ((failures == 0)) || exit 1
 printf '%s\n' "$(find "$pages" -name '*.[1-8]' | wc -l) manual pages, ${#classes[@]} classes"

@@ -1,4 +1,5 @@
-// The table of findings. docs/vfilelist.md shows it to release engineers.
+// The table of findings. docs/findings.md and the manual page are made of it: after a change, run its test
+// with VFILELIST_WRITE_FINDINGS=1.
 #include "Findings.h"
 
 #include <stdexcept>
