@@ -5,8 +5,13 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace {
+
+const std::string kFirstLine = "vfilelist-journal 1\n";
+const char kNone[] = "it is no journal, or one of another version of vfilelist";
+const char kOtherForm[] = "it does not have the form of a journal";
 
 std::string EveryByte() {
     std::string bytes;
@@ -40,13 +45,23 @@ Journal FullJournal() {
     return journal;
 }
 
-std::string WithDigest(const std::string& text) {
-    return text + "sha256 " + HexOf(DigestOf(text)) + "\n";
+std::string Print(const Journal& journal) {
+    std::string text;
+    EXPECT_EQ(Print(journal,
+                    [&text](std::string_view block) {
+                        text += block;
+                        return std::nullopt;
+                    }),
+              std::nullopt);
+    return text;
 }
 
-// The lines between the first and the last one.
-std::string WithFrame(const std::string& lines) {
-    return WithDigest("vfilelist-journal 1\n" + lines);
+// In blocks of a few bytes.
+Trouble Parse(std::string_view text, Journal& journal) {
+    constexpr std::size_t kBlock = 7;
+    JournalParser parser;
+    for (std::size_t begin = 0; begin < text.size(); begin += kBlock) parser.Add(text.substr(begin, kBlock));
+    return parser.Finish(journal);
 }
 
 std::string TroubleOf(const std::string& text) {
@@ -105,47 +120,49 @@ TEST(JournalTest, IsPlainTextWhateverTheFilesAreCalled) {
     journal.begun = 5;
     const std::string digest = HexOf(DigestOf(""));
 
-    EXPECT_EQ(Print(journal), WithFrame("filelist /a%20b/100%25%0a " + digest + " % 5\n"));
+    EXPECT_EQ(Print(journal), kFirstLine + "filelist /a%20b/100%25%0a " + digest + " % 5\n");
     for (const char character : Print(FullJournal()))
         EXPECT_TRUE(character == '\n' || (character >= ' ' && character <= '~'));
 }
 
-TEST(JournalTest, ThatWasCutOffAnywhereIsNone) {
-    const std::string text = Print(FullJournal());
-    const std::string kind = "it is no journal, or one of another version of vfilelist";
-    for (std::size_t length = 0; length < text.size(); ++length) {
-        EXPECT_EQ(TroubleOf(text.substr(0, length)), length < 20 ? kind : "it was cut off or changed")
-            << length;
-    }
-    EXPECT_EQ(TroubleOf(text + "\n"), "it was cut off or changed");
-    EXPECT_EQ(TroubleOf(text + text), "it was cut off or changed");
+TEST(JournalTest, IsPrintedInBlocksAndEndsWithTheFirstTrouble) {
+    Journal journal;
+    journal.targets.resize(10000);
+    std::vector<std::size_t> blocks;
+    const Sink sink = [&blocks](std::string_view block) {
+        blocks.push_back(block.size());
+        return blocks.size() == 2 ? Trouble("full") : Trouble();
+    };
+    EXPECT_EQ(Print(journal, sink), "full");
+
+    ASSERT_EQ(blocks.size(), 2u) << "nothing is handed out after a trouble";
+    EXPECT_LT(blocks[1], 66000u);
 }
 
-TEST(JournalTest, OfWhichAnyByteWasChangedIsNone) {
-    std::string text = Print(FullJournal());
-    for (char& byte : text) {
-        for (const int bits : {0x01, 0x20, 0xff}) {
-            byte = static_cast<char>(byte ^ bits);
-            EXPECT_NE(TroubleOf(text), "") << &byte - text.data();
-            byte = static_cast<char>(byte ^ bits);
-        }
+TEST(JournalTest, ThatWasCutOffInALineIsNone) {
+    const std::string text = Print(FullJournal());
+    for (std::size_t length = 0; length < text.size(); ++length) {
+        const bool isLine = length > 0 && text[length - 1] == '\n';
+        const char* const trouble = length < kFirstLine.size() ? kNone : isLine ? "" : kOtherForm;
+        EXPECT_EQ(TroubleOf(text.substr(0, length)), trouble) << length;
     }
-    EXPECT_EQ(TroubleOf(text), "");
+    EXPECT_EQ(TroubleOf(text + "\n"), kOtherForm);
+    EXPECT_EQ(TroubleOf(text + text), kOtherForm);
 }
 
 TEST(JournalTest, OfAnotherVersionIsRefused) {
-    EXPECT_EQ(TroubleOf(WithDigest("vfilelist-journal 2\n")),
-              "it is no journal, or one of another version of vfilelist");
+    EXPECT_EQ(TroubleOf("vfilelist-journal 2\n"), kNone);
+    EXPECT_EQ(TroubleOf("vfilelist-journal 2\n" + kFirstLine), kOtherForm);
 }
 
-TEST(JournalTest, OfAnotherFormIsRefusedThoughItsDigestIsRight) {
+TEST(JournalTest, OfAnotherFormIsRefused) {
     const std::string digest = HexOf(DigestOf(""));
     const std::string list = "filelist /list " + digest + " Server 5\n";
     const std::string target = list + "target /t\nnew /s 1 420 " + digest + "\n";
     const std::string old = target + "old file 1 2 3 4 5 6 7\n";
     for (const std::string& right :
          {list, target, old, old + "attribute user.a %\n", list + "olddirectory /d 2\nnewdirectory /e\n"}) {
-        EXPECT_EQ(TroubleOf(WithFrame(right)), "") << right;
+        EXPECT_EQ(TroubleOf(kFirstLine + right), "") << right;
     }
 
     const std::string wrong[] = {
@@ -178,8 +195,7 @@ TEST(JournalTest, OfAnotherFormIsRefusedThoughItsDigestIsRight) {
         list + "\n" + list,
         "filelist /list " + digest + " Server\n",
     };
-    for (const std::string& lines : wrong)
-        EXPECT_EQ(TroubleOf(WithFrame(lines)), "it does not have the form of a journal") << lines;
+    for (const std::string& lines : wrong) EXPECT_EQ(TroubleOf(kFirstLine + lines), kOtherForm) << lines;
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 // Digests by OpenSSL's libcrypto.
 #include "Digest.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
-#include <memory>
 #include <new>
 #include <vector>
 
@@ -16,33 +14,26 @@ namespace {
 
 constexpr std::size_t kBlockSize = std::size_t{128} * 1024;
 
-class Hasher {
-public:
-    Hasher()
-        : isGood_(context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
-
-    void Add(const char* bytes, std::size_t length) {
-        isGood_ = isGood_ && EVP_DigestUpdate(context_.get(), bytes, length) == 1;
-    }
-
-    Digest Finish() {
-        Digest digest{};
-        isGood_ = isGood_ && EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1;
-        if (!isGood_) throw std::bad_alloc();  // nothing but memory can be missing
-        return digest;
-    }
-
-private:
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context_{EVP_MD_CTX_new(),
-                                                                           &EVP_MD_CTX_free};
-    bool isGood_;
-};
-
 }  // namespace
+
+Hasher::Hasher()
+    : context_(EVP_MD_CTX_new(), &EVP_MD_CTX_free),
+      isGood_(context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
+
+void Hasher::Add(std::string_view bytes) {
+    isGood_ = isGood_ && EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1;
+}
+
+Digest Hasher::Finish() {
+    Digest digest{};
+    isGood_ = isGood_ && EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1;
+    if (!isGood_) throw std::bad_alloc();  // nothing but memory can be missing
+    return digest;
+}
 
 Digest DigestOf(std::string_view bytes) {
     Hasher hasher;
-    hasher.Add(bytes.data(), bytes.size());
+    hasher.Add(bytes);
     return hasher.Finish();
 }
 
@@ -52,7 +43,7 @@ std::optional<Digest> DigestOfFile(int fd) {
     ssize_t count = 0;
     do {
         count = read(fd, block.data(), block.size());
-        if (count > 0) hasher.Add(block.data(), static_cast<std::size_t>(count));
+        if (count > 0) hasher.Add({block.data(), static_cast<std::size_t>(count)});
     } while (count > 0);
     if (count < 0) return std::nullopt;
     return hasher.Finish();

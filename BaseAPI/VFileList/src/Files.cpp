@@ -118,16 +118,20 @@ Content ContentComparer::CompareRestWithZero(int fd, std::size_t begin, std::siz
     }
 }
 
-int ReadWhole(const std::string& path, std::string& content) {
+int ReadBlocks(const std::string& path, const std::function<void(std::string_view)>& take) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file) return errno;
     std::vector<char> block(kBlockSize);
     for (;;) {
         const ssize_t count = read(file.get(), block.data(), block.size());
         if (count == 0) return 0;
-        if (count > 0) content.append(block.data(), static_cast<std::size_t>(count));
         if (count < 0) return errno;
+        take({block.data(), static_cast<std::size_t>(count)});
     }
+}
+
+int ReadWhole(const std::string& path, std::string& content) {
+    return ReadBlocks(path, [&content](std::string_view block) { content += block; });
 }
 
 Trouble Sync(const std::string& path) {

@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Trouble.h"
@@ -57,7 +59,8 @@ private:
     int unreadable_ = -1;  // the descriptor that could not be read
 };
 
-// The whole content of the file. Returns 0 or an errno.
+// Hands out the content of the file, block by block, or has it whole. Both return 0 or an errno.
+int ReadBlocks(const std::string& path, const std::function<void(std::string_view)>& take);
 int ReadWhole(const std::string& path, std::string& content);
 
 // Makes the file, or the names in the directory, last through a power cut.

@@ -1,6 +1,5 @@
 // The journal's text: a line for each fact, its words separated by blanks. Bytes that are no printable ASCII,
-// and '%', stand as %XX, so that a journal can be read on any terminal whatever the files are called. The
-// last line has the digest of all before it: a journal that was cut off or changed is none.
+// and '%', stand as %XX, so that a journal can be read on any terminal whatever the files are called.
 #include "Journal.h"
 
 #include <algorithm>
@@ -8,9 +7,8 @@
 
 namespace {
 
-constexpr std::string_view kFirstLine = "vfilelist-journal 1\n";
-constexpr std::string_view kLastLineStart = "sha256 ";
-constexpr std::size_t kLastLineLength = kLastLineStart.size() + 2 * sizeof(Digest) + 1;
+constexpr std::string_view kFirstLine = "vfilelist-journal 1";
+constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
 // An empty word is a single '%'.
 std::string Word(std::string_view text) {
@@ -27,22 +25,30 @@ std::string Word(std::string_view text) {
 
 class Printer {
 public:
-    explicit Printer(std::string_view firstLine) : text_(firstLine) {}
+    explicit Printer(const Sink& sink) : sink_(sink) {}
 
     template <typename... Words>
     void Line(std::string_view name, const Words&... words) {
         text_ += name;
         ((text_ += ' ', text_ += words), ...);
         text_ += '\n';
+        if (text_.size() >= kBlockSize) Flush();
     }
 
-    std::string Finish() {
-        Line("sha256", HexOf(DigestOf(text_)));
-        return std::move(text_);
+    Trouble Finish() {
+        Flush();
+        return trouble_;
     }
 
 private:
+    void Flush() {
+        if (!trouble_) trouble_ = sink_(text_);
+        text_.clear();
+    }
+
+    const Sink& sink_;
     std::string text_;
+    Trouble trouble_;
 };
 
 template <typename Number>
@@ -66,19 +72,10 @@ void PrintTarget(const JournalTarget& target, Printer& printer) {
     }
 }
 
-// Takes a text apart into lines of words. What does not fit is noted, and asked for once at the end.
+// Takes a line apart into words. What does not fit is noted, and asked for once at the end.
 class Scanner {
 public:
-    explicit Scanner(std::string_view text) : rest_(text) {}
-
-    // The name of the next line; empty at the end.
-    std::string_view NextLine() {
-        isGood_ = isGood_ && line_.empty();  // no word was left over
-        const std::size_t end = std::min(rest_.find('\n'), rest_.size());
-        line_ = rest_.substr(0, end);
-        rest_.remove_prefix(std::min(end + 1, rest_.size()));
-        return Next();
-    }
+    explicit Scanner(std::string_view line) : line_(line) {}
 
     std::string_view Next() {
         const std::size_t end = std::min(line_.find(' '), line_.size());
@@ -118,10 +115,10 @@ public:
     }
 
     void Fail() { isGood_ = false; }
-    bool IsDone() const { return isGood_ && line_.empty() && rest_.empty(); }
+    // Whether all was as expected, and no word is left over.
+    bool IsDone() const { return isGood_ && line_.empty(); }
 
 private:
-    std::string_view rest_;
     std::string_view line_;
     bool isGood_ = true;
 };
@@ -162,7 +159,8 @@ void ParseTargetLine(std::string_view name, Scanner& scanner, std::vector<Journa
     }
 }
 
-void ParseLine(std::string_view name, Scanner& scanner, Journal& journal) {
+void ParseLine(Scanner& scanner, Journal& journal) {
+    const std::string_view name = scanner.Next();
     if (name == "filelist") {
         journal.fileList = scanner.Text();
         journal.fileListDigest = scanner.Expect(DigestFromHex(scanner.Next()));
@@ -181,19 +179,11 @@ void ParseLine(std::string_view name, Scanner& scanner, Journal& journal) {
     }
 }
 
-// The lines between the first and the last one; nothing when the text is no whole journal.
-std::optional<std::string_view> BodyOf(std::string_view text) {
-    if (text.size() < kFirstLine.size() + kLastLineLength) return std::nullopt;
-    const std::string_view all = text.substr(0, text.size() - kLastLineLength);
-    const std::string_view last = text.substr(all.size());
-    if (last != std::string(kLastLineStart) + HexOf(DigestOf(all)) + "\n") return std::nullopt;
-    return all.substr(kFirstLine.size());
-}
-
 }  // namespace
 
-std::string Print(const Journal& journal) {
-    Printer printer(kFirstLine);
+Trouble Print(const Journal& journal, const Sink& sink) {
+    Printer printer(sink);
+    printer.Line(kFirstLine);
     printer.Line("filelist", Word(journal.fileList), HexOf(journal.fileListDigest), Word(journal.installType),
                  Shown(journal.begun));
     for (const OldDirectory& directory : journal.oldDirectories) {
@@ -204,18 +194,30 @@ std::string Print(const Journal& journal) {
     return printer.Finish();
 }
 
-Trouble Parse(std::string_view text, Journal& journal) {
-    if (text.substr(0, kFirstLine.size()) != kFirstLine) {
-        return "it is no journal, or one of another version of vfilelist";
+void JournalParser::Add(std::string_view text) {
+    for (std::size_t end = 0; (end = text.find('\n')) != std::string_view::npos;) {
+        rest_ += text.substr(0, end);
+        AddLine(rest_);
+        rest_.clear();
+        text.remove_prefix(end + 1);
     }
-    const std::optional<std::string_view> body = BodyOf(text);
-    if (!body) return "it was cut off or changed";
+    rest_ += text;
+}
 
-    journal = {};
-    Scanner scanner(*body);
-    for (std::string_view name = scanner.NextLine(); !name.empty(); name = scanner.NextLine()) {
-        ParseLine(name, scanner, journal);
-    }
-    if (!scanner.IsDone()) return "it does not have the form of a journal";
+Trouble JournalParser::Finish(Journal& journal) {
+    if (!isVersionKnown_) return "it is no journal, or one of another version of vfilelist";
+    if (!isGood_ || !rest_.empty()) return "it does not have the form of a journal";
+    journal = std::move(journal_);
     return std::nullopt;
+}
+
+void JournalParser::AddLine(std::string_view line) {
+    if (!isVersionKnown_) {
+        isVersionKnown_ = line == kFirstLine;
+        isGood_ = isGood_ && isVersionKnown_;
+        return;
+    }
+    Scanner scanner(line);
+    ParseLine(scanner, journal_);
+    isGood_ = isGood_ && scanner.IsDone();
 }

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -56,9 +57,25 @@ struct Journal {
     std::vector<JournalTarget> targets;       // in the order in which the passes visit them
 };
 
-std::string Print(const Journal& journal);
+// Hands the journal's text to the sink, block by block. Returns the sink's first trouble.
+using Sink = std::function<Trouble(std::string_view)>;
+Trouble Print(const Journal& journal, const Sink& sink);
 
-// Reads what Print has written; trouble for anything else.
-Trouble Parse(std::string_view text, Journal& journal);
+// Reads what Print has written. That the text is whole is for its keeper to know.
+class JournalParser {
+public:
+    // The next block of the text.
+    void Add(std::string_view text);
+    // The journal, or why the text is none.
+    Trouble Finish(Journal& journal);
+
+private:
+    void AddLine(std::string_view line);
+
+    Journal journal_;
+    std::string rest_;  // the beginning of a line
+    bool isVersionKnown_ = false;
+    bool isGood_ = true;
+};
 
 #endif

@@ -46,7 +46,7 @@ std::optional<State> StateFrom(const std::string& text, const Digest& journal) {
     return std::nullopt;
 }
 
-Trouble WriteAll(int fd, const std::string& path, const std::string& text) {
+Trouble WriteAll(int fd, const std::string& path, std::string_view text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = write(fd, text.data() + done, text.size() - done);
         if (count < 0) return TroubleWith(path, errno);
@@ -140,28 +140,39 @@ Trouble StateDirectory::Read(State& state, Journal& journal) {
     const int error = ReadWhole(FileName(kStateFile), stateText);
     if (error == ENOENT) return std::nullopt;
     if (error != 0) return TroubleWith(FileName(kStateFile), error);
-    std::string text;
-    const int journalError = ReadWhole(FileName(kJournalFile), text);
-    if (journalError != 0) return TroubleWith(FileName(kJournalFile), journalError);
 
-    journalDigest_ = DigestOf(text);
+    Hasher hasher;
+    JournalParser parser;
+    const int journalError = ReadBlocks(FileName(kJournalFile), [&](std::string_view block) {
+        hasher.Add(block);
+        parser.Add(block);
+    });
+    if (journalError != 0) return TroubleWith(FileName(kJournalFile), journalError);
+    journalDigest_ = hasher.Finish();
     const std::optional<State> found = StateFrom(stateText, journalDigest_);
     if (!found) return FileName(kStateFile) + ": changed, of another version, or not of this journal";
-    if (const Trouble trouble = Parse(text, journal)) return FileName(kJournalFile) + ": " + *trouble;
+    if (const Trouble trouble = parser.Finish(journal)) return FileName(kJournalFile) + ": " + *trouble;
     state = *found;
     return std::nullopt;
 }
 
 Trouble StateDirectory::Begin(const Journal& journal) {
-    const std::string text = Print(journal);
     if (Trouble trouble = SyncAbove(path_)) return trouble;
-    if (Trouble trouble = WriteDurably(kJournalFile, text)) return trouble;
-    journalDigest_ = DigestOf(text);
+    Hasher hasher;
+    const auto print = [&](const Sink& sink) {
+        return Print(journal, [&](std::string_view block) {
+            hasher.Add(block);
+            return sink(block);
+        });
+    };
+    if (Trouble trouble = WriteDurably(kJournalFile, print)) return trouble;
+    journalDigest_ = hasher.Finish();
     return Write({Phase::kRenaming, Phase::kNone});
 }
 
 Trouble StateDirectory::Write(const State& state) {
-    return WriteDurably(kStateFile, Print(state, journalDigest_));
+    const std::string text = Print(state, journalDigest_);
+    return WriteDurably(kStateFile, [&text](const Sink& sink) { return sink(text); });
 }
 
 // The state goes first: a journal without one is not open.
@@ -198,14 +209,16 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
     return Sync(rescue);
 }
 
-Trouble StateDirectory::WriteDurably(const char* name, const std::string& text) const {
+Trouble StateDirectory::WriteDurably(const char* name,
+                                     const std::function<Trouble(const Sink&)>& print) const {
     const std::string path = FileName(name);
     const std::string unfinished = path + ".new";
     {
         const Descriptor file(
             open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (!file) return TroubleWith(unfinished, errno);
-        if (Trouble trouble = WriteAll(file.get(), unfinished, text)) return trouble;
+        const auto write = [&](std::string_view text) { return WriteAll(file.get(), unfinished, text); };
+        if (Trouble trouble = print(write)) return trouble;
         if (fsync(file.get()) != 0) return TroubleWith(unfinished, errno);
     }
     if (rename(unfinished.c_str(), path.c_str()) != 0) return TroubleWith(path, errno);

@@ -3,6 +3,7 @@
 #ifndef VFILELIST_STATEDIRECTORY_H
 #define VFILELIST_STATEDIRECTORY_H
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -54,7 +55,8 @@ public:
 
 private:
     std::string FileName(const char* name) const { return path_ + "/" + name; }
-    Trouble WriteDurably(const char* name, const std::string& text) const;
+    // `print` hands the text to its sink.
+    Trouble WriteDurably(const char* name, const std::function<Trouble(const Sink&)>& print) const;
 
     const std::string path_;
     Digest journalDigest_{};
