@@ -851,6 +851,8 @@ TEST_F(CheckTest, FindsALinkThatWillPointNowhereOnceRenameHasMovedItsFile) {
     EXPECT_THAT(FindCodes(package_), Not(Contains("E-TARGET-DANGLING")));
     package_.WriteEntries("lib.so.1,lib.so.1.2,lib.so");
     EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-DANGLING"));
+    package_.WriteEntries("lib.so.1.2,lib.so");
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-DANGLING"));
     EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("(once -rename has moved "));
 }
 

@@ -48,8 +48,7 @@ std::string LostMode(const struct stat& reference, const struct stat& directory,
 
 }  // namespace
 
-TargetChecker::TargetChecker(Inspection& inspection)
-    : inspection_(inspection), renamed_(inspection.list.root()) {
+TargetChecker::TargetChecker(Inspection& inspection) : inspection_(inspection) {
     (void)stat(inspection.list.iniPath().c_str(), &fileList_);  // without it nothing is the list
 }
 
@@ -116,19 +115,29 @@ void TargetChecker::CheckInstalled(const Entry& entry, const Look& look) {
 }
 
 void TargetChecker::CheckLinks(const Entry& entry, const Look& look) {
-    // A link points nowhere, too, when -rename comes to it after it has moved what the link leads to.
+    // A link points nowhere, too, when -rename comes to it after it has moved what the link leads to. Most
+    // lists have no links, and then nothing of this is kept.
     const bool isLink = look.file.kind == FileKind::kLink;
-    if (isLink && renamed_.Behind(look.path).kind == FileKind::kNone) {
+    if (isLink) NoteRenamed();
+    if (isLink && renamed_->Behind(look.path).kind == FileKind::kNone) {
         inspection_.Add("E-TARGET-DANGLING", entry, look.path, "once -rename has moved what it leads to");
         return;
     }
-    renamed_.Move(look.path, inspection_.list.BackupOf(entry));
+    if (renamed_) renamed_->Move(look.path, inspection_.list.BackupOf(entry));
     if (isLink) {
         inspection_.Add("W-TARGET-LINKED", entry, look.path, "a link to " + look.file.link);
     } else if (look.file.status.st_nlink > (IsBackupItself(entry, look) ? 2 : 1)) {
         inspection_.Add("W-TARGET-LINKED", entry, look.path,
                         std::to_string(look.file.status.st_nlink) + " hard links");
     }
+}
+
+// Without a link among them, -rename moves all installed files.
+void TargetChecker::NoteRenamed() {
+    if (renamed_) return;
+    const FileList& list = inspection_.list;
+    renamed_.emplace(list.root());
+    for (const auto& [file, entry] : installed_) renamed_->Move(list.TargetOf(*entry), list.BackupOf(*entry));
 }
 
 void TargetChecker::CheckBackup(const Entry& entry, const Look& look) {

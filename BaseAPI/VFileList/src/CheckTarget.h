@@ -30,11 +30,12 @@ private:
     void CheckUnusable(const Entry& entry, const Look& look);
     void CheckInstalled(const Entry& entry, const Look& look);
     void CheckLinks(const Entry& entry, const Look& look);
+    void NoteRenamed();
     void CheckBackup(const Entry& entry, const Look& look);
     bool IsBackupItself(const Entry& entry, const Look& look) const;
 
     Inspection& inspection_;
-    PlannedFiles renamed_;  // the files as -rename leaves them so far
+    std::optional<PlannedFiles> renamed_;  // the files as -rename leaves them so far, from the first link on
     ContentComparer comparer_;
     struct stat fileList_ {};
     const std::set<FileId> tool_ = FilesOfTheTool();

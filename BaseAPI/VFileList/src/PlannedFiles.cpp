@@ -62,11 +62,11 @@ PlannedFile PlannedFiles::Behind(const std::string& path) const {
 std::optional<std::string> PlannedFiles::NameOf(const std::string& path) const {
     const std::size_t begin = path.rfind('/') + 1;  // 0 when there is none
     const std::string last = path.substr(begin);
-    if (last.empty() || last == "." || last == "..") return Walk(path);
+    if (last == "." || last == "..") return Walk(path);
 
     const auto [directory, isNew] = directoryNames_.try_emplace(path.substr(0, begin));
     if (isNew) directory->second = Walk(directory->first);
-    if (!directory->second) return std::nullopt;
+    if (!directory->second || last.empty()) return directory->second;
     return *directory->second + "/" + last;
 }
 
@@ -128,6 +128,7 @@ std::vector<std::string> PlannedFiles::MakeDirectory(const std::string& path) {
 PlannedFile PlannedFiles::FileAt(const std::string& name) const {
     const auto changed = changed_.find(name);
     if (changed != changed_.end()) return changed->second;
+    if (!isTreeChanged_) return LookAt(root_ + (name.empty() ? "/" : name));
     // Below a directory that has been moved, the files are where that was; a new one has none.
     for (std::size_t slash = name.rfind('/'); slash != 0 && slash != std::string::npos;
          slash = name.rfind('/', slash - 1)) {
@@ -136,7 +137,7 @@ PlannedFile PlannedFiles::FileAt(const std::string& name) const {
         const std::string& origin = directory->second.origin;
         return origin.empty() ? PlannedFile{} : LookAt(origin + name.substr(slash));
     }
-    return LookAt(name.empty() ? root_ + "/" : root_ + name);
+    return LookAt(root_ + (name.empty() ? "/" : name));
 }
 
 // The name at which the path ends once all links are followed. That of the root directory is empty.
@@ -169,8 +170,10 @@ std::optional<std::string> PlannedFiles::Walk(const std::string& path) const {
 }
 
 void PlannedFiles::Change(const std::string& name, PlannedFile file) {
-    const bool didLeadOn = LeadsOn(FileAt(name));
-    if (didLeadOn || LeadsOn(file)) directoryNames_.clear();
+    if (LeadsOn(FileAt(name)) || LeadsOn(file)) {
+        directoryNames_.clear();
+        isTreeChanged_ = true;
+    }
     changed_[name] = std::move(file);
 }
 

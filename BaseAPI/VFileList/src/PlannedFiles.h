@@ -52,6 +52,7 @@ private:
 
     const std::string root_;
     std::map<std::string, PlannedFile> changed_;
+    bool isTreeChanged_ = false;  // by a directory or a link, which other names lead through
     mutable std::map<std::string, std::optional<std::string>> directoryNames_;
 };
 
