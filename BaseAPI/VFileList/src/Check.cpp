@@ -9,22 +9,8 @@
 
 namespace {
 
-std::vector<Finding> Inspect(const FileList& list, Output& output) {
-    Inspection inspection(list);
-    CheckLists(inspection);
-    TargetChecker targets(inspection);
-    std::size_t done = 0;
-    for (const Entry& entry : list.entries()) {
-        const std::optional<struct stat> source = CheckSource(inspection, entry);
-        if (HasFileName(entry) && inspection.IsUsable(entry)) targets.Check(entry, source);
-        output.Progress("check", ++done, list.entries().size());
-    }
-    inspection.CountLosses();
-    targets.CheckUsers();
-    CheckDuplicates(inspection);
-    CheckPackage(inspection);
-    CheckSpace(list, inspection.findings);
-    return std::move(inspection.findings);
+bool IsWarning(const Finding& finding) {
+    return !finding.kind->IsError();
 }
 
 Json ToJson(const Finding& finding) {
@@ -72,24 +58,43 @@ void ShowKind(const FindingKind& kind, const std::vector<Finding>& findings, Out
 }  // namespace
 
 std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
-    const std::string trouble = FileList::WhyUnreadable(options.iniPath);
-    if (!trouble.empty()) return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, trouble}};
-    const FileList list(options.iniPath, options.root);
-    if (list.trouble()) return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, *list.trouble()}};
-    std::vector<Finding> findings = Inspect(list, output);
-    const auto isLeftOut = [&options](const Finding& finding) {
-        return (options.isErrorsOnly && !finding.kind->IsError()) ||
-               (options.isForUpgrade && finding.kind->isByHandOnly);
+    const auto unreadable = [&options](const std::string& trouble) -> std::vector<Finding> {
+        return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, trouble}};
     };
-    findings.erase(std::remove_if(findings.begin(), findings.end(), isLeftOut), findings.end());
+    const std::string trouble = FileList::WhyUnreadable(options.iniPath);
+    if (!trouble.empty()) return unreadable(trouble);
+    const FileList list(options.iniPath, options.root);
+    if (list.trouble()) return unreadable(*list.trouble());
+    std::vector<Finding> findings = FindTrouble(list, output);
+    if (options.isErrorsOnly) {
+        findings.erase(std::remove_if(findings.begin(), findings.end(), IsWarning), findings.end());
+    }
     return findings;
+}
+
+std::vector<Finding> FindTrouble(const FileList& list, Output& output) {
+    Inspection inspection(list);
+    CheckLists(inspection);
+    TargetChecker targets(inspection);
+    std::size_t done = 0;
+    for (const Entry& entry : list.entries()) {
+        const std::optional<struct stat> source = CheckSource(inspection, entry);
+        if (HasFileName(entry) && inspection.IsUsable(entry)) targets.Check(entry, source);
+        output.Progress("check", ++done, list.entries().size());
+    }
+    inspection.CountLosses();
+    targets.CheckUsers();
+    CheckDuplicates(inspection);
+    CheckPackage(inspection);
+    CheckSpace(list, inspection.findings);
+    return std::move(inspection.findings);
 }
 
 int Check(const CheckOptions& options, Output& output) {
     const std::vector<Finding> findings = FindTrouble(options, output);
-    const auto errors = static_cast<std::size_t>(std::count_if(
-        findings.begin(), findings.end(), [](const Finding& finding) { return finding.kind->IsError(); }));
-    const std::size_t warnings = findings.size() - errors;
+    const auto warnings =
+        static_cast<std::size_t>(std::count_if(findings.begin(), findings.end(), IsWarning));
+    const std::size_t errors = findings.size() - warnings;
 
     output.Member("command", "check");
     output.Member("fileList", options.iniPath);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "FileList.h"
 #include "Findings.h"
 #include "Output.h"
 
@@ -12,11 +13,12 @@ struct CheckOptions {
     std::string iniPath;
     std::string root;  // targets are looked at below it; empty: on this machine
     bool isErrorsOnly = false;
-    bool isForUpgrade = false;  // by `vfilelist upgrade`; otherwise by hand
 };
 
-// Everything that is found, in the order of the list. Reads only.
+// Everything that is found, in the order of the list. Reads only. A list that is read already has to be one
+// that can be relied on.
 std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output);
+std::vector<Finding> FindTrouble(const FileList& list, Output& output);
 
 // Shows it. Returns the exit status.
 int Check(const CheckOptions& options, Output& output);

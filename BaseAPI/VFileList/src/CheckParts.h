@@ -48,7 +48,23 @@ std::optional<struct stat> CheckSource(Inspection& inspection, const Entry& entr
 // What the package has and no entry names, and who else may write it.
 void CheckPackage(Inspection& inspection);
 
-// Room for the new files and directories.
+// Room for new files and directories, by file system.
+class SpaceNeeds {
+public:
+    explicit SpaceNeeds(const PlannedFiles& files) : files_(files) {}
+    // A file or directory of `size` bytes.
+    void Add(const std::string& path, off_t size);
+    void FindShortages(std::vector<Finding>& findings) const;
+
+private:
+    struct Need {
+        unsigned long long bytes = 0;
+        unsigned long long inodes = 0;
+        std::string directory;
+    };
+    const PlannedFiles& files_;
+    std::map<dev_t, Need> needs_;
+};
 void CheckSpace(const FileList& list, std::vector<Finding>& findings);
 
 inline std::string Bytes(std::size_t count) {

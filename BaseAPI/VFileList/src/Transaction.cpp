@@ -77,18 +77,25 @@ Trouble ExpectSameList(const Journal& journal) {
     return std::nullopt;
 }
 
-Trouble ExpectSpace(const FileList& list) {
+// The space that was there at the check may be somebody else's now.
+Trouble ExpectSpace(const Journal& journal) {
+    const PlannedFiles files;
+    SpaceNeeds needs(files);
+    for (const std::string& directory : journal.newDirectories) needs.Add(directory, 1);
+    for (const JournalTarget& target : journal.targets) needs.Add(target.path, target.package.size);
     std::vector<Finding> shortages;
-    CheckSpace(list, shortages);
+    needs.FindShortages(shortages);
     if (shortages.empty()) return std::nullopt;
     return shortages.front().path + ": " + shortages.front().detail;
 }
 
-// Errors, and what would be no error in passes by hand: a backup that is in the way, and a lack of space.
-bool IsAccepted(Run& run, const std::string& iniPath) {
-    for (const Finding& finding : FindTrouble({iniPath, "", false, true}, run.output)) {
+// Errors that the upgrade does not prevent, and what would be no error in passes by hand: a backup that
+// is in the way, and a lack of space.
+bool IsAccepted(Run& run, const FileList& list) {
+    for (const Finding& finding : FindTrouble(list, run.output)) {
         const std::string code = finding.kind->code;
-        if (!finding.kind->IsError() && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
+        const bool isError = finding.kind->IsError() && !finding.kind->isByHandOnly;
+        if (!isError && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
         std::string place = finding.path;
         if (place.empty()) place.append(finding.section).append(" ").append(finding.key);
         std::string text = code;
@@ -186,10 +193,9 @@ void ShowStep(Run& run, const char* step) {
     run.output.Line(run.output.Paint(Style::kDim, std::string("  ") + step));
 }
 
-Trouble RunSteps(Run& run, const FileList& list) {
+Trouble RunSteps(Run& run) {
     if (Trouble trouble = Rename(run)) return trouble;
-    // The space that was there at the check may be somebody else's now.
-    if (Trouble trouble = ExpectSpace(list)) return trouble;
+    if (Trouble trouble = ExpectSpace(run.journal)) return trouble;
     ShowStep(run, "the installed files are renamed to NAME.bak");
     if (Trouble trouble = Enter(run, {Phase::kCopying})) return trouble;
     if (Trouble trouble = Copy(run)) return trouble;
@@ -201,9 +207,9 @@ Trouble RunSteps(Run& run, const FileList& list) {
 }
 
 // What runs out of memory in the middle is taken back like any other failure.
-Trouble RunStepsSafely(Run& run, const FileList& list) {
+Trouble RunStepsSafely(Run& run) {
     try {
-        return RunSteps(run, list);
+        return RunSteps(run);
     } catch (const std::exception& error) {
         return error.what();
     }
@@ -279,22 +285,16 @@ int Clean(Run& run) {
     return End(run, kFine, "The new files are in place, and the backups are removed.");
 }
 
-int UpgradeList(Run& run, const std::string& iniPath) {
+// Checks and records. Returns the exit status when the upgrade is refused.
+std::optional<int> Prepare(Run& run, const std::string& iniPath) {
     const FileList list(iniPath);
     if (list.trouble()) return Refuse(run, kWrongUse, *list.trouble());
     if (list.lists().empty()) {
         return Refuse(run, kWrongUse, "no install type with a directory list; vfilelist check says more");
     }
-    if (!IsAccepted(run, iniPath))
-        return Refuse(run, kFindings, "vfilelist check says what to do about these");
+    if (!IsAccepted(run, list)) return Refuse(run, kFindings, "vfilelist check says what to do about these");
     if (const Trouble trouble = Record(run, list)) return Refuse(run, kFindings, *trouble);
-    run.state.phase = Phase::kRenaming;
-
-    if (const Trouble trouble = RunStepsSafely(run, list)) {
-        run.report.error = *trouble;
-        return GoBack(run, kFindings);
-    }
-    return End(run, kFine, "The new files are in place. The old ones are kept as NAME.bak until you decide.");
+    return std::nullopt;
 }
 
 }  // namespace
@@ -308,7 +308,13 @@ int Upgrade(const TransactionOptions& options, Output& output) {
 
     if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
     if (run.state.phase != Phase::kNone) return Refuse(run, kFindings, "an upgrade is open already");
-    return UpgradeList(run, *iniPath);
+    if (const std::optional<int> refused = Prepare(run, *iniPath)) return *refused;
+    run.state.phase = Phase::kRenaming;
+    if (const Trouble trouble = RunStepsSafely(run)) {
+        run.report.error = *trouble;
+        return GoBack(run, kFindings);
+    }
+    return End(run, kFine, "The new files are in place. The old ones are kept as NAME.bak until you decide.");
 }
 
 int Commit(const TransactionOptions& options, Output& output) {
