@@ -157,7 +157,6 @@ private:
 Trouble Rename(Run& run) {
     if (Trouble trouble = RunPass("-rename", run.journal.fileList, run.signals, [] {})) return trouble;
     if (Trouble trouble = ExpectSameList(run.journal)) return trouble;
-    if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
     return std::nullopt;
 }
@@ -190,6 +189,8 @@ Trouble RunSteps(Run& run, const FileList& list) {
     if (Trouble trouble = Rename(run)) return trouble;
     // The space that was there at the check may be somebody else's now.
     if (Trouble trouble = ExpectSpace(list)) return trouble;
+    // The last look before -copy, which writes over whatever stands at NAME.
+    if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
     ShowStep(run, "the installed files are renamed to NAME.bak");
     if (Trouble trouble = Enter(run, {Phase::kCopying})) return trouble;
     if (Trouble trouble = Copy(run)) return trouble;
