@@ -13,6 +13,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -46,6 +47,10 @@ const Scenario kScenarios[] = {{"upgrade", false, "", "", false, 3250},
 
 std::string NameOf(const Scenario& scenario) {
     return scenario.command + (scenario.state.empty() ? "" : "_" + scenario.state);
+}
+
+void PrintTo(const Scenario& scenario, std::ostream* stream) {
+    *stream << NameOf(scenario);
 }
 
 struct Thing {

@@ -143,6 +143,18 @@ protected:
     }
 };
 
+TEST_F(KilledTransactionTest, HasALongListOfWhichCheckSaysThatAFileStandsThereTwice) {
+    const Release release(Entries::k40);
+
+    const nlohmann::json report = release.package().RunJson("check");
+
+    std::vector<std::string> codes;
+    for (const auto& finding : report["findings"]) codes.push_back(finding["code"]);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), "W-DUPLICATE-ENTRY"), 1) << Joined(codes);
+    EXPECT_TRUE(std::none_of(codes.begin(), codes.end(), [](const auto& code) { return code[0] == 'E'; }))
+        << Joined(codes);
+}
+
 TEST_F(KilledTransactionTest, EndsWithTheOldOrTheNewReleaseWhereverItIsKilled) {
     const Release release(Entries::k40);
 
