@@ -244,6 +244,15 @@ TEST_F(InstallTest, RemovesTheOldFilesAndNothingElse) {
     EXPECT_THAT(scratch_.List(), ElementsAre("fresh.bak"));
 }
 
+TEST_F(InstallTest, RemovesNoFileThatOnlyBearsTheNumberOfTheOldOne) {
+    known().old->modified = {1, 0};
+
+    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(journal_, remarks); }),
+                ElementsAre("known.bak: NAME.bak is not, or no longer, what the upgrade left there"));
+
+    EXPECT_THAT(scratch_.List(), ElementsAre("known.bak"));
+}
+
 TEST_F(InstallTest, SaysWhichBackupCannotBeRemoved) {
     const Replaced replaced(calls::unlink, kFails);
 

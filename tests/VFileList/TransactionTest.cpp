@@ -808,6 +808,27 @@ TEST_F(TransactionTest, NamesWhatAnotherProcessChangedDuringRename) {
     ExpectOld();
 }
 
+// -copy would write over it: nothing is done between the last look and -copy but to write the state.
+TEST_F(TransactionTest, LooksForTheWorkOfOthersOnceTheRenamedFilesAreOnTheDisk) {
+    bool isChanged = false;
+    const Replaced replaced(calls::fsync, [&](int fd) {
+        const bool isBin = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)) == release_.Path("bin");
+        if (isBin && !isChanged && fs::exists(Bin("tool.bak"))) {
+            isChanged = true;
+            Write(Bin("tool"), "somebody's");
+        }
+        return calls::real::fsync(fd);
+    });
+    const Ending ending = Upgrade();
+
+    EXPECT_TRUE(isChanged);
+    EXPECT_EQ(ending.error(), "another process has changed files");
+    EXPECT_EQ(ending.status, 3);
+    EXPECT_EQ(ReadWholeFile(Bin("tool.changed")), "somebody's");
+    fs::remove(Bin("tool.changed"));
+    ExpectOld();
+}
+
 TEST_F(TransactionTest, NamesWhatAnotherProcessChangedAfterCopy) {
     bool isChanged = false;
     const Replaced replaced(calls::fsync, [&](int fd) {

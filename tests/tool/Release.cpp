@@ -52,11 +52,19 @@ void SetOwnerAndMode(const std::string& path, uid_t user, gid_t group, mode_t mo
 
 }  // namespace
 
-Release::Release(bool isLong) : isLong_(isLong) {
-    if (isLong) {
-        ListLong();
-    } else {
-        ListShort();
+Release::Release(Entries entries) : entries_(entries) {
+    switch (entries) {
+        case Entries::k3:
+            List("A", "bin", {"bin/kept", "bin/added"});
+            List("B", "made", {"m1"});
+            break;
+        case Entries::k4:
+            List("A", "bin", {"bin/kept", "bin/other", "bin/added"});
+            List("B", "made", {"m1"});
+            break;
+        case Entries::k40:
+            ListLong();
+            break;
     }
     (void)package_.WriteList("[Server]\n" + listText_ + sections_);
     Restore();
@@ -78,15 +86,11 @@ void Release::List(const std::string& section, const std::string& directory,
     }
 }
 
-void Release::ListShort() {
-    List("A", "bin", {"bin/kept", "bin/added"});
-    List("B", "made", {"m1"});
-}
-
+// One file stands there twice, which check warns of and no more.
 void Release::ListLong() {
     List("A", "bin",
-         {"bin/a01", "bin/a02", "bin/a03", "bin/a04", "bin/a05", "bin/a06", "bin/a07", "bin/a08",
-          "bin/capable", "bin/listed", "bin/attributed", "bin/setuid"});
+         {"bin/a01", "bin/a02", "bin/a03", "bin/a05", "bin/a06", "bin/a07", "bin/a08", "bin/capable",
+          "bin/listed", "bin/attributed", "bin/setuid", "./bin//a03"});
     List("B", "lib",
          {"lib/b01", "lib/b02", "lib/b03", "lib/b04", "lib/b05", "lib/link", "lib/unchanged", "lib/prefix",
           "lib/empty", "lib/emptied", "lib/unreadable"});
@@ -110,39 +114,46 @@ void Release::Restore() const {
     }
 }
 
+std::string Release::InstallOne(const std::string& name, const std::string& content, mode_t mode) const {
+    std::string path = package_.Install(name, content);
+    SetOwnerAndMode(path, geteuid(), getegid(), mode);
+    return path;
+}
+
 void Release::InstallOld() const {
-    const auto install = [this](const std::string& name, const std::string& content, mode_t mode) {
-        const std::string path = package_.Install(name, content);
-        SetOwnerAndMode(path, geteuid(), getegid(), mode);
-        return path;
-    };
     fs::remove_all(package_.InstalledPath());
     fs::remove_all(StatePath());
-    (void)install("bin/kept", "the old one\n", 0755);
-    (void)install("bin/unlisted", "nobody's business\n", 0600);
-    if (!isLong_) return;
+    (void)InstallOne("bin/kept", "the old one\n", 0755);
+    (void)InstallOne("bin/unlisted", "nobody's business\n", 0600);
+    if (entries_ == Entries::k4) {
+        const std::string other = InstallOne("bin/other", ContentOf("other", 6000), 0644);
+        SetOwnerAndMode(other, 1001, 1002, 04711);
+    }
+    if (entries_ == Entries::k40) InstallLong();
+}
 
+void Release::InstallLong() const {
     for (const char* const name : {"a01", "a02", "a03", "a05", "a06", "a08"}) {
-        (void)install(std::string("bin/") + name, ContentOf(name, 2500), 0750);
+        (void)InstallOne(std::string("bin/") + name, ContentOf(name, 2500), 0750);
     }
-    SetAttribute(install("bin/capable", "may ping\n", 0755), "security.capability", kCapability);
-    SetAttribute(install("bin/listed", "has a list\n", 0750), "system.posix_acl_access", kAccessList);
-    SetAttribute(install("bin/attributed", "has a note\n", 0644), "user.note", std::string("a\0b", 3));
-    SetOwnerAndMode(install("bin/setuid", "for others\n", 0644), 1001, 1002, 06711);
+    SetAttribute(InstallOne("bin/capable", "may ping\n", 0755), "security.capability", kCapability);
+    SetAttribute(InstallOne("bin/listed", "has a list\n", 0750), "system.posix_acl_access", kAccessList);
+    SetAttribute(InstallOne("bin/attributed", "has a note\n", 0644), "user.note", std::string("a\0b", 3));
+    SetOwnerAndMode(InstallOne("bin/setuid", "for others\n", 0644), 1001, 1002, 06711);
     for (const char* const name : {"b01", "b02", "b04", "f01", "f03", "f04"}) {
-        (void)install(std::string("lib/") + name, ContentOf(name, 100), 0444);
+        (void)InstallOne(std::string("lib/") + name, ContentOf(name, 100), 0444);
     }
-    (void)install("lib/pointee", "what the link leads to\n", 0604);
+    (void)InstallOne("lib/pointee", "what the link leads to\n", 0604);
     (void)package_.scratch().Link("installed/lib/link", "pointee");
-    (void)install("lib/unchanged", "the same in both\n", 0644);
-    (void)install("lib/prefix", ContentOf("prefix", 4000), 0644);
-    (void)install("lib/empty", "", 0644);
-    (void)install("lib/emptied", "not empty\n", 0644);
-    (void)install("lib/unreadable", "for nobody\n", 0000);
+    (void)InstallOne("lib/unchanged", "the same in both\n", 0644);
+    (void)InstallOne("lib/prefix", ContentOf("prefix", 4000), 0644);
+    (void)InstallOne("lib/empty", "", 0644);
+    (void)InstallOne("lib/emptied", "not empty\n", 0644);
+    (void)InstallOne("lib/unreadable", "for nobody\n", 0000);
     for (const char* const name : {"c01", "\x80\xff name", "100%"}) {
-        (void)install(std::string("etc/") + name, ContentOf(name, 10), 0600);
+        (void)InstallOne(std::string("etc/") + name, ContentOf(name, 10), 0600);
     }
-    (void)install("etc/c02.backup", "not a backup of ours\n", 0644);
+    (void)InstallOne("etc/c02.backup", "not a backup of ours\n", 0644);
 }
 
 TreeNode Release::Successor(const Listed& listed) const {

@@ -3,16 +3,19 @@
 #ifndef TESTS_TOOL_RELEASE_H
 #define TESTS_TOOL_RELEASE_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
 #include "Package.h"
 #include "TreeSnapshot.h"
 
+enum class Entries { k3, k4, k40 };
+
 class Release {
 public:
-    // One of 40 entries, or of 3.
-    explicit Release(bool isLong);
+    explicit Release(Entries entries);
 
     // Installs the old release anew, as if nothing had ever happened.
     void Restore() const;
@@ -37,15 +40,16 @@ private:
     };
 
     void ListLong();
-    void ListShort();
+    void InstallLong() const;
     void List(const std::string& section, const std::string& directory,
               const std::vector<std::string>& entries);
     void InstallOld() const;
+    std::string InstallOne(const std::string& name, const std::string& content, mode_t mode) const;
     void Expect();
     TreeNode Successor(const Listed& listed) const;
 
     Package package_;
-    bool isLong_;
+    Entries entries_;
     std::string listText_;
     std::string sections_;
     std::vector<Listed> listed_;

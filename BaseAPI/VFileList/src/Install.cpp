@@ -13,6 +13,8 @@
 
 namespace {
 
+const char kNotOurs[] = "NAME.bak is not, or no longer, what the upgrade left there";
+
 Stamp StampOf(const struct stat& status) {
     return {status.st_ino, status.st_size, status.st_ctim};
 }
@@ -71,19 +73,21 @@ bool AreBackupsOurs(const Journal& journal, std::vector<Remark>& remarks) {
     for (const JournalTarget& target : journal.targets) {
         const TargetNow now = LookAt(target, Phase::kRenaming);
         if (now.backup == Found::kNothing || (now.backup == Found::kOld && !now.isOldChanged)) continue;
-        remarks.push_back({target.path, "NAME.bak is not, or no longer, what the upgrade left there", true});
+        remarks.push_back({target.path, kNotOurs, true});
     }
     return remarks.size() == before;
 }
 
-// -clean passes over links that point nowhere.
+// -clean passes over links that point nowhere. A file that somebody has made since may bear the number of the
+// old one that was there.
 bool RemoveBackups(const Journal& journal, std::vector<Remark>& remarks) {
     const std::size_t before = remarks.size();
     for (const JournalTarget& target : journal.targets) {
         const TargetNow now = LookAt(target, Phase::kRenaming);
         const std::string backup = target.path + kBackupSuffix;
-        if (now.backup != Found::kOld || unlink(backup.c_str()) == 0) continue;
-        remarks.push_back({backup, TroubleWith("can't be removed", errno), true});
+        if (now.backup != Found::kOld || (!now.isOldChanged && unlink(backup.c_str()) == 0)) continue;
+        remarks.push_back(
+            {backup, now.isOldChanged ? kNotOurs : TroubleWith("can't be removed", errno), true});
     }
     return remarks.size() == before;
 }

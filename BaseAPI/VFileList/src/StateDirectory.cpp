@@ -73,8 +73,9 @@ Trouble SyncAbove(const std::string& path) {
 Trouble Keep(const fs::path& file, const fs::path& copy) {
     if (linkat(AT_FDCWD, file.c_str(), AT_FDCWD, copy.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
     std::error_code error;
+    errno = EIO;  // what copy_file calls a full disk, too; the call that failed knows better
     fs::copy_file(file, copy, error);
-    if (error) return copy.string() + ": " + error.message();
+    if (error) return TroubleWith(copy, errno);
     return Sync(copy);
 }
 

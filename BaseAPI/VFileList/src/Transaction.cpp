@@ -164,7 +164,6 @@ private:
 Trouble Rename(Run& run) {
     if (Trouble trouble = RunPass("-rename", run.journal.fileList, run.signals, [] {})) return trouble;
     if (Trouble trouble = ExpectSameList(run.journal)) return trouble;
-    if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
     return std::nullopt;
 }
@@ -196,6 +195,8 @@ void ShowStep(Run& run, const char* step) {
 Trouble RunSteps(Run& run) {
     if (Trouble trouble = Rename(run)) return trouble;
     if (Trouble trouble = ExpectSpace(run.journal)) return trouble;
+    // The last look before -copy, which writes over whatever stands at NAME.
+    if (!IsRenamed(run.journal, run.report.remarks)) return "another process has changed files";
     ShowStep(run, "the installed files are renamed to NAME.bak");
     if (Trouble trouble = Enter(run, {Phase::kCopying})) return trouble;
     if (Trouble trouble = Copy(run)) return trouble;
