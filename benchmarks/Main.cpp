@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -65,7 +66,8 @@ private:
     bool hasFailed_ = false;
 };
 
-std::string ShownTime(double seconds) {
+std::string Shown(double seconds, bool isBytes) {
+    if (isBytes) return std::to_string(std::lround(seconds)) + " B";
     const struct {
         double unit;
         const char* name;
@@ -122,6 +124,7 @@ void Table::Add(const Row& row, const std::map<std::string, Measurement>& measur
                      {"work", row.work},
                      {"series", row.series},
                      {"size", row.size},
+                     {"unit", row.isBytes ? "B" : "s"},
                      {"seconds", ours->second.seconds},
                      {"allocations", ours->second.allocations},
                      {"maxAllocations", row.maxAllocations},
@@ -137,7 +140,8 @@ void Table::Print() const {
                               "ratio", "target", "allocs");
         }
         std::string work = row["work"];
-        std::string time = ShownTime(row["seconds"]);
+        const bool isBytes = row["unit"] == "B";
+        std::string time = Shown(row["seconds"], isBytes);
         char allocated[16] = "";
         if (row["allocations"] >= 0) {
             (void)std::snprintf(allocated, sizeof(allocated), "%.2f", row["allocations"].get<double>());
@@ -147,9 +151,9 @@ void Table::Print() const {
             char shownTarget[16] = "-";
             if (target > 0) (void)std::snprintf(shownTarget, sizeof(shownTarget), "%.2f", target);
             (void)std::printf("%-46s %10s  %-34s %10s %7.2f %7s %7s%s\n", work.c_str(), time.c_str(),
-                              peer["name"].get<std::string>().c_str(), ShownTime(peer["seconds"]).c_str(),
-                              peer["ratio"].get<double>(), shownTarget, allocated,
-                              peer["met"].get<bool>() ? "" : "  MISSED");
+                              peer["name"].get<std::string>().c_str(),
+                              Shown(peer["seconds"], isBytes).c_str(), peer["ratio"].get<double>(),
+                              shownTarget, allocated, peer["met"].get<bool>() ? "" : "  MISSED");
             work.clear();
             time.clear();
             allocated[0] = '\0';
@@ -166,6 +170,7 @@ void Table::Write(const std::string& path) const {
 void Register(const Row& row, const Side& side) {
     auto* const run = benchmark::RegisterBenchmark(NameOf(row, side).c_str(), side.run);
     if (side.isMeasuredByHand) run->UseManualTime();
+    if (row.repetitions > 0) run->Repetitions(row.repetitions);
 }
 
 }  // namespace

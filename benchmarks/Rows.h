@@ -24,6 +24,8 @@ struct Row {
     double maxAllocations = -1;  // heap blocks a call; -1: for information
     std::string series;          // rows of one name differ in the size of the work alone
     double size = 0;
+    int repetitions = 0;   // 0: as many as of every row
+    bool isBytes = false;  // what is measured by hand is no time
 };
 
 std::vector<Row>& Rows();
@@ -62,7 +64,7 @@ std::function<void(benchmark::State&)> Repeat(Work work) {
     };
 }
 
-// The same for work that says itself how many seconds of processor time it took, its children's included.
+// The same for work that says itself what it took: seconds, its children's included, or bytes.
 template <typename Work>
 std::function<void(benchmark::State&)> RepeatTimed(Work work) {
     return [work](benchmark::State& state) mutable {
@@ -74,7 +76,7 @@ std::function<void(benchmark::State&)> RepeatTimed(Work work) {
 class AddRow {
 public:
     AddRow(std::string group, std::string work) {
-        Rows().push_back({std::move(group), std::move(work), {}, {}, -1, "", 0});
+        Rows().push_back({std::move(group), std::move(work), {}, {}, -1, "", 0, 0, false});
         index_ = Rows().size() - 1;
     }
 
@@ -111,6 +113,14 @@ public:
     AddRow& Growing(const std::string& series, double size) {
         Rows()[index_].series = series;
         Rows()[index_].size = size;
+        return *this;
+    }
+    AddRow& Repeated(int repetitions) {
+        Rows()[index_].repetitions = repetitions;
+        return *this;
+    }
+    AddRow& InBytes() {
+        Rows()[index_].isBytes = true;
         return *this;
     }
     AddRow& AtMostAllocations(double count) {

@@ -1,5 +1,11 @@
 // The upgrade tool and vfilelist as processes, beside the programs that people copy and compare files with.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -13,16 +19,17 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kFileSize = 2000;
 
-// A package of `files` small files, its file list cut into `keys` keys.
-std::string Package(int files, int keys) {
-    const std::string path =
-        MemoryDirectory() + "/package" + std::to_string(files) + "-" + std::to_string(keys);
+std::string NameOfFile(int index) {
+    return "file" + std::to_string(index);
+}
+
+// A package of `files` files, its file list cut into `keys` keys.
+std::string MakePackage(const std::string& path, int files, int keys, const std::string& content) {
     if (fs::exists(path)) return path;
-    const std::string content = SomeBytes(kFileSize);
     std::string list = "[Package_Intall_Type]\nPackageIntallType=Server\n[Server]\nBinFiles=" + path +
                        "/target\n[BinFiles]\n";
     for (int i = 0; i < files; ++i) {
-        const std::string name = "file" + std::to_string(i);
+        const std::string name = NameOfFile(i);
         WriteFile(path + "/Common/" + name, content);
         list += i % (files / keys) == 0 ? "\nkey" + std::to_string(i) + "=" + name : "," + name;
     }
@@ -31,13 +38,22 @@ std::string Package(int files, int keys) {
     return path;
 }
 
+std::string Package(int files, int keys) {
+    return MakePackage(MemoryDirectory() + "/package" + std::to_string(files) + "-" + std::to_string(keys),
+                       files, keys, SomeBytes(kFileSize));
+}
+
+void Run(const std::string& line) {
+    if (std::system(line.c_str()) != 0) std::abort();
+}
+
 // What `command` takes, without what is made ready for it.
 auto Running(std::string (*prepare)(), std::string command) {
     return [=] {
         const std::string package = prepare();
         const std::string line = "cd " + package + " && " + command;
         const double before = ProcessorTime();
-        if (std::system(line.c_str()) != 0) std::abort();
+        Run(line);
         return ProcessorTime() - before;
     };
 }
@@ -91,6 +107,138 @@ void AddVerifyRow() {
         .Growing("vfilelist verify, MiB", MiB);
 }
 
+// The upgrades of vfilelist. Their files are tiny, so that what each file costs shows.
+
+constexpr int kEntriesPerKey = 200;
+constexpr int kRepetitions = 3;  // each takes long enough
+constexpr double kTargetBytes = 200;
+
+const char kVfilelist[] = "VLOGGER_DIRECTORY=/dev/null/none " VFILELIST_PATH " ";
+const char kUpgrade[] = "upgrade filelist.ini --state state >/dev/null 2>&1";
+const char kRollback[] = "rollback --state state >/dev/null 2>&1";
+
+// A package and, in its target directory, the release before it.
+std::string Release(const std::string& base, int files) {
+    const std::string path = base + "/release" + std::to_string(files);
+    if (fs::exists(path)) return path;
+    (void)MakePackage(path, files, std::max(files / kEntriesPerKey, 1), "new");
+    for (int i = 0; i < files; ++i) WriteFile(path + "/target/" + NameOfFile(i), "old");
+    return path;
+}
+
+template <int Files>
+std::string OldRelease() {
+    const std::string path = Release(MemoryDirectory(), Files);
+    if (fs::exists(path + "/state/state")) Run("cd " + path + " && " + kVfilelist + kRollback);
+    return path;
+}
+
+template <int Files>
+std::string UpgradedRelease() {
+    const std::string path = Release(MemoryDirectory(), Files);
+    if (!fs::exists(path + "/state/state")) Run("cd " + path + " && " + kVfilelist + kUpgrade);
+    return path;
+}
+
+constexpr int kFew = 5000;
+constexpr int kMany = 100000;
+
+// What grows as the number of files and no faster takes as long for many as for few, so many times over.
+void AddManyRow(const std::string& work, const std::string& command, std::string (*prepareFew)(),
+                std::string (*prepareMany)()) {
+    const auto few = [run = Running(prepareFew, kVfilelist + command)] { return run() * kMany / kFew; };
+    AddRow("vfilelist", work + " of 100,000 files")
+        .OursTimed(Running(prepareMany, kVfilelist + command))
+        .BesideTimed("of 5,000 files, times 20", 1.2, few)
+        .Repeated(kRepetitions);
+}
+
+double ChangeTime(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) std::abort();
+    return static_cast<double>(status.st_ctim.tv_sec) + static_cast<double>(status.st_ctim.tv_nsec) * 1e-9;
+}
+
+void SyncPath(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) std::abort();
+    (void)close(fd);
+}
+
+// On a disk, with nothing left to write.
+std::string OldReleaseOnDisk() {
+    const std::string path = Release(DiskDirectory(), kFew);
+    if (fs::exists(path + "/state/state")) Run("cd " + path + " && " + kVfilelist + kRollback);
+    sync();
+    return path;
+}
+
+// From the first rename, which is the last change of that file, to the state `installed`.
+double SpanOfUpgrade() {
+    const std::string path = OldReleaseOnDisk();
+    Run("cd " + path + " && " + kVfilelist + kUpgrade);
+    return ChangeTime(path + "/state/state") - ChangeTime(path + "/target/" + NameOfFile(0) + ".bak");
+}
+
+double SpanByHand() {
+    const std::string path = OldReleaseOnDisk();
+    const std::string tool = std::string(kLogOff) + VCOPYFILELISTINI_PATH;
+    Run("cd " + path + " && " + tool + " -rename filelist.ini && " + tool + " -copy filelist.ini");
+    for (int i = 0; i < kFew; ++i) SyncPath(path + "/target/" + NameOfFile(i));
+    SyncPath(path + "/target");
+    WriteFile(path + "/end", "");
+    const double span = ChangeTime(path + "/end") - ChangeTime(path + "/target/" + NameOfFile(0) + ".bak");
+    for (int i = 0; i < kFew; ++i) {
+        const std::string target = path + "/target/" + NameOfFile(i);
+        fs::rename(target + ".bak", target);
+    }
+    return span;
+}
+
+// The most memory that an upgrade of the release takes. A child has at least as much as the process that
+// starts it: that is a small one.
+double PeakMemoryOfUpgrade(const std::string& release) {
+    const std::string command = std::string(kVfilelist) + kUpgrade;
+    const std::string line = "cd " + release + " && /usr/bin/python3 -c \"import os, resource; os.system('" +
+                             command + "'); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)\"";
+    FILE* const output = popen(line.c_str(), "r");
+    double kibibytes = 0;
+    if (output == nullptr || std::fscanf(output, "%lf", &kibibytes) != 1) std::abort();
+    (void)pclose(output);
+    return kibibytes * 1024;
+}
+
+// A target has two paths: its own, and that of the package's file.
+double PathBytes() {
+    const std::string path = Release(MemoryDirectory(), kMany);
+    double bytes = 0;
+    for (int i = 0; i < kMany; ++i) {
+        bytes += 2 * static_cast<double>((path + "/target/" + NameOfFile(i)).size());
+    }
+    return bytes / kMany;
+}
+
+void AddUpgradeRows() {
+    AddManyRow("check", "check filelist.ini >/dev/null || test $? = 1", OldRelease<kFew>, OldRelease<kMany>);
+    AddManyRow("plan", "plan filelist.ini >/dev/null", OldRelease<kFew>, OldRelease<kMany>);
+    AddManyRow("verify", "verify filelist.ini >/dev/null || test $? = 1", OldRelease<kFew>,
+               OldRelease<kMany>);
+    AddManyRow("upgrade", kUpgrade, OldRelease<kFew>, OldRelease<kMany>);
+    AddManyRow("rollback", kRollback, UpgradedRelease<kFew>, UpgradedRelease<kMany>);
+    AddRow("vfilelist", "first rename to `installed`, 5,000 files on a disk, elapsed")
+        .OursTimed(SpanOfUpgrade)
+        .BesideTimed("-rename, -copy and syncing", 1.5, SpanByHand)
+        .Repeated(kRepetitions);
+    AddRow("vfilelist", "memory of an upgrade, a target of 100,000")
+        .OursTimed([] {
+            const double few = PeakMemoryOfUpgrade(OldRelease<10>());
+            return (PeakMemoryOfUpgrade(OldRelease<kMany>()) - few) / (kMany - 10);
+        })
+        .BesideTimed("its paths and 200 bytes", 1, [] { return PathBytes() + kTargetBytes; })
+        .Repeated(1)
+        .InBytes();
+}
+
 [[maybe_unused]] const bool kRows = [] {
     AddCopyRow<10, 10>(false);
     AddCopyRow<100, 10>(false);
@@ -102,6 +250,7 @@ void AddVerifyRow() {
     AddVerifyRow<64>();
     AddVerifyRow<256>();
     AddVerifyRow<1024>();
+    AddUpgradeRows();
     return true;
 }();
 

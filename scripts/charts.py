@@ -34,7 +34,9 @@ def text(x, y, content, kind="", anchor="start"):
     return f'<text x="{x:.1f}" y="{y:.1f}" class="{kind}" text-anchor="{anchor}">{html.escape(content)}</text>'
 
 
-def shown_time(seconds):
+def shown(seconds, unit="s"):
+    if unit == "B":
+        return f"{seconds:,.0f} B"
     for unit, name in ((1e-9, "ns"), (1e-6, "µs"), (1e-3, "ms")):
         if seconds < unit * 1000:
             return f"{seconds / unit:.3g} {name}"
@@ -90,7 +92,7 @@ def growth(rows):
         for (size, seconds), x, y in ((points[0], xs[0], ys[0]), (points[-1], xs[-1], ys[-1])):
             anchor = "start" if x == xs[0] else "end"
             body.append(text(px(x), y0 + 145, f"{size:,.0f}", "small", anchor))
-            body.append(text(px(x), py(y) - (18 if x == xs[0] else 8), shown_time(seconds), "small", anchor))
+            body.append(text(px(x), py(y) - (18 if x == xs[0] else 8), shown(seconds), "small", anchor))
     lines = (len(series) + columns - 1) // columns
     return svg(columns * width + 20, 30 + lines * height, "Processor time as the work grows", body)
 
@@ -103,12 +105,12 @@ def table(rows):
             lines += ["", f"**{group}**", "", "| work | ours | beside | | ratio | target |", "|---|---|---|---|---|---|"]
         for index, peer in enumerate(row["peers"]):
             lean = row["maxAllocations"] < 0 or row["allocations"] <= row["maxAllocations"]
-            work, ours = (row["work"], shown_time(row["seconds"])) if index == 0 else ("", "")
+            work, ours = (row["work"], shown(row["seconds"], row["unit"])) if index == 0 else ("", "")
             if work and row["maxAllocations"] >= 0:
                 work += f" ({row['allocations']:.6g} allocations{'' if lean else ': too many'})"
             target = f"≤ {peer['target']:g}" if peer["target"] else ""
             mark = "" if peer["met"] else " **missed**"
-            lines.append(f"| {work} | {ours} | {peer['name']} | {shown_time(peer['seconds'])} | {peer['ratio']:.2f} | {target}{mark} |")
+            lines.append(f"| {work} | {ours} | {peer['name']} | {shown(peer['seconds'], row['unit'])} | {peer['ratio']:.2f} | {target}{mark} |")
     return "\n".join(lines)
 
 

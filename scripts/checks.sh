@@ -203,7 +203,7 @@ check_soak() {
     configure default
     build default vfilesys_tests killed_upgrade_tests killed_transaction_tests
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
-        --gtest_filter='VPathTest.AgreesWith*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
+        --gtest_filter='VPathTest.AgreesWith*:*Exhaustive*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'
