@@ -15,7 +15,7 @@ docs      docs,browser            the site has every public name, hazard and doc
 install   build,install           outside projects build against the installed package
 package   build,package,arm64     Debian packages are the same when built again; they install, work and go without a trace
 boot      build,package,boot      a machine that boots after a cut-off upgrade has the old files, or the new, before any service
-powerloss build,test,powerloss    what a power cut leaves of an upgrade that keeps to the runbook
+powerloss build,powerloss         whenever the power goes, an upgrade leaves the old files or the new ones; each sync is needed
 faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
 crash     build,test              an upgrade may be killed before each of its system calls
 tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
@@ -27,7 +27,7 @@ valgrind  build,test,valgrind     memcheck has nothing to say about them
 tsan      build,test,tsan         ... also with ThreadSanitizer
 arm64     build,test,arm64        ... also on AArch64, in the emulator
 mutation  build,test,mutation     they notice small faults in the sources (a sample; MUTANTS=all: every one)
-soak      build,test              a hundred times the repetitions: random paths, contested directories, long use, kills
+soak      build,test,powerloss    a hundred times the repetitions: random paths, contested directories, long use, kills, power cuts
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
 
@@ -201,13 +201,14 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests
+    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests VCopyFileListIni vfilelist
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*Exhaustive*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'
     VFILESYS_TEST_SCALE=10 build/default/tests/killed_transaction_tests --gtest_filter='*.*WhateverFails'
+    tests/powerloss/check.sh build/default --states 10000 --most 100000
 }
 
 # The tests' own heap counter steps aside for memcheck's. What is not ours and only started by tests is not watched,
