@@ -19,8 +19,8 @@ public:
     ///
     /// Returns its descriptor, which the caller closes with Inotifyclose. On failure it returns -1 with the
     /// errno of inotify_init(2) (EMFILE: the user has too many instances or the process too many descriptors;
-    /// ENFILE, ENOMEM) and logs "inotify_init failed, error = %d" with it, function name "InotifyInit", level
-    /// 1.
+    /// ENFILE, ENOMEM) and logs "inotify_init failed, error = %d" with it, function name "InotifyInit",
+    /// level 1.
     ///
     /// Hazard 23 of docs/reliability.md.
     static int InotifyInit(const char* path);
