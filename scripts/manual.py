@@ -201,9 +201,8 @@ class Page:
     def write(self):
         out = self.out
         main = self.classes[0]
-        out.lines += [f'.\\" Made of {self.header} by scripts/manual.py.',
-                      re.search(r"^\.Dd .*", OVERVIEW.read_text(encoding="utf-8"), flags=re.MULTILINE)[0],
-                      f".Dt {main.name.upper()} 3", ".Os VFileSys", ".Sh NAME"]
+        out.lines += [re.search(r"^\.Dd .*", OVERVIEW.read_text(encoding="utf-8"), flags=re.MULTILINE)[0],
+                      f'.\\" Made of {self.header} by scripts/manual.py.', f".Dt {main.name.upper()} 3", ".Os VFileSys", ".Sh NAME"]
         out.lines += [f".Nm {found.name} ," for found in self.classes[:-1]] + [f".Nm {self.classes[-1].name}"]
         first = re.match(r"(.*?)\.\s", main.comment + "\n", flags=re.DOTALL)[1]
         out.macro("Nd", " ".join((first[0].lower() + first[1:]).replace("`", "").split()))
