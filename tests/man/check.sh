@@ -56,6 +56,13 @@ check_made_pages() {
     rm -r "$made"
 }
 
+# Both say in a line what each class and program is.
+check_overview() {
+    same "VFileSys.7 and the table of README.md differ" \
+        "$(tr -d '\140' <"$source/README.md" | sed -nE 's/^\| \[([A-Za-z]+)\]\([^)]*\) \| (.*) \|$/\1 \2/p')" \
+        "$(render "$pages/VFileSys.7" 400 | sed -nE 's/^ +([A-Za-z]+)\([138]\) {2,}(.*)/\1 \2/p')"
+}
+
 # The texts that sources log, without the line feeds at their ends.
 logged_texts() {  # SOURCE...
     cat "$@" | tr -s '\n ' ' ' | grep -oP 'VFS_LOG\([^,]+, [^,]+, "\K(\\.|[^"\\])*(?=")' |
@@ -116,6 +123,7 @@ for header in "$library"/include/*.h; do classes+=("$(basename "$header" .h)"); 
 for page in "$pages"/*.[1-8]; do check_form "$page"; done
 check_made_pages
 for class in "${classes[@]}"; do check_logged_by_class "$class"; done
+check_overview
 check_logged_by_tool
 check_options
 

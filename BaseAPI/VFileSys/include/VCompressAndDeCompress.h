@@ -23,8 +23,8 @@
 ///  - '<', '>': A file is read, or made or emptied.
 ///  - `( ) * ? [ ] ~ # \`, quotes: They mean to the shell what they always mean.
 ///  - a blank or tab: One path becomes two.
-///  - a name that begins with '-': It is an option: --checkpoint-action runs a program, --remove-files deletes
-///    the sources.
+///  - a name that begins with '-': It is an option: --checkpoint-action runs a program, --remove-files
+///    deletes the sources.
 ///  - an archive's name with ':' before its first '/': It names a remote host.
 ///
 /// tar(1) is looked up in PATH, and reads TAR_OPTIONS.
