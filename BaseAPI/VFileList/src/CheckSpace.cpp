@@ -2,6 +2,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 
 #include "CheckParts.h"
@@ -30,17 +31,15 @@ void Add(const PlannedFiles& files, const std::string& path, unsigned long long 
     space.directory = directory;
 }
 
-// The new files with their sizes; of several entries for one the largest.
-std::map<std::string, unsigned long long> NewFiles(const FileList& list, const PlannedFiles& files) {
-    std::map<std::string, unsigned long long> sizes;
-    for (const Entry& entry : list.entries()) {
-        const std::optional<std::string> name = files.NameOf(list.TargetOf(entry));
+// The size of the new file; of several entries for it the largest. Nothing when the package has none.
+std::optional<unsigned long long> SizeOf(const FileList& list, const Target& target) {
+    std::optional<unsigned long long> size;
+    for (const std::size_t index : target.entries) {
         struct stat source {};
-        if (!HasFileName(entry) || !name || stat(list.SourceOf(entry).c_str(), &source) != 0) continue;
-        unsigned long long& size = sizes[*name];
-        size = std::max(size, static_cast<unsigned long long>(source.st_size));
+        if (stat(list.SourceOf(list.entries()[index]).c_str(), &source) != 0) continue;
+        size = std::max(size.value_or(0), static_cast<unsigned long long>(source.st_size));
     }
-    return sizes;
+    return size;
 }
 
 std::string Shown(unsigned long long bytes, unsigned long long inodes) {
@@ -56,7 +55,11 @@ void CheckSpace(const FileList& list, std::vector<Finding>& findings) {
         // Each takes a block.
         for (const std::string& made : files.MakeDirectory(target.directory)) Add(files, made, 1, spaces);
     }
-    for (const auto& [name, size] : NewFiles(list, files)) Add(files, name, size, spaces);
+    for (const Target& target : list.Targets()) {
+        const std::string path = list.TargetOf(list.entries()[target.entries.front()]);
+        const std::optional<unsigned long long> size = SizeOf(list, target);
+        if (size && files.NameOf(path)) Add(files, path, *size, spaces);
+    }
 
     const bool isRoot = geteuid() == 0;  // who may use the reserve
     for (const auto& [device, space] : spaces) {
