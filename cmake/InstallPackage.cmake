@@ -9,6 +9,9 @@ install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_
 # systemd looks here for units, below /usr and /usr/local; the directory is lib on every architecture.
 install(FILES BaseAPI/VFileList/vfilelist-resume.service DESTINATION lib/systemd/system)
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+# The licence, and the notices of the libraries whose code the programs contain.
+install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(FILES docs/third-party/vfilesys-tools.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")
 # Their build file is the project's own.
 install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" PATTERN CMakeLists.txt EXCLUDE)
 install(FILES completions/VCopyFileListIni completions/vfilelist
@@ -22,6 +25,7 @@ if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
   install(TARGETS VLogger VIni safestr EXPORT VFileSysStandInsTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
+  install(FILES docs/third-party/vfilesys-standins.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")
 endif()
 
 # The stand-ins have a file of targets of their own, so that they can be taken out of an installation, and the product's

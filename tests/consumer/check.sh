@@ -95,6 +95,10 @@ check_documents() {  # PREFIX
     for file in "$source"/examples/*.cpp "$source"/examples/ansible/*; do
         cmp -s "$file" "$1/share/doc/VFileSys/${file#"$source/"}" || fail "${file#"$source/"} is not installed"
     done
+    cmp -s "$source/LICENSE" "$1/share/doc/VFileSys/LICENSE" || fail "the licence is not installed"
+    for file in "$source"/docs/third-party/*; do
+        cmp -s "$file" "$1/share/doc/VFileSys/third-party/${file##*/}" || fail "the notices ${file##*/} are not installed"
+    done
     quietly "$source/tests/completions/check.sh" "$1/share/bash-completion/completions"
 }
 
