@@ -12,8 +12,7 @@ install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 # The licence, and the notices of the libraries whose code the programs contain.
 install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(FILES docs/third-party/vfilesys-tools.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")
-# Their build file is the project's own.
-install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" PATTERN CMakeLists.txt EXCLUDE)
+install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
 install(FILES completions/VCopyFileListIni completions/vfilelist
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions")
 foreach(page vfilelist.1 VCompressAndDeCompress.3 VDir.3 VFile.3 VFixFirewall.3 VMonitorFiles.3 VPath.3 vfilelist.5
