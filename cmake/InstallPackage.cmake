@@ -43,10 +43,18 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake"
         DESTINATION "${vfs_package_dir}")
 
-set(vfs_pkgconfig_dir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${vfs_pkgconfig_dir}"
+# The package may be moved as a whole: the file gives all from its own place. Below /usr it names the places themselves,
+# so that pkg-config leaves out those that the compiler and the linker search anyway.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}"
+           OUTPUT_VARIABLE vfs_libdir_from_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}"
+           OUTPUT_VARIABLE vfs_includedir_from_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
            OUTPUT_VARIABLE vfs_prefix_from_pkgconfig)
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${vfs_pkgconfig_dir}"
-           OUTPUT_VARIABLE vfs_includedir_from_pkgconfig)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(vfs_pkgconfig_prefix "/usr")
+else()
+  set(vfs_pkgconfig_prefix "\${pcfiledir}/${vfs_prefix_from_pkgconfig}")
+endif()
 configure_file(cmake/VFileSys.pc.in "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -39,6 +39,7 @@ check_fields() {
         'libc6, libgcc-s1, libssl3, libstdc++6, libvfilesys, vfilesys-standins | vfilesys-neighbours'
     check_needs vfilesys-standins 'libc6, libfmt9, libgcc-s1, libstdc++6'
     check_needs vfilesys-standins-dev vfilesys-standins
+    [[ $(field vfilesys-tools Multi-Arch) == foreign ]] || fail "vfilesys-tools serves its own architecture alone"
     for package in vfilesys-standins:vfilesys-neighbours vfilesys-standins-dev:vfilesys-neighbours-dev; do
         [[ $(field "${package%:*}" Provides Conflicts Replaces | grep -c ": ${package#*:}$") == 3 ]] ||
             fail "${package%:*} gives no way to the product's own"
@@ -70,6 +71,16 @@ check_binaries() {
     for file in "${binaries[@]}"; do
         if readelf --dynamic "$file" | grep -qE 'RPATH|RUNPATH'; then fail "$file has a run path"; fi
     done
+}
+
+# The directories that the compiler and the linker search by themselves are left out, and nothing is said twice.
+check_pkg_config() {
+    local flags directory
+    dpkg-deb --extract "$(package_file libvfilesys-dev)" "$work/development"
+    directory=$(dirname "$(find "$work/development" -name VFileSys.pc)")
+    flags=$(PKG_CONFIG_LIBDIR=$directory PKG_CONFIG_SYSTEM_LIBRARY_PATH=${libraries#"$work/root"} \
+        pkg-config --cflags --libs VFileSys)
+    [[ ${flags% } == '-I/usr/include/VFileSys -lVFileSys' ]] || fail "pkg-config gives the flags $flags"
 }
 
 # The names that calls of the logger hand over are in the files.
@@ -117,6 +128,7 @@ check_fields
 check_files
 extract
 check_binaries
+check_pkg_config
 check_logged_names
 check_bill
 check_notices
