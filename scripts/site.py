@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""site.py DOXYGEN_XML OUTPUT: makes the static site out of the source tree that it is run in.
+"""site.py OUTPUT: makes the static site out of the source tree that it is run in.
 
-README.md becomes the front page. The other documents in Markdown, the manual pages and the reference, which Doxygen
-has read out of the public headers, follow it in the navigation; whatever else of the tree a document links to is shown
-as it is. The only style is docs/site/style.css; nothing is loaded from elsewhere and no script is needed.
+README.md becomes the front page. The other documents in Markdown, the reference, which the public headers hold, an index
+and the manual pages follow it in the navigation; whatever else of the tree a document links to is shown as it is. The
+only style is docs/site/style.css; nothing is loaded from elsewhere and no script is needed.
 """
 import html
 import itertools
@@ -13,14 +13,17 @@ import re
 import shutil
 import subprocess
 import sys
-import xml.etree.ElementTree as ElementTree
 
 import pygments
 import pygments.formatters
 import pygments.lexers
 
-HEADERS = "BaseAPI/VFileSys/include"
+import headers
+
+SOURCES = pathlib.Path("BaseAPI/VFileSys/src")
+FINDINGS = "docs/findings.md"
 HAZARDS = "docs/reliability.md"
+INDEX = "index-of-names.html"
 
 PAGE = """<!DOCTYPE html>
 <html lang="en">
@@ -89,12 +92,17 @@ def heading_anchors(fragment):
     return re.sub(r"<h([2-6])>(.*?)</h\1>", with_anchor, fragment, flags=re.S)
 
 
-def markdown(source):
+def from_markdown(text, language="text"):
+    """`language` is that of programs that name none."""
     extensions = [word for name in ("table", "strikethrough", "autolink") for word in ("-e", name)]
-    fragment = subprocess.run(["cmark-gfm", *extensions, source], check=True, capture_output=True, text=True).stdout
+    fragment = subprocess.run(["cmark-gfm", *extensions], input=text, check=True, capture_output=True, text=True).stdout
     fragment = re.sub(r'<pre><code(?: class="language-(\w+)")?>(.*?)</code></pre>',
-                      lambda match: highlight(html.unescape(match[2]), match[1] or "text"), fragment, flags=re.S)
-    fragment = heading_anchors(framed(fragment.replace("<!-- raw HTML omitted -->", "")))
+                      lambda match: highlight(html.unescape(match[2]), match[1] or language), fragment, flags=re.S)
+    return heading_anchors(framed(fragment.replace("<!-- raw HTML omitted -->", "")))
+
+
+def document(source):
+    fragment = from_markdown(pathlib.Path(source).read_text(encoding="utf-8"))
     if source == HAZARDS:
         fragment = re.sub(r"<tr>(\s*<td>(\d+)</td>)", r'<tr id="hazard-\2">\1', fragment)
     return fragment
@@ -125,77 +133,45 @@ def hazards_of(fragment):
 
 
 class Reference:
-    """The public names, as Doxygen has read them."""
+    """The public names."""
 
-    def __init__(self, directory, hazards):
-        index = ElementTree.parse(directory / "index.xml")
+    def __init__(self, hazards):
         self.hazards = hazards
-        self.classes = {}
+        found = [(header, each) for header in headers.in_order() for each in headers.read(header)]
+        # The type of a result comes behind the classes that the headers are named after.
+        found.sort(key=lambda pair: pair[0].stem != pair[1].name)
+        self.classes = {each.name: (header, each) for header, each in found}
         self.targets = {}  # what a name leads to
-        for entry in index.iterfind("compound[@kind='class']"):
-            compound = ElementTree.parse(directory / f"{entry.get('refid')}.xml").find("compounddef")
-            name = compound.findtext("compoundname")
-            members = sorted(compound.iterfind("sectiondef/memberdef[@prot='public']"),
-                             key=lambda member: int(member.find("location").get("line")))
-            self.classes[name] = compound, members
-        for name, (_, members) in self.classes.items():
+        for name, (_, each) in self.classes.items():
             self.targets[name] = f"reference/{name}.html"
-            for member in members:
-                own = member.findtext("name")
-                target = f"{self.targets[name]}#{own}"
-                self.targets[f"{name}::{own}"] = target
-                if member.get("kind") == "function" and own != name:
-                    self.targets[own] = target
+            for member in each.members:
+                target = f"{self.targets[name]}#{member.name}"
+                self.targets[f"{name}::{member.name}"] = target
+                if member.is_function() and member.name != name:
+                    self.targets[member.name] = target
 
     def size(self):
-        return sum(len(members) for _, members in self.classes.values())
+        return sum(len(each.members) for _, each in self.classes.values())
 
     def page(self, name):
-        compound, members = self.classes[name]
+        header, each = self.classes[name]
         summary, details = [], []
-        for own, overloads in itertools.groupby(members, lambda member: html.escape(member.findtext("name"))):
+        for own, overloads in itertools.groupby(each.members, lambda member: html.escape(member.name)):
             details.append(f'<section><h3 id="{own}"><a href="#{own}">{own}</a></h3>')
             for member in overloads:
-                declaration = self.declaration(member)
+                declaration = f"{member.declaration};"
                 summary.append(f'<li><a href="#{own}"><code>{html.escape(declaration)}</code></a></li>')
-                details += [f'<div class="declaration">{highlight(declaration, "cpp")}</div>', self.description(member)]
+                details += [f'<div class="declaration">{highlight(declaration, "cpp")}</div>',
+                            self.description(member.comment)]
             details.append("</section>")
-        include = highlight(f"#include <{compound.findtext('includes')}>", "cpp")
-        return "\n".join([f"<h1>{name}</h1>{include}{self.description(compound)}",
+        include = highlight(f"#include <{header.name}>", "cpp")
+        return "\n".join([f"<h1>{name}</h1>{include}{self.description(each.comment)}",
                           '<h2 id="members"><a href="#members">Members</a></h2>',
                           '<ul class="members">', *summary, "</ul>", *details])
 
-    @staticmethod
-    def declaration(member):
-        """As it stands in the header."""
-        location = member.find("location")
-        lines = pathlib.Path(location.get("file")).read_text(encoding="utf-8").split("\n")
-        text = " ".join(line.strip() for line in lines[int(location.get("line")) - 1:])
-        return re.match(r"(.*?)( : .*)?( ?\{\})?(;|(?<=\}))", text)[1] + ";"
-
-    def description(self, element):
-        paragraphs = [*element.iterfind("briefdescription/para"), *element.iterfind("detaileddescription/para")]
-        return "".join(self.blocks(paragraph) for paragraph in paragraphs)
-
-    def blocks(self, paragraph):
-        """A paragraph of Doxygen's may hold blocks, which one of HTML must not."""
-        parts, run = [], html.escape(paragraph.text or "")
-        for child in paragraph:
-            block = self.block(child)
-            if block is None:
-                run += self.inline(child)
-            else:
-                parts += [self.text_block(run), block]
-                run = ""
-            run += html.escape(child.tail or "")
-        return "".join([*parts, self.text_block(run)])
-
-    def text_block(self, run):
-        run = run.strip()
-        named = re.fullmatch(rf"Hazards? ([\d, and]+) of {HAZARDS}\.", run)
-        if named:
-            return self.hazard_box(re.findall(r"\d+", named[1]))
-        return f"<p>{run}</p>" if run else ""
+    def description(self, comment):
+        return re.sub(rf"<p>Hazards? ([\d, and]+) of {HAZARDS}\.</p>",
+                      lambda match: self.hazard_box(re.findall(r"\d+", match[1])), from_markdown(comment, "cpp"))
 
     def hazard_box(self, numbers):
         rows = []
@@ -207,43 +183,90 @@ class Reference:
                         f"<em>What to do:</em> {remedy}.</li>")
         return f'<aside><ul>{"".join(rows)}</ul></aside>'
 
-    def block(self, element):
-        if element.tag == "verbatim":
-            return highlight(element.text, "cpp")
-        if element.tag == "itemizedlist":
-            items = ("".join(self.blocks(paragraph) for paragraph in item) for item in element)
-            return "<ul>" + "".join(f"<li>{item}</li>" for item in items) + "</ul>"
-        if element.tag == "table":
-            return framed("<table>" + "".join(self.row(row) for row in element) + "</table>")
-        return None
+    def target_of_text(self, text):
+        """Where a text that is logged stands: in quotes, or as code when it has some itself."""
+        def has_text(comment):
+            return re.search(rf'(["`]){re.escape(text)}\1', " ".join(comment.split()))
 
-    def row(self, row):
-        cells = []
-        for entry in row:
-            tag = "th" if entry.get("thead") == "yes" else "td"
-            cells.append(f"<{tag}>" + "".join(self.content(paragraph).strip() for paragraph in entry) + f"</{tag}>")
-        return "<tr>" + "".join(cells) + "</tr>"
+        for name, (_, each) in self.classes.items():
+            for member in each.members:
+                if has_text(member.comment):
+                    return self.targets[f"{name}::{member.name}"]
+            if has_text(each.comment):
+                return self.targets[name]
+        sys.exit(f"No comment of the headers has the text that is logged: {text}")
 
-    def content(self, element):
-        children = (self.inline(child) + html.escape(child.tail or "") for child in element)
-        return html.escape(element.text or "") + "".join(children)
 
-    def inline(self, element):
-        if element.tag == "ref":
-            return self.content(element)
-        tag = {"computeroutput": "code", "bold": "strong", "emphasis": "em"}.get(element.tag)
-        if tag is None:
-            sys.exit(f"A comment of the headers has become <{element.tag}>, which the reference does not show:\n"
-                     + "".join(element.itertext()))
-        return f"<{tag}>{self.content(element)}</{tag}>"
+class Index:
+    """All that a reader may look for by its name, with the places that tell of it."""
+
+    def __init__(self, reference, manual):
+        self.manual = {name: manual_page(name) for name in manual}
+        self.parts = {
+            "Names": {name: [(target, "")] for name, target in reference.targets.items()
+                      if "::" in name or name in reference.classes},
+            "Finding codes": {code: [(f"{FINDINGS}#{code.lower()}", "")] for code in self.codes()},
+            "Log texts": {text: [(reference.target_of_text(text), "")] for text in self.logged_texts()}
+                         | self.described("Li", ["docs/man/VCopyFileListIni.8"]),
+            "Options": self.described("Fl", manual),
+            "Variables": self.described("Ev", manual),
+        }
+
+    @staticmethod
+    def codes():
+        return re.findall(r"^### (.*)", pathlib.Path(FINDINGS).read_text(encoding="utf-8"), flags=re.M)
+
+    @staticmethod
+    def logged_texts():
+        """What the classes log; a text that is logged as it is has no name."""
+        for source in sorted(SOURCES.rglob("*.cpp")):
+            if (headers.DIRECTORY / f"{source.stem}.h").exists():
+                text = " ".join(source.read_text(encoding="utf-8").split())
+                for logged in re.findall(r'VFS_LOG\([^,]+, [^,]+, "((?:\\.|[^"\\])*)"', text):
+                    if logged != "%s":
+                        yield logged.removesuffix("\\n").replace('\\"', '"')
+
+    def described(self, kind, pages):
+        """What has an entry of its own in a list of a manual page, with the headings above."""
+        found = {}
+        for page in pages:
+            heading = ""
+            for match in re.finditer(r'<h[23][^>]*>(?P<heading>.*?)</h[23]>|<dt id="(?P<id>[^"]*)">(?P<term>.*?)</dt>',
+                                     self.manual[page], flags=re.S):
+                heading = plain(match["heading"]) if match["heading"] else heading
+                for name in re.findall(rf'<code class="{kind}">(.*?)</code>', match["term"] or "", flags=re.S):
+                    place = f'man/{os.path.basename(page)}.html#{match["id"]}'
+                    found.setdefault(" ".join(plain(name).split()), []).append(
+                        (place, f"{manual_title(page)}, {heading}"))
+        return found
+
+    def page(self):
+        parts = ["<h1>Index</h1>"]
+        for title, entries in self.parts.items():
+            anchor = title.lower().replace(" ", "-")
+            parts += [f'<h2 id="{anchor}"><a href="#{anchor}">{title}</a></h2>', '<ul class="index">']
+            for name in sorted(entries, key=lambda name: name.lstrip("-").lower()):
+                parts.append(f"<li>{self.entry(name, entries[name])}</li>")
+            parts.append("</ul>")
+        return "\n".join(parts)
+
+    @staticmethod
+    def entry(name, places):
+        """A name with one place leads there; those of one with several have the words that tell them apart."""
+        code = f"<code>{html.escape(name)}</code>"
+        if len(places) == 1:
+            return f'<a href="{places[0][0]}">{code}</a>'
+        links = ", ".join(f'<a href="{place}">{html.escape(words)}</a>' for place, words in places)
+        return f"{code}: {links}"
 
 
 class Site:
-    def __init__(self, doxygen, output):
+    def __init__(self, output):
         self.output = output
         self.version = re.search(r"project\(VFileSys\s+VERSION ([\d.]+)", pathlib.Path("CMakeLists.txt").read_text())[1]
-        self.reference = Reference(doxygen, hazards_of(markdown(HAZARDS)))
+        self.reference = Reference(hazards_of(document(HAZARDS)))
         self.queue = {}  # what of the tree is shown, and where
+        self.manual = sorted(map(str, pathlib.Path("docs/man").glob("*.[1-8]")), key=lambda name: (name[-1], name))
         self.groups = self.choose_groups()
 
     def choose_groups(self):
@@ -251,14 +274,13 @@ class Site:
         overview = pathlib.Path("README.md").read_text(encoding="utf-8")
         documents = sorted(map(str, pathlib.Path("docs").glob("*.md")),
                            key=lambda name: (name not in overview, overview.find(name), name))
-        manual = sorted(map(str, pathlib.Path("docs/man").glob("*.[1-8]")), key=lambda name: (name[-1], name))
         project = [*sorted(map(str, pathlib.Path(".").glob("*.md"))), "fuzz/README.md", "LICENSE"]
         project.remove("README.md")
         return [
-            ("", [("Overview", self.place("README.md"))]),
+            ("", [("Overview", self.place("README.md")), ("Index", INDEX)]),
             ("Documents", [(self.title(name), self.place(name)) for name in documents]),
-            ("Reference", [(name, self.reference.targets[name]) for name in sorted(self.reference.classes)]),
-            ("Manual pages", [(manual_title(name), self.place(name)) for name in manual]),
+            ("Reference", [(name, self.reference.targets[name]) for name in self.reference.classes]),
+            ("Manual pages", [(manual_title(name), self.place(name)) for name in self.manual]),
             ("Project", [(self.title(name), self.place(name)) for name in project]),
         ]
 
@@ -273,7 +295,7 @@ class Site:
         if source in self.queue:
             return self.queue[source]
         name = os.path.basename(source)
-        if source.startswith(f"{HEADERS}/"):
+        if source.startswith(f"{headers.DIRECTORY}/"):
             return self.reference.targets[name.removesuffix(".h")]
         if os.path.isdir(source):
             place = f"{source}/index.html"
@@ -300,6 +322,7 @@ class Site:
         for name in self.reference.classes:
             place = self.reference.targets[name]
             self.write(place, name, self.reference.page(name), place, "reference")
+        self.write(INDEX, "Index", Index(self.reference, self.manual).page(), INDEX, "listing")
 
     def show(self, source, place):
         if place == source:
@@ -309,7 +332,7 @@ class Site:
         elif os.path.isdir(source):
             self.write(place, f"{source}/", self.listing(source), place, "listing")
         elif source.endswith(".md"):
-            self.write(place, self.title(source), markdown(source), source, "document")
+            self.write(place, self.title(source), document(source), source, "document")
         elif place.startswith("man/"):
             self.write(place, manual_title(source), manual_page(source), place, "manual")
         else:
@@ -371,8 +394,8 @@ class Site:
 
 
 def main():
-    doxygen, output = map(pathlib.Path, sys.argv[1:])
-    site = Site(doxygen, output)
+    output = pathlib.Path(sys.argv[1])
+    site = Site(output)
     site.build()
     pages = sum(1 for _ in output.rglob("*.html"))
     print(f"{pages} pages, {len(site.reference.classes)} classes, {site.reference.size()} members")

@@ -43,25 +43,23 @@ check_form() {  # PAGE
     done < <(grep '^\.Xr ' "$1")
 }
 
-# Brings declarations of a header and of a synopsis into one form.
-declarations() {  # CLASS
-    sed -E 's,//.*,,; /^ *#/d; s/^ *class .*[{]$//; s/public://; s/[{][}]?|[}];/;/g' | tr -s '\n ' ' ' | tr ';' '\n' |
-        sed -nE "/= delete/d; /\(/{ s/ : .*//; s/\b$1:://g; s/ *([][*&(),<>=]) */\1/g; s/^ +//; p }"
+# The pages of section 3 are what their headers make of them.
+check_made_pages() {
+    local made page
+    made=$(mktemp -d)
+    (cd "$source" && /usr/bin/python3 -B scripts/manual.py "$made")
+    for page in "$made"/*; do
+        diff -u "$pages/${page##*/}" "$page" ||
+            fail "${page##*/} is not what its header makes: /usr/bin/python3 -B scripts/manual.py docs/man"
+    done
+    same "the pages of section 3 and the headers differ" "$(cd "$made" && ls)" "$(cd "$pages" && ls -- *.3)"
+    rm -r "$made"
 }
 
-check_members() {  # CLASS
-    local class=$1 declared name
-    declared=$(awk '/^class / { isIn = 0 } /^public:/ { isIn = 1; next } /^private:|^};/ { isIn = 0 } isIn' \
-        "$library/include/$class.h" | declarations "$class")
-    same "$class.h and $class.3 declare different members" "$declared" "$(synopsis_of "$class.3" | declarations "$class")"
-    while read -r name; do
-        grep -qE "^\.(Ss|It Fn|It .*, Fn) ${name//+/\\+}(,| |\$)" "$pages/$class.3" || fail "$class.3 describes no $name"
-    done < <(grep -oE '(operator[+=]+|~?[A-Za-z]+)\(' <<<"$declared" | tr -d '(' | grep -v '^~' | sort -u)
-}
-
-# The texts that sources log, as C strings.
+# The texts that sources log, without the line feeds at their ends.
 logged_texts() {  # SOURCE...
-    cat "$@" | tr -s '\n ' ' ' | grep -oP 'VFS_LOG\([^,]+, [^,]+, "\K(\\.|[^"\\])*(?=")' | sort -u
+    cat "$@" | tr -s '\n ' ' ' | grep -oP 'VFS_LOG\([^,]+, [^,]+, "\K(\\.|[^"\\])*(?=")' |
+        sed 's/\\n$//; s/\\"/"/g' | sort -u
 }
 
 check_logged_by_class() {  # CLASS
@@ -116,10 +114,8 @@ classes=()
 for header in "$library"/include/*.h; do classes+=("$(basename "$header" .h)"); done
 
 for page in "$pages"/*.[1-8]; do check_form "$page"; done
-for class in "${classes[@]}"; do
-    check_members "$class"
-    check_logged_by_class "$class"
-done
+check_made_pages
+for class in "${classes[@]}"; do check_logged_by_class "$class"; done
 check_logged_by_tool
 check_options
 

@@ -6,6 +6,7 @@ set -euo pipefail
 export LC_ALL=C
 
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+exported=$here/../../debian/libvfilesys.symbols
 library=$1
 programs=("${@:2}")
 short_names='s/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/std::string/g
@@ -20,6 +21,10 @@ fail() {
 # The first column of a list without its comments.
 names_in() { sed 's/#.*//' "$1" | awk 'NF { print $1 }' | sort; }
 
+# A name that goes breaks the programs that were linked with it; a new one has to be kept for good. So the package's
+# list of them, which has the version that brought each, is the list for every build.
+exported_names() { sed -n 's/^ \(.*\)@Base .*/\1/p' "$exported" | sort; }
+
 # The dynamic symbols of the library as "binding name", defined or undefined (UND), versions cut off. Those that
 # only stand for a section, as the linker for AArch64 leaves some, are none that anybody could refer to.
 dynamic_symbols() {
@@ -32,11 +37,10 @@ dynamic_symbols() {
 
 check_exports() {
     local difference weak
-    if ! difference=$(diff <(names_in "$here/exported.txt") <(dynamic_symbols defined | cut -d' ' -f2 | sort)); then
-        fail "the exported names differ from exported.txt ('<' is listed, '>' is exported):"
-        # As the lines of the list are written, so that they can be copied there.
+    if ! difference=$(diff <(exported_names) <(dynamic_symbols defined | cut -d' ' -f2 | sort)); then
+        fail "the exported names differ from ${exported##*/} ('<' is listed, '>' is exported):"
         grep '^[<>]' <<<"$difference" | while read -r side name; do
-            printf '%s %s  # %s\n' "$side" "$name" "$(c++filt "$name" | sed "$short_names")"
+            printf '%s %s  %s\n' "$side" "$name" "$(c++filt "$name" | sed "$short_names")"
         done
     fi
     weak=$(dynamic_symbols defined | grep -v '^GLOBAL ' | c++filt | sed "$short_names" || true)
@@ -104,5 +108,5 @@ for program in "${programs[@]}"; do check_program "$program"; done
 check_source_names
 
 ((failures == 0)) || exit 1
-printf '%s\n' "$(names_in "$here/exported.txt" | wc -l) names exported, $(names_in "$here/imported.txt" | wc -l)\
+printf '%s\n' "$(exported_names | wc -l) names exported, $(names_in "$here/imported.txt" | wc -l)\
  platform names imported as listed, hardened: ${library##*/} ${programs[*]##*/}"

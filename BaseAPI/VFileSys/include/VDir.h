@@ -3,77 +3,85 @@
 
 #include <string>
 
-/// Operations on directories. Paths are NUL-terminated and, if relative, belong to the process's working
-/// directory; only VMkDir resolves them first. There are no objects of this class.
+/// Operations on directories. There are no objects of this class.
+///
+/// Paths are NUL-terminated. A relative one is resolved against the process's working directory. Only VMkDir
+/// canonicalises it first.
 class __attribute__((visibility("default"))) VDir {
 public:
-    /// Makes the directory `path` with all its missing parents, each with the permission bits `mode` less
-    /// the process's umask (the parents too: without owner write and search permission in `mode` nobody but
-    /// root can make the next level in them). The path is resolved as by VPath: "." and ".." go lexically,
-    /// except as the last component.
+    /// Makes the directory `path` with all its missing parents, each with the permission bits `mode` minus
+    /// the process's umask.
     ///
-    /// Returns 0 when the directory was made or is there already; nothing that exists is changed. (0 as well
-    /// when anything else appears under its name while the parents are made.) Returns -1 with errno EEXIST
-    /// when `path` is there but no directory, ENOENT when it is no valid VPath (null, empty, too long, or
-    /// relative to a working directory that can't be read), ENAMETOOLONG when its canonical text does not fit
-    /// 4096 bytes, and otherwise the errno of the mkdir that failed (ENOTDIR, EACCES, ENOSPC, and EEXIST for
-    /// a dangling link); parents already made then stay. When another thread or process makes one of the
-    /// levels at the same moment, the result may be -1 with EEXIST, too: a second call tells. Links on the
-    /// way are followed, those of others too: make directories only where nobody else can write.
+    ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0)
+    ///         perror("/var/lib/app/cache");
+    ///
+    /// Returns 0 when the directory was made or exists already; nothing that exists is changed. Returns -1
+    /// with errno otherwise; parents already made then stay:
+    ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Also when another thread or
+    ///    process makes one of the levels at the same moment: a second call then succeeds.
+    ///  - ENOENT: `path` is no valid VPath: null, empty, too long, or relative to a working directory that
+    ///    can't be read.
+    ///  - ENAMETOOLONG: The canonical text of `path` does not fit 4096 bytes.
+    ///  - others: As mkdir(2) set them (ENOTDIR, EACCES, ENOSPC, ...).
     ///
     /// Never logs. May be called from any thread.
     ///
-    ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0) perror("/var/lib/app/cache");
+    /// Details: the parents get the same mode. Without owner write and search permission in `mode` only root
+    /// can make the next level in them. The path is resolved as by VPath: "." and ".." are removed lexically,
+    /// except as the last component; "x/y/.." makes x and x/y. The result is also 0 when anything else
+    /// appears under the directory's name while its parents are made. Symlinks in the path are followed,
+    /// whoever made them: make directories only where no other user can write.
     ///
     /// Hazard 16 of docs/reliability.md.
     static int VMkDir(const char* path, unsigned short mode);
 
     /// Removes the empty directory `path`, taken as given.
     ///
-    /// Returns 0, or -1 with the errno of rmdir (ENOTEMPTY, ENOENT, ENOTDIR, ...; a null path gives ENOENT).
-    /// Never logs. May be called from any thread.
+    /// Returns 0, or -1 with the errno of rmdir(2) (ENOTEMPTY, ENOENT, ENOTDIR, ...; a null path gives
+    /// ENOENT). Never logs. May be called from any thread.
     static int VRmDir(const char* path);
 
-    /// Hands the directory `dirPath`, and what lies directly in it except subdirectories, to the user
-    /// `userName` and the user's primary group. Needs the right to change owners (root).
+    /// Changes the owner of the directory `dirPath`, and of what lies directly in it except subdirectories,
+    /// to the user `userName` and the user's primary group. Needs the right to change owners (root).
     ///
-    /// A symbolic link is itself given away, never what it points to; a link to a directory, and an
-    /// entry whose stat fails, such as a dangling link, are passed over, as are subdirectories and all in
-    /// them. Between the look at an entry and the change of its owner another user may replace it, so use it
-    /// only on directories which that user can't write yet; a hard link planted there changes the file's
-    /// owner everywhere (fs.protected_hardlinks=1 lets users plant none to files that are not theirs).
+    /// Use it only on directories which that user can't write yet: between the check of an entry and the
+    /// change of its owner the user may replace the entry.
     ///
-    /// Returns 0 on success. Returns -10000 and stops at the first failure, which it logs with function name
-    /// "VChownDirAndFirstDepthFiles" at level 1; entries already changed stay changed:
-    ///  - "Can't get user name id, errno: %d": there is no such user. The number is the errno after the
-    ///    lookup; a lookup that works and finds no user may leave an older one. A null name is not looked up,
-    ///    and gives ENOENT;
-    ///  - "Failed to lchown to user, error:%d": the owner of the directory or of an entry could not be
-    ///    changed (a null `dirPath` gives ENOENT here);
-    ///  - "Failed open dir,path=%s": the directory could not be opened; it has its new owner.
+    /// Returns 0 on success. Returns -10000 and stops at the first failure; entries already changed stay
+    /// changed. The failure is logged with function name "VChownDirAndFirstDepthFiles" at level 1:
+    ///  - "Can't get user name id, errno: %d": There is no such user. The number is errno after getpwnam(3);
+    ///    a lookup that works and finds no user may leave an older one. A null name is not looked up, and
+    ///    gives ENOENT.
+    ///  - "Failed to lchown to user, error:%d": The owner of the directory or of an entry could not be
+    ///    changed. A null `dirPath` gives ENOENT here.
+    ///  - "Failed open dir,path=%s": The directory could not be opened; it has its new owner.
     ///
-    /// Lets std::bad_alloc through; entries already changed stay changed then, too.
+    /// Only one thread at a time may call it: the user lookup keeps its result in storage that the process
+    /// shares.
     ///
-    /// Not for two threads at once: the user lookup keeps its result in storage that the process shares.
+    /// Details: the owner of a symlink itself changes, never that of its target. Symlinks to directories, and
+    /// entries whose stat(2) fails, such as dangling symlinks, are skipped. A hard link planted in the
+    /// directory changes the file's owner under all its names (fs.protected_hardlinks=1 lets users make none
+    /// to files of others). Lets std::bad_alloc through; entries already changed stay changed.
     ///
     /// Hazards 17 and 27 of docs/reliability.md.
     static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
 
     /// Tells whether the system can canonicalise `path`, or the path is merely missing.
     ///
-    /// Returns true when realpath succeeds or fails with ENOENT (so for a dangling link and the empty text,
-    /// too); false for every other failure, with its errno (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL for
-    /// null). Returns false without a look at the file system, and without an errno, when `length` is above
-    /// 4096; zero and negative values pass. Never logs. May be called from any thread.
+    /// Returns true when realpath(3) succeeds or fails with ENOENT (so for a dangling symlink and the empty
+    /// text, too). Returns false for every other failure, with its errno (ENOTDIR, EACCES, ELOOP,
+    /// ENAMETOOLONG; EINVAL for null). Returns false without a look at the file system, and without an errno,
+    /// when `length` is above 4096; zero and negative values pass. Never logs. May be called from any thread.
     ///
     /// Hazard 29 of docs/reliability.md.
     static bool VRealPath(const char* path, int length);
 
-    /// Replaces `output` by the canonical absolute path of `input`, with all links followed, and returns
-    /// true. When something of it is missing (ENOENT), `output` becomes `input` as it stands, possibly
-    /// relative, and the result is true as well. For every other failure the result is false with realpath's
-    /// errno and `output` is untouched. `input` ends at its first NUL if it holds one; the two may be one
-    /// object. Never logs. May be called from any thread.
+    /// Replaces `output` by the canonical absolute path of `input`, with all symlinks followed, and returns
+    /// true. When a component is missing (ENOENT), `output` becomes `input` unchanged, possibly relative, and
+    /// the result is also true. For every other failure the result is false with the errno of realpath(3),
+    /// and `output` is unchanged. `input` ends at its first NUL if it holds one; the two may be one object.
+    /// Never logs. May be called from any thread.
     ///
     /// Hazard 29 of docs/reliability.md.
     static bool VRealPath(const std::string& input, std::string& output);

@@ -1,24 +1,26 @@
 #ifndef VMONITORFILES_H
 #define VMONITORFILES_H
 
-/// Waits until something happens to a file or directory, with inotify. There are no objects of this class;
+/// Waits until something happens to a file or directory, with inotify(7). There are no objects of this class;
 /// the caller holds the descriptor of the inotify instance.
 ///
 ///     const int fd = VMonitorFiles::InotifyInit(nullptr);
 ///     if (fd != -1) {
-///         if (VMonitorFiles::InotifyFileChange(fd, "/etc/app.conf", 3)) ReloadConfiguration();
+///         if (VMonitorFiles::InotifyFileChange(fd, "/etc/app.conf", 3))
+///             ReloadConfiguration();
 ///         VMonitorFiles::Inotifyclose(fd);
 ///     }
 ///
-/// The descriptor is inherited by child processes: set FD_CLOEXEC on it if the program starts any. The
-/// operations may be called from any thread.
+/// Child processes inherit the descriptor, those of the library's other classes included: set FD_CLOEXEC on
+/// it if the program starts any. The operations may be called from any thread.
 class __attribute__((visibility("default"))) VMonitorFiles {
 public:
     /// Creates an inotify instance; `path` is not used and may be null.
     ///
-    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure (EMFILE: the user has
-    /// too many instances or the process too many descriptors; ENFILE, ENOMEM) it logs "inotify_init failed,
-    /// error = %d" with errno, function name "InotifyInit", level 1, and returns -1.
+    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure it returns -1 with the
+    /// errno of inotify_init(2) (EMFILE: the user has too many instances or the process too many descriptors;
+    /// ENFILE, ENOMEM) and logs "inotify_init failed, error = %d" with it, function name "InotifyInit",
+    /// level 1.
     ///
     /// Hazard 23 of docs/reliability.md.
     static int InotifyInit(const char* path);
@@ -34,30 +36,32 @@ public:
     /// | 3    | IN_CLOSE_WRITE   |  | 7    | IN_MOVED_TO    |  | 11   | IN_MOVE_SELF   |
     ///
     /// Returns true once an event was read, **whichever it was**: one of this watch, of any other watch on
-    /// `fd`, or one that was queued before the call. Up to 512 bytes of events are taken and dropped; what
-    /// remains makes the next call return at once. What the kernel reports unasked ends the wait, too: that
-    /// the watched file is gone, its file system was unmounted, or the queue overflowed. A watch is never
-    /// removed, and a later call for the same file with another kind replaces what it reports. It sticks to
-    /// the file, not to its name: when another file is put in its place by renaming, only the next call
-    /// watches that.
+    /// `fd`, or one that was queued before the call. Returns false at once, without a log line, when `fd` is
+    /// negative, `name` is null or `kind` is none of these. Returns false and logs, function name
+    /// "InotifyFileChange", level 1:
+    ///  - "could not add watch %s, error = %d": With `name` and the errno of inotify_add_watch(2): ENOENT,
+    ///    EACCES, ENOSPC (too many watches), EBADF, EINVAL (not an inotify descriptor), or any other of a
+    ///    path that can't be followed.
+    ///  - "could not get event error": Reading failed, also when a signal whose handler does not restart
+    ///    calls interrupted it.
     ///
     /// There is no time-out, and closing `fd` in another thread does not wake the call: to be able to stop a
     /// waiting thread, watch a private file on the same descriptor as well and write to it.
     ///
-    /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is none of
-    /// these. Returns false and logs, function name "InotifyFileChange", level 1: "could not add watch %s,
-    /// error = %d" with `name` and errno (ENOENT, EACCES, ENOSPC: too many watches, EBADF, EINVAL: not an
-    /// inotify descriptor, or any other of a path that can't be followed); "could not get event error" when
-    /// reading failed, also when a signal whose handler does not restart calls interrupted it.
+    /// Details: up to 512 bytes of events are read and discarded; what remains makes the next call return at
+    /// once. Events that the kernel reports unasked end the wait, too: the watched file is gone, its file
+    /// system was unmounted, or the queue overflowed. A watch is never removed; a later call for the same
+    /// file with another kind replaces what it reports. A watch belongs to the file, not to its name: when
+    /// another file is renamed to the name, only the next call watches that.
     ///
     /// Hazards 23 and 27 of docs/reliability.md.
     static bool InotifyFileChange(int fd, const char* name, int kind);
 
     /// Closes the inotify instance with its watches and unread events.
     ///
-    /// Deliberately the wrong way round, and kept so for those who read the log: a **successful** close logs
-    /// "close failed error = %d" with whatever errno holds, function name "Inotifyclose", level 1; a failed
-    /// one logs nothing.
+    /// Deliberately inverted, and kept so for those who read the log: a **successful** close logs "close
+    /// failed error = %d" with whatever errno holds, function name "Inotifyclose", level 1; a failed one logs
+    /// nothing.
     ///
     /// Hazard 24 of docs/reliability.md.
     static void Inotifyclose(int fd);

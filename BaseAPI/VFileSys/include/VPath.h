@@ -5,11 +5,11 @@
 
 /// A text result of VPath: either a view into the VPath that it came from, or a block of its own.
 ///
-/// Move-only; the destructor releases an owned text. A text that is not owned is good only while its VPath
-/// lives unchanged, so keep the VPath: `VPath(dir).BaseName().text` points into an object that is gone.
+/// Move-only; the destructor releases an owned text. A text that is not owned is valid only while its VPath
+/// lives unchanged, so keep the VPath: `VPath(dir).BaseName().text` is a dangling pointer.
 class __attribute__((visibility("default"))) PathText {
 public:
-    /// Takes over `pathText`; with `isOwned` it must come from malloc and is freed by the destructor.
+    /// Takes over `pathText`; with `isOwned` it must come from malloc(3) and is freed by the destructor.
     PathText(const char* pathText, bool isOwned) noexcept : text(pathText), owned(isOwned) {}
     /// Leaves `other` holding the empty text, not owned.
     PathText(PathText&& other) noexcept;
@@ -26,53 +26,59 @@ public:
     bool owned;
 };
 
-/// An absolute path, canonicalised as text and held in the object: at most 4095 characters, no heap.
+/// An absolute path, canonicalised as text and stored inline, no heap allocation. It has at most 4095
+/// characters.
 ///
 /// Making one from a text puts the working directory before a relative text, collapses runs of '/', drops
-/// trailing '/' and removes "." and ".." components, without asking the file system: links are not followed,
-/// nothing has to exist, and ".." always drops the component before it. Deliberately, **the last component is
-/// never examined**: "/a/./b" becomes "/a/b" and "/a/b/../c" becomes "/a/c", but "/a/b/..", "/a/." and "/.."
-/// stay as they are, and a relative "." becomes the working directory with "/." behind it.
+/// trailing '/' and removes "." and ".." components, without asking the file system: symlinks are not
+/// followed, nothing has to exist, and ".." always drops the component before it. Deliberately, **the last
+/// component is never examined**: "/a/./b" becomes "/a/b" and "/a/b/../c" becomes "/a/c", but "/a/b/..",
+/// "/a/." and "/.." do not change, and a relative "." becomes the working directory followed by "/.".
 ///
-/// A VPath is valid or invalid. It is invalid when its text was null, empty or too long (4096 characters or
-/// more, or more than 4095 with the working directory and a '/' before it), or when the working directory
-/// could not be read. Invalid paths answer every question with the empty text and stay invalid until the
-/// next ResolvePath or assignment.
-///
-///     VPath config("/opt/app/../app/etc/");   // "/opt/app/etc"
-///     config += "../log";                     // "/opt/app/log"
+///     VPath config("/opt/app/../app/etc/");  // "/opt/app/etc"
+///     config += "../log";                    // "/opt/app/log"
 ///     const PathText text = config.RealPath();
 ///     if (text.text[0] != '\0') puts(text.text);
 ///
+/// A VPath is valid or invalid. It is invalid when its text was null, empty or too long (4096 characters or
+/// more, or more than 4095 with the working directory and a '/' before it), or when the working directory
+/// could not be read. Invalid paths answer every question with the empty text and stay invalid until the next
+/// ResolvePath or assignment.
+///
 /// No operation logs or throws, except that joining may let the standard library's std::bad_alloc or
-/// std::length_error through. Distinct objects may be used from different threads; a relative text depends
-/// on the process's working directory at that moment.
+/// std::length_error through. Distinct objects may be used from different threads; a relative text depends on
+/// the process's working directory at that moment.
+///
+/// Details: the limit is on the text as given: 4096 slashes are too long, although they mean "/". A check
+/// whether a path begins with some directory must look at BaseName as well, since the last component may be
+/// "..". Where the component before a ".." is a symlink, the result is another directory than the kernel
+/// would find; VDir::VRealPath asks the system.
 class __attribute__((visibility("default"))) VPath {
 public:
-    /// Stores the flag `isValid` and the characters from `begin` up to `end` as they stand, unresolved; with
-    /// `end` null, the whole NUL-terminated text at `begin`. The path is invalid, whatever the flag, when
-    /// that is 4096 characters or more, `begin` is null, or `end` lies before `begin`.
+    /// Stores the flag `isValid` and the characters from `begin` up to `end` unresolved; with `end` null, the
+    /// whole NUL-terminated text at `begin`. The path is invalid, whatever the flag, when that is 4096
+    /// characters or more, `begin` is null, or `end` lies before `begin`.
     VPath(bool isValid, const char* begin, const char* end);
     /// Resolves `text`; null gives an invalid path.
     VPath(const char* text);
     /// Resolves `text`, up to its first NUL if it holds one.
     VPath(const std::string& text);
-    /// Takes over the text of `other` and whether it is valid.
+    /// Copies the text of `other` and whether it is valid.
     VPath(const VPath& other);
-    /// Takes over the text of `other`, which may be this path, and whether it is valid.
+    /// Copies the text of `other`, which may be this path, and whether it is valid.
     VPath& operator=(const VPath& other);
-    /// There is nothing to release; what points into this path's text is good no longer.
+    /// There is nothing to release; what points into this path's text is no longer valid.
     ~VPath();
 
-    /// Replaces this path by the canonical form of `text`, which may be this path's own text. An invalid
-    /// result is seen by RealPath giving the empty text.
+    /// Replaces this path by the canonical form of `text`, which may be this path's own text. RealPath gives
+    /// the empty text when the result is invalid.
     void ResolvePath(const char* text);
 
-    /// Appends '/' and `tail` to a valid path and resolves the whole again. The tail is always appended,
-    /// also when it begins with '/'; "." and ".." in it act on the components before them, but not as its
-    /// last component. A last component that was kept so far is examined now: "/a/.." and "x" give "/x". A
-    /// null or empty tail leaves a resolved path as it is. The path becomes invalid when the joined text,
-    /// with the '/' between, reaches 4096 characters; an invalid path stays as it is.
+    /// Appends '/' and `tail` to a valid path and resolves the whole again. The tail is always appended, also
+    /// when it begins with '/': "/a" and "/b" give "/a/b". "." and ".." in it act on the components before
+    /// them, but not as its last component. The last component of this path is examined now: "/a/.." and "x"
+    /// give "/x". A null or empty tail does not change a resolved path. The path becomes invalid when the
+    /// joined text, with the '/' between, reaches 4096 characters; an invalid path does not change.
     VPath& operator+=(const char* tail);
     /// The same; `tail` ends at its first NUL if it holds one.
     VPath& operator+=(const std::string& tail);
@@ -86,8 +92,8 @@ public:
     /// whose old text was "/".
     bool IsRootDir() const;
 
-    /// The path's text, not owned; the empty text when the path is invalid. Despite its name it asks no
-    /// file system: the text of a path that names a link is that path.
+    /// The path's text, not owned; the empty text when the path is invalid. Despite its name it does not ask
+    /// the file system: symlinks are not followed.
     ///
     /// Hazard 22 of docs/reliability.md.
     PathText RealPath() const;
@@ -96,7 +102,7 @@ public:
     /// text, not "/". The empty text, not owned, when the path is invalid or no memory can be had.
     PathText DirName() const;
 
-    /// The text behind the last '/', not owned; "/" gives "/". The empty text when the path is invalid.
+    /// The text after the last '/', not owned; "/" gives "/". The empty text when the path is invalid.
     ///
     /// Hazard 22 of docs/reliability.md.
     PathText BaseName() const;
@@ -105,8 +111,8 @@ public:
     /// text. An invalid path gives an invalid path with the empty text.
     VPath DirPath() const;
 
-    /// True when the path `name`, taken as given, exists (access with F_OK: links are followed and the real
-    /// user's rights count). False for null, and for every failure, with errno from access.
+    /// True when the path `name`, taken as given, exists: access(2) with F_OK, so symlinks are followed and
+    /// the real user's rights count. False for null, and for every failure, with errno from access(2).
     static bool FileExist(const char* name);
 
 private:
