@@ -9,8 +9,10 @@ install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_
 # systemd looks here for units, below /usr and /usr/local; the directory is lib on every architecture.
 install(FILES BaseAPI/VFileList/vfilelist-resume.service DESTINATION lib/systemd/system)
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-# Their build file is the project's own.
-install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" PATTERN CMakeLists.txt EXCLUDE)
+# The licence, and the notices of the libraries whose code the programs contain.
+install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(FILES docs/third-party/vfilesys-tools.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")
+install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
 install(FILES completions/VCopyFileListIni completions/vfilelist
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions")
 foreach(page vfilelist.1 VCompressAndDeCompress.3 VDir.3 VFile.3 VFixFirewall.3 VMonitorFiles.3 VPath.3 vfilelist.5
@@ -22,6 +24,7 @@ if(VFILESYS_NEIGHBOURS STREQUAL "bundled")
   install(TARGETS VLogger VIni safestr EXPORT VFileSysStandInsTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/VFileSys")
+  install(FILES docs/third-party/vfilesys-standins.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")
 endif()
 
 # The stand-ins have a file of targets of their own, so that they can be taken out of an installation, and the product's
@@ -40,10 +43,18 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/VFileSysConfigVersion.cmake"
         DESTINATION "${vfs_package_dir}")
 
-set(vfs_pkgconfig_dir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${vfs_pkgconfig_dir}"
+# The package may be moved as a whole: the file gives all from its own place. Below /usr it names the places themselves,
+# so that pkg-config leaves out those that the compiler and the linker search anyway.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}"
+           OUTPUT_VARIABLE vfs_libdir_from_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}"
+           OUTPUT_VARIABLE vfs_includedir_from_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
            OUTPUT_VARIABLE vfs_prefix_from_pkgconfig)
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${vfs_pkgconfig_dir}"
-           OUTPUT_VARIABLE vfs_includedir_from_pkgconfig)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(vfs_pkgconfig_prefix "/usr")
+else()
+  set(vfs_pkgconfig_prefix "\${pcfiledir}/${vfs_prefix_from_pkgconfig}")
+endif()
 configure_file(cmake/VFileSys.pc.in "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VFileSys.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

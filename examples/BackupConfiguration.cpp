@@ -5,6 +5,7 @@
 // could change tar's behaviour from outside, packs under a new name, tests the result, and only then puts it
 // in the place of an older archive. (tar leaves out what it may not read; run as a user who may read all.)
 //
+//     c++ -std=c++17 -o BackupConfiguration BackupConfiguration.cpp $(pkg-config --cflags --libs VFileSys)
 //     BackupConfiguration /etc/app /var/backups/app          makes /var/backups/app.tar.gz
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 // Joins a name that comes from outside to a base directory, and refuses what would leave it.
 //
+//     c++ -std=c++17 -o CanonicalPath CanonicalPath.cpp $(pkg-config --cflags --libs VFileSys)
 //     CanonicalPath /srv/files reports/../summary.txt      prints /srv/files/summary.txt
 //     CanonicalPath /srv/files ../../etc/passwd            fails
 #include <cstdio>

@@ -1,5 +1,6 @@
 // Compresses a text in memory, as a zlib stream and as a gzip member, and reads the member back.
 //
+//     c++ -std=c++17 -o CompressBuffer CompressBuffer.cpp $(pkg-config --cflags --libs VFileSys) -lz
 //     CompressBuffer "some text"
 #include <zlib.h>
 

@@ -3,6 +3,7 @@
 // FixFirewallStart is called once: a second call would start a second thread. FixFirewallStop does not wait;
 // the thread ends with the process.
 //
+//     c++ -std=c++17 -o FirewallService FirewallService.cpp $(pkg-config --cflags --libs VFileSys) -lVLogger
 //     FirewallService            ends with SIGTERM or SIGINT
 #include <signal.h>
 

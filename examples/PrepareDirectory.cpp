@@ -1,5 +1,6 @@
 // Makes the directory of a service with all its parents, and hands it and the files directly in it to a user.
 //
+//     c++ -std=c++17 -o PrepareDirectory PrepareDirectory.cpp $(pkg-config --cflags --libs VFileSys)
 //     PrepareDirectory /var/lib/app/cache appuser
 #include <cerrno>
 #include <cstdio>

@@ -5,6 +5,7 @@
 // kilobytes on a full disk without a word. Here the copy goes into a file of its own beside the destination,
 // is checked, gets the source's mode, is put on the disk and then renamed.
 //
+//     c++ -std=c++17 -o SafeCopy SafeCopy.cpp $(pkg-config --cflags --libs VFileSys)
 //     SafeCopy app.conf.new /etc/app.conf
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,6 +1,7 @@
 // A tour of the library: each class does one real thing in a directory of the caller's, and what it logs is
 // shown on standard error beside it.
 //
+//     c++ -std=c++17 -o Tour Tour.cpp $(pkg-config --cflags --libs VFileSys) -lVLogger -lz -pthread
 //     Tour DIRECTORY [--with-helper]
 //
 // With --with-helper the product's helper tool is run, too; without it, those two stops are left out.

@@ -5,6 +5,7 @@
 // descriptor. So a second, private file is watched on the same descriptor: writing to it wakes the thread,
 // which then finds that it is to end.
 //
+//     c++ -std=c++17 -o WaitForChange WaitForChange.cpp $(pkg-config --cflags --libs VFileSys) -pthread
 //     WaitForChange /etc/app.conf
 #include <fcntl.h>
 #include <sys/inotify.h>

@@ -16,6 +16,8 @@ import urllib.parse
 import uuid
 from datetime import datetime, timezone
 
+import licences
+
 # The packages whose code the objects of a directory become.
 PACKAGES_OF_OBJECTS = [
     ("platform/", ["vfilesys-standins"]),
@@ -27,22 +29,6 @@ PACKAGES_OF_OBJECTS = [
 
 # C headers declare; the code is in a library that the package depends on, or in the kernel.
 DECLARATIONS_ONLY = re.compile(r"(libc6-dev|libssl-dev|linux-libc-dev|zlib1g-dev)(-|$)")
-
-# Debian's short names of licences, and those of packages that do not name theirs in a form for machines.
-LICENCES = {
-    "Apache-2.0": "Apache-2.0",
-    "BSD-3-clause": "BSD-3-Clause",
-    "BSD-3-Clause": "BSD-3-Clause",
-    "Expat": "MIT",
-    "MIT": "MIT",
-    "Zlib": "Zlib",
-    "zlib": "Zlib",
-}
-LICENCES_OF_PACKAGES = [
-    (re.compile(r"libc6(-|$)"), "LGPL-2.1-or-later"),
-    (re.compile(r"lib(gcc|stdc\+\+)-?[0-9s]"), "GPL-3.0-or-later WITH GCC-exception-3.1"),
-    (re.compile(r"linux-libc-dev(-|$)"), "GPL-2.0-only WITH Linux-syscall-note"),
-]
 
 
 def output_of(*command):
@@ -100,17 +86,6 @@ def needed_by(control):
     return [re.match(r"[a-z0-9.+-]+", text.strip()).group() for text in dependencies.split(",") if text.strip()]
 
 
-def licence_of(package):
-    for pattern, licence in LICENCES_OF_PACKAGES:
-        if pattern.match(plain(package)):
-            return licence
-    files = output_of("dpkg-query", "--listfiles", package).splitlines()
-    path = next(file for file in files if file.endswith("/copyright"))
-    with open(path, encoding="utf-8") as copyright_file:
-        stanza = re.search(r"^Files: *\*.*?^License: *(\S+)", copyright_file.read(), re.MULTILINE | re.DOTALL)
-    return LICENCES.get(stanza.group(1), "NOASSERTION") if stanza else "NOASSERTION"
-
-
 def spdx_id(name):
     return "SPDXRef-" + re.sub(r"[^A-Za-z0-9.-]", "-", name)
 
@@ -137,13 +112,16 @@ def described(name, version, supplier, licence, locator):
     }
 
 
-def our_package(control):
+def our_package(control, contents, copyright_text):
     name, version = control["Package"], control["Version"]
     package = described(name, version, supplier_of(control), "Apache-2.0",
                         purl("", name, version, control["Architecture"]))
+    compiled = {licences.licence_of(content) for content in contents} - {licences.ASKS_FOR_NOTHING}
     with open(control["File"], "rb") as deb:
         checksum = hashlib.sha256(deb.read()).hexdigest()
     return package | {
+        "licenseConcluded": licences.all_of({"Apache-2.0"} | compiled),
+        "copyrightText": copyright_text,
         "packageFileName": os.path.basename(control["File"]),
         "checksums": [{"algorithm": "SHA256", "checksumValue": checksum}],
     }
@@ -157,7 +135,7 @@ def debian_package(name, architecture):
     query = output_of("dpkg-query", "--show", "--showformat", "${Version} ${Architecture}\n",
                       name if ":" in name else find_installed(name, architecture))
     version, own_architecture = query.split()
-    return described(name, version, "Organization: Debian", licence_of(name),
+    return described(name, version, "Organization: Debian", licences.licence_of(name),
                      purl("debian/", plain(name), version, own_architecture))
 
 
@@ -179,7 +157,8 @@ def bill(build, controls):
     architecture = controls[0]["Architecture"]
     ours = {control["Package"]: control for control in controls}
     contents = compiled_in(build, ours)
-    packages = [our_package(control) for control in controls]
+    copyright_text = copyright_of(build)
+    packages = [our_package(control, contents[name], copyright_text) for name, control in ours.items()]
     relationships = [relationship("SPDXRef-DOCUMENT", "DESCRIBES", name) for name in ours]
     foreign = set()
     for name, control in ours.items():
@@ -203,6 +182,11 @@ def bill(build, controls):
         "packages": packages,
         "relationships": relationships,
     }
+
+
+def copyright_of(build):
+    with open(os.path.join(build, "../debian/copyright"), encoding="utf-8") as copyright_file:
+        return "Copyright " + re.search(r"^Copyright: (.*)$", copyright_file.read(), re.MULTILINE).group(1)
 
 
 def time_of_release(build):

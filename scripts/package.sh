@@ -54,7 +54,7 @@ make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
     fi
     quietly "Building the packages for $architecture in $work" build_debian_packages "$work/vfilesys" "${@:3}" \
         env "${environment[@]}" dpkg-buildpackage --build=binary --unsigned-changes --unsigned-buildinfo "${options[@]}"
-    env "${environment[@]}" /usr/bin/python3 scripts/bill_of_materials.py "$work"/vfilesys/obj-* "$work"/*.deb \
+    env "${environment[@]}" /usr/bin/python3 -B scripts/bill_of_materials.py "$work"/vfilesys/obj-* "$work"/*.deb \
         >"$work/vfilesys_$(changelog_field Version)_$architecture.spdx.json"
 }
 

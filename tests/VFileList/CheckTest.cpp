@@ -856,6 +856,18 @@ TEST_F(CheckTest, FindsALinkThatWillPointNowhereOnceRenameHasMovedItsFile) {
     EXPECT_THAT(package_.Run("check", {"--root", "/"}).out, HasSubstr("(once -rename has moved "));
 }
 
+TEST_F(CheckTest, LooksAtATargetThoughAnotherListNamesItsDirectoryByARelativePath) {
+    package_.Bring("tool", "new");
+    package_.Install("tool", "old");
+    package_.Install("tool.bak", "older");
+    const std::string relative = fs::relative(package_.InstalledPath());
+
+    package_.WriteList("[Server]\nA=" + relative + "\nB=@\n[A]\nf=tool\n[B]\nf=tool\n");
+
+    EXPECT_THAT(FindCodes(package_), Contains("E-TARGET-RELATIVE"));
+    EXPECT_THAT(FindCodes(package_), Contains("W-OLD-BACKUP"));
+}
+
 TEST_F(CheckTest, FindsATargetThatIsTheDirectoryOfAList) {
     package_.Bring("d", "a file");
     package_.WriteList("[Server]\nA=@/d\nB=@\n[A]\nf=bin/tool\n[B]\nf=d\n");

@@ -86,14 +86,49 @@ run_with_pkg_config() {  # PREFIX NEIGHBOURS OPTION...
     quietly env LD_LIBRARY_PATH="$libraries:$2" "${emulator[@]}" "$work/plain" "$work/plain-data"
 }
 
+# What a reader of an example would type: the line of its first comment.
+line_of_example() { awk '!/^\/\// { exit } $2 == "c++" { sub("^// +", ""); print }' "$1"; }  # FILE
+
+# Runs the line as it stands. Only the compiler may be another one.
+compile_as_written() (  # PREFIX DIRECTORY LINE
+    # shellcheck disable=SC2317  # the line calls it
+    c++() {
+        local -a linker_flags
+        read -ra linker_flags <<<"${LDFLAGS:-}"
+        command "${CXX:-c++}" "$@" "${linker_flags[@]}"
+    }
+    PKG_CONFIG_LIBDIR=$(dirname "$(find "$1" -name VFileSys.pc)")
+    export PKG_CONFIG_LIBDIR
+    cd "$2"
+    eval "$3"
+)
+
+build_examples() {  # PREFIX
+    local example line directory=$1/share/doc/VFileSys/examples
+    configure "$directory" "$work/examples" -DCMAKE_PREFIX_PATH="$1"
+    quietly cmake --build "$work/examples"
+    cp -r "$directory" "$work/examples-by-hand"
+    for example in "$directory"/*.cpp; do
+        example=$(basename "$example" .cpp)
+        line=$(line_of_example "$directory/$example.cpp")
+        [[ -x $work/examples/$example ]] || fail "the CMakeLists.txt of the examples leaves out $example"
+        quietly compile_as_written "$1" "$work/examples-by-hand" "${line:-"no line builds $example"}"
+        [[ -x $work/examples-by-hand/$example ]] || fail "the line builds no $example: $line"
+    done
+}
+
 # What people read, and what their shell reads.
 check_documents() {  # PREFIX
     local file
     for file in "$source"/docs/man/*; do
         cmp -s "$file" "$1/share/man/man${file##*.}/${file##*/}" || fail "${file##*/} is not installed"
     done
-    for file in "$source"/examples/*.cpp "$source"/examples/ansible/*; do
+    for file in "$source"/examples/{CMakeLists.txt,*.cpp,ansible/*}; do
         cmp -s "$file" "$1/share/doc/VFileSys/${file#"$source/"}" || fail "${file#"$source/"} is not installed"
+    done
+    cmp -s "$source/LICENSE" "$1/share/doc/VFileSys/LICENSE" || fail "the licence is not installed"
+    for file in "$source"/docs/third-party/*; do
+        cmp -s "$file" "$1/share/doc/VFileSys/third-party/${file##*/}" || fail "the notices ${file##*/} are not installed"
     done
     quietly "$source/tests/completions/check.sh" "$1/share/bash-completion/completions"
 }
@@ -116,10 +151,11 @@ quietly "${emulator[@]}" "$work/consumer/consumer" "$work/consumer-data"
 step "a program's own logger, built against the installed header, gets the library's lines"
 quietly "${emulator[@]}" "$work/consumer/own_logger"
 
-step "the outside project builds with pkg-config, and so does an example that uses the logger too"
+step "the outside project builds with pkg-config"
 run_with_pkg_config "$work/prefix" "$neighbours"
-compile_with_pkg_config "$work/prefix" "$work/example" "$work/prefix/share/doc/VFileSys/examples/FirewallService.cpp" \
-    -lVLogger
+
+step "the installed examples build, all with CMake and each by the line of its comment"
+build_examples "$work/prefix"
 
 step "the library builds on installed neighbours instead of its own stand-ins"
 configure "$source" "$work/product" -DVFILESYS_NEIGHBOURS=product -DVFILESYS_BUILD_TESTS=OFF \

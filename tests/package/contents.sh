@@ -10,6 +10,7 @@ emulator=("${@:4}")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 version=$(sed -nE 's/^project\(.* VERSION ([0-9.]+).*/\1/p' "$source/CMakeLists.txt")
+bill=$place/vfilesys_${version}_$architecture.spdx.json
 
 fail() {
     printf 'FAILED: %s\n' "$*"
@@ -38,6 +39,7 @@ check_fields() {
         'libc6, libgcc-s1, libssl3, libstdc++6, libvfilesys, vfilesys-standins | vfilesys-neighbours'
     check_needs vfilesys-standins 'libc6, libfmt9, libgcc-s1, libstdc++6'
     check_needs vfilesys-standins-dev vfilesys-standins
+    [[ $(field vfilesys-tools Multi-Arch) == foreign ]] || fail "vfilesys-tools serves its own architecture alone"
     for package in vfilesys-standins:vfilesys-neighbours vfilesys-standins-dev:vfilesys-neighbours-dev; do
         [[ $(field "${package%:*}" Provides Conflicts Replaces | grep -c ": ${package#*:}$") == 3 ]] ||
             fail "${package%:*} gives no way to the product's own"
@@ -71,6 +73,16 @@ check_binaries() {
     done
 }
 
+# The directories that the compiler and the linker search by themselves are left out, and nothing is said twice.
+check_pkg_config() {
+    local flags directory
+    dpkg-deb --extract "$(package_file libvfilesys-dev)" "$work/development"
+    directory=$(dirname "$(find "$work/development" -name VFileSys.pc)")
+    flags=$(PKG_CONFIG_LIBDIR=$directory PKG_CONFIG_SYSTEM_LIBRARY_PATH=${libraries#"$work/root"} \
+        pkg-config --cflags --libs VFileSys)
+    [[ ${flags% } == '-I/usr/include/VFileSys -lVFileSys' ]] || fail "pkg-config gives the flags $flags"
+}
+
 # The names that calls of the logger hand over are in the files.
 check_logged_names() {
     local names name
@@ -81,10 +93,13 @@ check_logged_names() {
     if grep -v '^BaseAPI/VFileSys/src/' <<<"$names"; then fail "names of sources that do not begin with BaseAPI/"; fi
 }
 
+licence_is() {  # PACKAGE EXPRESSION
+    grep -A 6 "\"name\": \"$1\"," "$bill" | grep -qF "\"licenseConcluded\": \"$2\"" || fail "$1 has another licence"
+}
+
 # The bill of materials is about these very files.
 check_bill() {
-    local bill package
-    bill=$place/vfilesys_${version}_$architecture.spdx.json
+    local package
     for package in libvfilesys libvfilesys-dev vfilesys-tools vfilesys-standins vfilesys-standins-dev; do
         grep -q "$(sha256sum <"$(package_file "$package")" | cut -d' ' -f1)" "$bill" ||
             fail "$bill tells of another $package"
@@ -93,13 +108,28 @@ check_bill() {
         grep -qE "\"referenceLocator\": \"pkg:deb/debian/$package@[^\"]+\?arch=($architecture|all)\"" "$bill" ||
             fail "$bill does not tell which $package it was"
     done
+    licence_is vfilesys-tools 'Apache-2.0 AND BSD-3-Clause AND MIT'
+    licence_is vfilesys-standins 'Apache-2.0 AND MIT AND MIT WITH fmt-exception'
+    licence_is libvfilesys Apache-2.0
     if grep -n NOASSERTION "$bill" | grep -E 'license(Declared|Concluded)'; then fail "$bill lacks a licence"; fi
+}
+
+# Their text is that of the libraries that the bill knows.
+check_notices() {
+    local package notices
+    for package in vfilesys-tools vfilesys-standins; do
+        notices=$work/root/usr/share/doc/$package/third-party/$package.txt
+        /usr/bin/python3 -B "$source/scripts/licences.py" "$bill" "$package" | diff "$notices" - ||
+            fail "the notices in $package are not those of the libraries that it contains"
+    done
 }
 
 check_fields
 check_files
 extract
 check_binaries
+check_pkg_config
 check_logged_names
 check_bill
+check_notices
 LD_LIBRARY_PATH=$libraries "$source/tests/package/upgrade.sh" "$work/upgrade" "$work/root/usr/bin" "${emulator[@]}"

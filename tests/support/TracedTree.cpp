@@ -172,7 +172,7 @@ TreeCall Tracer::CallOf(pid_t process, const user_regs_struct& registers) const 
                       static_cast<unsigned long>(registers.rdx), static_cast<unsigned long>(registers.r10),
                       static_cast<unsigned long>(registers.r8),  static_cast<unsigned long>(registers.r9)};
     if (event_.directories.empty()) return call;
-    // No call has paths elsewhere.
+    // In every call the paths are among these.
     for (const std::size_t argument : {0U, 1U, 3U}) {
         const std::string text = TextAt(process, call.arguments[argument]);
         if (IsBelow(text, event_.directories)) call.paths.push_back(text);

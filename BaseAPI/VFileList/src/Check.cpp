@@ -13,6 +13,18 @@ bool IsWarning(const Finding& finding) {
     return !finding.kind->IsError();
 }
 
+// Of the entries for one target the first in a directory that can be looked at.
+std::vector<bool> FirstEntries(const Inspection& inspection) {
+    const std::vector<Entry>& entries = inspection.list.entries();
+    const auto isUsable = [&](std::size_t entry) { return inspection.IsUsable(entries[entry]); };
+    std::vector<bool> areFirst(entries.size());
+    for (const Target& target : inspection.list.Targets()) {
+        const auto first = std::find_if(target.entries.begin(), target.entries.end(), isUsable);
+        if (first != target.entries.end()) areFirst[*first] = true;
+    }
+    return areFirst;
+}
+
 Json ToJson(const Finding& finding) {
     return {{"severity", finding.kind->IsError() ? "error" : "warning"},
             {"code", finding.kind->code},
@@ -75,12 +87,13 @@ std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
 std::vector<Finding> FindTrouble(const FileList& list, Output& output) {
     Inspection inspection(list);
     CheckLists(inspection);
+    const std::vector<bool> areFirst = FirstEntries(inspection);
     TargetChecker targets(inspection);
-    std::size_t done = 0;
-    for (const Entry& entry : list.entries()) {
+    for (std::size_t i = 0; i < areFirst.size(); ++i) {
+        const Entry& entry = list.entries()[i];
         const std::optional<struct stat> source = CheckSource(inspection, entry);
-        if (HasFileName(entry) && inspection.IsUsable(entry)) targets.Check(entry, source);
-        output.Progress("check", ++done, list.entries().size());
+        if (areFirst[i]) targets.Check(entry, source);
+        output.Progress("check", i + 1, areFirst.size());
     }
     inspection.CountLosses();
     targets.CheckUsers();

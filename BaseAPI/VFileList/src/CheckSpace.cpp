@@ -64,8 +64,9 @@ void CheckSpace(const FileList& list, std::vector<Finding>& findings) {
         for (const std::string& made : files.MakeDirectory(target.directory)) needs.Add(made, 1);
     }
     for (const Target& target : list.Targets()) {
+        const std::string path = list.TargetOf(list.entries()[target.entries.front()]);
         const std::optional<off_t> size = LargestSource(list, target);
-        if (size) needs.Add(list.TargetOf(list.entries()[target.entries.front()]), *size);
+        if (size && files.NameOf(path)) needs.Add(path, *size);
     }
     needs.FindShortages(findings);
 }

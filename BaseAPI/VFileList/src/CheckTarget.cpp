@@ -56,8 +56,6 @@ void TargetChecker::Check(const Entry& entry, const std::optional<struct stat>& 
     const FileList& list = inspection_.list;
     const PlannedFiles& files = inspection_.files;
     const std::string path = list.TargetOf(entry);
-    if (!seen_.insert(files.NameOf(path).value_or(path)).second) return;
-
     const PlannedFile file = files.At(path);
     const bool isLink = file.kind == FileKind::kLink;
     const PlannedFile behind = isLink ? files.Behind(path) : file;

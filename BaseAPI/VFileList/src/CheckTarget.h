@@ -11,7 +11,7 @@ class TargetChecker {
 public:
     explicit TargetChecker(Inspection& inspection);
 
-    // The target of an entry with a file name, in a directory that is one. `source` is the status of the
+    // A target by one of its entries, in a directory that is one. `source` is the status of the
     // package's file, if there is one.
     void Check(const Entry& entry, const std::optional<struct stat>& source);
     // Who uses the files, when all are known.
@@ -39,7 +39,6 @@ private:
     ContentComparer comparer_;
     struct stat fileList_ {};
     const std::set<FileId> tool_ = FilesOfTheTool();
-    std::set<std::string> seen_;
     std::vector<std::pair<FileId, const Entry*>> installed_;
 };
 

@@ -10,9 +10,11 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <set>
+#include <string_view>
 #include <tuple>
-#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "Files.h"
@@ -58,6 +60,23 @@ std::string IdentityOfDirectory(PlannedFiles& files, const std::string& path) {
     return std::to_string(directory.status.st_dev) + ":" + std::to_string(directory.status.st_ino) + "/";
 }
 
+// Few names are those of backups.
+template <typename IdentityOf>
+void NoteListedBackups(std::vector<Target>& targets, IdentityOf identityOf) {
+    const std::string_view suffix = kBackupSuffix;
+    std::set<std::string> backups;
+    for (const Target& target : targets) {
+        std::string identity = identityOf(target.entries.front());
+        const bool isBackup = identity.size() > suffix.size() &&
+                              identity.compare(identity.size() - suffix.size(), suffix.size(), suffix) == 0;
+        if (isBackup) backups.insert(std::move(identity));
+    }
+    for (Target& target : targets) {
+        target.isBackupListed =
+            !backups.empty() && backups.count(identityOf(target.entries.front()) + kBackupSuffix) != 0;
+    }
+}
+
 }  // namespace
 
 std::string FileList::WhyUnreadable(const std::string& iniPath) {
@@ -100,6 +119,7 @@ FileList::Contents FileList::Read(const std::string& iniPath) {
         }
         contents.lists.push_back(std::move(list));
     }
+    contents.entries.shrink_to_fit();
     return contents;
 }
 
@@ -123,21 +143,29 @@ std::string FileList::BackupOf(const Entry& entry) const {
 
 std::vector<Target> FileList::Targets() const {
     PlannedFiles files(root_);
-    std::vector<std::string> identities;
-    for (const TargetList& list : lists()) identities.push_back(IdentityOfDirectory(files, list.directory));
+    std::vector<std::string> directories;
+    for (const TargetList& list : lists()) directories.push_back(IdentityOfDirectory(files, list.directory));
+    const auto identityOf = [&](std::size_t entry) {
+        return directories[entries()[entry].list] + GetFileName(entries()[entry].text);
+    };
 
+    // Entries stand for their identities here, which take more memory than all the rest.
+    const auto hash = [&](std::size_t entry) { return std::hash<std::string>()(identityOf(entry)); };
+    const auto isSame = [&](std::size_t entry, std::size_t other) {
+        return identityOf(entry) == identityOf(other);
+    };
+    std::unordered_set<std::size_t, decltype(hash), decltype(isSame)> firstEntries(0, hash, isSame);
+    std::vector<std::size_t> indexes(entries().size());  // of the targets of the entries
     std::vector<Target> targets;
-    std::unordered_map<std::string, std::size_t> indexes;
     for (std::size_t i = 0; i < entries().size(); ++i) {
         if (!HasFileName(entries()[i])) continue;
-        const std::string identity = identities[entries()[i].list] + GetFileName(entries()[i].text);
-        const auto [found, isNew] = indexes.try_emplace(identity, targets.size());
+        const auto [first, isNew] = firstEntries.insert(i);
+        indexes[i] = isNew ? targets.size() : indexes[*first];
         if (isNew) targets.emplace_back();
-        targets[found->second].entries.push_back(i);
+        targets[indexes[i]].entries.push_back(i);
     }
-    for (const auto& [identity, index] : indexes) {
-        targets[index].isBackupListed = indexes.count(identity + kBackupSuffix) != 0;
-    }
+    targets.shrink_to_fit();
+    NoteListedBackups(targets, identityOf);
     return targets;
 }
 
