@@ -18,7 +18,7 @@ public:
     /// Returns 0 when the directory was made or exists already; nothing that exists is changed. Returns -1
     /// with errno otherwise; parents already made then stay:
     ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Also when another thread or
-    ///    process makes one of the levels at the same moment: a second call then succeeds.
+    ///    process makes one of the levels at the same moment: call again to find out.
     ///  - ENOENT: `path` is no valid VPath: null, empty, too long, or relative to a working directory that
     ///    can't be read.
     ///  - ENAMETOOLONG: The canonical text of `path` does not fit 4096 bytes.

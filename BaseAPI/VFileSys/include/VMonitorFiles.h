@@ -17,10 +17,10 @@ class __attribute__((visibility("default"))) VMonitorFiles {
 public:
     /// Creates an inotify instance; `path` is not used and may be null.
     ///
-    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure it returns -1 with the
-    /// errno of inotify_init(2) (EMFILE: the user has too many instances or the process too many descriptors;
-    /// ENFILE, ENOMEM) and logs "inotify_init failed, error = %d" with it, function name "InotifyInit",
-    /// level 1.
+    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure it logs "inotify_init
+    /// failed, error = %d" with the errno of inotify_init(2), function name "InotifyInit", level 1, and
+    /// returns -1. EMFILE: the user has too many instances or the process too many descriptors; ENFILE,
+    /// ENOMEM.
     ///
     /// Hazard 23 of docs/reliability.md.
     static int InotifyInit(const char* path);
