@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# check.sh BUILD [OPTION...]: what power cuts leave of upgrades, on each file system that the kernel has; the options
-# are those of check.py. Needs root, /dev/fuse and loop devices. Runs in namespaces of its own: with its last process
-# every mount and every loop device is gone.
+# check.sh BUILD [OPTION...]: what power cuts leave of upgrades, on the file systems that the kernel has and
+# on the weakest disk that POSIX allows; the options are those of check.py. Needs root, /dev/fuse and loop
+# devices. Runs in namespaces of its own: with its last process every mount and loop device is gone.
 set -euo pipefail
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 
@@ -21,14 +21,16 @@ shift 3
 mount -t tmpfs -o size=8G tmpfs "$scratch"
 programs=$scratch/programs
 mkdir "$programs"
-for file in BaseAPI/VFileList/vfilelist BaseAPI/VFileSys/libVFileSys.so platform/lib{VLogger,VIni,safestr}.so; do
+for file in BaseAPI/V{FileList/vfilelist,CopyFileListIni/VCopyFileListIni,FileSys/libVFileSys.so} \
+    platform/lib{VLogger,VIni,safestr}.so; do
     strip -o "$programs/${file##*/}" "$build/$file"
 done
 c++ -std=c++17 -O1 -shared -fPIC -o "$programs/disk_calls.so" "$here/DiskCalls.cpp"
 # What is under test finds nothing but what it has kept itself.
 mount -t tmpfs tmpfs "$build"
 
-checks=()
+"$here/weak_check.py" "$programs" "$scratch/weak" &
+checks=($!)
 for file_system in ext4 xfs btrfs; do
     modprobe --quiet "$file_system" 2>/dev/null || true
     if ! grep -qw "$file_system" /proc/filesystems; then

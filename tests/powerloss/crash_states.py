@@ -1,7 +1,7 @@
 """The states in which a power cut may leave disks whose changes were recorded.
 
-What is changed on a disk before it is flushed is there afterwards; of the changes since then any part may be. What a
-disk is, and what it holds, is the recorder's business. A recording has
+What is changed on a disk before it is flushed is there afterwards; of the changes since then any part may be.
+What a disk is, and what it holds, is the recorder's business. A recording has
     events         what happened
     steps          for each step that was recorded, the number of events until it ended
     before(key)    the value before the first event
@@ -56,7 +56,8 @@ def _all_states(recording, random):
             continue
         for kept in _choices(pending, random):
             yield cut, _with(kept, flushed, recording.before)
-        flushed = _with([change for change in pending if change.disk == event.disk], flushed, recording.before)
+        reached = [change for change in pending if change.disk == event.disk]
+        flushed = _with(reached, flushed, recording.before)
         pending = [change for change in pending if change.disk != event.disk]
     for kept in _choices(pending, random):
         yield len(recording.events), _with(kept, flushed, recording.before)

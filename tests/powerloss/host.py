@@ -1,4 +1,4 @@
-"""A host whose disks are images: mounted as they are, or through a disk that records what is written to it."""
+"""A host whose disks are images: mounted as they are, or through a disk that records what is written."""
 import mmap
 import os
 import subprocess
@@ -13,14 +13,14 @@ from recording_disk import SECTOR, read_log
 RECORDER = Path(__file__).with_name("recording_disk.py")
 NOT_STARTED = 127
 FILE_SYSTEMS = {  # size, command, mount options
-    "ext4": ("32M", "mkfs.ext4 -q -b 4096 -E lazy_itable_init=0,lazy_journal_init=0", "loop"),
+    "ext4": ("32M", "mkfs.ext4 -q -b 4096 -E lazy_itable_init=0", "loop"),
     "xfs": ("300M", "mkfs.xfs -q -s size=4096", "loop"),
     "btrfs": ("110M", "mkfs.btrfs -q", "loop,nodiscard"),
 }
 
 
 class Host:
-    """The targets are on the first of its disks, the state directory on the last. `programs` holds vfilelist."""
+    """The targets are on the first of its disks, the state directory on the last."""
 
     def __init__(self, file_system, programs, scratch, disks):
         self.size, self.make, self.options = FILE_SYSTEMS[file_system]
@@ -64,8 +64,8 @@ class Host:
         return words[2].decode() if len(words) == 5 else "unreadable"
 
     def perform(self, step, environment=None):
-        """Returns its exit status. A step is a command of vfilelist, a pass of the upgrade tool or sync. `resume` is
-        what the boot unit runs."""
+        """Returns its exit status. A step is a command of vfilelist, a pass of the upgrade tool or sync.
+        `resume` is what the boot unit runs."""
         programs, file_list = self.programs, self.scratch / "package" / "filelist.ini"
         if step == "sync":
             words = ["sync", "-f", self.targets]
@@ -75,7 +75,8 @@ class Host:
             words = [programs / "vfilelist", "rollback", "--only-modes", file_list]
         else:
             programs = self.state / "rescue" if step == "resume" else programs
-            words = [programs / "vfilelist", step, "--state", self.state, *[file_list] * (step == "upgrade")]
+            words = [programs / "vfilelist", step, "--state", self.state]
+            words += [file_list] if step == "upgrade" else []
         variables = {"LD_LIBRARY_PATH": str(programs), "VLOGGER_DIRECTORY": str(self.scratch / "log")}
         try:
             return subprocess.run(words, env=variables | (environment or {}), capture_output=True).returncode

@@ -1,4 +1,4 @@
-"""Says what is wrong with what a power cut has left: after one `resume` the tree has to be the old one or the new one."""
+"""What is wrong after a power cut: one `resume` later the tree has to be the old one or the new one."""
 import subprocess
 from bisect import bisect_left
 from random import Random
@@ -6,18 +6,21 @@ from random import Random
 import release
 from crash_states import crash_states, state_after
 
-PHASES = {"upgrade": ("none", "renaming", "copying", "installed"), "commit": ("installed", "cleaning", "none")}
+PHASES = {
+    "upgrade": ("none", "renaming", "copying", "installed"),
+    "commit": ("installed", "cleaning", "none"),
+}
 
 
 class Judge:
     def __init__(self, recording, goal):
-        """`goal`: the tree to which the command leads, when it runs again where the power cut came too early."""
+        """`goal`: the tree to which the command leads, if need be when it runs again."""
         self.recording, self.host, self.goal = recording, recording.host, goal
         [self.command] = recording.commands
 
     def judge(self, most, seed, known=frozenset()):
-        """Yields for each state what is wrong with it: a text, which is empty when all is well. Chooses so many of the
-        states at most, and none that is known."""
+        """Yields for each state what is wrong with it: a text, which is empty when all is well. Chooses so
+        many of the states at most, and none that is known."""
         def states():
             return (state for state in crash_states(self.recording, seed) if state.key() not in known)
 
@@ -26,7 +29,8 @@ class Judge:
         for number, state in enumerate(states()):
             if number in chosen:
                 trouble = self.trouble(state)
-                yield "\n  ".join([f"{self.recording.name}, state {number} of {total}:", *trouble]) if trouble else ""
+                name = f"{self.recording.name}, state {number} of {total}:"
+                yield "\n  ".join([name, *trouble]) if trouble else ""
 
     def interrupted_states(self):
         """For the phases that `resume` ends: the state in which it has most to do."""

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """recording_disk.py MOUNT_POINT DIRECTORY LOG: serves the images in DIRECTORY, and logs what happens to them.
 
-A loop device on such an image is a disk to a file system; it passes each flush on as an fsync. The log has, in the
-order in which they happen, for each write and flush a HEADER and the bytes that were written.
+A loop device on such an image is a disk to a file system; it passes each flush on as an fsync. The log has
+for each write and flush, in the order in which they happen, a HEADER and the bytes that were written.
 """
 import os
 import struct

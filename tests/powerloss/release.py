@@ -1,4 +1,4 @@
-"""An installed release, a package that upgrades it, and what the tree has to be. Shares no code with vfilelist."""
+"""An installed release, a package that upgrades it, and what the tree has to be. Without vfilelist's code."""
 import os
 import stat
 from pathlib import Path
@@ -56,12 +56,14 @@ def snapshot(targets):
             status = os.lstat(path)
             content = Path(path).read_bytes() if stat.S_ISREG(status.st_mode) else None
             attributes = {key: os.getxattr(path, key) for key in os.listxattr(path)}
-            tree[os.path.relpath(path, targets)] = (status.st_mode, status.st_uid, status.st_gid, content, attributes)
+            node = status.st_mode, status.st_uid, status.st_gid, content, attributes
+            tree[os.path.relpath(path, targets)] = node
     return tree
 
 
 def expected_new(old_tree):
-    """After commit: an old file's successor has its mode, owner and attributes, a new one the package's mode."""
+    """After commit: a successor has the mode, owner and attributes of the old file, a new file the package's
+    mode."""
     tree = dict(old_tree)
     for name, (content, mode) in NEW.items():
         for parent in list(Path(name).parents)[:-1]:
@@ -79,7 +81,10 @@ def expected_installed(old_tree):
 
 def differences(expected, actual):
     def text(node):
-        return "missing" if node is None else f"{oct(node[0])} {node[1]}:{node[2]} {node[3] and node[3][:20]} {node[4]}"
+        if node is None:
+            return "missing"
+        mode, user, group, content, attributes = node
+        return f"{oct(mode)} {user}:{group} {content and content[:20]} {attributes}"
 
     return [f"{name}: {text(actual.get(name))} instead of {text(expected.get(name))}"
             for name in sorted(expected.keys() | actual.keys()) if expected.get(name) != actual.get(name)]

@@ -1,7 +1,7 @@
 """The weakest disk that POSIX allows: only what was synced itself is there after a power cut.
 
-What a file holds is a disk of its own, and so are the names in a directory: fsync flushes one of these. A rename within
-a directory happens as a whole or not at all. Of a file that is not synced each half of its bytes may be zeros.
+What a file holds is a disk of its own, and so are the names in a directory: fsync flushes one of these. A
+rename within a directory happens as a whole or not at all. Of a file that is not synced each half may be zero.
 """
 import os
 import shutil
@@ -35,7 +35,7 @@ class WeakRecording:
         return self.contents.get(key)
 
     def look(self):
-        """What there is: the names in each directory; the length, the halves, and all else of each file."""
+        """The names in each directory; the length, the halves and the attributes of each file."""
         found = {}
         for directory, names, files in os.walk(self.root):
             if directory == self.root:
@@ -84,8 +84,10 @@ class WeakRecording:
 
     def bring_about(self, state):
         content = self.contents | state.content
+        # A directory that was there before is the same one.
+        kept = self.contents.keys() & {key for key, value in content.items() if value == "directory"}
         for directory, names, files in os.walk(self.root):
-            names[:] = [name for name in names if (directory, name) in self.contents]
+            names[:] = [name for name in names if (directory, name) in kept]
             for name in files:
                 Path(directory, name).unlink()
             for name in set(os.listdir(directory)) - set(names) - {self.pool.name}:
@@ -100,26 +102,28 @@ class WeakRecording:
             if value == "directory":
                 path.mkdir(mode=0o750, exist_ok=True)
                 self.make(str(path), content)
-            elif (value, LENGTH) in self.contents:
-                os.link(self.pool / str(value), path)
             else:
-                write(path, [content.get((value, part)) for part in (LENGTH, FIRST_HALF, SECOND_HALF, ATTRIBUTES)])
+                parts = {(value, part): content.get((value, part)) for part in PARTS}
+                if (value, LENGTH) in self.contents:
+                    os.link(self.pool / str(value), path)
+                if not path.exists() or held_by(path, value) != parts:
+                    write(path, *parts.values())
 
 
 END = "end"
-LENGTH, FIRST_HALF, SECOND_HALF, ATTRIBUTES = "length", "first half", "second half", "attributes"
+PARTS = LENGTH, FIRST_HALF, SECOND_HALF, ATTRIBUTES = "length", "first half", "second half", "attributes"
 
 
 def held_by(path, inode):
     content, status = path.read_bytes(), path.stat()
     half = len(content) // 2
     attributes = tuple((name, os.getxattr(path, name)) for name in os.listxattr(path))
-    return {(inode, LENGTH): len(content), (inode, FIRST_HALF): content[:half], (inode, SECOND_HALF): content[half:],
-            (inode, ATTRIBUTES): (status.st_mode, status.st_uid, status.st_gid, attributes)}
+    parts = len(content), content[:half], content[half:], \
+        (status.st_mode, status.st_uid, status.st_gid, attributes)
+    return {(inode, part): value for part, value in zip(PARTS, parts)}
 
 
-def write(path, parts):
-    length, first_half, second_half, attributes = parts
+def write(path, length, first_half, second_half, attributes):
     content = bytearray(length or 0)
     if length and first_half:
         content[:length // 2] = first_half
@@ -136,7 +140,7 @@ def write(path, parts):
 
 def flushes(synced, now):
     if synced == "all":
-        return [Event(disk, None) for disk in {disk for disk, _ in now}]
+        return [Event(disk, None) for disk in dict.fromkeys(disk for disk, _ in now)]
     return [Event(synced if os.path.isdir(synced) else now[os.path.split(synced)], None)]
 
 
