@@ -5,9 +5,10 @@ function(vfs_find_neighbour name header)
   if(TARGET VFileSys::${name})
     return()
   endif()
-  find_library(VFILESYS_${name}_LIBRARY NAMES ${name} REQUIRED
+  find_library(VFILESYS_${name}_LIBRARY NAMES ${name} HINTS ${vfs_neighbour_libdirs} REQUIRED
                DOC "The product's lib${name}.so")
-  find_path(VFILESYS_${name}_INCLUDE_DIR NAMES ${header} PATH_SUFFIXES VFileSys REQUIRED
+  find_path(VFILESYS_${name}_INCLUDE_DIR NAMES ${header} HINTS ${vfs_neighbour_includedirs}
+            PATH_SUFFIXES VFileSys REQUIRED
             DOC "The directory of the product's ${header}")
   add_library(VFileSys::${name} SHARED IMPORTED GLOBAL)
   set_target_properties(VFileSys::${name} PROPERTIES

@@ -75,15 +75,15 @@ check_pkg_config() {  # PREFIX
     [[ -e $(pkg_config "$1" --variable=includedir)/VFileSys/VPath.h ]] || fail "the pkg-config file has another includedir"
 }
 
-# The outside project without CMake, on neighbours in the directory NEIGHBOURS.
-run_with_pkg_config() {  # PREFIX NEIGHBOURS OPTION...
+# The outside project without CMake. The library knows where its neighbours are.
+run_with_pkg_config() {  # PREFIX
     local libraries
     check_pkg_config "$1"
     libraries=$(pkg_config "$1" --variable=libdir)
     rm -rf "$work/plain-data"
     mkdir "$work/plain-data"
-    compile_with_pkg_config "$1" "$work/plain" "$source/tests/consumer/project/main.cpp" "${@:3}"
-    quietly env LD_LIBRARY_PATH="$libraries:$2" "${emulator[@]}" "$work/plain" "$work/plain-data"
+    compile_with_pkg_config "$1" "$work/plain" "$source/tests/consumer/project/main.cpp"
+    quietly env LD_LIBRARY_PATH="$libraries" "${emulator[@]}" "$work/plain" "$work/plain-data"
 }
 
 # What a reader of an example would type: the line of its first comment.
@@ -137,7 +137,6 @@ step "install, and run the installed tools"
 quietly cmake --install "$build" --prefix "$work/prefix"
 run_tool "$work/prefix/bin/VCopyFileListIni"
 run_vfilelist "$work/prefix/bin/vfilelist"
-neighbours=$(dirname "$(find "$work/prefix" -name libVLogger.so)")
 
 step "manual pages, examples and completions are in their places"
 check_documents "$work/prefix"
@@ -152,7 +151,7 @@ step "a program's own logger, built against the installed header, gets the libra
 quietly "${emulator[@]}" "$work/consumer/own_logger"
 
 step "the outside project builds with pkg-config"
-run_with_pkg_config "$work/prefix" "$neighbours"
+run_with_pkg_config "$work/prefix"
 
 step "the installed examples build, all with CMake and each by the line of its comment"
 build_examples "$work/prefix"
@@ -169,16 +168,21 @@ if readelf --syms --wide "$work/product/BaseAPI/VFileSys/libVFileSys.so" |
 fi
 run_tool "$work/product/BaseAPI/VCopyFileListIni/VCopyFileListIni"
 
-step "the outside project builds against that library, and finds its neighbours"
+step "installed to another place than its neighbours it finds them, and so do the tools"
 quietly cmake --install "$work/product" --prefix "$work/product-prefix"
+run_tool "$work/product-prefix/bin/VCopyFileListIni"
+run_vfilelist "$work/product-prefix/bin/vfilelist"
+
+step "outside projects build against that library, with CMake and with pkg-config, and run"
+# A cross build finds nothing below places that it is not told.
 configure "$source/tests/consumer/project" "$work/product-consumer" \
-    -DCMAKE_PREFIX_PATH="$work/product-prefix;$work/prefix"
+    -DCMAKE_PREFIX_PATH="$work/product-prefix${emulator:+;$work/prefix}"
 quietly cmake --build "$work/product-consumer"
 mkdir "$work/product-consumer-data"
-# Where its neighbours lie, the product tells its loader.
-quietly env LD_LIBRARY_PATH="$neighbours" \
-    "${emulator[@]}" "$work/product-consumer/consumer" "$work/product-consumer-data"
-run_with_pkg_config "$work/product-prefix" "$neighbours" "-Wl,-rpath-link,$neighbours"
+quietly "${emulator[@]}" "$work/product-consumer/consumer" "$work/product-consumer-data"
+quietly "${emulator[@]}" "$work/product-consumer/own_logger"
+run_with_pkg_config "$work/product-prefix"
+compile_with_pkg_config "$work/product-prefix" "$work/product-example" "$source/examples/FirewallService.cpp" -lVLogger
 
 step "the package runs from another place"
 mkdir "$work/elsewhere"
@@ -186,4 +190,4 @@ cp -a "$work/prefix" "$work/elsewhere/moved"
 rm -r "$work/prefix"
 run_tool "$work/elsewhere/moved/bin/VCopyFileListIni"
 run_vfilelist "$work/elsewhere/moved/bin/vfilelist"
-run_with_pkg_config "$work/elsewhere/moved" "$work/elsewhere/moved/${neighbours#"$work/prefix/"}"
+run_with_pkg_config "$work/elsewhere/moved"
