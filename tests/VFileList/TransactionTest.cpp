@@ -200,8 +200,8 @@ TEST_F(TransactionTest, LetsNoSecondProcessIn) {
     ASSERT_EQ(other.Enter(), std::nullopt);
 
     ExpectRefused(Upgrade(), 1, error);
-    ExpectRefused(Commit(), 3, error);
-    ExpectRefused(Resume(), 3, error);
+    ExpectRefused(Commit(), 1, error);
+    ExpectRefused(Resume(), 1, error);
     ExpectRefused(Rollback(), 1, error);
     EXPECT_EQ(release_.Now(), installed);
 }
@@ -392,7 +392,7 @@ TEST_F(TransactionTest, RefusesAStateThatItDoesNotUnderstandAndLeavesItThere) {
     Write(state, "vfilelist-state 2\n");
     const std::string error = state + ": changed, of another version, or not of this journal";
 
-    ExpectRefused(Upgrade(), 1, error);
+    ExpectRefused(Upgrade(), 3, error);
     ExpectRefused(Commit(), 3, error);
     ExpectRefused(Resume(), 3, error);
     ExpectRefused(Status(), 3, error);

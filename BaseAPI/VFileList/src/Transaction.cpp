@@ -62,9 +62,12 @@ bool HasSeriousRemarks(const Run& run) {
     return std::any_of(remarks.begin(), remarks.end(), [](const Remark& remark) { return remark.isSerious; });
 }
 
-Trouble EnterAndRead(Run& run) {
-    if (Trouble trouble = run.directory.Enter()) return trouble;
-    return run.directory.Read(run.state, run.journal);
+// Returns the exit status when that can't be done. Another process at work is nothing to look at.
+std::optional<int> EnterAndRead(Run& run) {
+    if (const Trouble trouble = run.directory.Enter()) return Refuse(run, kFindings, *trouble);
+    if (const Trouble trouble = run.directory.Read(run.state, run.journal))
+        return Refuse(run, kLook, *trouble);
+    return std::nullopt;
 }
 
 // The list that the passes read has to be the one that was recorded.
@@ -307,7 +310,7 @@ int Upgrade(const TransactionOptions& options, Output& output) {
     const std::optional<std::string> iniPath = CanonicalPath(options.iniPath);
     if (!iniPath) return Refuse(run, kWrongUse, TroubleWith(options.iniPath, errno));
 
-    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
+    if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
     if (run.state.phase != Phase::kNone) return Refuse(run, kFindings, "an upgrade is open already");
     if (const std::optional<int> refused = Prepare(run, *iniPath)) return *refused;
     run.state.phase = Phase::kRenaming;
@@ -320,7 +323,7 @@ int Upgrade(const TransactionOptions& options, Output& output) {
 
 int Commit(const TransactionOptions& options, Output& output) {
     Run run("commit", options, output);
-    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kLook, *trouble);
+    if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
     if (run.state.phase == Phase::kCleaning) return Clean(run);
     if (run.state.phase != Phase::kInstalled) {
         return Refuse(run, kFindings,
@@ -336,7 +339,7 @@ int Commit(const TransactionOptions& options, Output& output) {
 
 int Resume(const TransactionOptions& options, Output& output) {
     Run run("resume", options, output);
-    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kLook, *trouble);
+    if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
     switch (run.state.phase) {
         case Phase::kNone:
             return End(run, kFine, "No upgrade is open.");
@@ -369,7 +372,7 @@ int RollbackTransaction(const TransactionOptions& options, Output& output, bool&
         return Refuse(run, kFindings,
                       "an upgrade is open: --dry-run and --only-modes are for passes by hand");
     }
-    if (const Trouble trouble = EnterAndRead(run)) return Refuse(run, kFindings, *trouble);
+    if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
     if (run.state.phase == Phase::kNone)
         return Refuse(run, kFindings, "another process has closed the upgrade");
     if (!options.iniPath.empty() &&
