@@ -1,7 +1,6 @@
-// Loaded ahead of the C library, does to a program what a kernel may do, and what a forgetful author might:
+// Loaded ahead of the C library, looks at what a program changes, and does what a kernel may do meanwhile:
 //   WRITE_BACK   a seed: after each change the kernel writes back all that it keeps of the disks with the
 //   DISKS        directories DISKS (PATH:PATH), of each with even chances; of both when the seed is 0
-//   LEFT_OUT     a number: this sync (the first is 1) does nothing
 //   CHANGES      a fifo that is told of each change (an empty line) and each sync (the path, or "all");
 //   SEEN         the program goes on when this fifo is written to
 #include <dlfcn.h>
@@ -23,22 +22,17 @@ Function* Next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-long Number(const char* variable) {
-    const char* const text = std::getenv(variable);
-    return text == nullptr ? -1 : std::atol(text);
-}
-
 void Close(int fd) {
     (void)Next<int(int)>("close")(fd);
 }
 
 void WriteBack() {
-    static const long seed = Number("WRITE_BACK");
-    static std::minstd_rand random(static_cast<unsigned>(seed));
-    if (seed < 0) return;
+    const char* const seed = std::getenv("WRITE_BACK");
+    if (seed == nullptr) return;
+    static std::minstd_rand random(static_cast<unsigned>(std::atoi(seed)));
     std::istringstream disks(std::getenv("DISKS"));
     for (std::string disk; std::getline(disks, disk, ':');) {
-        if (seed != 0 && random() % 2 == 0) continue;
+        if (std::atoi(seed) != 0 && random() % 2 == 0) continue;
         const int fd = open(disk.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0 || Next<int(int)>("syncfs")(fd) != 0) std::abort();
         Close(fd);
@@ -81,8 +75,6 @@ std::string PathOf(int fd) {
 extern "C" {
 
 int fsync(int fd) {
-    static long count = 0;
-    if (++count == Number("LEFT_OUT")) return 0;
     Tell("");
     const int result = Next<int(int)>("fsync")(fd);
     Tell(PathOf(fd));

@@ -21,7 +21,8 @@ def check(name, record, most, seed):
         lost = list(filter(None, map(judge.loss, states)))
         if steps == WITH_SYNC:
             lost += filter(None, map(judge.trouble_of_second_try, states))
-            print(*lost[:MOST_SHOWN], sep="\n", end="\n" * bool(lost))
+            for files in lost[:MOST_SHOWN]:
+                print(name, *files, sep="\n  ")
         print(f"{name}, {' '.join(steps)}: {len(states)} states after power cuts, "
               f"{len(lost)} with a lost file", flush=True)
         losses.append(len(lost))

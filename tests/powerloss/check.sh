@@ -29,6 +29,7 @@ c++ -std=c++17 -O1 -shared -fPIC -o "$programs/disk_calls.so" "$here/DiskCalls.c
 # What is under test finds nothing but what it has kept itself.
 mount -t tmpfs tmpfs "$build"
 
+export PYTHONDONTWRITEBYTECODE=1
 "$here/weak_check.py" "$programs" "$scratch/weak" &
 checks=($!)
 for file_system in ext4 xfs btrfs; do

@@ -60,7 +60,8 @@ def record_commands(host):
 def check_states(judges, options):
     troubles = [trouble for judge in judges for trouble in judge.judge(sys.maxsize, options.seed)]
     third_states = list(filter(None, troubles))
-    print("weak disk", *third_states[:MOST_SHOWN], sep="\n") if third_states else None
+    for trouble in third_states[:MOST_SHOWN]:
+        print("weak disk", trouble)
     print(f"weak disk: {len(troubles)} states after power cuts in {len(judges)} commands, "
           f"{len(third_states)} neither old nor new (seed {options.seed})", flush=True)
     if len(troubles) < FEWEST_STATES:

@@ -1,7 +1,7 @@
 """The weakest disk that POSIX allows: only what was synced itself is there after a power cut.
 
 What a file holds is a disk of its own, and so are the names in a directory: fsync flushes one of these. A
-rename within a directory happens as a whole or not at all. Of a file that is not synced each half may be zero.
+rename within a directory happens as a whole or not at all. Of a file that is not synced a half may be zero.
 """
 import os
 import shutil
