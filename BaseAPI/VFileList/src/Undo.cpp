@@ -89,6 +89,13 @@ UndoStep DecideOnOld(Phase undone, const TargetNow& now) {
             case Found::kCopy:
                 break;
             case Found::kForeign:
+                if (now.isOldChanged) {
+                    return {
+                        UndoMove::kSetAsideAndRestore,
+                        "NAME.bak was written to since the upgrade began, and is back as it is now; NAME was "
+                        "not the package's file any more",
+                        true};
+                }
                 // A service that rewrote its new file does what is to be expected.
                 return {UndoMove::kSetAsideAndRestore, "not the package's file any more",
                         undone != Phase::kInstalled};
