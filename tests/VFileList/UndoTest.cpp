@@ -99,12 +99,16 @@ TEST(UndoTest, NamesEveryFileThatDoesNotBecomeWhatItWas) {
         if (now.name == Found::kForeign) {
             EXPECT_NE(step.remark, "");
         }
+        if (now.backup == Found::kForeign) {
+            EXPECT_TRUE(step.isSerious);
+        }
         if (step.remark.empty()) {
             EXPECT_FALSE(step.isSerious);
         }
         // A service that rewrote a file after the upgrade is no accident; whatever else is named is one.
-        const bool isRewritten =
-            undone == Phase::kInstalled && now.name == Found::kForeign && SetsAside(step.move);
+        const bool isBackupAsItWas = now.backup != Found::kForeign && !(hadPredecessor && now.isOldChanged);
+        const bool isRewritten = undone == Phase::kInstalled && now.name == Found::kForeign &&
+                                 SetsAside(step.move) && isBackupAsItWas;
         if (!step.remark.empty()) {
             EXPECT_EQ(step.isSerious, !isRewritten);
         }
@@ -139,6 +143,10 @@ TEST(UndoTest, DecidesTheUsualCases) {
          "not the package's file any more", true},
         {true, Phase::kInstalled, Found::kForeign, Found::kOld, false, UndoMove::kSetAsideAndRestore,
          "not the package's file any more", false},
+        {true, Phase::kInstalled, Found::kForeign, Found::kOld, true, UndoMove::kSetAsideAndRestore,
+         "NAME.bak was written to since the upgrade began, and is back as it is now; NAME was not the "
+         "package's file any more",
+         true},
         {true, Phase::kCopying, Found::kOld, Found::kOld, false, UndoMove::kNone,
          "NAME.bak is the same file by a second name", true},
         {true, Phase::kInstalled, Found::kCopy, Found::kOld, true, UndoMove::kReplace,
@@ -151,10 +159,14 @@ TEST(UndoTest, DecidesTheUsualCases) {
          "the installed file is neither under NAME nor under NAME.bak any more", true},
         {true, Phase::kRenaming, Found::kNothing, Found::kForeign, false, UndoMove::kNone,
          "the installed file is neither under NAME nor under NAME.bak any more", true},
-        {true, Phase::kRenaming, Found::kOld, Found::kForeign, false, UndoMove::kNone, "", false},
+        {true, Phase::kRenaming, Found::kOld, Found::kForeign, false, UndoMove::kNone,
+         "NAME.bak is not the upgrade's, and stays", true},
         {false, Phase::kRenaming, Found::kNothing, Found::kNothing, false, UndoMove::kNone, "", false},
         {false, Phase::kCopying, Found::kCopy, Found::kNothing, false, UndoMove::kRemove, "", false},
-        {false, Phase::kInstalled, Found::kCopy, Found::kForeign, false, UndoMove::kRemove, "", false},
+        {false, Phase::kInstalled, Found::kCopy, Found::kForeign, false, UndoMove::kRemove,
+         "NAME.bak is not the upgrade's, and stays", true},
+        {false, Phase::kInstalled, Found::kForeign, Found::kForeign, false, UndoMove::kSetAside,
+         "NAME.bak is not the upgrade's, and stays; not the package's file any more", true},
         {false, Phase::kRenaming, Found::kForeign, Found::kNothing, false, UndoMove::kNone,
          "it was made since the upgrade began", true},
         {false, Phase::kCopying, Found::kForeign, Found::kNothing, false, UndoMove::kSetAside,

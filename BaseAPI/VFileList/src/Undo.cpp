@@ -89,6 +89,13 @@ UndoStep DecideOnOld(Phase undone, const TargetNow& now) {
             case Found::kCopy:
                 break;
             case Found::kForeign:
+                if (now.isOldChanged) {
+                    return {
+                        UndoMove::kSetAsideAndRestore,
+                        "NAME.bak was written to since the upgrade began, and is back as it is now; NAME was "
+                        "not the package's file any more",
+                        true};
+                }
                 // A service that rewrote its new file does what is to be expected.
                 return {UndoMove::kSetAsideAndRestore, "not the package's file any more",
                         undone != Phase::kInstalled};
@@ -208,7 +215,13 @@ UndoStep Decide(bool hadPredecessor, Phase undone, const TargetNow& now) {
     if (now.name == Found::kUnknown || now.backup == Found::kUnknown) {
         return {UndoMove::kPostpone, "can't be looked at: " + now.detail, true};
     }
-    return hadPredecessor ? DecideOnOld(undone, now) : DecideOnNew(undone, now);
+    UndoStep step = hadPredecessor ? DecideOnOld(undone, now) : DecideOnNew(undone, now);
+    if (now.backup == Found::kForeign && !step.isSerious) {
+        step.remark =
+            "NAME.bak is not the upgrade's, and stays" + (step.remark.empty() ? "" : "; " + step.remark);
+        step.isSerious = true;
+    }
+    return step;
 }
 
 TargetNow LookAt(const JournalTarget& target, Phase undone) {
