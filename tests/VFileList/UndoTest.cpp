@@ -99,11 +99,14 @@ TEST(UndoTest, NamesEveryFileThatDoesNotBecomeWhatItWas) {
         if (now.name == Found::kForeign) {
             EXPECT_NE(step.remark, "");
         }
+        if (now.backup == Found::kForeign) {
+            EXPECT_TRUE(step.isSerious);
+        }
         if (step.remark.empty()) {
             EXPECT_FALSE(step.isSerious);
         }
         // A service that rewrote a file after the upgrade is no accident; whatever else is named is one.
-        const bool isBackupAsItWas = !(hadPredecessor && now.isOldChanged);
+        const bool isBackupAsItWas = now.backup != Found::kForeign && !(hadPredecessor && now.isOldChanged);
         const bool isRewritten = undone == Phase::kInstalled && now.name == Found::kForeign &&
                                  SetsAside(step.move) && isBackupAsItWas;
         if (!step.remark.empty()) {
@@ -156,10 +159,14 @@ TEST(UndoTest, DecidesTheUsualCases) {
          "the installed file is neither under NAME nor under NAME.bak any more", true},
         {true, Phase::kRenaming, Found::kNothing, Found::kForeign, false, UndoMove::kNone,
          "the installed file is neither under NAME nor under NAME.bak any more", true},
-        {true, Phase::kRenaming, Found::kOld, Found::kForeign, false, UndoMove::kNone, "", false},
+        {true, Phase::kRenaming, Found::kOld, Found::kForeign, false, UndoMove::kNone,
+         "NAME.bak is not the upgrade's, and stays", true},
         {false, Phase::kRenaming, Found::kNothing, Found::kNothing, false, UndoMove::kNone, "", false},
         {false, Phase::kCopying, Found::kCopy, Found::kNothing, false, UndoMove::kRemove, "", false},
-        {false, Phase::kInstalled, Found::kCopy, Found::kForeign, false, UndoMove::kRemove, "", false},
+        {false, Phase::kInstalled, Found::kCopy, Found::kForeign, false, UndoMove::kRemove,
+         "NAME.bak is not the upgrade's, and stays", true},
+        {false, Phase::kInstalled, Found::kForeign, Found::kForeign, false, UndoMove::kSetAside,
+         "NAME.bak is not the upgrade's, and stays; not the package's file any more", true},
         {false, Phase::kRenaming, Found::kForeign, Found::kNothing, false, UndoMove::kNone,
          "it was made since the upgrade began", true},
         {false, Phase::kCopying, Found::kForeign, Found::kNothing, false, UndoMove::kSetAside,
@@ -500,6 +507,7 @@ TEST_F(UndoFilesTest, SaysWhatCannotBeMovedAndIsNotDone) {
         EXPECT_FALSE(isDone);
     }
     target_.old.reset();
+    fs::remove(scratch_.Path("d/f.bak"));
     {
         const Replaced replaced(calls::unlink, fails);
         EXPECT_THAT(Said(Phase::kCopying, &isDone), ElementsAre(said));

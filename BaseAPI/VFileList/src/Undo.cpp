@@ -215,7 +215,13 @@ UndoStep Decide(bool hadPredecessor, Phase undone, const TargetNow& now) {
     if (now.name == Found::kUnknown || now.backup == Found::kUnknown) {
         return {UndoMove::kPostpone, "can't be looked at: " + now.detail, true};
     }
-    return hadPredecessor ? DecideOnOld(undone, now) : DecideOnNew(undone, now);
+    UndoStep step = hadPredecessor ? DecideOnOld(undone, now) : DecideOnNew(undone, now);
+    if (now.backup == Found::kForeign && !step.isSerious) {
+        step.remark =
+            "NAME.bak is not the upgrade's, and stays" + (step.remark.empty() ? "" : "; " + step.remark);
+        step.isSerious = true;
+    }
+    return step;
 }
 
 TargetNow LookAt(const JournalTarget& target, Phase undone) {
