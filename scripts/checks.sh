@@ -201,12 +201,13 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests
+    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests state_space_tests
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*Exhaustive*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'
+    VFILESYS_TEST_SCALE=100 build/default/tests/state_space_tests
     VFILESYS_TEST_SCALE=10 build/default/tests/killed_transaction_tests --gtest_filter='*.*WhateverFails'
 }
 
