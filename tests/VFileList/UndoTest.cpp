@@ -507,6 +507,7 @@ TEST_F(UndoFilesTest, SaysWhatCannotBeMovedAndIsNotDone) {
         EXPECT_FALSE(isDone);
     }
     target_.old.reset();
+    fs::remove(scratch_.Path("d/f.bak"));
     {
         const Replaced replaced(calls::unlink, fails);
         EXPECT_THAT(Said(Phase::kCopying, &isDone), ElementsAre(said));

@@ -239,8 +239,29 @@ bool IsDoubtful(const Place& target) {
     return HasBackup(target) && IsThere(target.name) && !IsOfPackage(target.name);
 }
 
-// What can stand at one target, from the start on. What came before is the demanding reading: a file beside
-// nothing of its own may be the old one.
+std::array<std::uint8_t, 6 * kMostTargets + 6> BytesOf(const Host& host) {
+    std::array<std::uint8_t, 6 * kMostTargets + 6> bytes{};
+    std::size_t at = 0;
+    for (const Place& target : host.targets) {
+        for (const Node& node : {target.name, target.backup}) {
+            bytes[at++] = static_cast<std::uint8_t>(node.what);
+            bytes[at++] = static_cast<std::uint8_t>(node.mark);
+        }
+        bytes[at++] = static_cast<std::uint8_t>(target.origin);
+        bytes[at++] = static_cast<std::uint8_t>(target.setAside);
+    }
+    bytes[at++] = host.count;
+    bytes[at++] = static_cast<std::uint8_t>(host.stage);
+    bytes[at++] = static_cast<std::uint8_t>(host.undone);
+    bytes[at++] = host.hasDirectory ? 1 : 0;
+    bytes[at++] = host.hadDirectory ? 1 : 0;
+    bytes[at++] = host.isStrange ? 1 : 0;
+    return bytes;
+}
+
+// What can stand at one target, from the start on. A backup beside what the package may have brought counts
+// as the old file: that is the demanding reading. No command compares NAME with NAME.bak, so that "other" is
+// another name for "old" but beside an old backup.
 std::vector<Place> BeginningsOfTarget() {
     std::vector<Place> targets;
     for (const What name : {What::kNothing, What::kOld, What::kNew, What::kPart}) {
@@ -266,30 +287,11 @@ std::vector<Place> BeginningsOfTarget() {
 }  // namespace
 
 bool Host::operator<(const Host& other) const {
-    const auto key = [](const Host& host) {
-        std::array<std::uint8_t, 6 * kMostTargets + 6> bytes{};
-        std::size_t at = 0;
-        for (const Place& target : host.targets) {
-            for (const Node& node : {target.name, target.backup}) {
-                bytes[at++] = static_cast<std::uint8_t>(node.what);
-                bytes[at++] = static_cast<std::uint8_t>(node.mark);
-            }
-            bytes[at++] = static_cast<std::uint8_t>(target.origin);
-            bytes[at++] = static_cast<std::uint8_t>(target.setAside);
-        }
-        bytes[at++] = host.count;
-        bytes[at++] = static_cast<std::uint8_t>(host.stage);
-        bytes[at++] = static_cast<std::uint8_t>(host.undone);
-        bytes[at++] = host.hasDirectory ? 1 : 0;
-        bytes[at++] = host.hadDirectory ? 1 : 0;
-        bytes[at++] = host.isStrange ? 1 : 0;
-        return bytes;
-    };
-    return key(*this) < key(other);
+    return BytesOf(*this) < BytesOf(other);
 }
 
 bool Host::operator==(const Host& other) const {
-    return !(*this < other) && !(other < *this);
+    return BytesOf(*this) == BytesOf(other);
 }
 
 std::ostream& operator<<(std::ostream& out, const Host& host) {

@@ -174,7 +174,7 @@ void RealHost::Put(const std::string& path, std::size_t target, const Node& node
             Expect(symlink(("f" + std::to_string(target)).c_str(), path.c_str()) == 0, path);
             break;
         default:
-            const bool isEmpty = node.what == What::kPart && (InodeOf(state_ + "/lock") + target) % 2 == 0;
+            const bool isEmpty = node.what == What::kPart && (builds_ + target) % 2 == 0;
             WriteText(path, isEmpty ? "" : TextOf(target, node.what));
     }
     if (node.mark != Mark::kWritten) SetTime(path, node.mark == Mark::kEarlier ? kEarlier : kBefore);
@@ -220,7 +220,7 @@ void RealHost::MoveOld(std::size_t target, const Place& wanted) const {
     if (isOld(wanted.backup)) {
         Expect(rename(Name(target).c_str(), Backup(target).c_str()) == 0, Name(target));
     } else if (!isOld(wanted.name)) {
-        // Its inode is not to come back.
+        // The file system, which is one in memory, gives its number to no other file.
         RemoveIfThere(Name(target));
     }
     if (wanted.name.mark != Mark::kOld) Put(Name(target), target, wanted.name);
@@ -228,7 +228,7 @@ void RealHost::MoveOld(std::size_t target, const Place& wanted) const {
 }
 
 void RealHost::Build(const Host& host) {
-    tape_->isRunning = false;
+    ++builds_;
     Wipe();
     const std::string made = package_.InstalledPath("made");
     const bool isMade = host.IsOpen() ? host.hadDirectory : host.hasDirectory;
@@ -330,11 +330,17 @@ void RealHost::TakeDown() const {
     errno = error;
 }
 
+// What else there is below the state directory counts for nothing without the file `state`.
+bool RealHost::IsWatched(const char* path) const {
+    const std::string installed = package_.InstalledPath();
+    return std::strncmp(path, installed.c_str(), installed.size()) == 0 || state_ + "/state" == path;
+}
+
 template <typename Result, typename... Parameters>
 void RealHost::TapeBehind(calls::Hook<Result(Parameters...)>& hook, Result (*real)(Parameters...)) {
     Replace(hook, std::function<Result(Parameters...)>([this, real](Parameters... parameters) {
                 const Result result = real(parameters...);
-                TakeDown();
+                if ((IsWatched(parameters) || ...)) TakeDown();
                 return result;
             }));
 }
@@ -350,12 +356,7 @@ void RealHost::ReplaceCalls() {
     TapeBehind(calls::unlink, &calls::real::unlink);
     TapeBehind(calls::remove, &calls::real::remove);
     TapeBehind(calls::rmdir, &calls::real::rmdir);
-    Replace<int(const char*, mode_t)>(calls::mkdir, [this](const char* path, mode_t mode) {
-        const int result = calls::real::mkdir(path, mode);
-        if (result == 0) TakeDown();
-        return result;
-    });
-    TapeBehind(calls::sendfile, &calls::real::sendfile);
+    TapeBehind(calls::mkdir, &calls::real::mkdir);
     const auto open = [this](const char* path, const char* mode) {
         FILE* const file = calls::real::fopen(path, mode);
         const bool isTarget = std::find(names_.begin(), names_.end(), path) != names_.end();

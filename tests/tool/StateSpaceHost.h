@@ -43,12 +43,15 @@ public:
     RealHost(const RealHost&) = delete;
     RealHost& operator=(const RealHost&) = delete;
 
+    // Makes it so. With an open upgrade the journal is the product's own, of the files that are there: it has
+    // their inodes.
     void Build(const Host& host);
     Host Look() const;
-    // On what is there. A kill would leave what is there behind one of the calls that change something, and
-    // what is there is what a kill would leave: each of these states is taken down by whichever process makes
-    // the call, and no process has to die for it.
+    // Runs the command on what is there. A kill leaves what is there behind one of the calls that change
+    // something: whichever process makes the call takes it down at once, and none has to die for it. A call
+    // that is overlooked here leaves out a state that the model has.
     Outcome Run(Command command);
+    // What `status` names, or `verify` when nothing is open.
     Advice Ask();
     // What the last command wrote.
     const std::string& said() const { return said_; }
@@ -81,6 +84,11 @@ private:
     int Pass(const char* pass) const;
     int RollBack(bool isPartial);
 
+    bool IsWatched(const char* path) const;
+    template <typename Other>
+    static bool IsWatched(Other /*noPath*/) {
+        return false;
+    }
     template <typename Result, typename... Parameters>
     void TapeBehind(calls::Hook<Result(Parameters...)>& hook, Result (*real)(Parameters...));
     template <typename Signature>
@@ -97,6 +105,7 @@ private:
     const std::string state_;
 
     Tape* const tape_;
+    std::size_t builds_ = 0;
     Host before_;
     std::array<ino_t, kMostTargets> installed_{};  // what stood at NAME when the command began
     std::array<ino_t, kMostTargets> marked_{};     // the old files
