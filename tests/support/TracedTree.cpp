@@ -39,7 +39,8 @@ constexpr std::size_t kMostCalls = 60000;
 
 // These never fail in such a way (the C library gives up when a futex does), or what they end has to end.
 bool CanFail(long call) {
-    return call != SYS_exit && call != SYS_exit_group && call != SYS_rt_sigreturn && call != SYS_futex;
+    return call != SYS_exit && call != SYS_exit_group && call != SYS_rt_sigreturn && call != SYS_futex &&
+           call != SYS_umask;
 }
 
 // The text at an address of the process, as far as it is there; empty when nothing is.
