@@ -62,7 +62,7 @@ Trouble SyncAbove(const std::string& path) {
     const fs::path directory = fs::canonical(path, error);
     for (fs::path above = directory; above.has_relative_path();) {
         above = above.parent_path();
-        const Trouble trouble = Sync(above);
+        Trouble trouble = Sync(above);
         if (trouble && errno != EACCES && errno != EINVAL) return trouble;
     }
     return std::nullopt;
