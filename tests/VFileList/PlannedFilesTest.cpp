@@ -104,6 +104,7 @@ TEST_F(PlannedFilesTest, MovesADirectoryWithAllThatIsInIt) {
     EXPECT_EQ(files_.At(Path("dir.bak/new")).size(), 7u);
     EXPECT_EQ(files_.At(Path("dir.bak/sub/deep")).kind, FileKind::kNone);
     EXPECT_EQ(files_.At(Path("dir.bak/sub")).kind, FileKind::kDirectory);
+    EXPECT_EQ(files_.At("/").kind, FileKind::kDirectory);
     files_.MakeDirectory(Path("dir"));
     EXPECT_EQ(files_.At(Path("dir/file")).kind, FileKind::kNone) << "a new directory is empty";
 }

@@ -283,6 +283,18 @@ TEST_F(TransactionTest, RefusesFileListsThatMakeNoUpgrade) {
     ExpectOld();
 }
 
+TEST_F(TransactionTest, ReplacesTheUpgradeToolItself) {
+    release_.package().Bring("VCopyFileListIni", "new");
+    Write(Bin("VCopyFileListIni"), "old");
+    release_.package().WriteList("[Server]\nBin=@/bin\n[Bin]\nf=VCopyFileListIni\n");
+    const Variable path("PATH", Bin("").c_str());
+
+    EXPECT_EQ(Upgrade().status, 0);
+
+    EXPECT_EQ(ReadWholeFile(Bin("VCopyFileListIni")), "new");
+    EXPECT_EQ(ReadWholeFile(Bin("VCopyFileListIni.bak")), "old");
+}
+
 TEST_F(TransactionTest, RefusesWhatCheckCallsAnErrorAndOldBackups) {
     fs::remove(release_.package().SourcePath("same"));
     Write(Bin("conf.bak"), "of an earlier upgrade");

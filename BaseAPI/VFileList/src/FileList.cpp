@@ -63,12 +63,11 @@ std::string IdentityOfDirectory(PlannedFiles& files, const std::string& path) {
 // Few names are those of backups.
 template <typename IdentityOf>
 void NoteListedBackups(std::vector<Target>& targets, IdentityOf identityOf) {
-    const std::string_view suffix = kBackupSuffix;
+    const std::string_view suffix = kBackupSuffix;  // shorter than any identity
     std::set<std::string> backups;
     for (const Target& target : targets) {
         std::string identity = identityOf(target.entries.front());
-        const bool isBackup = identity.size() > suffix.size() &&
-                              identity.compare(identity.size() - suffix.size(), suffix.size(), suffix) == 0;
+        const bool isBackup = identity.rfind(suffix) == identity.size() - suffix.size();
         if (isBackup) backups.insert(std::move(identity));
     }
     for (Target& target : targets) {

@@ -128,10 +128,9 @@ std::vector<std::string> PlannedFiles::MakeDirectory(const std::string& path) {
 PlannedFile PlannedFiles::FileAt(const std::string& name) const {
     const auto changed = changed_.find(name);
     if (changed != changed_.end()) return changed->second;
-    if (!isTreeChanged_) return LookAt(root_ + (name.empty() ? "/" : name));
     // Below a directory that has been moved, the files are where that was; a new one has none.
-    for (std::size_t slash = name.rfind('/'); slash != 0 && slash != std::string::npos;
-         slash = name.rfind('/', slash - 1)) {
+    std::size_t slash = isTreeChanged_ ? name.rfind('/') : 0;
+    for (; slash != 0 && slash != std::string::npos; slash = name.rfind('/', slash - 1)) {
         const auto directory = changed_.find(name.substr(0, slash));
         if (directory == changed_.end()) continue;
         const std::string& origin = directory->second.origin;
@@ -170,7 +169,8 @@ std::optional<std::string> PlannedFiles::Walk(const std::string& path) const {
 }
 
 void PlannedFiles::Change(const std::string& name, PlannedFile file) {
-    if (LeadsOn(FileAt(name)) || LeadsOn(file)) {
+    const bool didLeadOn = LeadsOn(FileAt(name));
+    if (didLeadOn || LeadsOn(file)) {
         directoryNames_.clear();
         isTreeChanged_ = true;
     }

@@ -161,10 +161,11 @@ Trouble StateDirectory::Begin(const Journal& journal) {
     if (Trouble trouble = SyncAbove(path_)) return trouble;
     Hasher hasher;
     const auto print = [&](const Sink& sink) {
-        return Print(journal, [&](std::string_view block) {
+        const Sink hashed = [&](std::string_view block) {
             hasher.Add(block);
             return sink(block);
-        });
+        };
+        return Print(journal, hashed);
     };
     if (Trouble trouble = WriteDurably(kJournalFile, print)) return trouble;
     journalDigest_ = hasher.Finish();
