@@ -340,11 +340,7 @@ private:
 std::size_t ShardCount() {
     return IsSoak() ? 32 : 8;
 }
-#ifdef __x86_64__
-constexpr bool kIsSlow = VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER;
-#else
-constexpr bool kIsSlow = true;
-#endif
+constexpr bool kIsSlow = VFS_TEST_ADDRESS_SANITIZER || VFS_TEST_THREAD_SANITIZER || VFS_TEST_EMULATED;
 constexpr std::size_t kStep = kIsSlow ? 50 : 1;
 const std::vector<std::string> kNoOptions = {};
 
