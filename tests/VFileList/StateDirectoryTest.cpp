@@ -417,7 +417,7 @@ TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
         });
         EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);
     }
-    {
+    if (!VFS_TEST_EMULATED) {  // there the program's size is that of the emulator, and the copy fails before
         const Replaced replaced(calls::fsync, kFails);
         EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);
     }
