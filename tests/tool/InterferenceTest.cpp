@@ -108,12 +108,6 @@ struct Outcome {
     bool isOldHit = false;  // the other process has changed or removed the file that was there before
 };
 
-std::string Joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) text += "\n  " + line;
-    return text;
-}
-
 class InterferenceTest : public testing::TestWithParam<Scenario> {
 protected:
     std::string Path(const std::string& name) const { return release_.InstalledPath() + "/" + name; }

@@ -18,12 +18,6 @@
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) text += "\n  " + line;
-    return text;
-}
-
 class KilledTransactionTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -35,13 +29,6 @@ protected:
     static void ExpectTree(const TreeSnapshot& expected, const TreeSnapshot& actual, const char* name) {
         const std::vector<std::string> differences = DifferencesBetween(expected, actual);
         EXPECT_TRUE(differences.empty()) << "not the " << name << " tree:" << Joined(differences);
-    }
-
-    // Brings about the state in which the command is given.
-    static void Prepare(const Release& release, const std::string& command) {
-        release.Restore();
-        if (command == "upgrade") return;
-        ASSERT_EQ(release.Run("upgrade"), 0);
     }
 
     // What one `resume` has to leave.
@@ -68,7 +55,7 @@ protected:
     // `points` calls of the command in all: every one from its first change on if they suffice, a few before
     // it.
     static std::vector<long> Points(const Release& release, const std::string& command, long points) {
-        Prepare(release, command);
+        release.PrepareFor(command);
         const std::vector<TreeCall> calls =
             RunTracedTree(release.Command(command), release.Environment(), {}).calls;
         const auto last = static_cast<long>(calls.size());
@@ -123,7 +110,7 @@ protected:
         for (const long at : chosen) {
             SCOPED_TRACE(testing::Message() << command << " at system call " << at << ", error "
                                             << event.error << (event.isOnwards ? " from there on" : ""));
-            Prepare(release, command);
+            release.PrepareFor(command);
             TreeEvent there = event;
             there.at = at;
             const TreeRun run = RunTracedTree(release.Command(command), release.Environment(), there);

@@ -20,15 +20,6 @@ const std::vector<std::string> kNoDifferences;
 
 class RacedTransactionTest : public testing::Test {
 protected:
-    void Prepare(const std::string& command) const {
-        release_.Restore();
-        if (command == "upgrade") return;
-        ASSERT_EQ(release_.Run("upgrade"), 0);
-    }
-    const TreeSnapshot& TreeAfter(const std::string& command) const {
-        if (command == "upgrade") return release_.newTreeWithBackups();
-        return command == "commit" ? release_.newTree() : release_.oldTree();
-    }
     TreeEvent Event(long at) const {
         TreeEvent event;
         event.at = at;
@@ -40,7 +31,7 @@ protected:
     // may be the second one that does its work.
     void RaceAt(const std::string& first, const std::string& second, long at) const {
         SCOPED_TRACE(testing::Message() << second << " before call " << at << " of " << first);
-        Prepare(first);
+        release_.PrepareFor(first);
         int status = -1;
         TreeEvent event = Event(at);
         event.interfere = [&] { status = release_.Run(second); };
@@ -51,7 +42,7 @@ protected:
         const bool isFirstRefused = status == 0 && second != "resume";
         EXPECT_EQ(firstStatus == 0, !isFirstRefused) << firstStatus;
         const std::string& winner = isFirstRefused ? second : first;
-        EXPECT_EQ(DifferencesBetween(TreeAfter(winner), release_.Now()), kNoDifferences) << status;
+        EXPECT_EQ(DifferencesBetween(release_.TreeAfter(winner), release_.Now()), kNoDifferences) << status;
         EXPECT_EQ(release_.Run("status"), winner == "upgrade" ? 1 : 0);
     }
 
@@ -64,7 +55,7 @@ TEST_F(RacedTransactionTest, OneOfTwoDoesItsWorkAtWhateverStepTheOtherBegins) {
     }
     long races = 0;
     for (const char* const first : {"upgrade", "commit", "rollback"}) {
-        Prepare(first);
+        release_.PrepareFor(first);
         const auto calls = static_cast<long>(
             RunTracedTree(release_.Command(first), release_.Environment(), Event(0)).calls.size());
         const long step = std::max(1L, calls / (9 * TestScale()));

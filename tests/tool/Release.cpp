@@ -201,3 +201,19 @@ std::vector<std::string> Release::Environment() const {
 int Release::Run(const std::string& command) const {
     return RunProcess(Command(command), Environment()).exitStatus;
 }
+
+void Release::PrepareFor(const std::string& command) const {
+    Restore();
+    if (command != "upgrade" && Run("upgrade") != 0) throw std::runtime_error("it can't be upgraded");
+}
+
+const TreeSnapshot& Release::TreeAfter(const std::string& command) const {
+    if (command == "upgrade") return between_;
+    return command == "commit" ? new_ : old_;
+}
+
+std::string Joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += "\n  " + line;
+    return text;
+}

@@ -32,6 +32,10 @@ public:
     std::vector<std::string> Environment() const;
     // Runs it without a tracer. Returns its exit status.
     int Run(const std::string& command) const;
+    // Brings about the state in which the command is given: but for upgrade, one that is upgraded.
+    void PrepareFor(const std::string& command) const;
+    // What the command makes of it: upgrade, commit or rollback.
+    const TreeSnapshot& TreeAfter(const std::string& command) const;
 
 private:
     struct Listed {
@@ -57,5 +61,8 @@ private:
     TreeSnapshot new_;
     TreeSnapshot between_;
 };
+
+// Each on a line of its own, for messages.
+std::string Joined(const std::vector<std::string>& lines);
 
 #endif

@@ -28,8 +28,7 @@ namespace {
 const std::vector<std::string> kNoDifferences;
 const char* const kCommands[] = {"upgrade", "commit", "rollback"};
 
-// A process with `stream` for its three standard streams, in a session of its own; a terminal is then its
-// controlling one.
+// A process with `stream` for its three standard streams; a terminal is then its controlling one.
 pid_t Start(std::vector<std::string> command, const std::vector<std::string>& environment,
             const std::function<int()>& openStream) {
     const pid_t process = fork();
@@ -69,21 +68,13 @@ std::string Words(const std::vector<std::string>& command) {
 
 class TransactionSurroundingsTest : public testing::Test {
 protected:
-    void Prepare(const std::string& command) const {
-        release_.Restore();
-        if (command == "upgrade") return;
-        ASSERT_EQ(release_.Run("upgrade"), 0);
-    }
     void ExpectTree(const TreeSnapshot& expected) const {
         EXPECT_EQ(DifferencesBetween(expected, release_.Now()), kNoDifferences);
     }
     // The command has done its work.
     void ExpectDone(const std::string& command) const {
-        const bool isUpgrade = command == "upgrade";
-        ExpectTree(isUpgrade             ? release_.newTreeWithBackups()
-                   : command == "commit" ? release_.newTree()
-                                         : release_.oldTree());
-        EXPECT_EQ(release_.Run("status"), isUpgrade ? 1 : 0);
+        ExpectTree(release_.TreeAfter(command));
+        EXPECT_EQ(release_.Run("status"), command == "upgrade" ? 1 : 0);
     }
 
     // Where the scratch directory is mounted anew, with `options`. The shell's `script` is given the command.
@@ -122,7 +113,8 @@ protected:
     const Release release_{Entries::k4};
 };
 
-// As the leader of its session it gets HUP then, and what it says from there on can't be written.
+// As it is the one that the terminal belongs to it gets HUP then, and what it says from there on can't be
+// written.
 TEST_F(TransactionSurroundingsTest, AnUpgradeGoesOnToTheEndWithoutTheTerminalThatItBeganOn) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(terminal, 0);
@@ -142,7 +134,7 @@ TEST_F(TransactionSurroundingsTest, AnUpgradeGoesOnToTheEndWithoutTheTerminalTha
 TEST_F(TransactionSurroundingsTest, GoesOnToTheEndThoughNobodyReadsWhatItSays) {
     for (const char* const command : kCommands) {
         SCOPED_TRACE(command);
-        Prepare(command);
+        release_.PrepareFor(command);
         std::array<int, 2> ends{};
         ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
         (void)close(ends[0]);
@@ -160,7 +152,7 @@ TEST_F(TransactionSurroundingsTest, GoesOnToTheEndWithoutStandardStreams) {
     for (const char* const command : kCommands) {
         for (const std::string closed : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
             SCOPED_TRACE(testing::Message() << command << closed);
-            Prepare(command);
+            release_.PrepareFor(command);
             const std::vector<std::string> shell = {"sh", "-c", "exec \"$@\" " + closed, "sh"};
             (void)RunProcess(Concatenate(shell, release_.Command(command)), release_.Environment());
             ExpectDone(command);
