@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "Inventory.h"
+#include "Report.h"
 #include "Rollback.h"
 #include "Transaction.h"
 #include "Verify.h"
@@ -79,29 +80,6 @@ ino_t InodeOf(const std::string& path) {
 }
 
 }  // namespace
-
-WrittenOutput::WrittenOutput() : file_(memfd_create("output", MFD_CLOEXEC)), usual_(dup(STDOUT_FILENO)) {
-    Expect(file_ >= 0 && usual_ >= 0, "standard output");
-}
-
-WrittenOutput::~WrittenOutput() {
-    (void)close(usual_);
-    (void)close(file_);
-}
-
-std::string WrittenOutput::Of(const std::function<void()>& command) const {
-    (void)std::fflush(stdout);
-    Expect(dup2(file_, STDOUT_FILENO) >= 0, "standard output");
-    command();
-    (void)std::fflush(stdout);
-    Expect(dup2(usual_, STDOUT_FILENO) >= 0, "standard output");
-
-    const off_t size = lseek(file_, 0, SEEK_CUR);
-    std::string text(static_cast<std::size_t>(size), '\0');
-    Expect(pread(file_, text.data(), text.size(), 0) == size, "the output");
-    Expect(ftruncate(file_, 0) == 0 && lseek(file_, 0, SEEK_SET) == 0, "the output");
-    return text;
-}
 
 // In memory that the passes share.
 struct RealHost::Tape {
@@ -274,14 +252,12 @@ Node RealHost::LookAtNode(const std::string& path, std::size_t target, ino_t old
 void RealHost::LookAtStage(Host& host) const {
     const std::string text = TextAt(state_ + "/state");
     if (text == "?") return;
-    const std::array<const char*, 6> names = {"none",      "renaming", "copying",
-                                              "installed", "undoing",  "cleaning"};
     std::array<char, 16> stage{};
     std::array<char, 16> undone{};
     Expect(std::sscanf(text.c_str(), "vfilelist-state 1 %15s %15s", stage.data(), undone.data()) == 2, text);
-    const auto find = [&](const char* name) {
-        const auto isIt = [name](const char* other) { return std::strcmp(name, other) == 0; };
-        return static_cast<Stage>(std::find_if(names.begin(), names.end(), isIt) - names.begin());
+    const auto find = [](const char* name) {
+        const auto isIt = [name](Phase phase) { return std::strcmp(name, NameOf(phase)) == 0; };
+        return static_cast<Stage>(std::find_if(kPhases.begin(), kPhases.end(), isIt) - kPhases.begin());
     };
     host.stage = find(stage.data());
     host.undone = find(undone.data());
@@ -437,7 +413,9 @@ Outcome RealHost::Run(Command command) {
     tape_->isRunning = true;
     TakeDown();
     Outcome outcome;
-    said_ = output_.Of([&] { outcome.status = Perform(command); });
+    testing::internal::CaptureStdout();
+    outcome.status = Perform(command);
+    said_ = testing::internal::GetCapturedStdout();
     TakeDown();
     tape_->isRunning = false;
     outcome.states.assign(tape_->states.begin(), tape_->states.begin() + static_cast<long>(tape_->length));
@@ -447,16 +425,9 @@ Outcome RealHost::Run(Command command) {
 Advice RealHost::Ask() {
     Advice advice;
     const bool isOpen = before_.IsOpen();
-    const std::string text = output_.Of([&] {
-        Output output(true);
-        if (isOpen) {
-            (void)ShowStatus({"", state_}, output);
-        } else {
-            (void)Verify(FileList(package_.ListPath()), {}, output);
-        }
-        output.EndJson();
+    const nlohmann::json report = ReportOf([&](Output& output) {
+        return isOpen ? ShowStatus({"", state_}, output) : Verify(FileList(package_.ListPath()), {}, output);
     });
-    const nlohmann::json report = nlohmann::json::parse(text);
     std::vector<std::string> names;
     if (isOpen) {
         names = report["next"].get<std::vector<std::string>>();

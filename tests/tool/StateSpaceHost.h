@@ -21,21 +21,6 @@
 #include "StateSpace.h"
 #include "SystemCalls.h"
 
-// Takes down what commands write to standard output.
-class WrittenOutput {
-public:
-    WrittenOutput();
-    ~WrittenOutput();
-    WrittenOutput(const WrittenOutput&) = delete;
-    WrittenOutput& operator=(const WrittenOutput&) = delete;
-
-    std::string Of(const std::function<void()>& command) const;
-
-private:
-    const int file_;
-    const int usual_;
-};
-
 class RealHost {
 public:
     explicit RealHost(std::size_t count);
@@ -112,7 +97,6 @@ private:
     std::string said_;
     FILE* written_ = nullptr;
     std::vector<std::shared_ptr<void>> replaced_;
-    const WrittenOutput output_;
 };
 
 #endif
