@@ -417,6 +417,14 @@ TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
         });
         EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);
     }
+    {
+        const Replaced replaced(calls::open, [&](const char* path, int flags, mode_t mode) {
+            if (path != rescue + "/vfilelist") return calls::real::open(path, flags, mode);
+            errno = ENOSPC;
+            return -1;
+        });
+        EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist: No space left on device");
+    }
     if (!VFS_TEST_EMULATED) {  // there the program's size is that of the emulator, and the copy fails before
         const Replaced replaced(calls::fsync, kFails);
         EXPECT_EQ(directory_->KeepRescue(journal_), rescue + "/vfilelist" + kCause);

@@ -58,9 +58,7 @@ Trouble WriteAll(int fd, const std::string& path, std::string_view text) {
 // The directory, and those above it, may have been made just now: their names have to last as well. Where one
 // can't be opened or synced at all, nothing was made.
 Trouble SyncAbove(const std::string& path) {
-    std::error_code error;
-    const fs::path directory = fs::canonical(path, error);
-    for (fs::path above = directory; above.has_relative_path();) {
+    for (fs::path above = CanonicalPath(path).value_or(path); above.has_relative_path();) {
         above = above.parent_path();
         Trouble trouble = Sync(above);
         if (trouble && errno != EACCES && errno != EINVAL) return trouble;
@@ -73,9 +71,10 @@ Trouble SyncAbove(const std::string& path) {
 Trouble Keep(const fs::path& file, const fs::path& copy) {
     if (linkat(AT_FDCWD, file.c_str(), AT_FDCWD, copy.c_str(), AT_SYMLINK_FOLLOW) == 0) return std::nullopt;
     std::error_code error;
-    errno = EIO;  // what copy_file calls a full disk, too; the call that failed knows better
+    errno = 0;
     fs::copy_file(file, copy, error);
-    if (error) return TroubleWith(copy, errno);
+    // It calls a full disk an input/output error, too; the call that failed knows better.
+    if (error) return TroubleWith(copy, errno == ENOSPC ? ENOSPC : error.value());
     return Sync(copy);
 }
 
