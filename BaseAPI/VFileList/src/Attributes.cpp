@@ -16,11 +16,6 @@ namespace {
 constexpr mode_t kPermissions = 07777;
 constexpr std::size_t kMostBytes = XATTR_SIZE_MAX;  // of one value, and of all names
 
-bool IsKept(const char* name) {
-    return std::strcmp(name, "security.capability") == 0 ||
-           std::strcmp(name, "system.posix_acl_access") == 0 || std::strncmp(name, "user.", 5) == 0;
-}
-
 Trouble Cause() {
     return std::strerror(errno);
 }
@@ -63,6 +58,10 @@ Trouble RemoveOthers(int fd, const std::vector<ExtendedAttribute>& wanted,
 bool operator==(const Attributes& left, const Attributes& right) {
     return std::tie(left.mode, left.user, left.group, left.extended) ==
            std::tie(right.mode, right.user, right.group, right.extended);
+}
+
+bool IsKept(const std::string& name) {
+    return name == "security.capability" || name == "system.posix_acl_access" || name.rfind("user.", 0) == 0;
 }
 
 Trouble ReadAttributes(int fd, Attributes& attributes) {

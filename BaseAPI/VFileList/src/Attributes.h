@@ -29,6 +29,9 @@ struct Attributes {
 
 bool operator==(const Attributes& left, const Attributes& right);
 
+// Whether an upgrade keeps the extended attributes of this name.
+bool IsKept(const std::string& name);
+
 // What the open file has. The trouble has no path.
 Trouble ReadAttributes(int fd, Attributes& attributes);
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "Attributes.h"
 #include "Output.h"
 #include "TargetFacts.h"
 
@@ -24,9 +25,7 @@ std::string AttributesOf(const std::string& path) {
     std::istringstream list(names);
     std::string lost;
     for (std::string name; std::getline(list, name, '\0');) {
-        const bool isUsers = name.rfind("user.", 0) == 0;
-        if (!isUsers && name != "security.capability" && name != "system.posix_acl_access") continue;
-        lost += (lost.empty() ? "" : ", ") + name;
+        if (IsKept(name)) lost += (lost.empty() ? "" : ", ") + name;
     }
     return lost;
 }
