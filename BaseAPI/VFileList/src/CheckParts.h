@@ -65,6 +65,8 @@ private:
     const PlannedFiles& files_;
     std::map<dev_t, Need> needs_;
 };
+
+// Whether there is room for all that the list brings.
 void CheckSpace(const FileList& list, std::vector<Finding>& findings);
 
 inline std::string Bytes(std::size_t count) {

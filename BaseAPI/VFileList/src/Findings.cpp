@@ -71,8 +71,7 @@ constexpr FindingKind kKinds[] = {
     {"E-TARGET-SPECIAL", "the target is a device, pipe or socket",
      "-rename moves it away; the service that uses it loses it.", "Use another file name."},
     {"E-TARGET-IN-PACKAGE", "the target is the package's own file",
-     "Without -rename, -copy copies the file onto itself and empties it; -rename may take it away from "
-     "the "
+     "Without -rename, -copy copies the file onto itself and empties it; -rename may take it away from the "
      "package.",
      "Unpack the package elsewhere, or remove the link."},
     {"E-TARGET-TOOL", "the target is a program or library that the upgrade tool needs",
