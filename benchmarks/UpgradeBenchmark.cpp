@@ -126,11 +126,15 @@ std::string Release(const std::string& base, int files) {
     return path;
 }
 
-template <int Files>
-std::string OldRelease() {
-    const std::string path = Release(MemoryDirectory(), Files);
+std::string OldReleaseIn(const std::string& base, int files) {
+    const std::string path = Release(base, files);
     if (fs::exists(path + "/state/state")) Run("cd " + path + " && " + kVfilelist + kRollback);
     return path;
+}
+
+template <int Files>
+std::string OldRelease() {
+    return OldReleaseIn(MemoryDirectory(), Files);
 }
 
 template <int Files>
@@ -167,8 +171,7 @@ void SyncPath(const std::string& path) {
 
 // On a disk, with nothing left to write.
 std::string OldReleaseOnDisk() {
-    const std::string path = Release(DiskDirectory(), kFew);
-    if (fs::exists(path + "/state/state")) Run("cd " + path + " && " + kVfilelist + kRollback);
+    std::string path = OldReleaseIn(DiskDirectory(), kFew);
     sync();
     return path;
 }
