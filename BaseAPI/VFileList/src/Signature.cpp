@@ -1,0 +1,81 @@
+// Checks signatures with OpenSSL's libcrypto.
+#include "Signature.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <vector>
+
+#include "Files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+
+Key KeyFrom(const std::string& pem) {
+    const std::unique_ptr<BIO, decltype(&BIO_free)> text(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
+    if (!text) throw std::bad_alloc();
+    return {PEM_read_bio_PUBKEY(text.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free};
+}
+
+// Trouble also with what is no such key: whoever has put it there expects it to be used.
+Trouble ReadKey(const fs::path& path, std::vector<Key>& keys) {
+    std::string pem;
+    const int error = ReadWhole(path, pem);
+    if (error != 0) return TroubleWith(path, error);
+    Key key = KeyFrom(pem);
+    if (!key || EVP_PKEY_get_id(key.get()) != EVP_PKEY_ED25519)
+        return path.string() + ": no Ed25519 public key";
+    keys.push_back(std::move(key));
+    return std::nullopt;
+}
+
+Trouble ReadKeys(const std::string& directory, std::vector<Key>& keys) {
+    std::error_code error;
+    for (fs::directory_iterator file(directory, error), end; !error && file != end; file.increment(error)) {
+        if (file->path().extension() != ".pem") continue;
+        if (Trouble trouble = ReadKey(file->path(), keys)) return trouble;
+    }
+    if (error) return directory + ": " + error.message();
+    if (keys.empty()) return directory + ": no key is there, and so nobody is trusted";
+    return std::nullopt;
+}
+
+bool HasSigned(EVP_PKEY* key, const std::string& text, const std::string& signature) {
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    const auto bytes = [](const std::string& of) {
+        return reinterpret_cast<const unsigned char*>(of.data());
+    };
+    return context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
+           EVP_DigestVerify(context.get(), bytes(signature), signature.size(), bytes(text), text.size()) == 1;
+}
+
+}  // namespace
+
+bool IsSignatureWanted(const std::string& trustedDirectory) {
+    struct stat status {};
+    return trustedDirectory != kUsualTrustedDirectory || lstat(kUsualTrustedDirectory, &status) == 0 ||
+           errno != ENOENT;
+}
+
+Trouble ExpectSignature(const std::string& text, const std::string& signaturePath,
+                        const std::string& trustedDirectory) {
+    std::vector<Key> keys;
+    if (Trouble trouble = ReadKeys(trustedDirectory, keys)) return trouble;
+    std::string signature;
+    const int error = ReadWhole(signaturePath, signature);
+    if (error != 0) return TroubleWith(signaturePath, error);
+    const auto hasSigned = [&](const Key& key) { return HasSigned(key.get(), text, signature); };
+    if (std::any_of(keys.begin(), keys.end(), hasSigned)) return std::nullopt;
+    return signaturePath + ": not the signature of a trusted key";
+}

@@ -1,0 +1,157 @@
+#include "Signature.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "Process.h"
+#include "ScratchDirectory.h"
+#include "Signer.h"
+#include "SystemCalls.h"
+
+namespace {
+
+class SignatureTest : public testing::Test {
+protected:
+    std::string Check(const std::string& text) const {
+        return ExpectSignature(text, signature_, trusted_).value_or("");
+    }
+    void Trust(const std::string& name, const std::string& key) const {
+        scratch_.Write("trusted/" + name, key);
+    }
+    void Sign(const std::string& signature) const { scratch_.Write("text.sig", signature); }
+    std::string NotTrusted() const { return signature_ + ": not the signature of a trusted key"; }
+
+    const ScratchDirectory scratch_;
+    const std::string signature_ = scratch_.Path("text.sig");
+    const std::string trusted_ = scratch_.Path("trusted");
+    const Signer maker_;
+};
+
+TEST_F(SignatureTest, AcceptsTheTextThatATrustedKeyHasSigned) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign(maker_.Signature("text"));
+    EXPECT_EQ(Check("text"), "");
+
+    Trust("another.pem", Signer().PublicKey());
+    Trust("README", "what is no key has another ending");
+    EXPECT_EQ(Check("text"), "") << "one of several keys";
+}
+
+TEST_F(SignatureTest, AcceptsWhatOpensslHasSigned) {
+    SKIP_WITHOUT_PROGRAM("/usr/bin/openssl");
+    scratch_.Write("text", "text");
+    scratch_.MakeDirectory("trusted");
+    const std::string commands = "cd " + scratch_.Path() +
+                                 " && openssl genpkey -algorithm ed25519 -out maker.key"
+                                 " && openssl pkey -in maker.key -pubout -out trusted/maker.pem"
+                                 " && openssl pkeyutl -sign -rawin -inkey maker.key -in text -out text.sig";
+    const ProcessResult result = RunProcess({"/bin/sh", "-c", commands});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+
+    EXPECT_EQ(Check("text"), "");
+    EXPECT_EQ(Check("test"), NotTrusted());
+}
+
+TEST_F(SignatureTest, RefusesAnyOtherTextSignatureOrKey) {
+    const std::string text = "a text of several words";
+    const std::string good = maker_.Signature(text);
+    Trust("maker.pem", maker_.PublicKey());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        std::string other = text;
+        other[i] = static_cast<char>(other[i] ^ 1);
+        Sign(good);
+        EXPECT_EQ(Check(other), NotTrusted()) << "byte " << i << " of the text";
+    }
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        std::string other = good;
+        other[i] = static_cast<char>(other[i] ^ (1 << i % 8));
+        Sign(other);
+        EXPECT_EQ(Check(text), NotTrusted()) << "byte " << i << " of the signature";
+    }
+    for (const std::string& other : {std::string(), good.substr(1), good + "x", good + good,
+                                     Signer().Signature(text), maker_.Signature("")}) {
+        Sign(other);
+        EXPECT_EQ(Check(text), NotTrusted());
+    }
+    Sign(good);
+    EXPECT_EQ(Check(text), "");
+}
+
+TEST_F(SignatureTest, RefusesEverythingWithoutAKey) {
+    Sign(maker_.Signature("text"));
+    EXPECT_EQ(Check("text"), trusted_ + ": No such file or directory");
+
+    scratch_.MakeDirectory("trusted");
+    const std::string nobody = trusted_ + ": no key is there, and so nobody is trusted";
+    EXPECT_EQ(Check("text"), nobody);
+    Trust("maker.key", maker_.PublicKey());
+    EXPECT_EQ(Check("text"), nobody) << "only NAME.pem is a key";
+}
+
+TEST_F(SignatureTest, RefusesEverythingBesideAKeyThatIsNone) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign(maker_.Signature("text"));
+    const std::string noKey = trusted_ + "/other.pem: no Ed25519 public key";
+    Trust("other.pem", "");
+    EXPECT_EQ(Check("text"), noKey);
+    Trust("other.pem", maker_.PublicKey().substr(0, 60));
+    EXPECT_EQ(Check("text"), noKey);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> curve(
+        EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), &EVP_PKEY_free);
+    Trust("other.pem", PublicKeyOf(curve.get()));
+    EXPECT_EQ(Check("text"), noKey) << "a key of another kind";
+
+    ASSERT_EQ(unlink((trusted_ + "/other.pem").c_str()), 0);
+    scratch_.Link("trusted/other.pem", "maker.pem");
+    EXPECT_EQ(Check("text"), trusted_ + "/other.pem: Too many levels of symbolic links") << "no links";
+}
+
+TEST_F(SignatureTest, RefusesEverythingWhenSomethingCanNotBeRead) {
+    Trust("maker.pem", maker_.PublicKey());
+    EXPECT_EQ(Check("text"), signature_ + ": No such file or directory");
+
+    Sign(maker_.Signature("text"));
+    const auto fails = [](const std::string& path) {
+        return [path](const char* opened, int flags, mode_t mode) {
+            if (path != opened) return calls::real::open(opened, flags, mode);
+            errno = EIO;
+            return -1;
+        };
+    };
+    for (const std::string& path : {signature_, trusted_ + "/maker.pem"}) {
+        const Replaced replaced(calls::open, fails(path));
+        EXPECT_EQ(Check("text"), path + ": Input/output error");
+    }
+}
+
+TEST_F(SignatureTest, RefusesEverythingWhenTheKeysAreNoDirectory) {
+    Sign(maker_.Signature("text"));
+    scratch_.Write("trusted", "a file");
+    EXPECT_EQ(Check("text"), trusted_ + ": Not a directory");
+}
+
+TEST_F(SignatureTest, IsWantedForAnyDirectoryButTheUsualOneThatIsMissing) {
+    const auto finds = [](int error) {
+        return [error](const char* path, struct stat* status) {
+            if (std::string(path) != kUsualTrustedDirectory) return calls::real::lstat(path, status);
+            errno = error;
+            return error == 0 ? 0 : -1;
+        };
+    };
+    EXPECT_TRUE(IsSignatureWanted(trusted_)) << "though it is missing";
+    {
+        const Replaced missing(calls::lstat, finds(ENOENT));
+        EXPECT_FALSE(IsSignatureWanted(kUsualTrustedDirectory));
+        EXPECT_TRUE(IsSignatureWanted(trusted_));
+    }
+    for (const int error : {0, EACCES, EIO, ENOTDIR}) {
+        const Replaced replaced(calls::lstat, finds(error));
+        EXPECT_TRUE(IsSignatureWanted(kUsualTrustedDirectory)) << error;
+    }
+}
+
+}  // namespace
