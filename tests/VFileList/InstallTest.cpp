@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "FileSystem.h"
+#include "Process.h"
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
 
@@ -258,6 +259,72 @@ TEST_F(InstallTest, SaysWhichBackupCannotBeRemoved) {
 
     EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(journal_, remarks); }),
                 ElementsAre("known.bak: can't be removed: Input/output error"));
+}
+
+TEST_F(InstallTest, GivesANewFileTheOwnerAndModeOfTheManifest) {
+    SKIP_UNLESS_ROOT();
+    Copy();
+    fresh().package.mode = 04711;
+    fresh().package.owner = Owner{1234, 5678};
+    (void)InstallAll();
+
+    const struct stat status = StatusOf(scratch_.Path("fresh"));
+    EXPECT_EQ(status.st_mode & 07777, 04711U)
+        << "a change of the owner takes set-id bits away, so it comes first";
+    EXPECT_EQ(status.st_uid, 1234U);
+    EXPECT_EQ(status.st_gid, 5678U);
+}
+
+TEST_F(InstallTest, SaysWhenANewFileCanNotHaveTheOwnerOfTheManifest) {
+    Copy();
+    fresh().package.owner = Owner{};
+    const Replaced replaced(calls::fchown, kFails);
+    Stamp stamp;
+    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": Input/output error");
+}
+
+TEST_F(InstallTest, GivesDirectoriesTheirModesFromTheInnermostOutwards) {
+    const std::string outer = scratch_.MakeDirectory("outer");
+    const std::string inner = scratch_.MakeDirectory("outer/inner");
+    journal_.directoryModes = {{outer, 01555, {geteuid(), getegid()}},
+                               {inner, 02700, {geteuid(), getegid()}}};
+    std::vector<std::string> opened;
+    const Replaced replaced(calls::open, [&](const char* path, int flags, mode_t mode) {
+        opened.emplace_back(path);
+        return calls::real::open(path, flags, mode);
+    });
+    int synced = 0;
+    const Replaced sync(calls::fsync, [&synced](int) {
+        ++synced;
+        return 0;
+    });
+
+    EXPECT_EQ(InstallDirectories(journal_), std::nullopt);
+    EXPECT_THAT(opened, ElementsAre(inner, outer));
+    EXPECT_EQ(StatusOf(outer).st_mode & 07777, 01555U);
+    EXPECT_EQ(StatusOf(inner).st_mode & 07777, 02700U);
+    EXPECT_EQ(synced, 2);
+}
+
+TEST_F(InstallTest, SaysWhichDirectoryCanNotHaveItsMode) {
+    const std::string path = scratch_.MakeDirectory("directory");
+    journal_.directoryModes = {{path, 0755, {geteuid(), getegid()}}};
+    {
+        const Replaced replaced(calls::fchown, kFails);
+        EXPECT_EQ(InstallDirectories(journal_), path + ": Input/output error");
+    }
+    {
+        const Replaced replaced(calls::fchmod, kFails);
+        EXPECT_EQ(InstallDirectories(journal_), path + ": Input/output error");
+    }
+    {
+        const Replaced replaced(calls::fsync, kFails);
+        EXPECT_EQ(InstallDirectories(journal_), path + ": Input/output error");
+    }
+    ASSERT_EQ(rmdir(path.c_str()), 0);
+    EXPECT_EQ(InstallDirectories(journal_), path + ": No such file or directory");
+    scratch_.Link("directory", ".");
+    EXPECT_EQ(InstallDirectories(journal_), path + ": Not a directory") << "no link is followed";
 }
 
 }  // namespace

@@ -219,4 +219,70 @@ TEST_F(InventoryTest, ShowsItsProgress) {
                 ElementsAre("record: 0 of 1 files"));
 }
 
+// The manifest of the package that stands in the journal.
+Manifest ManifestFor(const Journal& journal) {
+    Manifest manifest;
+    manifest.release = "2.0";
+    manifest.fileListDigest = journal.fileListDigest;
+    for (const JournalTarget& target : journal.targets) {
+        manifest.entries.push_back({target.path, false, 04751, "root", "root", 0, target.package.digest});
+    }
+    return manifest;
+}
+
+TEST_F(InventoryTest, TakesModesAndOwnersOfWhatIsNewFromTheManifest) {
+    package_.Bring("fresh", "fresh");
+    package_.WriteList("[Server]\nBin=@\nNew=@/a/b\n[Bin]\nf=tool\n[New]\nf=fresh\n");
+    ASSERT_EQ(Take(), std::nullopt);
+    Manifest manifest = ManifestFor(journal_);
+    const std::string fresh = package_.InstalledPath("a/b/fresh");
+    manifest.entries = {{package_.InstalledPath("a/b"), true, 02775, "root", "root", 0, {}},
+                        {fresh, false, 04751, "root", "root", 0, DigestOf("fresh")},
+                        {tool_, false, 04751, "root", "root", 0, DigestOf("the new tool")}};
+    ASSERT_EQ(FollowManifest(manifest, journal_), std::nullopt);
+
+    EXPECT_EQ(journal_.release, "2.0");
+    ASSERT_EQ(journal_.targets.size(), 2u);
+    EXPECT_EQ(journal_.targets[0].path, tool_);
+    EXPECT_EQ(journal_.targets[0].package.mode, 0711u) << "it has a predecessor";
+    EXPECT_FALSE(journal_.targets[0].package.owner);
+    EXPECT_EQ(journal_.targets[1].package.mode, 04751u);
+    ASSERT_TRUE(journal_.targets[1].package.owner);
+    EXPECT_EQ(journal_.targets[1].package.owner->user, 0u);
+    EXPECT_THAT(journal_.newDirectories,
+                ElementsAre(package_.InstalledPath("a"), package_.InstalledPath("a/b")));
+    ASSERT_EQ(journal_.directoryModes.size(), 1u) << "the manifest says nothing of the other one";
+    EXPECT_EQ(journal_.directoryModes[0].path, package_.InstalledPath("a/b"));
+    EXPECT_EQ(journal_.directoryModes[0].mode, 02775u);
+}
+
+TEST_F(InventoryTest, RefusesWhatTheManifestDoesNotKnow) {
+    ASSERT_EQ(Take(), std::nullopt);
+    Manifest manifest = ManifestFor(journal_);
+    manifest.fileListDigest = DigestOf("another list");
+    EXPECT_EQ(FollowManifest(manifest, journal_),
+              package_.ListPath() + ": it is not the one of the manifest");
+
+    const std::string unknown = source_ + ": it is not what the manifest says of " + tool_;
+    manifest = ManifestFor(journal_);
+    manifest.entries[0].digest = DigestOf("another tool");
+    EXPECT_EQ(FollowManifest(manifest, journal_), unknown);
+    manifest.entries.clear();
+    EXPECT_EQ(FollowManifest(manifest, journal_), unknown);
+
+    Journal fresh = journal_;
+    fresh.targets[0].old.reset();
+    manifest = ManifestFor(fresh);
+    manifest.entries[0].user = "nosuchuser";
+    EXPECT_EQ(FollowManifest(manifest, journal_), std::nullopt) << "an old file keeps its owner";
+    EXPECT_EQ(FollowManifest(manifest, fresh),
+              tool_ + ": this machine has no user nosuchuser or no group root");
+    fresh.targets.clear();
+    fresh.newDirectories = {"/opt/new"};
+    manifest.entries = {{"/opt/new", true, 0755, "root", "nosuchgroup", 0, {}}};
+    EXPECT_EQ(FollowManifest(manifest, fresh),
+              "/opt/new: this machine has no user root or no group nosuchgroup");
+    EXPECT_EQ(FollowManifest(ManifestFor(journal_), journal_), std::nullopt);
+}
+
 }  // namespace

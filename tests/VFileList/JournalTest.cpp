@@ -10,8 +10,8 @@
 namespace {
 
 const std::string kFirstLine = "vfilelist-journal 1\n";
-const char kNone[] = "it is no journal, or one of another version of vfilelist";
-const char kOtherForm[] = "it does not have the form of a journal";
+const char kNone[] = "it is no file of vfilelist, or one of another version";
+const char kOtherForm[] = "it is cut off, or was changed";
 
 std::string EveryByte() {
     std::string bytes;
@@ -27,7 +27,9 @@ Journal FullJournal() {
     journal.installType = EveryByte();
     journal.begun = std::numeric_limits<std::time_t>::max();
     journal.oldDirectories = {{"/opt/" + EveryByte(), std::numeric_limits<ino_t>::max()}, {"", 0}};
+    journal.release = "2.0 beta";
     journal.newDirectories = {"/opt/new", "/opt/new/100%", "%", " "};
+    journal.directoryModes = {{"/opt/new", 02755, {7, 8}}};
 
     JournalTarget known{"/opt/" + EveryByte(),
                         {EveryByte(), std::numeric_limits<off_t>::max(), 07777, DigestOf("new")},
@@ -41,7 +43,8 @@ Journal FullJournal() {
                              {{"user.empty", ""}, {"user." + EveryByte(), EveryByte()}}};
     JournalTarget link{"/opt/link", {"/package/Common/link", 0, 0, DigestOf("")}, OldFile{}};
     link.old->isLink = true;
-    journal.targets = {known, link, {"/opt/fresh", {"", 1, 0644, DigestOf("fresh")}, std::nullopt}};
+    journal.targets = {
+        known, link, {"/opt/fresh", {"", 1, 0644, DigestOf("fresh"), Owner{5, 6}}, std::nullopt}};
     return journal;
 }
 
@@ -84,6 +87,11 @@ void ExpectSame(const JournalTarget& read, const JournalTarget& written) {
     EXPECT_EQ(read.package.size, written.package.size);
     EXPECT_EQ(read.package.mode, written.package.mode);
     EXPECT_EQ(read.package.digest, written.package.digest);
+    ASSERT_EQ(read.package.owner.has_value(), written.package.owner.has_value());
+    if (read.package.owner) {
+        EXPECT_EQ(read.package.owner->user, written.package.owner->user);
+        EXPECT_EQ(read.package.owner->group, written.package.owner->group);
+    }
     ASSERT_EQ(read.old.has_value(), written.old.has_value());
     if (read.old) ExpectSame(*read.old, *written.old);
 }
@@ -104,6 +112,12 @@ TEST(JournalTest, IsReadAsItWasPrinted) {
         EXPECT_EQ(read.oldDirectories[i].inode, written.oldDirectories[i].inode);
     }
     EXPECT_EQ(read.newDirectories, written.newDirectories);
+    EXPECT_EQ(read.release, "2.0 beta");
+    ASSERT_EQ(read.directoryModes.size(), 1u);
+    EXPECT_EQ(read.directoryModes[0].path, "/opt/new");
+    EXPECT_EQ(read.directoryModes[0].mode, 02755u);
+    EXPECT_EQ(read.directoryModes[0].owner.user, 7u);
+    EXPECT_EQ(read.directoryModes[0].owner.group, 8u);
     ASSERT_EQ(read.targets.size(), written.targets.size());
     for (std::size_t i = 0; i < read.targets.size(); ++i) ExpectSame(read.targets[i], written.targets[i]);
     EXPECT_EQ(Print(read), Print(written));
@@ -161,7 +175,8 @@ TEST(JournalTest, OfAnotherFormIsRefused) {
     const std::string target = list + "target /t\nnew /s 1 420 " + digest + "\n";
     const std::string old = target + "old file 1 2 3 4 5 6 7\n";
     for (const std::string& right :
-         {list, target, old, old + "attribute user.a %\n", list + "olddirectory /d 2\nnewdirectory /e\n"}) {
+         {list, target, old, old + "attribute user.a %\n", target + "owner 0 0\n", "release 1\n" + list,
+          list + "directory /d 1 2 3\n", list + "olddirectory /d 2\nnewdirectory /e\n"}) {
         EXPECT_EQ(TroubleOf(kFirstLine + right), "") << right;
     }
 
@@ -172,6 +187,10 @@ TEST(JournalTest, OfAnotherFormIsRefused) {
         list + "attribute user.a b\n",
         target + "attribute user.a b\n",  // of no old file
         target + "unknown\n",
+        list + "owner 0 0\n",
+        target + "owner 0\n",
+        list + "directory /d 1 2\n",
+        list + "release\n",
         target + "old directory 1 2 3 4 5 6 7\n",
         target + "old file 1 2 3 4 5 6\n",
         target + "old file 1 2 3 4 5 6 7 8\n",

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "Signer.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -79,8 +81,18 @@ Release::Release() {
     old_ = Now();
 }
 
+void Release::Sign() {
+    const Signer signer;
+    Manifest manifest = ManifestOf(package_);
+    manifest.release = "2.0";
+    WriteManifest(package_, manifest, &signer);
+    isSigned_ = true;
+}
+
 TransactionOptions Release::Options() const {
-    return {package_.ListPath(), StatePath(), false};
+    TransactionOptions options{package_.ListPath(), StatePath(), false};
+    if (isSigned_) options.trustedDirectory = TrustedDirectory(package_);
+    return options;
 }
 
 Ending Release::Run(Command command, bool isPartial) const {

@@ -51,6 +51,9 @@ public:
     const Tree& Old() const { return old_; }
     static Tree WithBackups(const Tree& old, Tree committed);
 
+    // From now on the package has a manifest, whose new directories have mode 0755, and is signed.
+    void Sign();
+
     TransactionOptions Options() const;
     std::string StatePath(const std::string& name = "") const {
         return package_.scratch().Path("state" + (name.empty() ? "" : "/" + name));
@@ -75,6 +78,7 @@ private:
         calls::stat,
         [this](const char* path, struct stat* status) { return calls::real::stat(InPlaceOf(path), status); }};
     Tree old_;
+    bool isSigned_ = false;
 };
 
 // `command`, the rollback of the open upgrade, in the form of the others.

@@ -235,7 +235,7 @@ TEST_F(StateDirectoryTest, BelievesNoJournalOfAnotherVersionThoughTheStateNamesI
     scratch_.Write("lib/state/state", state);
     scratch_.Write("lib/state/journal", text);
 
-    EXPECT_EQ(Found(), File("journal") + ": it is no journal, or one of another version of vfilelist");
+    EXPECT_EQ(Found(), File("journal") + ": it is no file of vfilelist, or one of another version");
 }
 
 TEST_F(StateDirectoryTest, SaysWhatCannotBeRead) {
@@ -432,6 +432,38 @@ TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
     ASSERT_EQ(chmod(rescue.c_str(), 0700), 0);
     const Replaced replaced(calls::mkdir, kFails);
     EXPECT_EQ(directory_->KeepRescue(journal_), rescue + kCause);
+}
+
+TEST_F(StateDirectoryTest, KeepsTheReceiptAndHasNoneAtFirst) {
+    Receipt receipt;
+    EXPECT_EQ(directory_->ReadReceipt(receipt), std::nullopt);
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    receipt.history = {{"1.0", "/list", 5, 1}};
+    ASSERT_EQ(directory_->WriteReceipt(receipt), std::nullopt);
+    EXPECT_EQ(PermissionsOf(File("receipt")), 0600u);
+
+    Begin();
+    ASSERT_EQ(directory_->Close(), std::nullopt);
+    Receipt read;
+    EXPECT_EQ(directory_->ReadReceipt(read), std::nullopt) << "it outlives the upgrade";
+    EXPECT_EQ(read.Release(), "1.0");
+}
+
+TEST_F(StateDirectoryTest, SaysWhenTheReceiptCanNotBeReadOrWritten) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    {
+        const Replaced replaced(calls::fsync, kFails);
+        EXPECT_EQ(directory_->WriteReceipt({}), File("receipt.new") + ": Input/output error");
+    }
+    Receipt receipt;
+    scratch_.Write("lib/state/receipt", "no receipt");
+    errno = EACCES;
+    EXPECT_EQ(directory_->ReadReceipt(receipt),
+              File("receipt") + ": it is no file of vfilelist, or one of another version");
+    EXPECT_NE(errno, EACCES) << "callers take that for a receipt that is not theirs to read";
+    const Replaced replaced(calls::open, kFails);
+    EXPECT_EQ(directory_->ReadReceipt(receipt), File("receipt") + ": Input/output error");
+    EXPECT_EQ(errno, EIO);
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ TEST(TransactionReportTest, HasNothingOfAnUpgradeWhileNoneIsOpen) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(report, nlohmann::json::parse(R"({
         "command": "status", "stateDirectory": "/var/lib/vfilelist", "state": "none", "isAtWork": false, "fileList": null,
-        "installType": null, "begun": null, "targets": null, "message": "The message.", "error": null,
+        "installType": null, "begun": null, "targets": null, "history": [], "message": "The message.", "error": null,
         "remarks": [], "next": [], "exitStatus": 0})"));
     EXPECT_EQ(Text(ReportIn(Phase::kNone)), "The message.\n");
 }
@@ -55,12 +55,16 @@ TEST(TransactionReportTest, HasTheOpenUpgradeAndWhatIsNext) {
     report.error = "an error";
     report.status = kLook;
     report.remarks = {{"/one", "text", true}, {"/two", "other\n", false}};
+    report.history = {{"1.0", "/a\nlist", 1000000000, 1}, {"", "/b", 0, 2}};
     int status = -1;
 
     EXPECT_EQ(Json(report, &status), nlohmann::json::parse(R"({
         "command": "status", "stateDirectory": "/var/lib/vfilelist", "state": "installed", "isAtWork": true,
         "fileList": "/package/file\nlist.ini", "installType": "Server", "begun": "2001-09-09T01:46:40Z",
-        "targets": 2, "message": "The message.", "error": "an error",
+        "targets": 2,
+        "history": [{"release": "1.0", "fileList": "/a\nlist", "begun": "2001-09-09T01:46:40Z", "files": 1},
+                    {"release": "", "fileList": "/b", "begun": "1970-01-01T00:00:00Z", "files": 2}],
+        "message": "The message.", "error": "an error",
         "remarks": [{"path": "/one", "text": "text", "isSerious": true},
                     {"path": "/two", "text": "other\n", "isSerious": false}],
         "next": ["commit", "rollback"], "exitStatus": 3})"));
@@ -71,6 +75,8 @@ TEST(TransactionReportTest, HasTheOpenUpgradeAndWhatIsNext) {
               "/two: other\\x0a\n"
               "an error\n"
               "The message.\n"
+              "Before: 2001-09-09T01:46:40Z release 1.0, 1 file of /a\\x0alist\n"
+              "Before: 1970-01-01T00:00:00Z, 2 files of /b\n"
               "State:  installed, begun 2001-09-09T01:46:40Z, at work now\n"
               "Files:  2 of /package/file\\x0alist.ini\n"
               "Next:   vfilelist commit    keeps the new files and removes the backups\n"

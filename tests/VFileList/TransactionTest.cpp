@@ -92,7 +92,7 @@ protected:
         };
     }
 
-    const Release release_;
+    Release release_;
 };
 
 TEST_F(TransactionTest, InstallsTheNewFilesWithTheModesOfTheOldOnes) {
@@ -989,6 +989,91 @@ TEST_F(TransactionTest, IsNotCleanBeforeThatIsOnTheDisk) {
                   "The new files are in place, but some backups are not removed. Commit again.");
         EXPECT_EQ(ending.state(), "cleaning");
     }
+    EXPECT_EQ(Commit().status, 0);
+}
+
+class SignedTransactionTest : public TransactionTest {
+protected:
+    SignedTransactionTest() { release_.Sign(); }
+
+    nlohmann::json History() const { return Status().report["history"]; }
+};
+
+TEST_F(SignedTransactionTest, GivesNewDirectoriesTheModesOfTheManifest) {
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(StatusOf(release_.Path("new")).st_mode & 07777, 0750U) << "the manifest says nothing of it";
+    EXPECT_EQ(StatusOf(release_.Path("new/sub")).st_mode & 07777, 0755U);
+    EXPECT_EQ(StatusOf(release_.Path("new/sub/fresh")).st_mode & 07777, 0755U);
+    EXPECT_EQ(Rollback().status, 0);
+    ExpectOld();
+}
+
+TEST_F(SignedTransactionTest, IsTakenBackWhenADirectoryCanNotHaveItsMode) {
+    const std::string directory = release_.Path("new/sub");
+    const auto isDirectory = [](int fd) {
+        struct stat status {};
+        return calls::real::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    };
+    const Replaced replaced(calls::fchmod, [&](int fd, mode_t mode) {
+        if (!isDirectory(fd)) return calls::real::fchmod(fd, mode);
+        errno = EPERM;
+        return -1;
+    });
+    ExpectTakenBack(Upgrade(), directory + ": Operation not permitted");
+}
+
+TEST_F(SignedTransactionTest, WritesDownWhatItHasInstalledOnceItIsCommitted) {
+    EXPECT_TRUE(History().empty());
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_TRUE(History().empty());
+    ASSERT_EQ(Commit().status, 0);
+
+    ASSERT_EQ(History().size(), 1U);
+    EXPECT_EQ(History()[0]["release"], "2.0");
+    EXPECT_EQ(History()[0]["files"], 6);
+    EXPECT_EQ(History()[0]["fileList"], release_.package().ListPath());
+    Receipt receipt;
+    ASSERT_EQ(StateDirectory(release_.StatePath()).ReadReceipt(receipt), std::nullopt);
+    ASSERT_EQ(receipt.files.size(), 6U);
+    for (const auto& [path, file] : receipt.files) EXPECT_EQ(DifferenceOf(path, file), "") << path;
+
+    ASSERT_EQ(Upgrade().status, 0);
+    ASSERT_EQ(Rollback().status, 0);
+    EXPECT_EQ(History().size(), 1U) << "an upgrade that is taken back leaves no trace";
+}
+
+TEST_F(SignedTransactionTest, StaysOpenUntilItCanWriteDownWhatItHasInstalled) {
+    ASSERT_EQ(Upgrade().status, 0);
+    const std::string receipt = release_.StatePath("receipt");
+    {
+        const Replaced replaced(calls::rename, [&receipt](const char* from, const char* to) {
+            if (to != receipt) return calls::real::rename(from, to);
+            errno = ENOSPC;
+            return -1;
+        });
+        const Ending ending = Commit();
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_EQ(ending.message(),
+                  "The backups are removed, but the upgrade can't be closed. Commit again.");
+        EXPECT_THAT(ending.remarks(), ElementsAre("! state: " + receipt + ": No space left on device"));
+        EXPECT_EQ(ending.state(), "cleaning");
+    }
+    EXPECT_EQ(Commit().status, 0);
+    EXPECT_EQ(History().size(), 1U);
+}
+
+TEST_F(SignedTransactionTest, SaysWhenTheReceiptCanNotBeRead) {
+    release_.package().scratch().Write("state/receipt", "no receipt");
+    const std::string trouble =
+        release_.StatePath("receipt") + ": it is no file of vfilelist, or one of another version";
+    ExpectRefused(Status(), 3, trouble);
+    ExpectRefused(Upgrade(), 3, trouble);
+    ASSERT_EQ(unlink(release_.StatePath("receipt").c_str()), 0);
+    ASSERT_EQ(Upgrade().status, 0);
+
+    release_.package().scratch().Write("state/receipt", "no receipt");
+    EXPECT_THAT(Commit().remarks(), ElementsAre("! state: " + trouble));
+    ASSERT_EQ(unlink(release_.StatePath("receipt").c_str()), 0);
     EXPECT_EQ(Commit().status, 0);
 }
 

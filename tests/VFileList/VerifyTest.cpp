@@ -13,8 +13,10 @@
 
 #include "FileSystem.h"
 #include "Package.h"
+#include "Process.h"
 #include "Report.h"
 #include "Sanitizer.h"
+#include "Signer.h"
 #include "SystemCalls.h"
 
 namespace {
@@ -527,6 +529,7 @@ TEST_F(VerifyTest, ReportsAllThatItKnowsOfAFile) {
                         {"states", {{"new", 1}, {"partial", 0}, {"old", 0}, {"missing", 0}, {"unknown", 0}}},
                         {"backups", 1},
                         {"modesDiffering", 1},
+                        {"manifestDiffering", 0},
                         {"sourcesLacking", 0},
                         {"passes", {{"rename", "complete"}, {"copy", "complete"}, {"clean", "incomplete"}}},
                         {"next", "-clean"},
@@ -595,6 +598,54 @@ TEST_F(VerifyTest, NeedsLittleMoreMemoryForManyFiles) {
     package_.WriteList(list);
 
     EXPECT_LT(PeakMemory(package_), small + 16 * 1024) << "the list itself, and a little for each file";
+}
+
+TEST_F(VerifyTest, HoldsANewFileWithoutABackupAgainstTheManifest) {
+    SKIP_UNLESS_ROOT();
+    package_.Bring("fresh", "fresh");
+    package_.WriteEntries("tool,fresh");
+    RunPasses({"-rename", "-copy"});
+    ASSERT_EQ(chmod(package_.InstalledPath("tool").c_str(), 0644), 0);
+    Manifest manifest = ManifestOf(package_);
+    const auto verify = [&](int* status = nullptr) {
+        VerifyOptions options;
+        options.manifest = manifest;
+        return ReportOf(
+            [&](Output& output) { return ::Verify(FileList(package_.ListPath()), options, output); }, status);
+    };
+    const auto expect = [&](int differing, const std::string& detail) {
+        int status = -1;
+        const nlohmann::json report = verify(&status);
+        EXPECT_EQ(status, differing == 0 ? 0 : 1) << report;
+        EXPECT_EQ(report["summary"]["manifestDiffering"], differing);
+        EXPECT_EQ(report["targets"][1]["detail"], detail);
+    };
+    expect(0, "");
+    manifest.entries[2].mode = 0600;  // of tool, which has a backup
+    expect(0, "");
+    manifest.entries[1].mode = 0755;
+    expect(1, "the manifest says mode 0755, owner root:root");
+    manifest.entries[1].mode = 0644;
+    manifest.entries[1].user = "daemon";
+    expect(1, "the manifest says mode 0644, owner daemon:root");
+    manifest.entries[1].user = "nosuchuser";
+    expect(1, "the manifest says mode 0644, owner nosuchuser:root");
+    manifest.entries[1].user = "root";
+    manifest.entries[1].group = "daemon";
+    expect(1, "the manifest says mode 0644, owner root:daemon");
+    VerifyOptions options;
+    options.manifest = manifest;
+    EXPECT_THAT(
+        WrittenBy([&](Output& output) { return ::Verify(FileList(package_.ListPath()), options, output); },
+                  false, nullptr),
+        HasSubstr("\n1 new file with another mode or owner than the manifest says.\n"));
+    options.areModesIgnored = true;
+    int status = -1;
+    (void)ReportOf([&](Output& output) { return ::Verify(FileList(package_.ListPath()), options, output); },
+                   &status);
+    EXPECT_EQ(status, 0);
+    manifest.entries.erase(manifest.entries.begin() + 1);
+    expect(0, "");
 }
 
 }  // namespace

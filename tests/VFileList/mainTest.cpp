@@ -12,6 +12,7 @@
 
 #include "Package.h"
 #include "Sanitizer.h"
+#include "Signer.h"
 
 namespace {
 
@@ -52,6 +53,8 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
         {"rollback", package_.ListPath(), "--only-modes", "--partial"},
         {"rollback", package_.ListPath(), "--force"},
         {"plan", package_.ListPath(), "another.ini"},
+        {"verify"},
+        {"verify", package_.ListPath(), "--installed"},
     };
     for (const std::vector<std::string>& arguments : wrong) {
         const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, arguments));
@@ -322,6 +325,66 @@ TEST_F(VFileListTransactionMainTest, NeedsAFileListOnlyToUpgrade) {
     EXPECT_EQ(StatusOf({"upgrade"}), 2);
     EXPECT_EQ(StatusOf({"upgrade", package_.scratch().Path("nowhere.ini")}), 2);
     EXPECT_EQ(StatusOf({"commit", package_.ListPath()}), 2);
+}
+
+TEST_F(VFileListMainTest, RefusesAPackageThatIsNotSignedWhereOneIsAskedFor) {
+    const std::string state = package_.scratch().Path("state");
+    const std::string trusted = package_.scratch().MakeDirectory("trusted");
+    for (const char* const command : {"check", "plan", "verify", "upgrade"}) {
+        SCOPED_TRACE(command);
+        std::vector<std::string> options = {"--trusted", trusted};
+        if (command != std::string("plan")) options.insert(options.end(), {"--state", state});
+        const ProcessResult result = package_.Run(command, options);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_THAT(result.out + result.err, HasSubstr("obody who is trusted has signed the package"));
+        options.emplace_back("--json");
+        ExpectMatchesSchema(package_.Run(command, options).out);
+    }
+    EXPECT_EQ(package_.Installed("tool"), "old");
+    EXPECT_EQ(package_.Run("rollback", {"--state", state}).exitStatus, 0)
+        << "has nothing to do with the package";
+
+    const Signer signer;
+    WriteManifest(package_, ManifestOf(package_), &signer);
+    EXPECT_EQ(package_.Run("plan", {"--trusted", trusted}).exitStatus, 0);
+}
+
+TEST_F(VFileListMainTest, VerifiesWhatWasInstalledWithThePackageLongGone) {
+    const std::string state = package_.scratch().Path("state");
+    const auto verify = [&](int status) {
+        const ProcessResult result =
+            RunProcess({VFILELIST_PATH, "verify", "--installed", "--state", state, "--json"});
+        EXPECT_EQ(result.exitStatus, status) << result.out << result.err;
+        ExpectMatchesSchema(result.out);
+    };
+    verify(2);
+    ASSERT_EQ(package_.Run("upgrade", {"--state", state}).exitStatus, 0);
+    ASSERT_EQ(RunProcess({VFILELIST_PATH, "commit", "--state", state}).exitStatus, 0);
+    std::filesystem::remove_all(package_.scratch().Path("package"));
+    verify(0);
+    package_.Install("tool", "edited");
+    verify(1);
+
+    const ProcessResult status = RunProcess({VFILELIST_PATH, "status", "--state", state, "--json"});
+    ExpectMatchesSchema(status.out);
+    EXPECT_EQ(nlohmann::json::parse(status.out)["history"].size(), 1U);
+}
+
+TEST_F(VFileListMainTest, ChecksAgainstTheManifestAndTheReceipt) {
+    const std::string state = package_.scratch().Path("state");
+    Manifest manifest = ManifestOf(package_);
+    manifest.release = "2.0";
+    WriteManifest(package_, manifest);
+    ASSERT_EQ(package_.Run("upgrade", {"--state", state}).exitStatus, 0);
+    ASSERT_EQ(RunProcess({VFILELIST_PATH, "commit", "--state", state}).exitStatus, 0);
+    package_.Install("tool", "edited");
+    manifest.release = "1.9";
+    WriteManifest(package_, manifest);
+
+    const nlohmann::json report = package_.RunJson("check", {"--state", state});
+    std::vector<std::string> codes;
+    for (const auto& finding : report["findings"]) codes.push_back(finding["code"]);
+    EXPECT_THAT(codes, testing::IsSupersetOf({"E-RELEASE-ORDER", "W-INSTALLED-CHANGED"}));
 }
 
 }  // namespace

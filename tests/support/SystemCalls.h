@@ -87,6 +87,13 @@
       (context, digest, size))                                                                               \
     X(int, EVP_DigestInit_ex, (void* context, const void* type, void* engine), (context, type, engine))      \
     X(int, EVP_DigestUpdate, (void* context, const void* data, size_t size), (context, data, size))          \
+    X(int, EVP_DigestVerify,                                                                                 \
+      (void* context, const unsigned char* signature, size_t signatureSize, const unsigned char* data,       \
+       size_t size),                                                                                         \
+      (context, signature, signatureSize, data, size))                                                       \
+    X(int, EVP_DigestVerifyInit,                                                                             \
+      (void* context, void* keyContext, const void* type, void* engine, void* key),                          \
+      (context, keyContext, type, engine, key))                                                              \
     X(void*, EVP_MD_CTX_new, (), ())                                                                         \
     X(int, clock_gettime, (clockid_t clock, timespec * time), (clock, time))                                 \
     X(int, faccessat, (int directory, const char* path, int mode, int flags),                                \

@@ -7,7 +7,10 @@
 
 #include <array>
 #include <filesystem>
+#include <set>
 #include <stdexcept>
+
+#include "Signer.h"
 
 namespace fs = std::filesystem;
 
@@ -67,6 +70,8 @@ Release::Release(Entries entries) : entries_(entries) {
             break;
     }
     (void)package_.WriteList("[Server]\n" + listText_ + sections_);
+    const Signer signer;
+    WriteManifest(package_, ManifestOf(package_), &signer);
     Restore();
     Expect();
 }
@@ -176,11 +181,13 @@ void Release::Expect() {
     old_ = Now();
     new_ = old_;
     between_ = old_;
+    std::set<fs::path> inManifest;
+    for (const Listed& listed : listed_) inManifest.insert(fs::path(listed.target).parent_path());
     for (const Listed& listed : listed_) {
         for (fs::path directory = fs::path(listed.target).parent_path();
              !directory.empty() && old_.count(directory) == 0; directory = directory.parent_path()) {
-            new_[directory] =
-                between_[directory] = {S_IFDIR | 0750, geteuid(), getegid(), "", {}, std::nullopt};
+            const mode_t mode = S_IFDIR | (inManifest.count(directory) != 0 ? 0755 : 0750);
+            new_[directory] = between_[directory] = {mode, geteuid(), getegid(), "", {}, std::nullopt};
         }
         const auto old = old_.find(listed.target);
         if (old != old_.end()) between_[listed.target + ".bak"] = old->second;
@@ -190,7 +197,9 @@ void Release::Expect() {
 
 std::vector<std::string> Release::Command(const std::string& command) const {
     std::vector<std::string> words = {VFILELIST_PATH, command, "--state", StatePath()};
-    if (command == "upgrade") words.push_back(package_.ListPath());
+    if (command == "upgrade") {
+        words.insert(words.end(), {package_.ListPath(), "--trusted", TrustedDirectory(package_)});
+    }
     return words;
 }
 

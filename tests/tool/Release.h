@@ -1,4 +1,4 @@
-// An installed release with all that files may have, a package that upgrades it, and what the tree has to be
+// An installed release with all that files may have, a signed package that upgrades it, and what the tree has to be
 // before, during and after.
 #ifndef TESTS_TOOL_RELEASE_H
 #define TESTS_TOOL_RELEASE_H

@@ -224,7 +224,7 @@ TEST_F(TransactionSurroundingsTest, ChangesNothingWithAJournalThatItCannotBeliev
     std::string stateOfLater = state;
     stateOfLater.replace(stateOfLater.find(digest), digest.size(), DigestOf("journal"));
     Write("state", stateOfLater);
-    ExpectAllRefused(State("journal") + ": it is no journal, or one of another version of vfilelist");
+    ExpectAllRefused(State("journal") + ": it is no file of vfilelist, or one of another version");
 
     Write("journal", journal);
     Write("state", "vfilelist-state 2" + state.substr(state.find(" 1 ") + 2));

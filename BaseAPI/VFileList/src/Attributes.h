@@ -20,6 +20,11 @@ struct ExtendedAttribute {
     }
 };
 
+struct Owner {
+    uid_t user = 0;
+    gid_t group = 0;
+};
+
 struct Attributes {
     mode_t mode = 0;  // the permissions, with the set-id bits
     uid_t user = 0;

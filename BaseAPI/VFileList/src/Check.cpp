@@ -67,6 +67,18 @@ void ShowKind(const FindingKind& kind, const std::vector<Finding>& findings, Out
     output.Line(output.Paint(Style::kDim, std::string("  What to do:   ") + kind.advice));
 }
 
+// Below another root directory nothing was installed by this machine's upgrades. Whoever may not read the
+// receipt checks without.
+Evidence EvidenceFor(const CheckOptions& options) {
+    Evidence evidence{ReadProvenance(options.iniPath, options.trustedDirectory), {}, true};
+    if (!options.root.empty()) return evidence;
+    StateDirectory directory(options.stateDirectory);
+    const Trouble trouble = directory.ReadReceipt(evidence.receipt);
+    if (trouble && errno != EACCES)
+        evidence.provenance.findings.push_back({&KindOf("E-RELEASE-ORDER"), "", "", "", "", *trouble});
+    return evidence;
+}
+
 }  // namespace
 
 std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
@@ -77,15 +89,18 @@ std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
     if (!trouble.empty()) return unreadable(trouble);
     const FileList list(options.iniPath, options.root);
     if (list.trouble()) return unreadable(*list.trouble());
-    std::vector<Finding> findings = FindTrouble(list, output);
+    std::vector<Finding> findings = FindTrouble(list, EvidenceFor(options), output);
     if (options.isErrorsOnly) {
         findings.erase(std::remove_if(findings.begin(), findings.end(), IsWarning), findings.end());
     }
     return findings;
 }
 
-std::vector<Finding> FindTrouble(const FileList& list, Output& output) {
+std::vector<Finding> FindTrouble(const FileList& list, const Evidence& evidence, Output& output) {
+    const std::optional<Manifest>& manifest = evidence.provenance.manifest;
     Inspection inspection(list);
+    inspection.findings = evidence.provenance.findings;
+    inspection.hasManifest = manifest.has_value();
     CheckLists(inspection);
     const std::vector<bool> areFirst = FirstEntries(inspection);
     TargetChecker targets(inspection);
@@ -100,6 +115,8 @@ std::vector<Finding> FindTrouble(const FileList& list, Output& output) {
     CheckDuplicates(inspection);
     CheckPackage(inspection);
     CheckSpace(list, inspection.findings);
+    if (manifest) CheckManifest(inspection, *manifest, evidence.isThorough);
+    CheckReceipt(inspection, manifest, evidence.receipt, evidence.isThorough);
     return std::move(inspection.findings);
 }
 

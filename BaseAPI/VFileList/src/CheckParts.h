@@ -22,6 +22,7 @@ struct Inspection {
     PlannedFiles files;              // as they are, with the directories that -copy will make
     std::set<std::string> unusable;  // lists whose directory is no place to look at
     std::vector<Finding> findings;
+    bool hasManifest = false;
     const std::optional<std::string> common = CanonicalPath(list.sourceDirectory());
     struct Loss {
         std::size_t finding;

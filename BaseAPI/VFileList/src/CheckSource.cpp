@@ -116,7 +116,8 @@ void CheckUnlisted(Inspection& inspection) {
     }
     for (const std::string& path : unlisted) {
         inspection.findings.push_back(
-            {&KindOf("W-SOURCE-UNLISTED"), "", "", path, list.sourceDirectory() + path, ""});
+            {&KindOf(inspection.hasManifest ? "E-MANIFEST-DIFFERS" : "W-SOURCE-UNLISTED"), "", "", path,
+             list.sourceDirectory() + path, ""});
     }
 }
 

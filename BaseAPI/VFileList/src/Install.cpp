@@ -24,6 +24,11 @@ bool IsSame(const Stamp& left, const Stamp& right) {
            left.changed.tv_sec == right.changed.tv_sec && left.changed.tv_nsec == right.changed.tv_nsec;
 }
 
+// The owner first, since a change of it takes set-id bits away. False, with errno set, when that fails.
+bool SetMode(int fd, const std::optional<Owner>& owner, mode_t mode) {
+    return (!owner || fchown(fd, owner->user, owner->group) == 0) && fchmod(fd, mode) == 0;
+}
+
 }  // namespace
 
 bool IsRenamed(const Journal& journal, std::vector<Remark>& remarks) {
@@ -48,12 +53,23 @@ Trouble Install(const JournalTarget& target, Stamp& stamp) {
     if (target.old) {
         if (const Trouble trouble = WriteAttributes(file.get(), target.old->attributes))
             return target.path + ": " + *trouble;
-    } else if (fchmod(file.get(), target.package.mode) != 0) {
+    } else if (!SetMode(file.get(), target.package.owner, target.package.mode)) {
         return TroubleWith(target.path, errno);
     }
     struct stat status {};
     if (fsync(file.get()) != 0 || fstat(file.get(), &status) != 0) return TroubleWith(target.path, errno);
     stamp = StampOf(status);
+    return std::nullopt;
+}
+
+// From the innermost outwards: a mode may keep even the owner out.
+Trouble InstallDirectories(const Journal& journal) {
+    const std::vector<DirectoryMode>& modes = journal.directoryModes;
+    for (auto mode = modes.rbegin(); mode != modes.rend(); ++mode) {
+        const Descriptor directory(open(mode->path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW));
+        if (!directory || !SetMode(directory.get(), mode->owner, mode->mode) || fsync(directory.get()) != 0)
+            return TroubleWith(mode->path, errno);
+    }
     return std::nullopt;
 }
 

@@ -22,8 +22,12 @@ struct Stamp {
 };
 
 // Compares one copy with what was recorded of the package, gives it the mode, the owner and the attributes of
-// its predecessor (a new file: the package's mode), and puts it on the disk.
+// its predecessor (a new file: mode and owner of the manifest, or the package's mode), and puts it on the
+// disk.
 Trouble Install(const JournalTarget& target, Stamp& stamp);
+
+// Gives the directories that -copy has made the modes and owners of the manifest, and puts them on the disk.
+Trouble InstallDirectories(const Journal& journal);
 
 // Whether all is as Install has left it, and the old files are under NAME.bak. What is not is told.
 bool IsInstalled(const Journal& journal, const std::vector<Stamp>& stamps, std::vector<Remark>& remarks);

@@ -94,3 +94,29 @@ Trouble TakeInventory(const FileList& list, Output& output, Journal& journal) {
     }
     return std::nullopt;
 }
+
+Trouble FollowManifest(const Manifest& manifest, Journal& journal) {
+    if (journal.fileListDigest != manifest.fileListDigest) {
+        return journal.fileList + ": it is not the one of the manifest";
+    }
+    journal.release = manifest.release;
+    for (JournalTarget& target : journal.targets) {
+        NewFile& package = target.package;
+        const ManifestEntry* const entry = manifest.Find(target.path);
+        if (entry == nullptr || entry->digest != package.digest) {
+            return package.source + ": it is not what the manifest says of " + target.path;
+        }
+        if (target.old) continue;
+        package.mode = entry->mode;
+        package.owner = OwnerOf(*entry);
+        if (!package.owner) return target.path + ": " + WhyNoOwner(*entry);
+    }
+    for (const std::string& path : journal.newDirectories) {
+        const ManifestEntry* const entry = manifest.Find(path);
+        if (entry == nullptr) continue;
+        const std::optional<Owner> owner = OwnerOf(*entry);
+        if (!owner) return path + ": " + WhyNoOwner(*entry);
+        journal.directoryModes.push_back({path, entry->mode, *owner});
+    }
+    return std::nullopt;
+}

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <ctime>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +14,7 @@
 
 #include "Attributes.h"
 #include "Digest.h"
+#include "Lines.h"
 #include "Trouble.h"
 
 // A file that was there before the upgrade.
@@ -32,6 +32,7 @@ struct NewFile {
     off_t size = 0;
     mode_t mode = 0;
     Digest digest{};
+    std::optional<Owner> owner = {};  // of a file without a predecessor, if the manifest tells
 };
 
 struct JournalTarget {
@@ -47,35 +48,40 @@ struct OldDirectory {
     ino_t inode = 0;
 };
 
+// What the manifest says of a directory that -copy will make.
+struct DirectoryMode {
+    std::string path;
+    mode_t mode = 0;
+    Owner owner;
+};
+
 struct Journal {
+    std::string release;   // that the manifest names; may be empty
     std::string fileList;  // its canonical path
     Digest fileListDigest{};
     std::string installType;
     std::time_t begun = 0;
     std::vector<OldDirectory> oldDirectories;
     std::vector<std::string> newDirectories;  // that -copy will make, parents first
-    std::vector<JournalTarget> targets;       // in the order in which the passes visit them
+    std::vector<DirectoryMode> directoryModes;
+    std::vector<JournalTarget> targets;  // in the order in which the passes visit them
 };
 
 // Hands the journal's text to the sink, block by block. Returns the sink's first trouble.
-using Sink = std::function<Trouble(std::string_view)>;
 Trouble Print(const Journal& journal, const Sink& sink);
 
 // Reads what Print has written. That the text is whole is for its keeper to know.
 class JournalParser {
 public:
+    JournalParser();
     // The next block of the text.
-    void Add(std::string_view text);
+    void Add(std::string_view text) { reader_.Add(text); }
     // The journal, or why the text is none.
     Trouble Finish(Journal& journal);
 
 private:
-    void AddLine(std::string_view line);
-
     Journal journal_;
-    std::string rest_;  // the beginning of a line
-    bool isVersionKnown_ = false;
-    bool isGood_ = true;
+    LineReader reader_;
 };
 
 #endif

@@ -169,3 +169,7 @@ std::optional<Owner> OwnerOf(const ManifestEntry& entry) {
     if (user == nullptr || group == nullptr) return std::nullopt;
     return Owner{user->pw_uid, group->gr_gid};
 }
+
+std::string WhyNoOwner(const ManifestEntry& entry) {
+    return "this machine has no user " + entry.user + " or no group " + entry.group;
+}

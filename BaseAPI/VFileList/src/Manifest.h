@@ -1,6 +1,5 @@
 // What a package installs, as its maker recorded it: an mtree(5) file beside the file list, whose paths begin
-// at the root directory, so that mtree(8) and tar(1) can read it, too. Comments before the first path tell
-// what that format has no words for.
+// at the root directory. Comments before the first path tell what that format has no words for.
 #ifndef VFILELIST_MANIFEST_H
 #define VFILELIST_MANIFEST_H
 
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Attributes.h"
 #include "Digest.h"
 #include "Trouble.h"
 
@@ -45,11 +45,8 @@ std::string Print(const Manifest& manifest);
 // Reads what Print has written. Trouble with anything that it does not know for certain.
 Trouble Parse(const std::string& text, Manifest& manifest);
 
-struct Owner {
-    uid_t user = 0;
-    gid_t group = 0;
-};
 // The owner by the numbers that this machine has for the names; nothing when it does not know them.
 std::optional<Owner> OwnerOf(const ManifestEntry& entry);
+std::string WhyNoOwner(const ManifestEntry& entry);
 
 #endif

@@ -26,6 +26,7 @@ namespace {
 constexpr char kLockFile[] = "lock";
 constexpr char kJournalFile[] = "journal";
 constexpr char kStateFile[] = "state";
+constexpr char kReceiptFile[] = "receipt";
 constexpr char kRescueDirectory[] = "rescue";
 constexpr char kProgram[] = "vfilelist";
 
@@ -185,6 +186,20 @@ Trouble StateDirectory::Close() {
     fs::remove(FileName(kJournalFile), ignored);
     fs::remove_all(FileName(kRescueDirectory), ignored);
     return std::nullopt;
+}
+
+Trouble StateDirectory::ReadReceipt(Receipt& receipt) const {
+    std::string text;
+    const int error = ReadWhole(FileName(kReceiptFile), text);
+    if (error == ENOENT) return std::nullopt;
+    Trouble trouble = error != 0 ? TroubleWith(FileName(kReceiptFile), error) : Parse(text, receipt);
+    if (trouble && error == 0) trouble = FileName(kReceiptFile) + ": " + *trouble;
+    errno = error;
+    return trouble;
+}
+
+Trouble StateDirectory::WriteReceipt(const Receipt& receipt) const {
+    return WriteDurably(kReceiptFile, [&receipt](const Sink& sink) { return Print(receipt, sink); });
 }
 
 Trouble StateDirectory::KeepRescue(const Journal& journal) {

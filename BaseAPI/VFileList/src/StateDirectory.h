@@ -9,6 +9,7 @@
 
 #include "Files.h"
 #include "Journal.h"
+#include "Receipt.h"
 #include "Trouble.h"
 
 constexpr char kUsualStateDirectory[] = "/var/lib/vfilelist";
@@ -48,6 +49,10 @@ public:
     Trouble Begin(const Journal& journal);
     Trouble Write(const State& state);
     Trouble Close();
+
+    // What was installed before; nothing when there is no receipt.
+    Trouble ReadReceipt(Receipt& receipt) const;
+    Trouble WriteReceipt(const Receipt& receipt) const;
 
     // Copies this program, and those of its libraries that the copy would not find: the upgrade will move
     // them, or the program's run path leads to them.

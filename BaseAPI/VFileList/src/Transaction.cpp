@@ -94,8 +94,8 @@ Trouble ExpectSpace(const Journal& journal) {
 
 // Errors that the upgrade does not prevent, and what would be no error in passes by hand: a backup that
 // is in the way, and a lack of space.
-bool IsAccepted(Run& run, const FileList& list) {
-    for (const Finding& finding : FindTrouble(list, run.output)) {
+bool IsAccepted(Run& run, const FileList& list, const Evidence& evidence) {
+    for (const Finding& finding : FindTrouble(list, evidence, run.output)) {
         const std::string code = finding.kind->code;
         const bool isError = finding.kind->IsError() && !finding.kind->isByHandOnly;
         if (!isError && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
@@ -110,12 +110,15 @@ bool IsAccepted(Run& run, const FileList& list) {
 }
 
 // Fills the journal. What can't be recorded can't be taken back, and is not begun.
-Trouble Record(Run& run, const FileList& list) {
+Trouble Record(Run& run, const FileList& list, const std::optional<Manifest>& manifest) {
     std::string text;
     const int error = ReadWhole(list.iniPath(), text);
     if (error != 0) return TroubleWith(list.iniPath(), error);
     run.journal.fileListDigest = DigestOf(text);
     if (Trouble trouble = TakeInventory(list, run.output, run.journal)) return trouble;
+    if (manifest) {
+        if (Trouble trouble = FollowManifest(*manifest, run.journal)) return trouble;
+    }
     if (Trouble trouble = run.directory.KeepRescue(run.journal)) return trouble;
     Trouble trouble = run.directory.Begin(run.journal);
     if (trouble) (void)run.directory.Close();  // it may be half begun
@@ -186,6 +189,7 @@ Trouble InstallAll(Run& run) {
         if (Trouble trouble = EndWanted(run)) return trouble;
         if (Trouble trouble = Install(run.journal.targets[i], stamps[i])) return trouble;
     }
+    if (Trouble trouble = InstallDirectories(run.journal)) return trouble;
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the new files are not on the disk";
     if (!IsInstalled(run.journal, stamps, run.report.remarks)) return "another process has changed files";
     return std::nullopt;
@@ -268,6 +272,15 @@ bool AreBackupsOursAlone(Run& run) {
            AreBackupsOurs(run.journal, run.report.remarks);
 }
 
+// What was installed is written down before the journal, which knows it, goes.
+Trouble CloseCommitted(Run& run) {
+    Receipt receipt;
+    if (Trouble trouble = run.directory.ReadReceipt(receipt)) return trouble;
+    Add(run.journal, receipt);
+    if (Trouble trouble = run.directory.WriteReceipt(receipt)) return trouble;
+    return run.directory.Close();
+}
+
 // Removes the backups; to be repeated until it succeeds.
 int Clean(Run& run) {
     if (!AreBackupsOursAlone(run)) {
@@ -281,7 +294,7 @@ int Clean(Run& run) {
     if (!isClean || !SyncDirectories(run.journal, run.report.remarks)) {
         return End(run, kLook, "The new files are in place, but some backups are not removed. Commit again.");
     }
-    if (const Trouble closing = run.directory.Close()) {
+    if (const Trouble closing = CloseCommitted(run)) {
         run.report.remarks.push_back({run.directory.path(), *closing, true});
         return End(run, kLook, "The backups are removed, but the upgrade can't be closed. Commit again.");
     }
@@ -290,14 +303,19 @@ int Clean(Run& run) {
 }
 
 // Checks and records. Returns the exit status when the upgrade is refused.
-std::optional<int> Prepare(Run& run, const std::string& iniPath) {
+std::optional<int> Prepare(Run& run, const std::string& iniPath, const std::string& trustedDirectory) {
+    Evidence evidence{ReadProvenance(iniPath, trustedDirectory), {}, false};
+    if (const Trouble trouble = run.directory.ReadReceipt(evidence.receipt))
+        return Refuse(run, kLook, *trouble);
     const FileList list(iniPath);
     if (list.trouble()) return Refuse(run, kWrongUse, *list.trouble());
     if (list.lists().empty()) {
         return Refuse(run, kWrongUse, "no install type with a directory list; vfilelist check says more");
     }
-    if (!IsAccepted(run, list)) return Refuse(run, kFindings, "vfilelist check says what to do about these");
-    if (const Trouble trouble = Record(run, list)) return Refuse(run, kFindings, *trouble);
+    if (!IsAccepted(run, list, evidence))
+        return Refuse(run, kFindings, "vfilelist check says what to do about these");
+    if (const Trouble trouble = Record(run, list, evidence.provenance.manifest))
+        return Refuse(run, kFindings, *trouble);
     return std::nullopt;
 }
 
@@ -312,7 +330,7 @@ int Upgrade(const TransactionOptions& options, Output& output) {
 
     if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
     if (run.state.phase != Phase::kNone) return Refuse(run, kFindings, "an upgrade is open already");
-    if (const std::optional<int> refused = Prepare(run, *iniPath)) return *refused;
+    if (const std::optional<int> refused = Prepare(run, *iniPath, options.trustedDirectory)) return *refused;
     run.state.phase = Phase::kRenaming;
     if (const Trouble trouble = RunStepsSafely(run)) {
         run.report.error = *trouble;
@@ -357,6 +375,9 @@ int ShowStatus(const TransactionOptions& options, Output& output) {
     if (const Trouble trouble = run.directory.Read(run.state, run.journal))
         return Refuse(run, kLook, *trouble);
     run.report.isAtWork = run.directory.IsOccupied();
+    Receipt receipt;
+    if (const Trouble trouble = run.directory.ReadReceipt(receipt)) return Refuse(run, kLook, *trouble);
+    run.report.history = std::move(receipt.history);
     const bool isOpen = run.state.phase != Phase::kNone;
     return End(run, isOpen ? kFindings : kFine, isOpen ? "An upgrade is open." : "No upgrade is open.");
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Output.h"
+#include "Signature.h"
 #include "StateDirectory.h"
 
 struct TransactionOptions {
@@ -15,6 +16,7 @@ struct TransactionOptions {
     // For RollbackTransaction: closes the upgrade also when some files can't be brought back.
     bool isPartial = false;
     bool isByHand = false;  // the same: refused, since something is asked for that is for passes by hand
+    std::string trustedDirectory = kUsualTrustedDirectory;  // for Upgrade
 };
 
 // Each returns the exit status.

@@ -44,6 +44,14 @@ void ShowAsJson(const TransactionReport& report, const Journal& journal, Output&
     output.Member("installType", isOpen ? Json(journal.installType) : Json(nullptr));
     output.Member("begun", isOpen ? Json(ShownTime(journal.begun)) : Json(nullptr));
     output.Member("targets", isOpen ? Json(journal.targets.size()) : Json(nullptr));
+    output.BeginList("history");
+    for (const Installation& installation : report.history) {
+        output.Item({{"release", installation.release},
+                     {"fileList", installation.fileList},
+                     {"begun", ShownTime(installation.begun)},
+                     {"files", installation.files}});
+    }
+    output.EndList();
     output.Member("message", report.message);
     output.Member("error", report.error.empty() ? Json(nullptr) : Json(report.error));
     output.BeginList("remarks");
@@ -55,6 +63,14 @@ void ShowAsJson(const TransactionReport& report, const Journal& journal, Output&
     output.Member("exitStatus", report.status);
 }
 
+void ShowHistory(const std::vector<Installation>& history, Output& output) {
+    for (const Installation& installation : history) {
+        const std::string release = installation.release.empty() ? "" : " release " + installation.release;
+        output.Line("Before: " + ShownTime(installation.begun) + release + ", " +
+                    Counted(installation.files, "file") + " of " + Shown(installation.fileList));
+    }
+}
+
 void ShowAsText(const TransactionReport& report, const Journal& journal, Output& output) {
     for (const Remark& remark : report.remarks) {
         output.Line(output.Paint(remark.isSerious ? Style::kError : Style::kWarning, Shown(remark.path)) +
@@ -62,6 +78,7 @@ void ShowAsText(const TransactionReport& report, const Journal& journal, Output&
     }
     if (!report.error.empty()) output.Line(output.Paint(Style::kError, Shown(report.error)));
     output.Line(output.Paint(report.status == kFine ? Style::kGood : Style::kError, report.message));
+    ShowHistory(report.history, output);
     if (report.phase == Phase::kNone) return;
 
     output.Line("State:  " + std::string(NameOf(report.phase)) + ", begun " + ShownTime(journal.begun) +

@@ -17,6 +17,7 @@ struct TransactionReport {
     std::string error = {};    // why it was refused or taken back; empty when it was not
     Phase phase = Phase::kNone;
     bool isAtWork = false;
+    std::vector<Installation> history = {};  // of `status`
     std::vector<Remark> remarks = {};
     int status = kFine;
 };

@@ -19,6 +19,7 @@ struct Summary {
     std::size_t backups = 0;
     std::size_t unreadableBackups = 0;
     std::size_t differentModes = 0;
+    std::size_t otherThanManifest = 0;  // new files without a backup
     std::size_t lackingSources = 0;
     PassesReport passes;
     std::string reason;  // why no pass is named, with the file's path
@@ -115,8 +116,21 @@ void ShowProblems(const std::vector<Problem>& problems, Output& output) {
     output.EndList();
 }
 
+// Whether a new file without a backup has the mode and the owner of the manifest. If not, its details say so.
+bool NoteManifest(const Manifest& manifest, const std::string& path, TargetFacts& facts) {
+    const ManifestEntry* const entry = manifest.Find(path);
+    if (facts.state != TargetState::kNew || facts.hasReference || entry == nullptr) return true;
+    const std::optional<Owner> owner = OwnerOf(*entry);
+    const bool isSameOwner =
+        owner && facts.status.st_uid == owner->user && facts.status.st_gid == owner->group;
+    if (isSameOwner && (facts.status.st_mode & 07777) == entry->mode) return true;
+    facts.detail += (facts.detail.empty() ? "" : ", ") + ("the manifest says mode " + ShownMode(entry->mode) +
+                                                          ", owner " + entry->user + ":" + entry->group);
+    return false;
+}
+
 // Examines the targets one by one, and shows each at once: a long list takes little memory.
-Summary LookAtTargets(const FileList& list, Output& output) {
+Summary LookAtTargets(const FileList& list, const std::optional<Manifest>& manifest, Output& output) {
     Summary summary;
     const std::vector<Target> targets = list.Targets();
     std::vector<TargetObservation> observations;
@@ -125,7 +139,8 @@ Summary LookAtTargets(const FileList& list, Output& output) {
     output.BeginList("targets");
     for (const Target& target : targets) {
         output.Progress("verify", observations.size(), targets.size());
-        const TargetFacts facts = examiner.Examine(target);
+        TargetFacts facts = examiner.Examine(target);
+        if (manifest && !NoteManifest(*manifest, pathOf(target), facts)) ++summary.otherThanManifest;
         observations.push_back(facts.Observation());
         ++summary.states[facts.state];
         if (facts.hasBackup) ++summary.backups;
@@ -181,6 +196,10 @@ void ShowSummary(const FileList& list, Summary& summary, Output& output) {
                                                       " with another mode or owner than the backup: "
                                                       "vfilelist rollback --only-modes"));
     }
+    if (summary.otherThanManifest > 0) {
+        output.Line(output.Paint(Style::kWarning, Counted(summary.otherThanManifest, "new file") +
+                                                      " with another mode or owner than the manifest says."));
+    }
     if (summary.lackingSources > 0) {
         output.Line(output.Paint(
             Style::kError,
@@ -201,6 +220,7 @@ Json ToJson(Summary& summary) {
         {"states", states},
         {"backups", summary.backups},
         {"modesDiffering", summary.differentModes},
+        {"manifestDiffering", summary.otherThanManifest},
         {"sourcesLacking", summary.lackingSources},
         {"passes",
          {{"rename", NameOf(passes.rename)}, {"copy", NameOf(passes.copy)}, {"clean", NameOf(passes.clean)}}},
@@ -214,11 +234,12 @@ Json ToJson(Summary& summary) {
 
 int Verify(const FileList& list, const VerifyOptions& options, Output& output) {
     ShowHead(list, output);
-    Summary summary = LookAtTargets(list, output);
+    Summary summary = LookAtTargets(list, options.manifest, output);
     const std::vector<Problem> problems = ProblemsOf(list);
     ShowProblems(problems, output);
 
-    const bool isModeWrong = summary.differentModes > 0 && !options.areModesIgnored;
+    const bool isModeWrong =
+        summary.differentModes + summary.otherThanManifest > 0 && !options.areModesIgnored;
     summary.expected = options.expected;
     summary.isExpected = IsReached(options.expected, summary) && problems.empty() && !isModeWrong;
     output.Member("summary", ToJson(summary));

@@ -7,6 +7,7 @@
 
 #include "Check.h"
 #include "FileList.h"
+#include "Installed.h"
 #include "Output.h"
 #include "Plan.h"
 #include "Rollback.h"
@@ -32,6 +33,7 @@ struct Arguments {
     VerifyOptions verify;
     RollbackOptions rollback;
     TransactionOptions transaction;
+    bool isInstalled = false;  // of verify: no list is compared, but what was installed
 };
 
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Arguments& arguments) {
@@ -59,11 +61,19 @@ void AddState(CLI::App& command, Arguments& arguments) {
         ->type_name("DIR");
 }
 
+void AddTrusted(CLI::App& command, Arguments& arguments) {
+    command
+        .add_option("--trusted", arguments.transaction.trustedDirectory,
+                    "Ask for a package that one of the public keys in DIR has signed")
+        ->capture_default_str()
+        ->type_name("DIR");
+}
+
 void AddTransactionCommands(CLI::App& app, Arguments& arguments) {
-    AddState(
-        *AddListCommand(app, "upgrade", "Install the new files; when anything fails, bring the old ones back",
-                        arguments),
-        arguments);
+    CLI::App* const upgrade = AddListCommand(
+        app, "upgrade", "Install the new files; when anything fails, bring the old ones back", arguments);
+    AddState(*upgrade, arguments);
+    AddTrusted(*upgrade, arguments);
     AddState(*AddCommand(app, "commit", "Keep the new files: remove the backups, and close the upgrade",
                          arguments),
              arguments);
@@ -90,6 +100,25 @@ void AddRollback(CLI::App& app, Arguments& arguments) {
         ->excludes(onlyModes);
 }
 
+void AddVerify(CLI::App& app, Arguments& arguments) {
+    CLI::App* const verify =
+        AddCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
+    CLI::Option* const fileList = AddFileList(*verify, arguments);
+    verify
+        ->add_flag("--installed", arguments.isInstalled,
+                   "Say which installed files are not as their upgrades have left them")
+        ->excludes(fileList);
+    AddState(*verify, arguments);
+    AddTrusted(*verify, arguments);
+    verify
+        ->add_option(
+            "--expect", arguments.verify.expected,
+            "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
+        ->type_name("STATE")
+        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
+    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
+                     "New files may have other modes and owners than their backups");
+}
 void AddCommands(CLI::App& app, Arguments& arguments) {
     AddTransactionCommands(app, arguments);
     AddRollback(app, arguments);
@@ -99,19 +128,13 @@ void AddCommands(CLI::App& app, Arguments& arguments) {
         ->type_name("DIR")
         ->check(CLI::ExistingDirectory);
     check->add_flag("--errors-only", arguments.check.isErrorsOnly, "Leave warnings out");
+    AddState(*check, arguments);
+    AddTrusted(*check, arguments);
 
-    AddListCommand(app, "plan", "Say what each pass will do, file by file, in its order", arguments);
-
-    CLI::App* const verify =
-        AddListCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
-    verify
-        ->add_option(
-            "--expect", arguments.verify.expected,
-            "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
-        ->type_name("STATE")
-        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
-    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
-                     "New files may have other modes and owners than their backups");
+    AddTrusted(
+        *AddListCommand(app, "plan", "Say what each pass will do, file by file, in its order", arguments),
+        arguments);
+    AddVerify(app, arguments);
 }
 
 int Refuse(const Arguments& arguments, const std::string& command, const std::string& trouble,
@@ -124,10 +147,23 @@ int Refuse(const Arguments& arguments, const std::string& command, const std::st
     return kWrongUse;
 }
 
+// Putting backups back has nothing to do with where the package came from.
+Provenance ProvenanceFor(const Arguments& arguments, const std::string& command) {
+    if (command == "rollback") return {};
+    return ReadProvenance(arguments.iniPath, arguments.transaction.trustedDirectory);
+}
+
 // What makes no sense on a file list without a directory list.
 int RunOnList(const Arguments& arguments, const std::string& command, Output& output) {
     const std::string trouble = FileList::WhyUnreadable(arguments.iniPath);
     if (!trouble.empty()) return Refuse(arguments, command, trouble, output);
+    const Provenance provenance = ProvenanceFor(arguments, command);
+    if (!provenance.findings.empty()) {
+        const Finding& finding = provenance.findings.front();
+        (void)Refuse(arguments, command, std::string(finding.kind->title) + " (" + finding.detail + ")",
+                     output);
+        return kFindings;
+    }
     const FileList list(arguments.iniPath);
     if (list.trouble()) return Refuse(arguments, command, *list.trouble(), output);
     if (list.lists().empty()) {
@@ -135,7 +171,10 @@ int RunOnList(const Arguments& arguments, const std::string& command, Output& ou
                       output);
     }
     if (command == "plan") return Plan(list, output);
-    if (command == "verify") return Verify(list, arguments.verify, output);
+    if (command == "verify") {
+        return Verify(
+            list, {arguments.verify.expected, arguments.verify.areModesIgnored, provenance.manifest}, output);
+    }
     return Rollback(list, arguments.rollback, output);
 }
 
@@ -156,12 +195,17 @@ int RunCommand(const Arguments& arguments, const std::string& command, Output& o
     if (command == "resume") return Resume(arguments.transaction, output);
     if (command == "status") return ShowStatus(arguments.transaction, output);
     if (command == "rollback") return RunRollback(arguments, output);
+    if (arguments.isInstalled) return VerifyInstalled(arguments.transaction.stateDirectory, output);
+    if (arguments.iniPath.empty())
+        return Refuse(arguments, command, "name a file list, or say --installed", output);
     return RunOnList(arguments, command, output);
 }
 
 int Run(Arguments& arguments, const std::string& command) {
     Output output(arguments.isJson);
     arguments.check.iniPath = arguments.iniPath;
+    arguments.check.stateDirectory = arguments.transaction.stateDirectory;
+    arguments.check.trustedDirectory = arguments.transaction.trustedDirectory;
     arguments.transaction.iniPath = arguments.iniPath;
     arguments.transaction.isPartial = arguments.rollback.isPartial;
     arguments.transaction.isByHand = arguments.rollback.isDryRun || arguments.rollback.isOnlyModes;

@@ -1,0 +1,115 @@
+// Keeps what is installed, and compares files with it.
+#include "Receipt.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include "Files.h"
+#include "Output.h"
+
+namespace {
+
+constexpr std::string_view kFirstLine = "vfilelist-receipt 1";
+
+Descriptor Open(const std::string& path) {
+    return Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+}
+
+std::string Shown(const Attributes& attributes) {
+    return ShownMode(attributes.mode) + " " + std::to_string(attributes.user) + ":" +
+           std::to_string(attributes.group);
+}
+
+void ParseLine(LineScanner& scanner, Receipt& receipt, InstalledFile*& last) {
+    const std::string_view name = scanner.Next();
+    if (name == "upgrade") {
+        Installation& installation = receipt.history.emplace_back();
+        installation.release = scanner.Text();
+        installation.fileList = scanner.Text();
+        scanner.Into(installation.begun);
+        scanner.Into(installation.files);
+    } else if (name == "file") {
+        last = &receipt.files[scanner.Text()];
+        scanner.Into(last->size);
+        last->digest = scanner.Expect(DigestFromHex(scanner.Next()));
+        scanner.Into(last->attributes.mode);
+        scanner.Into(last->attributes.user);
+        scanner.Into(last->attributes.group);
+    } else if (name == "attribute" && last != nullptr) {
+        last->attributes.extended.push_back(scanner.Attribute());
+    } else {
+        scanner.Fail();
+    }
+}
+
+bool IsThere(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+}  // namespace
+
+std::string Receipt::Release() const {
+    for (auto installation = history.rbegin(); installation != history.rend(); ++installation) {
+        if (!installation->release.empty()) return installation->release;
+    }
+    return "";
+}
+
+Trouble Print(const Receipt& receipt, const Sink& sink) {
+    LinePrinter printer(sink);
+    printer.Line(kFirstLine);
+    for (const Installation& installation : receipt.history) {
+        printer.Line("upgrade", Word(installation.release), Word(installation.fileList), installation.begun,
+                     installation.files);
+    }
+    for (const auto& [path, file] : receipt.files) {
+        printer.Line("file", Word(path), file.size, HexOf(file.digest), file.attributes.mode,
+                     file.attributes.user, file.attributes.group);
+        printer.Attributes(file.attributes.extended);
+    }
+    return printer.Finish();
+}
+
+Trouble Parse(const std::string& text, Receipt& receipt) {
+    receipt = {};
+    InstalledFile* last = nullptr;
+    LineReader reader(kFirstLine, [&](LineScanner& scanner) { ParseLine(scanner, receipt, last); });
+    reader.Add(text);
+    return reader.Finish();
+}
+
+void Add(const Journal& journal, Receipt& receipt) {
+    for (auto file = receipt.files.begin(); file != receipt.files.end();) {
+        file = IsThere(file->first) ? std::next(file) : receipt.files.erase(file);
+    }
+    for (const JournalTarget& target : journal.targets) {
+        InstalledFile installed{target.package.size, target.package.digest, {}};
+        const Descriptor file = Open(target.path);
+        if (file) (void)ReadAttributes(file.get(), installed.attributes);  // or it counts as changed
+        receipt.files[target.path] = std::move(installed);
+    }
+    const auto isSame = [&journal](const Installation& last) {
+        return last.begun == journal.begun && last.fileList == journal.fileList;
+    };
+    if (!receipt.history.empty() && isSame(receipt.history.back())) return;
+    receipt.history.push_back({journal.release, journal.fileList, journal.begun, journal.targets.size()});
+}
+
+std::string DifferenceOf(const std::string& path, const InstalledFile& installed) {
+    const Descriptor file = Open(path);
+    Attributes attributes;
+    const std::optional<Digest> digest = file ? DigestOfFile(file.get()) : std::nullopt;
+    if (!digest) return std::strerror(errno);
+    if (const Trouble trouble = ReadAttributes(file.get(), attributes)) return *trouble;
+    if (*digest != installed.digest) return "its content has changed";
+    if (attributes == installed.attributes) return "";
+    const std::string now = Shown(attributes);
+    const std::string was = Shown(installed.attributes);
+    return now == was ? "its extended attributes have changed"
+                      : "its mode and owner are " + now + ", and were " + was;
+}
