@@ -32,7 +32,7 @@ prepare_fuzzers() {
 exec_fuzzer() {  # TARGET ARGUMENT...
     local target=$1 longest
     shift
-    longest=$(groups_of "$fuzz_targets" "$target")
+    longest=$(cell_of "$fuzz_targets" "$target" 2)
     # Freed blocks are kept for a while, as many as one input may leave; more would only cost memory.
     export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1:quarantine_size_mb=16
     export UBSAN_OPTIONS=print_stacktrace=1

@@ -22,17 +22,31 @@ missing_of() {
     done
 }
 
-# Prints how to run apt-get: a prefix that makes us root, or fails when there is none.
+# Prints how to run apt-get: a prefix that makes us root. Fails when there is none.
 root_prefix() {
     if ((EUID == 0)); then
         echo env
     elif ! command -v sudo >/dev/null; then
         return 1
-    elif [[ -t 0 ]] || sudo -n true 2>/dev/null; then  # at a terminal sudo may ask for the password
+    elif sudo -n true 2>/dev/null || { [[ -t 0 ]] && sudo -v; }; then  # at a terminal sudo may ask for the password
         echo sudo env
     else
         return 1
     fi
+}
+
+# For who has to ask somebody else to install them: what is missing, what for, and the command.
+die_of_missing() {  # PACKAGE...
+    {
+        printf 'Missing Debian packages:\n'
+        awk -v wanted=" $* " '/^#/ { next } index(wanted, " " $1 " ") {
+            name = $1
+            sub(/^[^ ]+ +[^ ]+ +/, "")
+            printf "  %-28s%s\n", name, $0
+        }' scripts/packages.txt
+        printf 'Install them as root, then run ./dev again:\n  apt-get install --no-install-recommends %s\n' "$*"
+    } >&2
+    die "packages are missing, and there is neither root nor sudo to install them"
 }
 
 # Installs `missing` with `get`, one line a package; everything else that apt-get says is shown if it fails.
@@ -57,8 +71,7 @@ install_packages() {  # GROUP...
     mapfile -t missing < <(missing_of "${wanted[@]}")
     ((${#missing[@]} > 0)) || return 0
 
-    read -ra prefix < <(root_prefix) ||
-        die "missing packages; run as root: apt-get install --no-install-recommends ${missing[*]}"
+    read -ra prefix < <(root_prefix) || die_of_missing "${missing[@]}"
     heading "Installing ${missing[*]}"
     get=("${prefix[@]}" DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
     # The package lists are fetched only when the ones on the disk can't serve, because they are missing or old.
