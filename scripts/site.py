@@ -172,8 +172,8 @@ class Reference:
                           '<ul class="members">', *summary, "</ul>", *details])
 
     def description(self, comment):
-        return re.sub(rf"<p>Hazards? \({os.path.basename(HAZARDS)}\): ([a-z, -]+)\.</p>",
-                      lambda match: self.hazard_box(match[1].split(", ")), from_markdown(comment, "cpp"))
+        return re.sub(rf"<p>Hazards? \({os.path.basename(HAZARDS)}\): ([a-z,\s-]+)\.</p>",
+                      lambda match: self.hazard_box(match[1].replace(",", " ").split()), from_markdown(comment, "cpp"))
 
     def hazard_box(self, names):
         rows = []
