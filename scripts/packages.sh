@@ -49,11 +49,11 @@ die_of_missing() {  # PACKAGE...
     die "packages are missing, and there is neither root nor sudo to install them"
 }
 
-# Installs `missing` with `get`, one line a package; everything else that apt-get says is shown if it fails.
-install_now() {
+# Runs the command of apt-get that installs, one line a package; everything else that it says is shown if it fails.
+install_now() {  # COMMAND...
     local log status=0
     log=$(mktemp)
-    "${get[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null 2>&1 | tee "$log" |
+    "$@" </dev/null 2>&1 | tee "$log" |
         sed -un 's/^Setting up/  &/p' | status_line || status=$?
     if ((status != 0)); then grep -vE '^(Selecting|Preparing|Unpacking|Setting up|\(Reading)' "$log" >&2 || true; fi
     rm "$log"
@@ -61,7 +61,7 @@ install_now() {
 }
 
 install_packages() {  # GROUP...
-    local -a wanted missing prefix get
+    local -a wanted missing prefix get install
     mapfile -t wanted < <(packages_of "$@")
     ((${#wanted[@]} > 0)) || return 0
     if ! command -v dpkg-query >/dev/null; then
@@ -74,12 +74,13 @@ install_packages() {  # GROUP...
     read -ra prefix < <(root_prefix) || die_of_missing "${missing[@]}"
     heading "Installing ${missing[*]}"
     get=("${prefix[@]}" DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
+    install=("${get[@]}" install -y --no-install-recommends "${missing[@]}")
     # The package lists are fetched only when the ones on the disk can't serve, because they are missing or old.
-    if ! "${get[@]}" install --no-install-recommends --simulate "${missing[@]}" >/dev/null 2>&1; then
+    if ! "${install[@]}" --simulate >/dev/null 2>&1; then
         quietly "Fetching the package lists" "${get[@]}" update
     fi
-    if ! install_now; then
+    if ! install_now "${install[@]}"; then
         quietly "Fetching newer package lists" "${get[@]}" update
-        install_now || die "could not install ${missing[*]}"
+        install_now "${install[@]}" || die "could not install ${missing[*]}"
     fi
 }
