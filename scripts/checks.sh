@@ -306,7 +306,7 @@ chosen_checks() {
     local -A named=() dropped=()
     for argument in "$@"; do
         check=${argument#^}
-        has_row "$checks" "$check" || die "no check '$check'; there are: ${all_checks[*]}"
+        has_row "$checks" "$check" || die "unknown check '$check'; there are: ${all_checks[*]}"
         if [[ $argument == ^* ]]; then dropped[$check]=1; else named[$check]=1; fi
     done
     for check in "${all_checks[@]}"; do
