@@ -17,8 +17,8 @@ public:
     ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0)
     ///         perror("/var/lib/app/cache");
     ///
-    /// Details: symlinks in the path are followed, whoever made them: make directories only where no other
-    /// user can write. The values of errno:
+    /// Details: make directories only where no other user can write, since symlinks in the path are followed,
+    /// whoever made them. The errno is one of these:
     ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Also when another thread or
     ///    process makes one of the levels at the same moment: call again to find out.
     ///  - ENOENT: `path` is no valid VPath: null, empty, too long, or relative to a working directory that

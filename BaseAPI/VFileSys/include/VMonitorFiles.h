@@ -32,7 +32,7 @@ public:
     /// **There is no time-out, and closing `fd` in another thread does not wake the call.** To be able to
     /// stop a waiting thread, watch a private file on the same descriptor as well and write to it.
     ///
-    /// Details: the kinds of events:
+    /// Details: there are these kinds of events:
     ///
     /// | kind | event            |  | kind | event          |  | kind | event          |
     /// |------|------------------|--|------|----------------|--|------|----------------|
