@@ -9,6 +9,10 @@ install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_
 # systemd looks here for units, below /usr and /usr/local; the directory is lib on every architecture.
 install(FILES BaseAPI/VFileList/vfilelist-resume.service DESTINATION lib/systemd/system)
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+# The documents that headers, programs and examples name, and those that these refer to.
+foreach(document behaviour findings fleet performance reliability upgrade-tool vfilelist)
+  install(FILES docs/${document}.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+endforeach()
 # The licence, and the notices of the libraries whose code the programs contain.
 install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(FILES docs/third-party/vfilesys-tools.txt DESTINATION "${CMAKE_INSTALL_DOCDIR}/third-party")

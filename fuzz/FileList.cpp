@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "CapturedStandardError.h"
+#include "CapturedErrorStream.h"
 #include "Input.h"
 #include "Judge.h"
 #include "ListModel.h"
@@ -182,7 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = 1; i < lines.size(); ++i) writer.AddLine(lines[i]);
     file.Write(writer.Text());
 
-    const CapturedStandardError captured;
+    const CapturedErrorStream captured;
     JudgeFileList(writer.Content(), file.Path());
     return 0;
 }

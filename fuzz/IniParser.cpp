@@ -8,7 +8,7 @@
 #include <set>
 #include <string>
 
-#include "CapturedStandardError.h"
+#include "CapturedErrorStream.h"
 #include "Input.h"
 #include "Judge.h"
 #include "MemoryFile.h"
@@ -118,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string content = BytesOf(data, size);
     file.Write(content);
 
-    const CapturedStandardError captured;
+    const CapturedErrorStream captured;
     std::size_t keysLeft = kMostKeys;
     for (const std::string& section : SectionNames(content)) {
         JudgeSection(section, file.Path(), content, keysLeft);

@@ -6,19 +6,20 @@
 arm64_debian=build/arm64/debian
 
 # apt-get for AArch64, with this machine's sources and keys.
-arm64_apt_get() {
-    local apt=$arm64_place/apt
+arm64_apt_get() {  # PLACE ARGUMENT...
+    local apt=$1/apt
+    shift
     apt-get -qq -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Sandbox::User="$(id -un)" \
         -o Dir::State="$apt" -o Dir::State::status="$apt/status" -o Dir::Cache="$apt" "$@"
 }
 
 # Fetches exactly these packages: what they depend on for other purposes is not missed.
 fetch_arm64_packages() {  # PACKAGE...
-    local arm64_place=$PWD/$arm64_debian
-    mkdir -p "$arm64_place"/{packages,apt/lists/partial,apt/archives/partial}
-    : >"$arm64_place/apt/status"
-    quietly "Fetching the package lists of AArch64" arm64_apt_get update
-    (cd "$arm64_place/packages" && quietly "Fetching $*" arm64_apt_get download "$@")
+    local place=$PWD/$arm64_debian
+    mkdir -p "$place"/{packages,apt/lists/partial,apt/archives/partial}
+    : >"$place/apt/status"
+    quietly "Fetching the package lists of AArch64" arm64_apt_get "$place" update
+    (cd "$place/packages" && quietly "Fetching $*" arm64_apt_get "$place" download "$@")
 }
 
 # All libraries come to lie in one directory, as on the installed system.
@@ -58,33 +59,35 @@ describe_arm64_packages() {  # DIRECTORY
     cp -s /var/lib/dpkg/info/*.{list,shlibs,symbols} "$dpkg/info"
     for package in "$1"/packages/*.deb; do
         case $package in
-            *_arm64.deb) describe_arm64_package "$package" ;;
-            *) describe_common_package "$package" ;;
+            *_arm64.deb) describe_arm64_package "$package" "$dpkg" "$sysroot" ;;
+            *) describe_common_package "$package" "$dpkg" "$sysroot" ;;
         esac
     done
 }
 
 # All of them can be installed beside those of another architecture, which the names of dpkg's files tell.
-describe_arm64_package() {  # FILE
+describe_arm64_package() {  # FILE DPKG SYSROOT
     local info control
-    info=$dpkg/info/$(dpkg-deb -f "$1" Package):arm64
-    list_unpacked "$1" >"$info.list"
+    info=$2/info/$(dpkg-deb -f "$1" Package):arm64
+    list_unpacked "$1" "$3" >"$info.list"
     for control in shlibs symbols; do
         dpkg-deb --ctrl-tarfile "$1" | tar -x -O "./$control" >"$info.$control" 2>/dev/null || rm "$info.$control"
     done
-    { dpkg-deb -f "$1" | sed '1a Status: install ok installed' && echo; } >>"$dpkg/status"
+    { dpkg-deb -f "$1" | sed '1a Status: install ok installed' && echo; } >>"$2/status"
 }
 
 # One for all architectures is installed on this machine too; it only has its files a second time.
-describe_common_package() {  # FILE
+describe_common_package() {  # FILE DPKG SYSROOT
     local list
-    list=$dpkg/info/$(dpkg-deb -f "$1" Package).list
-    list_unpacked "$1" | cat "$list" - >"$list.both"
+    list=$2/info/$(dpkg-deb -f "$1" Package).list
+    list_unpacked "$1" "$3" | cat "$list" - >"$list.both"
     mv "$list.both" "$list"
 }
 
 # The files of a package, where they have come to lie.
-list_unpacked() { dpkg-deb --fsys-tarfile "$1" | tar -t | sed -E "s#^\./(lib/)#./usr/\1#; s#^\.#$sysroot#; s#/\$##"; }
+list_unpacked() {  # FILE SYSROOT
+    dpkg-deb --fsys-tarfile "$1" | tar -t | sed -E "s#^\./(lib/)#./usr/\1#; s#^\.#$2#; s#/\$##"
+}
 
 # Those that ran to their end; a skipped one counts as passed only for ctest itself.
 count_passed() {  # LOG

@@ -1,18 +1,23 @@
 # Configuring, building and testing the presets of CMakePresets.json. Sourced by ./dev.
 # shellcheck shell=bash
 
-# The rows of a table of ./dev or scripts/checks.sh: name, package groups, description.
+# The rows of a table of ./dev, scripts/checks.sh or scripts/fuzz.sh. The first cell of a row is its name.
 table_rows() { grep -v '^$' <<<"$1"; }
 
+has_row() { table_rows "$1" | awk -v name="$2" '$1 == name { found = 1 } END { exit !found }'; }  # TABLE NAME
+
+cell_of() { table_rows "$1" | awk -v name="$2" -v cell="$3" '$1 == name { print $cell }'; }  # TABLE NAME NUMBER
+
+# The rest of a row of the checks, after the package groups.
 description_of() {  # TABLE NAME
     table_rows "$1" | awk -v name="$2" '$1 == name { sub(/^[^ ]+ +[^ ]+ +/, ""); print }'
 }
 
-# groups_of TABLE NAME: the package groups of a row, as separate words; fails when there is no such row.
-groups_of() {
-    table_rows "$1" | awk -v name="$2" '
-        $1 == name { gsub(",", " ", $2); if ($2 != "-") print $2; found = 1 }
-        END { exit !found }'
+# The package groups of a row, its second cell, as separate words; none for "-".
+groups_of() {  # TABLE NAME
+    local groups
+    groups=$(cell_of "$1" "$2" 2)
+    if [[ $groups != - ]]; then printf '%s\n' "${groups//,/ }"; fi
 }
 
 # Once a build directory treats warnings as errors it keeps doing so: switching back would rebuild everything.
@@ -33,17 +38,19 @@ build() {  # PRESET [TARGET...]
     NINJA_STATUS='[%f/%t] ' "${launcher[@]}" cmake --build --preset "$preset" --parallel "$(nproc)" ${1:+--target "$@"}
 }
 
-# Runs every test of the preset; ends with what was skipped and why.
-run_tests() {  # PRESET
-    local status=0
+# Runs every test of the preset, or those that the options of ctest choose; ends with what was skipped and why.
+run_tests() {  # PRESET [OPTION...]
+    local preset=$1 status=0
     local -a progress=()
+    shift
     if is_terminal && [[ ${CI:-} != true ]]; then progress=(--progress); fi
-    "${launcher[@]}" ctest --preset "$1" -j "$(nproc)" --output-on-failure --no-tests=error "${progress[@]}" || status=$?
-    list_skipped "build/$1/Testing/Temporary/LastTest.log"
+    "${launcher[@]}" ctest --preset "$preset" -j "$(nproc)" --output-on-failure --no-tests=error "${progress[@]}" "$@" ||
+        status=$?
+    list_skipped "build/$preset/Testing/Temporary/LastTest.log"
     return "$status"
 }
 
-# Names the tests that did not run. GoogleTest gives the reason in the line behind "FILE:LINE: Skipped".
+# Names the tests that did not run. GoogleTest gives the reason in the line after "FILE:LINE: Skipped".
 list_skipped() {  # LOG
     awk -v bold="$bold" -v plain="$plain" '
         /^[0-9]+\/[0-9]+ Test: / { name = $3; reason = "no reason given"; isNext = isOver = 0 }

@@ -4,30 +4,30 @@
 # A check is a line here and a function check_NAME below. They run in this order, the quick ones first.
 # name    package groups          what it shows
 checks='
-format    format                  clang-format and shellcheck have nothing to say
+format    format                  The sources are laid out as clang-format does, and shellcheck finds nothing in the scripts
 build     build,test,clang        g++ and clang++ compile everything without a warning
-unit      build,test              every test passes
-hardening build                   what is installed has the protections that the build asks for
-abi       build,test,abi          the binary interface is the one that programs rely on
-symbols   build,test              the libraries export and import exactly the listed names
-man       build,man               the manual pages and completions tell what the headers and the programs tell
-docs      docs,browser            the site has every public name, hazard and document, and each of its links leads somewhere
-install   build,install           outside projects build against the installed package
-package   build,package,arm64     Debian packages are the same when built again; they install, work and go without a trace
-boot      build,package,boot      a machine that boots after a cut-off upgrade has the old files, or the new, before any service
-powerloss build,powerloss         whenever the power goes, an upgrade leaves the old files or the new ones; each sync is needed
-faults    build,test              every call of every operation fails in turn, and nothing is lost or left behind
-crash     build,test              an upgrade may be killed before each of its system calls
-tidy      build,test,clang,tidy   clang-tidy has nothing to say about the library and its neighbours
-fuzz      build,fuzz              the fuzzers find nothing, neither in their seeds nor in a few seconds of their own
-delivered build,test              ... also with the libraries as they are installed
-asan      build,test              ... also with AddressSanitizer and UndefinedBehaviorSanitizer
-coverage  build,test,coverage     they reach every line and branch but those that nothing can reach
-valgrind  build,test,valgrind     memcheck has nothing to say about them
-tsan      build,test,tsan         ... also with ThreadSanitizer
-arm64     build,test,arm64        ... also on AArch64, in the emulator
-mutation  build,test,mutation     they notice small faults in the sources (a sample; MUTANTS=all: every one)
-soak      build,test,powerloss    a hundred times the repetitions: random paths, contested directories, long use, kills, power cuts
+unit      build,test,fleet        Every test passes
+hardening build                   The installed files have the protections that the build asks for
+abi       build,test,abi          The binary interface is the one that programs rely on
+symbols   build,test              The libraries export and import exactly the listed names
+man       build,test,man          The manual pages and completions agree with the headers and the programs
+docs      docs,browser            The site has every public name, hazard and document, and none of its links is dead
+install   build,install           Outside projects build against the installed package
+package   build,package,arm64,cross The Debian packages are the same when built again; they install, work and purge without a trace
+boot      build,package,boot      After a cut-off upgrade the machine boots with the old files or the new ones before any service starts
+powerloss build,test,powerloss    Wherever the power is cut, an upgrade leaves the old files or the new ones; each sync is needed
+faults    build,test              Every call of every operation fails in turn, and nothing is lost or left behind
+crash     build,test              An upgrade survives a kill before each of its system calls
+tidy      build,test,clang,tidy   clang-tidy finds nothing in the library and its neighbours
+fuzz      build,fuzz              The fuzzers find nothing in their seeds, nor in a few seconds of new inputs
+delivered build,test,fleet        Every test passes on the libraries as they are installed
+asan      build,test              The tests pass with AddressSanitizer and UndefinedBehaviorSanitizer
+coverage  build,test,coverage     The tests reach every line and branch except those that nothing can reach
+valgrind  build,test,valgrind     Memcheck finds no leak and no invalid access in the tests, the tool and the stand-ins
+tsan      build,test,tsan         The tests pass with ThreadSanitizer
+arm64     build,test,arm64        The tests pass on AArch64, in the emulator
+mutation  build,test,mutation     The tests notice small faults in the sources (a sample; MUTANTS=all: every one)
+soak      build,test,powerloss    The long tests pass with a hundred times the repetitions: paths, directories, long use, kills, power cuts
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
 
@@ -306,7 +306,7 @@ chosen_checks() {
     local -A named=() dropped=()
     for argument in "$@"; do
         check=${argument#^}
-        groups_of "$checks" "$check" >/dev/null || die "no check '$check'; there are: ${all_checks[*]}"
+        has_row "$checks" "$check" || die "unknown check '$check'; there are: ${all_checks[*]}"
         if [[ $argument == ^* ]]; then dropped[$check]=1; else named[$check]=1; fi
     done
     for check in "${all_checks[@]}"; do

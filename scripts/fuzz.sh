@@ -32,7 +32,7 @@ prepare_fuzzers() {
 exec_fuzzer() {  # TARGET ARGUMENT...
     local target=$1 longest
     shift
-    longest=$(groups_of "$fuzz_targets" "$target")
+    longest=$(cell_of "$fuzz_targets" "$target" 2)
     # Freed blocks are kept for a while, as many as one input may leave; more would only cost memory.
     export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1:quarantine_size_mb=16
     export UBSAN_OPTIONS=print_stacktrace=1
@@ -88,17 +88,19 @@ report_finding() {  # TARGET
     } >&2
 }
 
-# Waits for one of `running`, process numbers with their targets, and prints its row.
-end_fuzzer() {
+# Waits for one of the fuzzers in the table PROCESSES, process numbers with their targets, and prints its row.
+end_fuzzer() {  # PROCESSES ROW-COMMAND...
+    local -n processes=$1
     local ended target status=0
-    wait -n -p ended "${!running[@]}" || status=$?
-    target=${running[$ended]}
-    unset "running[$ended]"
+    shift
+    wait -n -p ended "${!processes[@]}" || status=$?
+    target=${processes[$ended]}
+    unset "processes[$ended]"
     if ((status != 0)); then
         report_finding "$target"
         return 1
     fi
-    "${print_row[@]}" "$target"
+    "$@" "$target"
 }
 
 # Those that are still at it, when something was found or somebody has had enough.
@@ -118,11 +120,11 @@ run_fuzzers() {  # ROW-COMMAND COMMAND TARGET...
     shift 2
     trap stop_fuzzers EXIT
     for target in "$@"; do
-        if ((${#running[@]} >= $(nproc))); then end_fuzzer || return; fi
+        if ((${#running[@]} >= $(nproc))); then end_fuzzer running "${print_row[@]}" || return; fi
         "${command[@]}" "$target" &
         running[$!]=$target
     done
-    while ((${#running[@]} > 0)); do end_fuzzer || return; done
+    while ((${#running[@]} > 0)); do end_fuzzer running "${print_row[@]}" || return; done
 }
 
 # The subshells keep run_fuzzers' trap away from the script's own.

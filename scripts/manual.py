@@ -11,7 +11,7 @@ import headers
 # The pages bear the date of the one that is written by hand.
 OVERVIEW = pathlib.Path("docs/man/VFileSys.7")
 HAZARDS = pathlib.Path("docs/reliability.md")
-HAZARD_LINE = r"Hazards? ([\d, and]+) of docs/reliability\.md\."
+HAZARD_LINE = r"Hazards? \(reliability\.md\): ([a-z, -]+)\."
 WIDTH = 78
 
 
@@ -182,9 +182,10 @@ def blocks_of(comment):
 
 
 def hazards():
-    """What the table says, by number: the hazard and what to do."""
-    rows = re.findall(r"^\| (\d+) \| (.*?) \| (.*?) \|$", HAZARDS.read_text(encoding="utf-8"), flags=re.MULTILINE)
-    return {number: [re.sub(r" \(\[.*?\)\)", "", cell) for cell in cells] for number, *cells in rows}
+    """What the table says, by name: the hazard and what to do."""
+    table = HAZARDS.read_text(encoding="utf-8").partition("| name | hazard |")[2]
+    rows = re.findall(r"^\| `([a-z-]+)` \| (.*?) \| (.*?) \|$", table, flags=re.MULTILINE)
+    return {name: [re.sub(r" \(\[.*?\)\)", "", cell) for cell in cells] for name, *cells in rows}
 
 
 class Page:
@@ -196,7 +197,7 @@ class Page:
                      for member in found.members if member.is_function() and member.name.isalpha()}
         self.out = Writer(sorted(functions - {found.name for found in self.classes}), others)
         self.examples = []
-        self.hazards = {}
+        self.hazards = set()
 
     def write(self):
         out = self.out
@@ -243,7 +244,7 @@ class Page:
     def write_class(self, found):
         if found != self.classes[0]:
             self.out.macro("Ss", found.name)
-        self.write_comment(found.name, found.comment)
+        self.write_comment(found.comment)
         for name, overloads in itertools.groupby(found.members, lambda member: member.name):
             own = name if found == self.classes[0] else f"{found.name}::{name}"
             self.out.macro("Ss", own)
@@ -255,17 +256,16 @@ class Page:
                     self.out.macro("Ed")
                     self.out.macro("Pp")
                 self.out.arguments = [re.split(r"[ *&]", argument)[-1] for argument in member.arguments()]
-                self.write_comment(name, member.comment)
+                self.write_comment(member.comment)
 
-    def write_comment(self, name, comment):
+    def write_comment(self, comment):
         blocks = []
         for kind, content in blocks_of(comment):
-            numbers = re.fullmatch(HAZARD_LINE, content) if kind == "text" else None
+            named = re.fullmatch(HAZARD_LINE, content) if kind == "text" else None
             if kind == "code":
                 self.examples.append(content)
-            elif numbers:
-                for number in re.findall(r"\d+", numbers[1]):
-                    self.hazards.setdefault(number, []).append(name)
+            elif named:
+                self.hazards.update(named[1].split(", "))
             else:
                 blocks.append((kind, content))
         self.out.add_blocks(blocks)
@@ -307,11 +307,11 @@ class Page:
             return
         table = hazards()
         self.out.macro("Sh CAVEATS")
-        self.out.add("What can go wrong, with the numbers of `docs/reliability.md`:")
+        self.out.add("What can go wrong, with the names of `reliability.md` in the package's documentation:")
         self.out.macro("Bl -tag -width Ds")
-        for number in sorted(self.hazards, key=int):
-            hazard, remedy = table[number]
-            self.out.macro("It", "Hazard", number)
+        for name in sorted(self.hazards, key=list(table).index):
+            hazard, remedy = table[name]
+            self.out.macro("It", literal(name))
             self.out.add(f"{hazard}.")
             self.out.add(f"What to do: {remedy}.")
         self.out.macro("El")

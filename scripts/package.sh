@@ -25,7 +25,7 @@ export_sources() {  # DIRECTORY
 }
 
 # Packages for AArch64 are built with a copy of those that lie unpacked below build/, and with what dpkg has to know
-# about them. Where that is, is kept out of what is built.
+# about them. Their place is kept out of what is built. Sets `environment` and `options` of its only caller.
 set_cross_environment() {  # SOURCES
     local sysroot place=$1/build/arm64/debian
     prepare_arm64

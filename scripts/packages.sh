@@ -22,24 +22,38 @@ missing_of() {
     done
 }
 
-# Prints how to run apt-get: a prefix that makes us root, or fails when there is none.
+# Prints how to run apt-get: a prefix that makes us root. Fails when there is none.
 root_prefix() {
     if ((EUID == 0)); then
         echo env
     elif ! command -v sudo >/dev/null; then
         return 1
-    elif [[ -t 0 ]] || sudo -n true 2>/dev/null; then  # at a terminal sudo may ask for the password
+    elif sudo -n true 2>/dev/null || { [[ -t 0 ]] && sudo -v; }; then  # at a terminal sudo may ask for the password
         echo sudo env
     else
         return 1
     fi
 }
 
-# Installs `missing` with `get`, one line a package; everything else that apt-get says is shown if it fails.
-install_now() {
+# For who has to ask somebody else to install them: what is missing, what for, and the command.
+die_of_missing() {  # PACKAGE...
+    {
+        printf 'Missing Debian packages:\n'
+        awk -v wanted=" $* " '/^#/ { next } index(wanted, " " $1 " ") {
+            name = $1
+            sub(/^[^ ]+ +[^ ]+ +/, "")
+            printf "  %-28s%s\n", name, $0
+        }' scripts/packages.txt
+        printf 'Install them as root, then run ./dev again:\n  apt-get install --no-install-recommends %s\n' "$*"
+    } >&2
+    die "packages are missing, and there is neither root nor sudo to install them"
+}
+
+# Runs the command of apt-get that installs, one line a package; everything else that it says is shown if it fails.
+install_now() {  # COMMAND...
     local log status=0
     log=$(mktemp)
-    "${get[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null 2>&1 | tee "$log" |
+    "$@" </dev/null 2>&1 | tee "$log" |
         sed -un 's/^Setting up/  &/p' | status_line || status=$?
     if ((status != 0)); then grep -vE '^(Selecting|Preparing|Unpacking|Setting up|\(Reading)' "$log" >&2 || true; fi
     rm "$log"
@@ -47,7 +61,7 @@ install_now() {
 }
 
 install_packages() {  # GROUP...
-    local -a wanted missing prefix get
+    local -a wanted missing prefix get install
     mapfile -t wanted < <(packages_of "$@")
     ((${#wanted[@]} > 0)) || return 0
     if ! command -v dpkg-query >/dev/null; then
@@ -57,16 +71,16 @@ install_packages() {  # GROUP...
     mapfile -t missing < <(missing_of "${wanted[@]}")
     ((${#missing[@]} > 0)) || return 0
 
-    read -ra prefix < <(root_prefix) ||
-        die "missing packages; run as root: apt-get install --no-install-recommends ${missing[*]}"
+    read -ra prefix < <(root_prefix) || die_of_missing "${missing[@]}"
     heading "Installing ${missing[*]}"
     get=("${prefix[@]}" DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
+    install=("${get[@]}" install -y --no-install-recommends "${missing[@]}")
     # The package lists are fetched only when the ones on the disk can't serve, because they are missing or old.
-    if ! "${get[@]}" install --no-install-recommends --simulate "${missing[@]}" >/dev/null 2>&1; then
+    if ! "${install[@]}" --simulate >/dev/null 2>&1; then
         quietly "Fetching the package lists" "${get[@]}" update
     fi
-    if ! install_now; then
+    if ! install_now "${install[@]}"; then
         quietly "Fetching newer package lists" "${get[@]}" update
-        install_now || die "could not install ${missing[*]}"
+        install_now "${install[@]}" || die "could not install ${missing[*]}"
     fi
 }

@@ -104,7 +104,9 @@ def from_markdown(text, language="text"):
 def document(source):
     fragment = from_markdown(pathlib.Path(source).read_text(encoding="utf-8"))
     if source == HAZARDS:
-        fragment = re.sub(r"<tr>(\s*<td>(\d+)</td>)", r'<tr id="hazard-\2">\1', fragment)
+        before, heading, table = fragment.partition("<th>name</th>")
+        table = re.sub(r"<tr>(\s*<td><code>([a-z-]+)</code></td>)", r'<tr id="hazard-\2">\1', table)
+        fragment = before + heading + table
     return fragment
 
 
@@ -127,9 +129,9 @@ def manual_title(source):
 
 
 def hazards_of(fragment):
-    """What the table says, by number: the hazard and what to do."""
-    rows = re.findall(r'<tr id="hazard-(\d+)">\s*<td>.*?</td>\s*<td>(.*?)</td>\s*<td>(.*?)</td>', fragment)
-    return {number: cells for number, *cells in rows}
+    """What the table says, by name: the hazard and what to do."""
+    rows = re.findall(r'<tr id="hazard-([a-z-]+)">\s*<td>.*?</td>\s*<td>(.*?)</td>\s*<td>(.*?)</td>', fragment)
+    return {name: cells for name, *cells in rows}
 
 
 class Reference:
@@ -170,16 +172,16 @@ class Reference:
                           '<ul class="members">', *summary, "</ul>", *details])
 
     def description(self, comment):
-        return re.sub(rf"<p>Hazards? ([\d, and]+) of {HAZARDS}\.</p>",
-                      lambda match: self.hazard_box(re.findall(r"\d+", match[1])), from_markdown(comment, "cpp"))
+        return re.sub(rf"<p>Hazards? \({os.path.basename(HAZARDS)}\): ([a-z,\s-]+)\.</p>",
+                      lambda match: self.hazard_box(match[1].replace(",", " ").split()), from_markdown(comment, "cpp"))
 
-    def hazard_box(self, numbers):
+    def hazard_box(self, names):
         rows = []
-        for number in numbers:
-            if number not in self.hazards:
-                sys.exit(f"A comment of the headers names hazard {number}, which {HAZARDS} has not.")
-            hazard, remedy = (cell.replace('href="', 'href="../docs/') for cell in self.hazards[number])
-            rows.append(f'<li><a href="../{HAZARDS}#hazard-{number}">Hazard {number}</a>: {hazard}. '
+        for name in names:
+            if name not in self.hazards:
+                sys.exit(f"A comment of the headers names the hazard {name}, which is not in {HAZARDS}.")
+            hazard, remedy = (cell.replace('href="', 'href="../docs/') for cell in self.hazards[name])
+            rows.append(f'<li><a href="../{HAZARDS}#hazard-{name}">Hazard {name}</a>: {hazard}. '
                         f"<em>What to do:</em> {remedy}.</li>")
         return f'<aside><ul>{"".join(rows)}</ul></aside>'
 

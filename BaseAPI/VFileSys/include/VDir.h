@@ -10,13 +10,15 @@
 class __attribute__((visibility("default"))) VDir {
 public:
     /// Makes the directory `path` with all its missing parents, each with the permission bits `mode` minus
-    /// the process's umask.
+    /// the umask. Returns 0 when the directory was made or exists already; nothing that exists is changed.
+    /// Returns -1 with errno otherwise; parents already made then stay. Never logs. May be called from any
+    /// thread.
     ///
     ///     if (VDir::VMkDir("/var/lib/app/cache", 0750) != 0)
     ///         perror("/var/lib/app/cache");
     ///
-    /// Returns 0 when the directory was made or exists already; nothing that exists is changed. Returns -1
-    /// with errno otherwise; parents already made then stay:
+    /// Details: make directories only where no other user can write, since symlinks in the path are followed,
+    /// whoever made them. The errno is one of these:
     ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Also when another thread or
     ///    process makes one of the levels at the same moment: call again to find out.
     ///  - ENOENT: `path` is no valid VPath: null, empty, too long, or relative to a working directory that
@@ -24,31 +26,27 @@ public:
     ///  - ENAMETOOLONG: The canonical text of `path` does not fit 4096 bytes.
     ///  - others: As mkdir(2) set them (ENOTDIR, EACCES, ENOSPC, ...).
     ///
-    /// Never logs. May be called from any thread.
+    /// The parents get the same mode. Without owner write and search permission in `mode` only root can make
+    /// the next level in them. The path is resolved as by VPath: "." and ".." are removed lexically, except
+    /// as the last component; "x/y/.." makes x and x/y. The result is also 0 when anything else appears under
+    /// the directory's name while its parents are made.
     ///
-    /// Details: the parents get the same mode. Without owner write and search permission in `mode` only root
-    /// can make the next level in them. The path is resolved as by VPath: "." and ".." are removed lexically,
-    /// except as the last component; "x/y/.." makes x and x/y. The result is also 0 when anything else
-    /// appears under the directory's name while its parents are made. Symlinks in the path are followed,
-    /// whoever made them: make directories only where no other user can write.
-    ///
-    /// Hazard 16 of docs/reliability.md.
+    /// Hazard (reliability.md): make-directory-race.
     static int VMkDir(const char* path, unsigned short mode);
 
-    /// Removes the empty directory `path`, taken as given.
-    ///
-    /// Returns 0, or -1 with the errno of rmdir(2) (ENOTEMPTY, ENOENT, ENOTDIR, ...; a null path gives
-    /// ENOENT). Never logs. May be called from any thread.
+    /// Removes the empty directory `path`, taken as given. Returns 0, or -1 with the errno of rmdir(2)
+    /// (ENOTEMPTY, ENOENT, ENOTDIR, ...; a null path gives ENOENT). Never logs. May be called from any
+    /// thread.
     static int VRmDir(const char* path);
 
     /// Changes the owner of the directory `dirPath`, and of what lies directly in it except subdirectories,
-    /// to the user `userName` and the user's primary group. Needs the right to change owners (root).
+    /// to the user `userName` and the user's primary group. **Use it only on directories that this user can't
+    /// write yet**: between the check of an entry and the change of its owner the user may replace the entry.
+    /// Needs the right to change owners (root). Returns 0. Returns -10000 and stops at the first failure;
+    /// entries already changed stay changed. Only one thread at a time may call it.
     ///
-    /// Use it only on directories which that user can't write yet: between the check of an entry and the
-    /// change of its owner the user may replace the entry.
-    ///
-    /// Returns 0 on success. Returns -10000 and stops at the first failure; entries already changed stay
-    /// changed. The failure is logged with function name "VChownDirAndFirstDepthFiles" at level 1:
+    /// Details: the user lookup keeps its result in storage that the process shares. A failure is logged with
+    /// function name "VChownDirAndFirstDepthFiles" at level 1:
     ///  - "Can't get user name id, errno: %d": There is no such user. The number is errno after getpwnam(3);
     ///    a lookup that works and finds no user may leave an older one. A null name is not looked up, and
     ///    gives ENOENT.
@@ -56,34 +54,33 @@ public:
     ///    changed. A null `dirPath` gives ENOENT here.
     ///  - "Failed open dir,path=%s": The directory could not be opened; it has its new owner.
     ///
-    /// Only one thread at a time may call it: the user lookup keeps its result in storage that the process
-    /// shares.
+    /// The owner of a symlink itself changes, never that of its target. Symlinks to directories are skipped,
+    /// and so are entries whose stat(2) fails, such as dangling symlinks. A hard link planted in the
+    /// directory changes the file's owner under all its names (with fs.protected_hardlinks=1 users can't make
+    /// one to a file of another user). Lets std::bad_alloc through; entries already changed stay changed.
     ///
-    /// Details: the owner of a symlink itself changes, never that of its target. Symlinks to directories, and
-    /// entries whose stat(2) fails, such as dangling symlinks, are skipped. A hard link planted in the
-    /// directory changes the file's owner under all its names (fs.protected_hardlinks=1 lets users make none
-    /// to files of others). Lets std::bad_alloc through; entries already changed stay changed.
-    ///
-    /// Hazards 17 and 27 of docs/reliability.md.
+    /// Hazards (reliability.md): change-owner-race, names-in-log.
     static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
 
-    /// Tells whether the system can canonicalise `path`, or the path is merely missing.
+    /// Returns true when the system can canonicalise `path`, **and also when the path is missing**. Returns
+    /// false with errno for every other failure. Never logs. May be called from any thread.
     ///
-    /// Returns true when realpath(3) succeeds or fails with ENOENT (so for a dangling symlink and the empty
-    /// text, too). Returns false for every other failure, with its errno (ENOTDIR, EACCES, ELOOP,
-    /// ENAMETOOLONG; EINVAL for null). Returns false without a look at the file system, and without an errno,
-    /// when `length` is above 4096; zero and negative values pass. Never logs. May be called from any thread.
+    /// Details: the result is true when realpath(3) succeeds or fails with ENOENT, so for a dangling symlink
+    /// and the empty text, too. Every other errno gives false (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL
+    /// for null). A `length` above 4096 gives false without access to the file system, and without an errno;
+    /// zero and negative values pass.
     ///
-    /// Hazard 29 of docs/reliability.md.
+    /// Hazard (reliability.md): missing-is-success.
     static bool VRealPath(const char* path, int length);
 
     /// Replaces `output` by the canonical absolute path of `input`, with all symlinks followed, and returns
-    /// true. When a component is missing (ENOENT), `output` becomes `input` unchanged, possibly relative, and
-    /// the result is also true. For every other failure the result is false with the errno of realpath(3),
-    /// and `output` is unchanged. `input` ends at its first NUL if it holds one; the two may be one object.
-    /// Never logs. May be called from any thread.
+    /// true. **When a component is missing (ENOENT), `output` becomes `input` unchanged**, possibly relative,
+    /// and the result is also true. For every other failure the result is false with the errno of
+    /// realpath(3), and `output` is unchanged. Never logs. May be called from any thread.
     ///
-    /// Hazard 29 of docs/reliability.md.
+    /// Details: `input` ends at its first NUL if it holds one; the two may be one object.
+    ///
+    /// Hazard (reliability.md): missing-is-success.
     static bool VRealPath(const std::string& input, std::string& output);
 
     explicit VDir() = delete;

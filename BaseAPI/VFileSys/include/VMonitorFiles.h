@@ -15,18 +15,24 @@
 /// it if the program starts any. The operations may be called from any thread.
 class __attribute__((visibility("default"))) VMonitorFiles {
 public:
-    /// Creates an inotify instance; `path` is not used and may be null.
+    /// Creates an inotify instance; `path` is not used and may be null. Returns its descriptor, which the
+    /// caller closes with Inotifyclose. Returns -1 on failure.
     ///
-    /// Returns its descriptor, which the caller closes with Inotifyclose. On failure it logs "inotify_init
-    /// failed, error = %d" with the errno of inotify_init(2), function name "InotifyInit", level 1, and
-    /// returns -1. EMFILE: the user has too many instances or the process too many descriptors; ENFILE,
-    /// ENOMEM.
+    /// Details: a failure logs "inotify_init failed, error = %d" with the errno of inotify_init(2), function
+    /// name "InotifyInit", level 1. EMFILE: the user has too many instances or the process too many
+    /// descriptors; ENFILE, ENOMEM.
     ///
-    /// Hazard 23 of docs/reliability.md.
+    /// Hazard (reliability.md): endless-wait.
     static int InotifyInit(const char* path);
 
     /// Watches `name`, a file or directory, for one kind of event and blocks until `fd` has an event to
-    /// deliver.
+    /// deliver. Returns true once an event was read, **whichever it was**: one of this watch, of any other
+    /// watch on `fd`, or one that was queued before the call. Returns false on failure.
+    ///
+    /// **There is no time-out, and closing `fd` in another thread does not wake the call.** To be able to
+    /// stop a waiting thread, watch a private file on the same descriptor as well and write to it.
+    ///
+    /// Details: there are these kinds of events:
     ///
     /// | kind | event            |  | kind | event          |  | kind | event          |
     /// |------|------------------|--|------|----------------|--|------|----------------|
@@ -35,35 +41,30 @@ public:
     /// | 2    | IN_ATTRIB        |  | 6    | IN_MOVED_FROM  |  | 10   | IN_DELETE_SELF |
     /// | 3    | IN_CLOSE_WRITE   |  | 7    | IN_MOVED_TO    |  | 11   | IN_MOVE_SELF   |
     ///
-    /// Returns true once an event was read, **whichever it was**: one of this watch, of any other watch on
-    /// `fd`, or one that was queued before the call. Returns false at once, without a log line, when `fd` is
-    /// negative, `name` is null or `kind` is none of these. Returns false and logs, function name
-    /// "InotifyFileChange", level 1:
+    /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is none of
+    /// these. Returns false and logs, function name "InotifyFileChange", level 1:
     ///  - "could not add watch %s, error = %d": With `name` and the errno of inotify_add_watch(2): ENOENT,
     ///    EACCES, ENOSPC (too many watches), EBADF, EINVAL (not an inotify descriptor), or any other of a
     ///    path that can't be followed.
     ///  - "could not get event error": Reading failed, also when a signal whose handler does not restart
     ///    calls interrupted it.
     ///
-    /// There is no time-out, and closing `fd` in another thread does not wake the call: to be able to stop a
-    /// waiting thread, watch a private file on the same descriptor as well and write to it.
+    /// Up to 512 bytes of events are read and discarded; what remains makes the next call return at once.
+    /// Events that the kernel reports without being asked end the wait, too: the watched file is gone, its
+    /// file system was unmounted, or the queue overflowed. A watch is never removed; a later call for the
+    /// same file with another kind replaces what it reports. A watch belongs to the file, not to its name:
+    /// when another file is renamed to the name, only the next call watches that file.
     ///
-    /// Details: up to 512 bytes of events are read and discarded; what remains makes the next call return at
-    /// once. Events that the kernel reports unasked end the wait, too: the watched file is gone, its file
-    /// system was unmounted, or the queue overflowed. A watch is never removed; a later call for the same
-    /// file with another kind replaces what it reports. A watch belongs to the file, not to its name: when
-    /// another file is renamed to the name, only the next call watches that.
-    ///
-    /// Hazards 23 and 27 of docs/reliability.md.
+    /// Hazards (reliability.md): endless-wait, names-in-log.
     static bool InotifyFileChange(int fd, const char* name, int kind);
 
-    /// Closes the inotify instance with its watches and unread events.
+    /// Closes the inotify instance with its watches and unread events. **A successful close logs "close
+    /// failed error = %d"**; a failed one logs nothing.
     ///
-    /// Deliberately inverted, and kept so for those who read the log: a **successful** close logs "close
-    /// failed error = %d" with whatever errno holds, function name "Inotifyclose", level 1; a failed one logs
-    /// nothing.
+    /// Details: the inversion is kept on purpose; those who read the log rely on it. The line has whatever
+    /// errno holds, function name "Inotifyclose", level 1.
     ///
-    /// Hazard 24 of docs/reliability.md.
+    /// Hazard (reliability.md): inverted-log.
     static void Inotifyclose(int fd);
 
     explicit VMonitorFiles() = delete;

@@ -30,34 +30,38 @@ public:
 /// characters.
 ///
 /// Making one from a text puts the working directory before a relative text, collapses runs of '/', drops
-/// trailing '/' and removes "." and ".." components, without asking the file system: symlinks are not
-/// followed, nothing has to exist, and ".." always drops the component before it. Deliberately, **the last
-/// component is never examined**: "/a/./b" becomes "/a/b" and "/a/b/../c" becomes "/a/c", but "/a/b/..",
-/// "/a/." and "/.." do not change, and a relative "." becomes the working directory followed by "/.".
+/// trailing '/' and removes "." and ".." components. It does not ask the file system: symlinks are not
+/// followed, nothing has to exist, and ".." always drops the component before it. **The last component is
+/// never examined**: "/a/./b" becomes "/a/b", but "/a/b/.." does not change.
 ///
 ///     VPath config("/opt/app/../app/etc/");  // "/opt/app/etc"
 ///     config += "../log";                    // "/opt/app/log"
 ///     const PathText text = config.RealPath();
 ///     if (text.text[0] != '\0') puts(text.text);
 ///
-/// A VPath is valid or invalid. It is invalid when its text was null, empty or too long (4096 characters or
-/// more, or more than 4095 with the working directory and a '/' before it), or when the working directory
-/// could not be read. Invalid paths answer every question with the empty text and stay invalid until the next
+/// A VPath is invalid when its text was null, empty or too long, or when the working directory could not be
+/// read. An invalid path answers every question with the empty text and stays invalid until the next
 /// ResolvePath or assignment.
 ///
 /// No operation logs or throws, except that joining may let the standard library's std::bad_alloc or
-/// std::length_error through. Distinct objects may be used from different threads; a relative text depends on
+/// std::length_error through. Distinct objects may be used from different threads. A relative text depends on
 /// the process's working directory at that moment.
 ///
-/// Details: the limit is on the text as given: 4096 slashes are too long, although they mean "/". A check
+/// Details: the last component is kept on purpose; callers rely on it. "/a/b/../c" becomes "/a/c", but "/a/."
+/// and "/.." do not change either, and a relative "." becomes the working directory followed by "/.". A check
 /// whether a path begins with some directory must look at BaseName as well, since the last component may be
 /// "..". Where the component before a ".." is a symlink, the result is another directory than the kernel
 /// would find; VDir::VRealPath asks the system.
+///
+/// Too long is a text of 4096 characters or more, or of more than 4095 with the working directory and a '/'
+/// before it. The limit is on the text as given: 4096 slashes are too long, although they mean "/".
 class __attribute__((visibility("default"))) VPath {
 public:
     /// Stores the flag `isValid` and the characters from `begin` up to `end` unresolved; with `end` null, the
-    /// whole NUL-terminated text at `begin`. The path is invalid, whatever the flag, when that is 4096
-    /// characters or more, `begin` is null, or `end` lies before `begin`.
+    /// whole NUL-terminated text at `begin`.
+    ///
+    /// Details: the path is invalid, whatever the flag, when the text has 4096 characters or more, `begin` is
+    /// null, or `end` lies before `begin`.
     VPath(bool isValid, const char* begin, const char* end);
     /// Resolves `text`; null gives an invalid path.
     VPath(const char* text);
@@ -70,15 +74,17 @@ public:
     /// There is nothing to release; what points into this path's text is no longer valid.
     ~VPath();
 
-    /// Replaces this path by the canonical form of `text`, which may be this path's own text. RealPath gives
-    /// the empty text when the result is invalid.
+    /// Replaces this path by the canonical form of `text`, which may be this path's own text. When the result
+    /// is invalid, RealPath gives the empty text.
     void ResolvePath(const char* text);
 
     /// Appends '/' and `tail` to a valid path and resolves the whole again. The tail is always appended, also
-    /// when it begins with '/': "/a" and "/b" give "/a/b". "." and ".." in it act on the components before
-    /// them, but not as its last component. The last component of this path is examined now: "/a/.." and "x"
-    /// give "/x". A null or empty tail does not change a resolved path. The path becomes invalid when the
-    /// joined text, with the '/' between, reaches 4096 characters; an invalid path does not change.
+    /// when it begins with '/': "/a" and "/b" give "/a/b".
+    ///
+    /// Details: "." and ".." in the tail act on the components before them, but not as its last component.
+    /// The last component of this path is examined now: "/a/.." and "x" give "/x". A null or empty tail does
+    /// not change a resolved path. The path becomes invalid when the joined text, with the '/' between, has
+    /// 4096 characters or more. An invalid path does not change.
     VPath& operator+=(const char* tail);
     /// The same; `tail` ends at its first NUL if it holds one.
     VPath& operator+=(const std::string& tail);
@@ -88,31 +94,33 @@ public:
     /// As operator+= of a string, into a new path; this one is unchanged.
     VPath operator+(const std::string& tail) const;
 
-    /// True exactly when the stored text is "/". Looks at the text alone: also true of an invalid path
-    /// whose old text was "/".
+    /// True exactly when the stored text is "/", also of an invalid path whose old text was "/".
     bool IsRootDir() const;
 
     /// The path's text, not owned; the empty text when the path is invalid. Despite its name it does not ask
     /// the file system: symlinks are not followed.
     ///
-    /// Hazard 22 of docs/reliability.md.
+    /// Hazard (reliability.md): borrowed-text.
     PathText RealPath() const;
 
-    /// The text before the last '/', owned. "/" gives "/", not owned. Deliberately, "/a" gives the empty
-    /// text, not "/". The empty text, not owned, when the path is invalid or no memory can be had.
+    /// The text before the last '/', owned. "/" gives "/", not owned. The empty text, not owned, when the
+    /// path is invalid or memory runs out. **"/a" gives the empty text, not "/"**, on purpose; callers rely
+    /// on it.
     PathText DirName() const;
 
     /// The text after the last '/', not owned; "/" gives "/". The empty text when the path is invalid.
     ///
-    /// Hazard 22 of docs/reliability.md.
+    /// Hazard (reliability.md): borrowed-text.
     PathText BaseName() const;
 
     /// DirName as a path: valid, not resolved again. "/" gives "/", and "/a" a valid path with the empty
     /// text. An invalid path gives an invalid path with the empty text.
     VPath DirPath() const;
 
-    /// True when the path `name`, taken as given, exists: access(2) with F_OK, so symlinks are followed and
-    /// the real user's rights count. False for null, and for every failure, with errno from access(2).
+    /// True when the path `name`, taken as given, exists. False for null, and for every failure, with errno
+    /// from access(2).
+    ///
+    /// Details: the test is access(2) with F_OK, so symlinks are followed and the real user's rights count.
     static bool FileExist(const char* name);
 
 private:

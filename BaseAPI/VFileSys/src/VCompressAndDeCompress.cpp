@@ -28,7 +28,7 @@ void SetBuffers(z_stream& stream, const char* src, int srcLen, char* dst, int ds
     stream.avail_out = static_cast<uInt>(dstLen);
 }
 
-// Releases the state of a compression on whatever way out.
+// Releases the state of a compression on every path out of a function.
 class DeflateGuard {
 public:
     explicit DeflateGuard(z_stream& stream) : stream_(&stream) {}
@@ -60,7 +60,7 @@ bool FinishMember(z_stream& stream) {
 int VCompressAndDeCompress::CompressString(const char* src, int srcLen, char* dst, int* dstLen) {
     if (dstLen == nullptr || srcLen <= 0 || src == nullptr) return kFailure;
 
-    // Deliberate: the byte behind the text, its NUL, is compressed with it.
+    // Deliberate: the byte after the text, its NUL, is compressed with it.
     const uLong inputLength = static_cast<uLong>(srcLen) + 1;
     const int bound = static_cast<int>(compressBound(inputLength));
     if (dst == nullptr) {

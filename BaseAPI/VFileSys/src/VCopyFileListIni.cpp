@@ -153,7 +153,7 @@ int RunSafely(Step step) {
     return kFailure;
 }
 
-// What stands between the log's start and its end.
+// What runs between the log's start and its end.
 int Run(int argc, char* argv[]) {
     if (argc < 3) {
         LogUsage(argc > 0 ? argv[0] : "");
@@ -182,7 +182,7 @@ std::string ReadIniValue(std::string section, std::string key, std::string iniPa
 }
 
 void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out) {
-    // An empty delimiter is found everywhere and leads nowhere; there is nothing to cut at.
+    // An empty delimiter matches everywhere and would never advance: there is nothing to split at.
     if (delimiter.empty()) {
         if (!text.empty()) out.push_back(text);
         return;
@@ -206,7 +206,7 @@ std::string GetFileName(std::string path) {
 void GetKeyItemList(const std::string& section, const std::string& key, const std::string& iniPath,
                     std::vector<std::string>& out) {
     char value[kListValueCapacity] = {};
-    // Deliberately unchecked: what stands in the buffer counts. A reader that finds nothing, or nothing that
+    // Deliberately unchecked: what the buffer holds counts. A reader that finds nothing, or nothing that
     // fits, leaves it empty, and the key is skipped.
     (void)ReadInto(value, section, key, iniPath);
     if (value[0] != '\0') SplitString(value, ",", out);

@@ -24,7 +24,7 @@ std::string ReadIniValue(std::string section, std::string key, std::string iniPa
 // empty delimiter the whole text is one piece, if it is not empty.
 void SplitString(std::string text, std::string delimiter, std::vector<std::string>& out);
 
-// What stands behind the last '/' or backslash of `path`.
+// What follows the last '/' or backslash of `path`.
 std::string GetFileName(std::string path);
 
 // Appends the entries of one key of a file-list section to `out`. A value of more than 4095 bytes counts as

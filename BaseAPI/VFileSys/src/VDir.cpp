@@ -1,4 +1,4 @@
-// Making, removing, handing over and canonicalising directories.
+// Making, removing and canonicalising directories, and changing their owners.
 #include "VDir.h"
 
 #include <pwd.h>
@@ -26,7 +26,7 @@ bool StatSucceeds(const char* path) {
     return stat(path, &status) == 0;
 }
 
-// Makes every missing directory above the absolute `path`, which is cut and mended at its slashes on the way.
+// Makes every missing directory above the absolute `path`, whose slashes become NULs and slashes again.
 // Returns 0, or -1 with the errno of mkdir.
 int MakeParents(char* path, mode_t mode) {
     for (char* slash = std::strchr(path + 1, '/'); slash != nullptr; slash = std::strchr(slash + 1, '/')) {
@@ -62,7 +62,7 @@ bool IsDirectoryOrUnreachable(const char* path) {
 // The canonical text of `path` in `canonical`, a buffer of kCanonicalCapacity bytes; null with errno set when
 // there is none.
 const char* Canonicalise(const char* path, char* canonical) {
-    // The whole of a buffer can be set; there is no failure to look for.
+    // Setting the whole of a buffer can't fail.
     (void)memset_s(canonical, kCanonicalCapacity, 0, kCanonicalCapacity);
     return realpath(path, canonical);
 }

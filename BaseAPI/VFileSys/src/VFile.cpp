@@ -18,14 +18,14 @@ namespace {
 
 constexpr std::size_t kCopyBlockSize = 2048;
 
-// Of a file of this size or more the kernel moves all but a tail, which the streams copy. The tail is longer
+// From this size on, the kernel moves all of a file but a tail, which the streams copy. The tail is longer
 // than a stream's buffer (at most BUFSIZ bytes) and a block: a write error before the tail then still shows
 // in fwrite, and not only in the unchecked flush.
 constexpr off_t kLargeFileSize = off_t{128} * 1024;
 constexpr off_t kMinTailSize = off_t{2} * BUFSIZ;
 
 struct FileCloser {
-    void operator()(FILE* file) const { (void)fclose(file); }  // nobody is promised the status of closing
+    void operator()(FILE* file) const { (void)fclose(file); }  // the status of closing is not promised
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
@@ -48,7 +48,7 @@ using OutputFile = BufferedFile<std::ofstream>;
 
 constexpr std::ios::openmode kReadFromEnd = std::ios::in | std::ios::binary | std::ios::ate;
 
-// The size that the position at the end of the stream tells; -1 where the stream can't tell it.
+// The size, which is the position at the end of the stream; -1 where the stream can't determine it.
 long SizeAtEnd(std::ifstream& stream) {
     return static_cast<long>(static_cast<std::streamoff>(stream.tellg()));
 }
@@ -100,7 +100,7 @@ void MoveBulk(int source, int destination) {
     }
 }
 
-// Copies blocks until the source gives no more; a read error is not told apart from its end.
+// Copies blocks until the source gives no more; a read error is treated as its end.
 int CopyBlocks(FILE* source, FILE* destination) {
     char block[kCopyBlockSize] = {};
     while (const std::size_t bytesRead = fread(block, 1, sizeof(block), source)) {
@@ -114,14 +114,14 @@ int CopyBlocks(FILE* source, FILE* destination) {
     return kSuccess;
 }
 
-// The kind of what `path` leads to, as the S_IF... bits; 0, which is no kind, when there is nothing.
+// The kind of the file at `path`, as the S_IF... bits; 0, which is no kind, when there is none.
 mode_t FileKind(const std::string& path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
 // Calls `handleEntry` with the path and the kind of each entry of the directory, in the order of its stream;
-// not at all when it does not open. The path of the entry is built in `path`, behind that of the directory,
+// not at all when it does not open. The path of the entry is built in `path`, after that of the directory,
 // so that a walk needs no memory of its own for each entry; the last one's is left there.
 template <typename HandleEntry>
 void ForEachEntry(std::string& path, HandleEntry handleEntry) {
@@ -145,7 +145,7 @@ void ScanBelow(std::string& path, std::vector<std::string>& files) {
     });
 }
 
-// The directory's path, which ends at its first NUL, as for opendir: otherwise each entry behind it would
+// The directory's path, which ends at its first NUL, as for opendir: otherwise each entry after it would
 // lead back to the directory itself.
 std::string WithoutNul(const std::string& path) {
     return path.substr(0, path.find('\0'));
@@ -188,7 +188,7 @@ long VFile::ReadBinFile(const char* path, char* buf, long bufLen) {
 long VFile::WriteBinFile(const char* path, const char* data, long len) {
     if (!IsWritable(path, data, len)) return kFailure;
     if (!WriteFile(path, std::ios::out | std::ios::trunc | std::ios::binary, data, len)) return kFailure;
-    // The size on the disk tells of a short write, whatever the stream thinks.
+    // The size on the disk shows a partial write, whatever the stream reports.
     return FileSize(path) == len ? len : kFailure;
 }
 

@@ -51,7 +51,7 @@ std::string Join(const char* path, std::string_view tail) {
     return joined;
 }
 
-// Characters that are looked at together, in one register. The compilers know such types; a loop over as many
+// Characters that are examined together, in one register. The compilers know such types; a loop over as many
 // bytes took up to three times as long for a path of 120 bytes, and six times for one of 4095.
 using Block = unsigned char __attribute__((vector_size(16)));
 constexpr std::ptrdiff_t kBlockSize = sizeof(Block);
@@ -73,13 +73,13 @@ bool IsRemovalAt(const char* slash) {
     return slash[0] == '/' && (slash[1] == '/' || slash[1] == '.');
 }
 
-// True when one of the block's characters is a '/' with another one or a '.' behind it.
+// True when one of the block's characters is a '/' with another one or a '.' after it.
 bool HasRemoval(const char* text) {
     // A '.' differs from a '/' in the lowest bit alone.
     return IsAnySet((BlockAt(text) == '/') & ((BlockAt(text + 1) | 1) == '/'));
 }
 
-// The first '/' from `text` on that has another one or a '.' behind it, `end` when there is none: what stands
+// The first '/' from `text` on that has another one or a '.' after it, `end` when there is none: what stands
 // before it is canonical. The text goes on to a NUL at `end`.
 const char* FindRemoval(const char* text, const char* end) {
     const bool isLong = end - text >= kBlockSize;
@@ -115,7 +115,7 @@ char* OpenerOfPreviousComponent(char* path, char* dotDot) {
     return opener;
 }
 
-// Where the text has to be moved to that begins with the last '/' behind the component [begin, slash); that
+// Where the text has to be moved to that begins with the last '/' after the component [begin, slash); that
 // '/' itself when the component stays.
 char* DestinationBehind(char* path, char* begin, char* slash, char* lastSlash) {
     const std::ptrdiff_t length = slash - begin;
@@ -125,13 +125,13 @@ char* DestinationBehind(char* path, char* begin, char* slash, char* lastSlash) {
 }
 
 // Canonicalises the absolute text from `path` to its NUL at `end`, in place and from left to right; the last
-// component is never looked at. Nothing is to be removed before the '/' at `cursor`. Ends early, with the
+// component is never examined. Nothing is to be removed before the '/' at `cursor`. Ends early, with the
 // text as it is then, when a block could not be moved.
 void RemoveDotsAndRuns(char* path, char* cursor, char* end) {
     while (true) {
         cursor = FindNextRemoval(cursor, end);
         if (cursor == end) return;
-        // A run of '/' ends the ordinary component before it, a '.' begins the one behind it.
+        // A run of '/' ends the ordinary component before it, a '.' begins the one after it.
         char* const begin = cursor[1] == '.' ? cursor + 1 : cursor;
         char* slash = begin;
         while (slash < end && *slash != '/') ++slash;

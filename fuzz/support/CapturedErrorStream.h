@@ -1,23 +1,23 @@
 // Keeps what is written to `stderr`, the stream, for as long as it lives: quiet, and there to be judged. What
 // the engine and the sanitizers print is not concerned.
-#ifndef FUZZ_SUPPORT_CAPTUREDSTANDARDERROR_H
-#define FUZZ_SUPPORT_CAPTUREDSTANDARDERROR_H
+#ifndef FUZZ_SUPPORT_CAPTUREDERRORSTREAM_H
+#define FUZZ_SUPPORT_CAPTUREDERRORSTREAM_H
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 
-class CapturedStandardError {
+class CapturedErrorStream {
 public:
-    CapturedStandardError() : stream_(open_memstream(&text_, &size_)), old_(std::exchange(stderr, stream_)) {}
-    ~CapturedStandardError() {
+    CapturedErrorStream() : stream_(open_memstream(&text_, &size_)), old_(std::exchange(stderr, stream_)) {}
+    ~CapturedErrorStream() {
         stderr = old_;
         (void)std::fclose(stream_);
         std::free(text_);
     }
-    CapturedStandardError(const CapturedStandardError&) = delete;
-    CapturedStandardError& operator=(const CapturedStandardError&) = delete;
+    CapturedErrorStream(const CapturedErrorStream&) = delete;
+    CapturedErrorStream& operator=(const CapturedErrorStream&) = delete;
 
     std::string Text() const {
         (void)std::fflush(stream_);
