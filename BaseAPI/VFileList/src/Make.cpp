@@ -55,6 +55,14 @@ private:
     int error_;
 };
 
+unsigned long long SizeOf(const DirectoryTree& tree, const std::set<std::string>& files) {
+    unsigned long long bytes = 0;
+    for (const std::string& path : files) {
+        bytes += static_cast<unsigned long long>(tree.at(path).status.st_size);
+    }
+    return bytes;
+}
+
 class PackageWriter {
 public:
     PackageWriter(const MakeOptions& options, std::string prefix, const DirectoryTree& tree,
@@ -85,20 +93,14 @@ private:
     Output& output_;
     bool isMade_ = false;
     Manifest manifest_;
+    const unsigned long long total_ = SizeOf(tree_, plan_.files);
     unsigned long long bytes_ = 0;
 };
 
 constexpr char kList[] = "filelist.ini";
 constexpr char kCommon[] = "Common";
+constexpr char kOtherwise[] = ": it can't be read as it was written";
 constexpr char kUnfinishedList[] = "filelist.ini.part";  // no pass takes it for the list
-
-unsigned long long SizeOf(const DirectoryTree& tree, const std::set<std::string>& files) {
-    unsigned long long bytes = 0;
-    for (const std::string& path : files) {
-        bytes += static_cast<unsigned long long>(tree.at(path).status.st_size);
-    }
-    return bytes;
-}
 
 Trouble PackageWriter::Write() {
     if (Trouble trouble = MakeDirectory()) return trouble;
@@ -169,7 +171,7 @@ Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
     if (const int written = file.Finish(entry.mode)) return TroubleWith(copy, written);
     entry.digest = hasher.Finish();
     bytes_ += static_cast<unsigned long long>(entry.size);
-    output_.ProgressOfBytes("make", bytes_, SizeOf(tree_, plan_.files));
+    output_.ProgressOfBytes("make", bytes_, total_);
 
     struct stat now {};
     if (lstat(source.c_str(), &now) != 0) return TroubleWith(source, errno);
@@ -195,12 +197,14 @@ Trouble PackageWriter::ReadBack(const std::string& listPath, const std::string& 
     for (const Entry& entry : list.entries()) read.emplace_back(entry.text, list.TargetOf(entry));
     std::sort(meant.begin(), meant.end());
     std::sort(read.begin(), read.end());
-    if (meant != read) return listPath + ": it can't be read as it was written";
+    if (meant != read) return listPath + kOtherwise;
 
+    const std::string manifestPath = ManifestPath(Path(kList));
+    std::string text;
     Manifest parsed;
-    const Trouble trouble = Parse(manifest, parsed);
-    if (trouble || Print(parsed) != manifest)
-        return ManifestPath(Path(kList)) + ": " + trouble.value_or("it can't be read as it was written");
+    const int error = ReadWhole(manifestPath, text);
+    if (error != 0) return TroubleWith(manifestPath, error);
+    if (Parse(text, parsed) || Print(parsed) != manifest) return manifestPath + kOtherwise;
     return std::nullopt;
 }
 
@@ -217,7 +221,7 @@ Trouble WhyRefused(const MakeOptions& options, const std::string& prefix) {
         if (!release.empty() && !IsRelease(release))
             return release + ": a release has 1 to 64 letters, digits and \"+-._~\"";
     }
-    const bool isNormal = prefix.empty() || fs::path(prefix).lexically_normal() == prefix;
+    const bool isNormal = prefix.empty() || fs::path(prefix).lexically_normal().string() == prefix;
     if (options.prefix.rfind('/', 0) != 0 || !isNormal || prefix.find_first_of("\r\n") != std::string::npos)
         return options.prefix + R"(: the prefix is no absolute path without "//", "." and "..")";
     const std::size_t colon = options.owner.find(':');

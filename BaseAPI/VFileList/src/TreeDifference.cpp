@@ -84,6 +84,7 @@ private:
 
     Reasons WhyInTheWay(const std::string& path, const TreeFile& file) const;
     Reasons WhyNoOwner(const std::string& path, const TreeFile& file) const;
+    Reasons WhyNoDirectory(const std::string& path, const TreeFile& file) const;
     Reasons WhyNotListed(const std::string& path, const TreeFile& file) const;
     void DecideDirectory(const std::string& path, const TreeFile& file);
     void DecideFile(const std::string& path, const TreeFile& file);
@@ -111,25 +112,24 @@ Reasons Decision::WhyNoOwner(const std::string& path, const TreeFile& file) cons
                                     ShownPath(path) + "; --owner names one"};
 }
 
+Reasons Decision::WhyNoDirectory(const std::string& path, const TreeFile& file) const {
+    if (path.empty() && prefix_.empty()) return std::nullopt;  // the root directory stays as it is
+    if (path.find_first_of("\n\r") != std::string::npos)
+        return Reason{"name", "a list can't hold a directory with a line end in its name"};
+    const std::size_t length = prefix_.size() + 1 + (path.empty() ? 0 : path.size() + 1);
+    if (length > kMaxDirectoryLength) {
+        return Reason{"long-directory", "a target directory of " + std::to_string(length) + " bytes, " +
+                                            std::to_string(kMaxDirectoryLength) + " are the most"};
+    }
+    return WhyNoOwner(path, file);
+}
+
 void Decision::DecideDirectory(const std::string& path, const TreeFile& file) {
+    const Reasons inTheWay = WhyInTheWay(path, file);
+    if (inTheWay) Add(path, *inTheWay);
     Reasons& reason = directories_[path];
     if (!path.empty()) reason = directories_.at(DirectoryOf(path));
-    if (reason) return;
-    const std::size_t length = prefix_.size() + 1 + (path.empty() ? 0 : path.size() + 1);
-    const bool isRoot = prefix_.empty() && path.empty();  // what it has, it keeps
-    reason = WhyInTheWay(path, file);
-    if (reason) {
-        Add(path, *reason);
-    } else if (isRoot) {
-        return;
-    } else if (path.find_first_of("\n\r") != std::string::npos) {
-        reason = Reason{"name", "a list can't hold a directory with a line end in its name"};
-    } else if (length > kMaxDirectoryLength) {
-        reason = Reason{"long-directory", "a target directory of " + std::to_string(length) + " bytes, " +
-                                              std::to_string(kMaxDirectoryLength) + " are the most"};
-    } else {
-        reason = WhyNoOwner(path, file);
-    }
+    if (!reason) reason = inTheWay ? inTheWay : WhyNoDirectory(path, file);
 }
 
 Reasons Decision::WhyNotListed(const std::string& path, const TreeFile& file) const {
