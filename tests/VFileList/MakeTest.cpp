@@ -138,6 +138,9 @@ TEST_F(MakeTest, LeavesTheRootDirectoryOutOfTheManifest) {
     EXPECT_THAT(Packaged("filelist.ini"), HasSubstr("\n/etc=/etc/\n"));
     EXPECT_THAT(Packaged("filelist.ini.mtree"), HasSubstr("\n./etc type=dir"));
     EXPECT_THAT(Packaged("filelist.ini.mtree"), testing::Not(HasSubstr("\n./ ")));
+    options_.prefix = "//";
+    EXPECT_THAT(Unsaid(), IsEmpty());
+    EXPECT_THAT(Packaged("filelist.ini"), HasSubstr("\n/etc=/etc/\n"));
 }
 
 TEST_F(MakeTest, SaysToPeopleWhatItDid) {
@@ -148,6 +151,11 @@ TEST_F(MakeTest, SaysToPeopleWhatItDid) {
     EXPECT_EQ(WrittenBy(make, false, &status_),
               "  bin/link  a symlink\n1 file in 1 list, 3 B; 1 thing can't be said.\n");
     EXPECT_EQ(status_, 1);
+
+    fs::remove_all(options_.package);
+    fs::remove(scratch_.Path("new/bin/link"));
+    EXPECT_EQ(WrittenBy(make, false, &status_), "1 file in 1 list, 3 B.\n");
+    EXPECT_EQ(status_, 0);
 }
 
 TEST_F(MakeTest, TakesOnlyWhatDiffersFromTheBase) {

@@ -14,6 +14,7 @@
 
 #include "FileList.h"
 #include "Files.h"
+#include "ListText.h"
 #include "Manifest.h"
 #include "TreeDifference.h"
 
@@ -81,7 +82,6 @@ private:
     Trouble WriteAll();
     Trouble CopyFiles();
     Trouble Copy(const std::string& path, ManifestEntry& entry);
-    ManifestEntry EntryOf(const std::string& path) const;
     Trouble WriteText(const std::string& path, const std::string& text) const;
     Trouble ReadBack(const std::string& listPath, const std::string& manifest) const;
     void Remove() const;
@@ -138,18 +138,14 @@ Trouble PackageWriter::CopyFiles() {
     std::set<std::string> paths = plan_.directories;
     paths.insert(plan_.files.begin(), plan_.files.end());
     for (const std::string& path : paths) {
-        ManifestEntry entry = EntryOf(path);
-        if (!entry.isDirectory) {
-            if (Trouble trouble = Copy(path, entry)) return trouble;
-        }
-        manifest_.entries.push_back(std::move(entry));
+        const TreeFile& file = tree_.at(path);
+        const bool isDirectory = S_ISDIR(file.status.st_mode);
+        ManifestEntry& entry = manifest_.entries.emplace_back();
+        entry = {TargetOf(path), isDirectory, file.attributes.mode, file.user, file.group, 0, {}};
+        if (isDirectory) continue;
+        if (Trouble trouble = Copy(path, entry)) return trouble;
     }
     return std::nullopt;
-}
-
-ManifestEntry PackageWriter::EntryOf(const std::string& path) const {
-    const TreeFile& file = tree_.at(path);
-    return {TargetOf(path), S_ISDIR(file.status.st_mode), file.attributes.mode, file.user, file.group, 0, {}};
 }
 
 // Reads the file once, for the copy and for its digest.
@@ -240,12 +236,6 @@ void SetOwner(const std::string& owner, DirectoryTree& tree) {
     }
 }
 
-std::size_t CountLists(const std::set<std::string>& files) {
-    std::set<std::string> directories;
-    for (const std::string& path : files) directories.insert(DirectoryOf(path));
-    return directories.size();
-}
-
 void Show(const MakeOptions& options, const PackagePlan& plan, unsigned long long bytes,
           const Trouble& trouble, Output& output) {
     output.Member("command", "make");
@@ -264,14 +254,17 @@ void Show(const MakeOptions& options, const PackagePlan& plan, unsigned long lon
         (void)std::fprintf(stderr, "vfilelist: %s\n", Shown(*trouble).c_str());
         return;
     }
-    output.Line(Counted(plan.files.size(), "file") + " in " + Counted(CountLists(plan.files), "list") + ", " +
-                ShownSize(bytes) + "; " + Counted(plan.unsaid.size(), "thing") + " can't be said.");
+    const std::string unsaid =
+        plan.unsaid.empty() ? "" : "; " + Counted(plan.unsaid.size(), "thing") + " can't be said";
+    output.Line(Counted(plan.files.size(), "file") + " in " + Counted(plan.lists.size(), "list") + ", " +
+                ShownSize(bytes) + unsaid + ".");
 }
 
 }  // namespace
 
 int Make(const MakeOptions& options, Output& output) {
-    const std::string prefix = options.prefix == "/" ? "" : WithoutTrailingSlashes(options.prefix);
+    std::string prefix = WithoutTrailingSlashes(options.prefix);
+    if (prefix == "/") prefix.clear();
     TreeFacts facts;
     PackagePlan plan;
     Trouble trouble = WhyRefused(options, prefix);

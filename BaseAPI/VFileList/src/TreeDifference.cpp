@@ -2,16 +2,14 @@
 #include "TreeDifference.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <climits>
-#include <cstdio>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <tuple>
 #include <utility>
 
+#include "ListText.h"
 #include "VCopyFileListIni.h"
 
 namespace {
@@ -20,21 +18,13 @@ struct Reason {
     const char* code;
     std::string text;
 };
-using Reasons = std::optional<Reason>;
+using MaybeReason = std::optional<Reason>;
 
 constexpr std::size_t kMaxNameLength = NAME_MAX - (sizeof(kBackupSuffix) - 1);
 constexpr std::size_t kMaxDirectoryLength = kDirectoryValueCapacity - 1;
 
 std::string ShownPath(const std::string& path) {
     return path.empty() ? "." : path;
-}
-
-bool EndsIn(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
-bool IsBlank(char character) {
-    return std::isspace(static_cast<unsigned char>(character)) != 0;
 }
 
 bool IsSameKind(const TreeFile& left, const TreeFile& right) {
@@ -51,12 +41,13 @@ std::string Numbers(const TreeFile& file) {
     return std::to_string(file.attributes.user) + ":" + std::to_string(file.attributes.group);
 }
 
-Reasons WhyNoName(const std::string& name) {
+MaybeReason WhyNoName(const std::string& name) {
     if (name.find_first_of(",\\\n\r") != std::string::npos)
         return Reason{"name", "a list can't hold a name with a comma, a backslash or a line end"};
-    if (IsBlank(name.front()) || IsBlank(name.back()))
+    const auto isBlank = [](char byte) { return std::isspace(static_cast<unsigned char>(byte)) != 0; };
+    if (isBlank(name.front()) || isBlank(name.back()))
         return Reason{"name", "a list can't hold a name with blanks at its ends"};
-    if (EndsIn(name, kBackupSuffix))
+    if ((name + "/").find(std::string(kBackupSuffix) + "/") != std::string::npos)
         return Reason{"backup-name", "the name ends in .bak: it would be treated as a backup"};
     if (name.size() > kMaxNameLength) {
         return Reason{"long-name", "a name of " + std::to_string(name.size()) + " bytes, " +
@@ -82,10 +73,10 @@ private:
         plan_.unsaid.push_back({ShownPath(path), reason.code, reason.text});
     }
 
-    Reasons WhyInTheWay(const std::string& path, const TreeFile& file) const;
-    Reasons WhyNoOwner(const std::string& path, const TreeFile& file) const;
-    Reasons WhyNoDirectory(const std::string& path, const TreeFile& file) const;
-    Reasons WhyNotListed(const std::string& path, const TreeFile& file) const;
+    MaybeReason WhyInTheWay(const std::string& path, const TreeFile& file) const;
+    MaybeReason WhyNoOwner(const std::string& path, const TreeFile& file) const;
+    MaybeReason WhyNoDirectory(const std::string& path, const TreeFile& file) const;
+    MaybeReason WhyNotListed(const std::string& path, const TreeFile& file) const;
     void DecideDirectory(const std::string& path, const TreeFile& file);
     void DecideFile(const std::string& path, const TreeFile& file);
     void DecideOther(const std::string& path, const TreeFile& file);
@@ -96,23 +87,23 @@ private:
     const TreeFacts& facts_;
     const std::string& prefix_;
     const bool areOwnersCompared_;
-    std::map<std::string, Reasons> directories_;  // why nothing can be installed there
+    std::map<std::string, MaybeReason> directories_;  // why nothing can be installed there
     PackagePlan plan_;
 };
 
-Reasons Decision::WhyInTheWay(const std::string& path, const TreeFile& file) const {
+MaybeReason Decision::WhyInTheWay(const std::string& path, const TreeFile& file) const {
     const TreeFile* const old = OldAt(path);
     if (old == nullptr || IsSameKind(*old, file)) return std::nullopt;
     return Reason{"in-the-way", std::string("the base has ") + KindOf(*old) + " here"};
 }
 
-Reasons Decision::WhyNoOwner(const std::string& path, const TreeFile& file) const {
+MaybeReason Decision::WhyNoOwner(const std::string& path, const TreeFile& file) const {
     if (!file.user.empty() && !file.group.empty()) return std::nullopt;
     return Reason{"owner-name", "a manifest can't name the owner " + Numbers(file) + " of " +
                                     ShownPath(path) + "; --owner names one"};
 }
 
-Reasons Decision::WhyNoDirectory(const std::string& path, const TreeFile& file) const {
+MaybeReason Decision::WhyNoDirectory(const std::string& path, const TreeFile& file) const {
     if (path.empty() && prefix_.empty()) return std::nullopt;  // the root directory stays as it is
     if (path.find_first_of("\n\r") != std::string::npos)
         return Reason{"name", "a list can't hold a directory with a line end in its name"};
@@ -125,21 +116,21 @@ Reasons Decision::WhyNoDirectory(const std::string& path, const TreeFile& file) 
 }
 
 void Decision::DecideDirectory(const std::string& path, const TreeFile& file) {
-    const Reasons inTheWay = WhyInTheWay(path, file);
+    const MaybeReason inTheWay = WhyInTheWay(path, file);
     if (inTheWay) Add(path, *inTheWay);
-    Reasons& reason = directories_[path];
+    MaybeReason& reason = directories_[path];
     if (!path.empty()) reason = directories_.at(DirectoryOf(path));
     if (!reason) reason = inTheWay ? inTheWay : WhyNoDirectory(path, file);
 }
 
-Reasons Decision::WhyNotListed(const std::string& path, const TreeFile& file) const {
+MaybeReason Decision::WhyNotListed(const std::string& path, const TreeFile& file) const {
     const std::string directory = DirectoryOf(path);
-    if (const Reasons& reason = directories_.at(directory)) return reason;
+    if (const MaybeReason& reason = directories_.at(directory)) return reason;
     if (prefix_.empty() && directory.empty())
         return Reason{"root-directory", "it would go into the server's root directory"};
-    if (const Reasons reason = WhyNoName(path.substr(directory.empty() ? 0 : directory.size() + 1)))
+    if (const MaybeReason reason = WhyNoName(path.substr(directory.empty() ? 0 : directory.size() + 1)))
         return reason;
-    if (const Reasons reason = WhyInTheWay(path, file)) return reason;
+    if (const MaybeReason reason = WhyInTheWay(path, file)) return reason;
     const std::string backup = path + kBackupSuffix;
     const auto beside = facts_.files.find(backup);
     const bool isMade = beside != facts_.files.end() && S_ISDIR(beside->second.status.st_mode);
@@ -150,11 +141,12 @@ Reasons Decision::WhyNotListed(const std::string& path, const TreeFile& file) co
 
 void Decision::DecideFile(const std::string& path, const TreeFile& file) {
     if (IsKept(path)) return;
-    if (const Reasons reason = WhyNotListed(path, file)) {
+    if (const MaybeReason reason = WhyNotListed(path, file)) {
         Add(path, *reason);
         return;
     }
     plan_.files.insert(path);
+    plan_.lists.insert(DirectoryOf(path));
     for (std::string above = path; !above.empty();) {
         above = DirectoryOf(above);
         if (!above.empty() || !prefix_.empty()) plan_.directories.insert(above);
@@ -245,83 +237,8 @@ PackagePlan Decision::Make() {
     return std::move(plan_);
 }
 
-// A directory's name as file lists can hold it everywhere: other bytes are written as "%2C". What is changed
-// ends in ".bak", as no file's name in Common does: a file may be called "%2C", too. A long one is cut, since
-// it becomes up to three times as long.
-std::string EncodedName(const std::string& name) {
-    constexpr char kPlain[] = "+-.:@_~";
-    constexpr std::size_t kLongest = 240;
-    std::string encoded;
-    std::size_t begin = 0;
-    for (const char character : name) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x80 || std::isalnum(byte) != 0 || std::strchr(kPlain, character) != nullptr) {
-            encoded += character;
-        } else {
-            std::array<char, 4> hexadecimal{};
-            (void)std::snprintf(hexadecimal.data(), hexadecimal.size(), "%%%02X", byte);
-            encoded += hexadecimal.data();
-        }
-        if (encoded.size() - begin < kLongest) continue;
-        encoded += std::string("%") + kBackupSuffix + "/";
-        begin = encoded.size();
-    }
-    return encoded == name ? name : encoded + kBackupSuffix;
-}
-
-std::string Encoded(const std::string& directory) {
-    if (directory.empty()) return "";
-    const std::string above = DirectoryOf(directory);
-    const std::string name = directory.substr(above.empty() ? 0 : above.size() + 1);
-    return (above.empty() ? "" : Encoded(above) + "/") + EncodedName(name);
-}
-
-// One key after the other, each as long as the tool can read it.
-std::string PrintEntries(const std::vector<std::string>& entries) {
-    constexpr std::size_t kLongest = kListValueCapacity - 2;
-    std::string text;
-    std::size_t keys = 0;
-    std::size_t length = kLongest;
-    for (const std::string& entry : entries) {
-        if (length + 1 + entry.size() > kLongest) {
-            std::array<char, 32> key{};
-            (void)std::snprintf(key.data(), key.size(), "\nf%04zu=", ++keys);
-            text += key.data() + entry;
-            length = entry.size();
-        } else {
-            text += "," + entry;
-            length += 1 + entry.size();
-        }
-    }
-    return text + "\n";
-}
-
 }  // namespace
 
 PackagePlan Decide(const TreeFacts& facts, const std::string& prefix, bool areOwnersCompared) {
     return Decision(facts, prefix, areOwnersCompared).Make();
-}
-
-std::string DirectoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
-}
-
-std::string EntryFor(const std::string& path) {
-    const std::string directory = DirectoryOf(path);
-    if (directory.empty()) return "./" + path;
-    return Encoded(directory) + path.substr(directory.size());
-}
-
-std::string PrintFileList(const std::set<std::string>& files, const std::string& prefix) {
-    std::map<std::string, std::vector<std::string>> lists;
-    for (const std::string& path : files) lists[DirectoryOf(path)].push_back(EntryFor(path));
-    std::string directories;
-    std::string sections;
-    for (const auto& [directory, entries] : lists) {
-        const std::string section = "/" + Encoded(directory);
-        directories += section + "=" + prefix + "/" + directory + (directory.empty() ? "" : "/") + "\n";
-        sections += "\n[" + section + "]" + PrintEntries(entries);
-    }
-    return "[Package_Intall_Type]\nPackageIntallType=Server\n\n[Server]\n" + directories + sections;
 }

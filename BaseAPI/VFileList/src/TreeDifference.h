@@ -18,19 +18,13 @@ struct Unsaid {
 
 struct PackagePlan {
     std::set<std::string> files;        // to be installed; paths below the tree, as the next
-    std::set<std::string> directories;  // that hold some of them, at any depth
+    std::set<std::string> lists;        // the directories that hold some of them
+    std::set<std::string> directories;  // the same with those above
     std::vector<Unsaid> unsaid;         // in the order of paths and codes
 };
 
 // `prefix` stands before the paths on the server: absolute, without a '/' at the end, empty for the root
 // directory. Owners that are the same for all files by order are not compared.
 PackagePlan Decide(const TreeFacts& facts, const std::string& prefix, bool areOwnersCompared);
-
-// The directory of a path below the tree; empty for the tree itself.
-std::string DirectoryOf(const std::string& path);
-// The entry of a file: where it is below Common.
-std::string EntryFor(const std::string& path);
-
-std::string PrintFileList(const std::set<std::string>& files, const std::string& prefix);
 
 #endif
