@@ -83,7 +83,8 @@ std::string PrintFileList(const std::set<std::string>& files, const std::string&
     std::string sections;
     for (const auto& [directory, entries] : lists) {
         const std::string section = "/" + Encoded(directory);
-        directories += section + "=" + prefix + "/" + directory + (directory.empty() ? "" : "/") + "\n";
+        directories.append(section).append("=").append(prefix).append("/").append(directory);
+        directories += directory.empty() ? "\n" : "/\n";
         sections += "\n[" + section + "]" + PrintEntries(entries);
     }
     return "[Package_Intall_Type]\nPackageIntallType=Server\n\n[Server]\n" + directories + sections;

@@ -18,10 +18,14 @@ namespace {
 
 constexpr mode_t kPermissions = 07777;
 
-Trouble ExpectUnchanged(const std::string& path, const struct stat& known) {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) return TroubleWith(path, errno);
-    if (!IsUnchanged(known, status)) return path + ": it changed while it was read";
+std::string PathIn(std::string directory, const std::string& name) {
+    return directory.append("/").append(name);
+}
+
+Trouble ExpectUnchanged(const std::string& path, const struct stat& before) {
+    struct stat now {};
+    if (lstat(path.c_str(), &now) != 0) return TroubleWith(path, errno);
+    if (!IsUnchanged(before, now)) return path + ": it changed while it was read";
     return std::nullopt;
 }
 
@@ -49,14 +53,15 @@ Trouble ReadTree(const std::string& directory, DirectoryTree& tree) {
         const std::string path = pending.back();
         pending.pop_back();
         std::error_code error;
-        fs::directory_iterator entry(directory + "/" + path, error);
+        fs::directory_iterator entry(PathIn(directory, path), error);
         for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-            const std::string below = (path.empty() ? "" : path + "/") + entry->path().filename().string();
+            const std::string name = entry->path().filename();
+            const std::string below = path.empty() ? name : PathIn(path, name);
             TreeFile& file = tree[below];
-            if (Trouble trouble = ReadFile(directory + "/" + below, file)) return trouble;
+            if (Trouble trouble = ReadFile(PathIn(directory, below), file)) return trouble;
             if (S_ISDIR(file.status.st_mode)) pending.push_back(below);
         }
-        if (error) return TroubleWith(directory + "/" + path, error.value());
+        if (error) return TroubleWith(PathIn(directory, path), error.value());
     }
     return std::nullopt;
 }
@@ -87,8 +92,8 @@ Trouble CompareContents(const std::string& tree, const std::string& base, Output
             continue;
         if (file.status.st_size != old->second.status.st_size) continue;
 
-        const std::string newPath = std::string(tree).append("/").append(path);
-        const std::string oldPath = std::string(base).append("/").append(path);
+        const std::string newPath = PathIn(tree, path);
+        const std::string oldPath = PathIn(base, path);
         std::string unreadable;
         const Content content = comparer.Compare(newPath, oldPath, unreadable);
         if (content == Content::kUnreadable) return unreadable;

@@ -128,9 +128,9 @@ MaybeReason Decision::WhyNotListed(const std::string& path, const TreeFile& file
     if (const MaybeReason& reason = directories_.at(directory)) return reason;
     if (prefix_.empty() && directory.empty())
         return Reason{"root-directory", "it would go into the server's root directory"};
-    if (const MaybeReason reason = WhyNoName(path.substr(directory.empty() ? 0 : directory.size() + 1)))
+    if (MaybeReason reason = WhyNoName(path.substr(directory.empty() ? 0 : directory.size() + 1)))
         return reason;
-    if (const MaybeReason reason = WhyInTheWay(path, file)) return reason;
+    if (MaybeReason reason = WhyInTheWay(path, file)) return reason;
     const std::string backup = path + kBackupSuffix;
     const auto beside = facts_.files.find(backup);
     const bool isMade = beside != facts_.files.end() && S_ISDIR(beside->second.status.st_mode);
