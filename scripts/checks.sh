@@ -201,9 +201,11 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests killed_upgrade_tests killed_transaction_tests state_space_tests VCopyFileListIni vfilelist
+    build default vfilesys_tests vfilelist_tests killed_upgrade_tests killed_transaction_tests state_space_tests \
+        VCopyFileListIni vfilelist
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*Exhaustive*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
+    VFILESYS_TEST_SCALE=100 build/default/tests/vfilelist_tests --gtest_filter='MakeAgreementTest.*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'

@@ -43,7 +43,7 @@ check_upgrade_tool() {
 }
 
 check_commands() {
-    expect '--help --version check commit plan resume rollback status upgrade verify' vfilelist ''
+    expect '--help --version check commit make plan resume rollback status upgrade verify' vfilelist ''
     expect 'resume rollback' vfilelist r
     expect '--help --version' vfilelist -
     expect '' vfilelist f
@@ -54,6 +54,7 @@ check_vfilelist_options() {
     expect '--help --json' vfilelist plan -
     expect '--expect --help --ignore-modes --json' vfilelist verify -
     expect '--dry-run --help --json --only-modes --partial --state' vfilelist rollback -
+    expect '--allow --base --help --json --lowest --owner --prefix --release --tree' vfilelist make -
     expect '--json' vfilelist verify filelist.ini --j
     # What is there already, and what it excludes, would be refused.
     expect '--errors-only --help --root' vfilelist check --json -
@@ -71,7 +72,11 @@ check_values() {
     expect '' vfilelist verify --expect f
     expect 'package' vfilelist check --root ''
     expect 'package/deep' vfilelist check --root = package/
-    local command
+    expect '' vfilelist make --release f
+    local command option
+    for option in --tree --base --prefix; do
+        expect 'package' vfilelist make "$option" ''
+    done
     for command in upgrade commit rollback resume status; do
         expect 'package' vfilelist "$command" --state ''
     done
@@ -88,6 +93,7 @@ check_files() {
         expect 'package/deep package/filelist.ini' vfilelist "$command" package/
         expect '' vfilelist "$command" notes
     done
+    expect 'package' vfilelist make ''
     for command in commit resume status; do
         expect '' vfilelist "$command" ''
     done
@@ -96,7 +102,7 @@ check_files() {
 # Without the short forms.
 check_program() {
     local command
-    for command in upgrade commit rollback resume status check plan verify; do
+    for command in upgrade commit rollback resume status make check plan verify; do
         expect "$("$vfilelist" "$command" --help | sed -nE 's/^  (-h,)?(--[a-z-]+).*/\2/p' | sort | paste -sd' ')" \
             vfilelist "$command" -
     done

@@ -8,6 +8,7 @@
 #include "Check.h"
 #include "FileList.h"
 #include "Installed.h"
+#include "Make.h"
 #include "Output.h"
 #include "Plan.h"
 #include "Rollback.h"
@@ -30,6 +31,7 @@ struct Arguments {
     std::string iniPath;
     bool isJson = false;
     CheckOptions check;
+    MakeOptions make;
     VerifyOptions verify;
     RollbackOptions rollback;
     TransactionOptions transaction;
@@ -119,9 +121,33 @@ void AddVerify(CLI::App& app, Arguments& arguments) {
     verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
                      "New files may have other modes and owners than their backups");
 }
+
+void AddMake(CLI::App& app, Arguments& arguments) {
+    CLI::App* const make = AddCommand(
+        app, "make", "Make a package of a directory tree, and say what no package can say", arguments);
+    MakeOptions& options = arguments.make;
+    const auto addText = [make](const char* name, std::string& value, const char* type,
+                                const char* description) {
+        return make->add_option(name, value, description)->type_name(type);
+    };
+    addText("--tree", options.tree, "NEW", "What the server shall have below the prefix")
+        ->required()
+        ->check(CLI::ExistingDirectory);
+    addText("--base", options.base, "OLD", "What it has: only files that differ from it are put in")
+        ->check(CLI::ExistingDirectory);
+    addText("--prefix", options.prefix, "DIR", "Where the tree is on the server")->capture_default_str();
+    addText("--release", options.release, "R", "The release that the package brings");
+    addText("--lowest", options.lowest, "R", "The lowest release that the package may replace");
+    addText("--owner", options.owner, "USER:GROUP", "Record this owner for everything, not the tree's own");
+    make->add_flag("--allow", options.isAllowed, "Exit with 0 though something can't be said");
+    make->add_option("PACKAGE", options.package, "The directory to make; it may be there if it is empty")
+        ->required();
+}
+
 void AddCommands(CLI::App& app, Arguments& arguments) {
     AddTransactionCommands(app, arguments);
     AddRollback(app, arguments);
+    AddMake(app, arguments);
     CLI::App* const check = AddListCommand(
         app, "check", "Say what is wrong with a file list, its package and its targets", arguments);
     check->add_option("--root", arguments.check.root, "Look for the targets below DIR instead of /")
@@ -190,6 +216,7 @@ int RunRollback(const Arguments& arguments, Output& output) {
 
 int RunCommand(const Arguments& arguments, const std::string& command, Output& output) {
     if (command == "check") return Check(arguments.check, output);
+    if (command == "make") return Make(arguments.make, output);
     if (command == "upgrade") return Upgrade(arguments.transaction, output);
     if (command == "commit") return Commit(arguments.transaction, output);
     if (command == "resume") return Resume(arguments.transaction, output);

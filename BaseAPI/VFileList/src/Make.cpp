@@ -1,0 +1,286 @@
+// Reads two trees, decides what goes into the package, writes that, and shows what was done.
+#include "Make.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "FileList.h"
+#include "Files.h"
+#include "ListText.h"
+#include "Manifest.h"
+#include "TreeDifference.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr mode_t kListMode = 0666;
+
+// Writes a file that is not there yet. What fails first, Finish says.
+class NewFile {
+public:
+    explicit NewFile(const std::string& path)
+        : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
+          error_(fd_ < 0 ? errno : 0) {}
+    ~NewFile() {
+        if (fd_ >= 0) (void)close(fd_);
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    void Add(std::string_view bytes) {
+        while (error_ == 0 && !bytes.empty()) {
+            const ssize_t count = write(fd_, bytes.data(), bytes.size());
+            if (count < 0) error_ = errno;
+            if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
+        }
+    }
+    // Returns 0 or an errno.
+    int Finish(mode_t mode) {
+        if (error_ == 0 && fchmod(fd_, mode) != 0) error_ = errno;
+        const int fd = std::exchange(fd_, -1);
+        if (fd >= 0 && close(fd) != 0 && error_ == 0) error_ = errno;
+        return error_;
+    }
+
+private:
+    int fd_;
+    int error_;
+};
+
+unsigned long long SizeOf(const DirectoryTree& tree, const std::set<std::string>& files) {
+    unsigned long long bytes = 0;
+    for (const std::string& path : files) {
+        bytes += static_cast<unsigned long long>(tree.at(path).status.st_size);
+    }
+    return bytes;
+}
+
+class PackageWriter {
+public:
+    PackageWriter(const MakeOptions& options, std::string prefix, const DirectoryTree& tree,
+                  const PackagePlan& plan, Output& output)
+        : options_(options), prefix_(std::move(prefix)), tree_(tree), plan_(plan), output_(output) {}
+
+    // After trouble nothing of the package is left.
+    Trouble Write();
+
+private:
+    std::string Path(const std::string& name) const { return options_.package + "/" + name; }
+    std::string TargetOf(const std::string& path) const {
+        return path.empty() ? prefix_ : prefix_ + "/" + path;
+    }
+    Trouble MakeDirectory();
+    Trouble WriteAll();
+    Trouble CopyFiles();
+    Trouble Copy(const std::string& path, ManifestEntry& entry);
+    Trouble WriteText(const std::string& path, const std::string& text) const;
+    Trouble ReadBack(const std::string& listPath, const std::string& manifest) const;
+    void Remove() const;
+
+    const MakeOptions& options_;
+    const std::string prefix_;
+    const DirectoryTree& tree_;
+    const PackagePlan& plan_;
+    Output& output_;
+    bool isMade_ = false;
+    Manifest manifest_;
+    const unsigned long long total_ = SizeOf(tree_, plan_.files);
+    unsigned long long bytes_ = 0;
+};
+
+constexpr char kList[] = "filelist.ini";
+constexpr char kCommon[] = "Common";
+constexpr char kOtherwise[] = ": it can't be read as it was written";
+constexpr char kUnfinishedList[] = "filelist.ini.part";  // no pass takes it for the list
+
+Trouble PackageWriter::Write() {
+    if (Trouble trouble = MakeDirectory()) return trouble;
+    Trouble trouble = WriteAll();
+    if (trouble) Remove();
+    return trouble;
+}
+
+Trouble PackageWriter::MakeDirectory() {
+    std::error_code error;
+    isMade_ = fs::create_directory(options_.package, error);
+    if (error) return TroubleWith(options_.package, error.value());
+    const bool isEmpty = fs::is_empty(options_.package, error);
+    if (error) return TroubleWith(options_.package, error.value());
+    if (!isEmpty) return options_.package + ": it is there already and not empty";
+    return std::nullopt;
+}
+
+Trouble PackageWriter::WriteAll() {
+    if (Trouble trouble = CopyFiles()) return trouble;
+    const std::string list = PrintFileList(plan_.files, prefix_);
+    manifest_.release = options_.release;
+    manifest_.lowest = options_.lowest;
+    manifest_.fileListDigest = DigestOf(list);
+    const std::string manifest = Print(manifest_);
+    const std::string unfinished = Path(kUnfinishedList);
+    if (Trouble trouble = WriteText(ManifestPath(Path(kList)), manifest)) return trouble;
+    if (Trouble trouble = WriteText(unfinished, list)) return trouble;
+    if (Trouble trouble = ReadBack(unfinished, manifest)) return trouble;
+    if (rename(unfinished.c_str(), Path(kList).c_str()) != 0) return TroubleWith(Path(kList), errno);
+    return std::nullopt;
+}
+
+Trouble PackageWriter::CopyFiles() {
+    std::set<std::string> paths = plan_.directories;
+    paths.insert(plan_.files.begin(), plan_.files.end());
+    for (const std::string& path : paths) {
+        const TreeFile& file = tree_.at(path);
+        const bool isDirectory = S_ISDIR(file.status.st_mode);
+        ManifestEntry& entry = manifest_.entries.emplace_back();
+        entry = {TargetOf(path), isDirectory, file.attributes.mode, file.user, file.group, 0, {}};
+        if (isDirectory) continue;
+        if (Trouble trouble = Copy(path, entry)) return trouble;
+    }
+    return std::nullopt;
+}
+
+// Reads the file once, for the copy and for its digest.
+Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
+    const std::string source = options_.tree + "/" + path;
+    const std::string copy = Path(kCommon) + "/" + EntryFor(path);
+    std::error_code failure;
+    fs::create_directories(fs::path(copy).parent_path(), failure);
+    if (failure) return TroubleWith(copy, failure.value());
+
+    NewFile file(copy);
+    Hasher hasher;
+    const int error = ReadBlocks(source, [&](std::string_view block) {
+        hasher.Add(block);
+        file.Add(block);
+        entry.size += static_cast<off_t>(block.size());
+    });
+    if (error != 0) return TroubleWith(source, error);
+    if (const int written = file.Finish(entry.mode)) return TroubleWith(copy, written);
+    entry.digest = hasher.Finish();
+    bytes_ += static_cast<unsigned long long>(entry.size);
+    output_.ProgressOfBytes("make", bytes_, total_);
+
+    struct stat now {};
+    if (lstat(source.c_str(), &now) != 0) return TroubleWith(source, errno);
+    if (!IsUnchanged(tree_.at(path).status, now) || entry.size != now.st_size)
+        return source + ": it changed while it was read";
+    return std::nullopt;
+}
+
+Trouble PackageWriter::WriteText(const std::string& path, const std::string& text) const {
+    NewFile file(path);
+    file.Add(text);
+    if (const int error = file.Finish(kListMode & ~CurrentUmask())) return TroubleWith(path, error);
+    return std::nullopt;
+}
+
+// The lists as the passes and the upgrade will read them have to be what was meant.
+Trouble PackageWriter::ReadBack(const std::string& listPath, const std::string& manifest) const {
+    std::vector<std::pair<std::string, std::string>> meant;
+    for (const std::string& path : plan_.files) meant.emplace_back(EntryFor(path), TargetOf(path));
+    const FileList list(listPath);
+    if (list.trouble()) return list.trouble();
+    std::vector<std::pair<std::string, std::string>> read;
+    for (const Entry& entry : list.entries()) read.emplace_back(entry.text, list.TargetOf(entry));
+    std::sort(meant.begin(), meant.end());
+    std::sort(read.begin(), read.end());
+    if (meant != read) return listPath + kOtherwise;
+
+    const std::string manifestPath = ManifestPath(Path(kList));
+    std::string text;
+    Manifest parsed;
+    const int error = ReadWhole(manifestPath, text);
+    if (error != 0) return TroubleWith(manifestPath, error);
+    if (Parse(text, parsed) || Print(parsed) != manifest) return manifestPath + kOtherwise;
+    return std::nullopt;
+}
+
+// The directory was empty: all in it is the package's.
+void PackageWriter::Remove() const {
+    std::error_code ignored;
+    for (const char* const name : {kList, kUnfinishedList, kCommon}) fs::remove_all(Path(name), ignored);
+    fs::remove(ManifestPath(Path(kList)), ignored);
+    if (isMade_) fs::remove(options_.package, ignored);
+}
+
+Trouble WhyRefused(const MakeOptions& options, const std::string& prefix) {
+    for (const std::string& release : {options.release, options.lowest}) {
+        if (!release.empty() && !IsRelease(release))
+            return release + ": a release has 1 to 64 letters, digits and \"+-._~\"";
+    }
+    const bool isNormal = prefix.empty() || fs::path(prefix).lexically_normal().string() == prefix;
+    if (options.prefix.rfind('/', 0) != 0 || !isNormal || prefix.find_first_of("\r\n") != std::string::npos)
+        return options.prefix + R"(: the prefix is no absolute path without "//", "." and "..")";
+    const std::size_t colon = options.owner.find(':');
+    const bool isOwner = colon != std::string::npos && IsOwnerName(options.owner.substr(0, colon)) &&
+                         IsOwnerName(options.owner.substr(colon + 1));
+    if (!options.owner.empty() && !isOwner) return options.owner + ": the owner is no USER:GROUP of names";
+    return std::nullopt;
+}
+
+void SetOwner(const std::string& owner, DirectoryTree& tree) {
+    const std::size_t colon = owner.find(':');
+    if (colon == std::string::npos) return;
+    for (auto& [path, file] : tree) {
+        file.user = owner.substr(0, colon);
+        file.group = owner.substr(colon + 1);
+    }
+}
+
+void Show(const MakeOptions& options, const PackagePlan& plan, unsigned long long bytes,
+          const Trouble& trouble, Output& output) {
+    output.Member("command", "make");
+    output.Member("package", options.package);
+    output.Member("files", plan.files.size());
+    output.Member("bytes", bytes);
+    output.Member("release", options.release);
+    output.BeginList("items");
+    for (const Unsaid& item : plan.unsaid) {
+        output.Item({{"path", item.path}, {"code", item.code}, {"text", item.text}});
+        output.Line("  " + output.Paint(Style::kWarning, Shown(item.path)) + "  " + Shown(item.text));
+    }
+    output.EndList();
+    if (trouble) {
+        output.Member("error", *trouble);
+        (void)std::fprintf(stderr, "vfilelist: %s\n", Shown(*trouble).c_str());
+        return;
+    }
+    const std::string unsaid =
+        plan.unsaid.empty() ? "" : "; " + Counted(plan.unsaid.size(), "thing") + " can't be said";
+    output.Line(Counted(plan.files.size(), "file") + " in " + Counted(plan.lists.size(), "list") + ", " +
+                ShownSize(bytes) + unsaid + ".");
+}
+
+}  // namespace
+
+int Make(const MakeOptions& options, Output& output) {
+    std::string prefix = WithoutTrailingSlashes(options.prefix);
+    if (prefix == "/") prefix.clear();
+    TreeFacts facts;
+    PackagePlan plan;
+    Trouble trouble = WhyRefused(options, prefix);
+    if (!trouble) trouble = ReadTrees(options.tree, options.base, output, facts);
+    if (!trouble) {
+        SetOwner(options.owner, facts.files);
+        plan = Decide(facts, prefix, options.owner.empty());
+    }
+    const bool hasNothing = !trouble && plan.files.empty();
+    if (hasNothing) {
+        trouble = options.package + ": nothing to install is left, and no package is made";
+    } else if (!trouble) {
+        trouble = PackageWriter(options, prefix, facts.files, plan, output).Write();
+        if (trouble) plan.files.clear();
+    }
+    Show(options, plan, SizeOf(facts.files, plan.files), trouble, output);
+    if (trouble) return hasNothing ? kFindings : kWrongUse;
+    return plan.unsaid.empty() || options.isAllowed ? kFine : kFindings;
+}
