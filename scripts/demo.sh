@@ -14,7 +14,8 @@ unset VLOGGER_STDERR
 log=$VLOGGER_DIRECTORY/TarnFramework_upgrade.log
 umask 022
 
-package=$work/package  # what is to be installed: a file list, and the new files in Common/
+new=$work/new          # the release that is to be installed
+package=$work/package  # the package made of it: a file list, the files in Common/, a manifest and its signature
 app=$work/app          # where the release is installed
 before=$work/before    # a copy of the release, to compare with
 state=$work/state      # what belongs to the open upgrade; /var/lib/vfilelist on a server
@@ -72,32 +73,42 @@ verified() { good "Checked with sha256sum: $*"; }
 run_vfilelist() {  # STATUS COMMAND [OPTION|FILE...]
     local status=0
     local -a place=(--state "$state")
-    if [[ $2 == check ]]; then place=(); fi
+    case $2 in
+        make) place=() ;;
+        check | upgrade) place+=(--trusted "$work/trusted") ;;
+    esac
     command_line "vfilelist ${*:2}"
     { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
     wait "$!"
     [[ $status == "$1" ]] || die "vfilelist $2 ended with $status instead of $1"
 }
 
-write_file_list() {  # BIN-FILES LIB-FILES
-    cat >"$package/filelist.ini" <<INI
-[Package_Intall_Type]
-PackageIntallType=Server
-[Server]
-BinFiles=$app/bin
-LibFiles=$app/lib
-[BinFiles]
-f1=$1
-[LibFiles]
-f1=$2
-INI
+run_openssl() {  # ARGUMENT...
+    command_line "openssl $*"
+    (cd "$work" && openssl "$@" 2>/dev/null) || die "openssl failed"
 }
 
+# The new release is a directory tree; vfilelist makes a package of it, and its maker signs it.
 make_package() {
-    mkdir -p "$package/Common/bin" "$package/Common/lib"
-    cp "$(command -v ls)" "$(command -v gzip)" "$package/Common/bin/"
-    cp "$build/BaseAPI/VFileSys/libVFileSys.so" "$build/platform/libVIni.so" "$package/Common/lib/"
-    write_file_list bin/ls,bin/gzip lib/libVFileSys.so,lib/libVIni.so
+    mkdir -p "$new/bin" "$new/lib"
+    cp "$(command -v ls)" "$(command -v gzip)" "$new/bin/"
+    cp "$build/BaseAPI/VFileSys/libVFileSys.so" "$build/platform/libVIni.so" "$new/lib/"
+    run_vfilelist 0 make --tree new --prefix "$app" --release 2.0 package
+    mkdir "$work/trusted"
+    run_openssl genpkey -algorithm ed25519 -out maker.key
+    run_openssl pkey -in maker.key -pubout -out trusted/maker.pem
+    sign_package
+}
+
+sign_package() {
+    run_openssl pkeyutl -sign -rawin -inkey maker.key -in package/filelist.ini.mtree -out package/filelist.ini.mtree.sig
+}
+
+# Makes the package anew, of a tree that has changed.
+remake_package() {  # RELEASE
+    rm -r "$package"
+    run_vfilelist 0 make --tree new --prefix "$app" --release "$1" package
+    sign_package
 }
 
 # The older release has another program for ls, libraries without debug information, and no gzip.
@@ -116,12 +127,13 @@ replaced='bin/ls lib/libVFileSys.so lib/libVIni.so'
 
 prepare() {
     heading "1. A package, and an older release"
-    make_package
-    install_old_release
     tell "Everything lies in $work, and paths are shown from there." \
-        "The package has a file list, package/filelist.ini, and beside it the new files, in package/Common:"
+        "A new release is a directory tree. A package is made of it, and signed:"
+    make_package
+    tell "The package has a file list, package/filelist.ini, and beside it the new files, in package/Common:"
     sed "s|$work/||; s|^|  |" "$package/filelist.ini"
-    show_tree "$package/Common"
+    show_tree "$package"
+    install_old_release
     tell "The release, in app, has older files under the same names, no gzip, and a file that no list names:"
     show_tree "$app"
 }
@@ -165,12 +177,26 @@ commit() {
     verified "no backup is left, and app.conf, which no list names, is as it was."
 }
 
-failed_upgrade() {
-    heading "4. An upgrade that fails half-way"
+forged_package() {
+    heading "4. A package that somebody has changed"
     rm -rf "$before"
     cp -a "$app" "$before"
-    cp "$(command -v cat)" "$package/Common/bin/ls"
-    tell "The next package has another ls. The disk has no room for the libraries (here: no file may be larger than 64 KiB):"
+    cp "$(command -v cat)" "$new/bin/ls"
+    remake_package 2.1
+    printf x >>"$package/Common/bin/ls"
+    tell "The next package has another ls. On its way somebody adds a byte to it:"
+    run_vfilelist 1 upgrade package/filelist.ini
+    tell "And an older package, well signed, is played again:"
+    remake_package 1.9
+    run_vfilelist 1 upgrade package/filelist.ini
+    expect_old_release
+    verified "no file was touched."
+    remake_package 2.1
+}
+
+failed_upgrade() {
+    heading "5. An upgrade that fails half-way"
+    tell "The package is as it was made now, but the disk has no room for the libraries (here: no file may be larger than 64 KiB):"
     (ulimit -f 64 && run_vfilelist 1 upgrade package/filelist.ini)
     show_app
     expect_old_release
@@ -179,11 +205,11 @@ failed_upgrade() {
 
 killed_upgrade() {
     local process
-    heading "5. An upgrade that is killed in the middle"
-    truncate -s 256M "$package/Common/lib/large"
-    write_file_list bin/ls,bin/gzip lib/libVFileSys.so,lib/libVIni.so,lib/large
+    heading "6. An upgrade that is killed in the middle"
+    truncate -s 256M "$new/lib/large"
+    remake_package 2.2
     command_line "vfilelist upgrade package/filelist.ini &"
-    (cd "$work" && exec "$vfilelist" upgrade package/filelist.ini --state "$state" >/dev/null) &
+    (cd "$work" && exec "$vfilelist" upgrade package/filelist.ini --state "$state" --trusted "$work/trusted" >/dev/null) &
     process=$!
     until [[ -e $app/lib/large ]] || ! kill -0 "$process" 2>/dev/null; do sleep 0.01; done
     command_line "kill -9 %1"
@@ -212,7 +238,7 @@ private_view() {
 tour() {
     local line
     local -a command=("$build/examples/Tour" "$work/tour")
-    heading "6. A tour of the library: each class does one real thing, and logs it"
+    heading "7. A tour of the library: each class does one real thing, and logs it"
     mkdir "$work/tour"
     if private_view true 2>/dev/null; then
         command=(private_view "${command[@]}" --with-helper)
@@ -234,6 +260,7 @@ tour() {
 prepare
 upgrade
 commit
+forged_package
 failed_upgrade
 killed_upgrade
 tour

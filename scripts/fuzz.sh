@@ -9,6 +9,8 @@ PathJoin        8400  joining paths and taking them apart, by the model
 SplitString     4096  SplitString and GetFileName of the upgrade tool, by an obvious one
 FileList        4096  the file list that the upgrade tool reads, by what was written
 IniParser       8192  VIni on any bytes, by itself and by the sizes of its buffers
+Journal         4096  journals and receipts on any bytes, by printing and reading them again
+Manifest        4096  manifests on any bytes, by printing and reading them again
 GzipDecompress  4096  GzipDecompress on any bytes, by zlib fed byte by byte
 GzipRoundTrip   4096  GzipCompress, by GzipDecompress and zlib
 CompressString  4096  CompressString, by zlib

@@ -170,15 +170,17 @@ TEST_F(ProvenanceTest, FindsAReleaseThatMayNotFollow) {
     };
     for (const char* const release : {"", "1.5", "1.10", "2.0"})
         EXPECT_THAT(found(release), IsEmpty()) << release;
+    EXPECT_THAT(found("1.4"), ElementsAre("E-RELEASE-ORDER package/filelist.ini.mtree: the package replaces "
+                                          "1.5 and later ones, and 1.4 is installed"));
     EXPECT_THAT(
-        found("1.4"),
-        ElementsAre("E-RELEASE-ORDER : the package replaces 1.5 and later ones, and 1.4 is installed"));
-    EXPECT_THAT(found("2.0.1"), ElementsAre("E-RELEASE-ORDER : the package is 2.0, and 2.0.1 is installed"));
+        found("2.0.1"),
+        ElementsAre(
+            "E-RELEASE-ORDER package/filelist.ini.mtree: the package is 2.0, and 2.0.1 is installed"));
 
     manifest.release.clear();
     Write(manifest);
-    EXPECT_THAT(found("1.5"),
-                ElementsAre("E-RELEASE-ORDER : the package names no release, and 1.5 is installed"));
+    EXPECT_THAT(found("1.5"), ElementsAre("E-RELEASE-ORDER package/filelist.ini.mtree: the package names no "
+                                          "release, and 1.5 is installed"));
     EXPECT_THAT(found(""), IsEmpty());
     ASSERT_EQ(unlink(ManifestPath(package_.ListPath()).c_str()), 0);
     EXPECT_THAT(found("2.0.1"), IsEmpty()) << "a package without a manifest has no release";
@@ -216,7 +218,9 @@ TEST_F(ProvenanceTest, ChecksAgainstTheReceiptOfThisMachineUnlessThatIsNotToBeRe
     };
     const std::string path =
         package_.scratch().Write("state/receipt", "vfilelist-receipt 1\nupgrade 1.1 /list 1 1\n");
-    EXPECT_THAT(codes(""), ElementsAre("E-RELEASE-ORDER : the package is 1.0, and 1.1 is installed"));
+    EXPECT_THAT(
+        codes(""),
+        ElementsAre("E-RELEASE-ORDER package/filelist.ini.mtree: the package is 1.0, and 1.1 is installed"));
     EXPECT_THAT(codes(package_.scratch().MakeDirectory("root")), IsEmpty()) << "it is about another machine";
 
     package_.scratch().Write("state/receipt", "vfilelist-receipt 1\nupgrade 1.1");

@@ -50,14 +50,15 @@ check_commands() {
 }
 
 check_vfilelist_options() {
-    expect '--errors-only --help --json --root' vfilelist check -
-    expect '--help --json' vfilelist plan -
-    expect '--expect --help --ignore-modes --json' vfilelist verify -
+    expect '--errors-only --help --json --root --state --trusted' vfilelist check -
+    expect '--help --json --trusted' vfilelist plan -
+    expect '--expect --help --ignore-modes --installed --json --state --trusted' vfilelist verify -
+    expect '--expect --help --ignore-modes --json --state --trusted' vfilelist verify filelist.ini -
     expect '--dry-run --help --json --only-modes --partial --state' vfilelist rollback -
     expect '--allow --base --help --json --lowest --owner --prefix --release --tree' vfilelist make -
     expect '--json' vfilelist verify filelist.ini --j
     # What is there already, and what it excludes, would be refused.
-    expect '--errors-only --help --root' vfilelist check --json -
+    expect '--errors-only --help --root --state --trusted' vfilelist check --json -
     expect '--dry-run --help --json --state' vfilelist rollback --only-modes -
     expect '--dry-run --help --json --state' vfilelist rollback --partial -
     expect '--partial' vfilelist rollback filelist.ini --dry-run --p

@@ -85,7 +85,8 @@ void CheckReceipt(Inspection& inspection, const std::optional<Manifest>& manifes
                   bool isThorough) {
     const std::string installed = receipt.Release();
     const auto refuse = [&](const std::string& why) {
-        inspection.findings.push_back({&KindOf("E-RELEASE-ORDER"), "", "", "", "", why});
+        inspection.findings.push_back(
+            {&KindOf("E-RELEASE-ORDER"), "", "", "", ManifestPath(inspection.list.iniPath()), why});
     };
     if (manifest && !installed.empty()) {
         const std::string is = ", and " + installed + " is installed";
