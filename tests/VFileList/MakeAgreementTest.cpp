@@ -84,6 +84,9 @@ std::string Grower::Name() {
                                                    "\xc3\xbc",  "\xff\xfe",  "\xef\xbb\xbf",
                                                    "\x01\x7f",  "Common",    "filelist.ini",
                                                    "f0001",     "Server",    "Package_Intall_Type"};
+    // Those that have to do with each other, more often.
+    static const std::vector<std::string> related = {"a", "b", "a.bak", "b.bak", "a,b", "a%2Cb"};
+    if (Chance(35)) return One(related);
     if (Chance(70)) return One(names);
     if (Chance(20))
         return std::string(One(std::vector<std::size_t>{240, 247, 251, 252, 255}),
