@@ -107,6 +107,33 @@ void AddVerifyRow() {
         .Growing("vfilelist verify, MiB", MiB);
 }
 
+// A tree of one file, of which no package was made yet.
+template <int MiB>
+std::string LargeTree() {
+    const std::string path = MemoryDirectory() + "/tree" + std::to_string(MiB);
+    if (!fs::exists(path)) {
+        std::string content;
+        const std::string block = SomeBytes(std::size_t{1} << 20);
+        for (int i = 0; i < MiB; ++i) content += block;
+        WriteFile(path + "/new/file", content);
+    }
+    fs::remove_all(path + "/package");
+    fs::remove(path + "/copy");
+    return path;
+}
+
+template <int MiB>
+void AddMakeRow() {
+    AddRow("vfilelist", "make of a file of " + std::to_string(MiB) + " MiB")
+        .OursTimed(Running(LargeTree<MiB>, VFILELIST_PATH
+                           " make --tree new --prefix /opt --owner root:root package >/dev/null"))
+        .BesideTimed("cp, sha256sum", MiB == 256 ? 1.1 : 0,
+                     Running(LargeTree<MiB>, "cp new/file copy && sha256sum copy >/dev/null"))
+        .BesideTimed("cp, openssl dgst", MiB == 256 ? 1.1 : 0,
+                     Running(LargeTree<MiB>, "cp new/file copy && openssl dgst -sha256 copy >/dev/null"))
+        .Growing("vfilelist make, MiB", MiB);
+}
+
 // The upgrades of vfilelist. Their files are tiny, so that what each file costs shows.
 
 constexpr int kEntriesPerKey = 200;
@@ -253,6 +280,8 @@ void AddUpgradeRows() {
     AddVerifyRow<64>();
     AddVerifyRow<256>();
     AddVerifyRow<1024>();
+    AddMakeRow<16>();
+    AddMakeRow<256>();
     AddUpgradeRows();
     return true;
 }();

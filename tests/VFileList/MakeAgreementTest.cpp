@@ -264,6 +264,16 @@ std::string Lines(const Differences& differences) {
     return text;
 }
 
+Differences ReportedBy(const nlohmann::json& report) {
+    const std::set<std::string> aspects = {"mode", "owner", "attributes", "hard-link"};
+    Differences reported;
+    for (const nlohmann::json& item : report["items"]) {
+        const std::string code = item["code"];
+        reported.emplace(item["path"], aspects.count(code) != 0 ? code : "there");
+    }
+    return reported;
+}
+
 class MakeAgreementTest : public testing::Test {
 protected:
     void ExpectAgreement(unsigned seed);
@@ -288,6 +298,14 @@ private:
         [this](const char* path, struct stat* status) { return calls::real::stat(InPlaceOf(path), status); }};
     const Replaced<calls::Hook<int(int)>> fsync_{calls::fsync, [](int) { return 0; }};
 };
+
+// Without what it says on standard error, which the report has as well.
+nlohmann::json MakeQuietly(const MakeOptions& options, int& status) {
+    testing::internal::CaptureStderr();
+    nlohmann::json report = ReportOf([&](Output& output) { return Make(options, output); }, &status);
+    (void)testing::internal::GetCapturedStderr();
+    return report;
+}
 
 void ExpectNoErrors(const std::string& list) {
     Output quiet(false);
@@ -368,11 +386,8 @@ void MakeAgreementTest::ExpectAgreement(unsigned seed) {
     const TreeSnapshot before = hasBase ? TakeSnapshot(prefix) : TreeSnapshot();
 
     int status = -1;
-    testing::internal::CaptureStderr();
-    const nlohmann::json report = ReportOf([&](Output& output) { return Make(options, output); }, &status);
-    const std::string error = testing::internal::GetCapturedStderr();
-
-    ASSERT_NE(status, 2) << error;
+    const nlohmann::json report = MakeQuietly(options, status);
+    ASSERT_NE(status, 2) << report.dump(1);
     const bool isMade = report["files"] > 0;
     EXPECT_EQ(fs::exists(options.package), isMade);
     EXPECT_EQ(status, !isMade || !report["items"].empty() ? 1 : 0);
@@ -387,12 +402,7 @@ void MakeAgreementTest::ExpectAgreement(unsigned seed) {
     for (const auto& [path, what] : Compare(newTree, wanted, prefix, after, before)) {
         if (path != "." || isMade || hasBase) found.emplace(InJson(path), what);
     }
-    Differences reported;
-    const std::set<std::string> aspects = {"mode", "owner", "attributes", "hard-link"};
-    for (const nlohmann::json& item : report["items"]) {
-        const std::string code = item["code"];
-        reported.emplace(item["path"], aspects.count(code) != 0 ? code : "there");
-    }
+    const Differences reported = ReportedBy(report);
     EXPECT_EQ(found, reported) << "found:\n"
                                << Lines(found) << "reported:\n"
                                << Lines(reported) << report.dump(1);

@@ -222,9 +222,9 @@ TEST_F(MakeTest, SpreadsEntriesOverKeysThatTheToolReads) {
 TEST_F(MakeTest, FillsAValueUpTo4094Bytes) {
     const auto lengths = [this] {
         EXPECT_THAT(Unsaid(), IsEmpty());
+        const FileList list(scratch_.Path("package/filelist.ini"));
         std::vector<std::size_t> found;
-        for (const ListKey& key : FileList(scratch_.Path("package/filelist.ini")).lists().at(0).keys)
-            found.push_back(key.valueLength);
+        for (const ListKey& key : list.lists().at(0).keys) found.push_back(key.valueLength);
         return found;
     };
     // With "./" before each and a comma between two, 45 times 90 bytes and 44.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -22,6 +23,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kList[] = "filelist.ini";
+constexpr char kCommon[] = "Common";
+constexpr char kOtherwise[] = ": it can't be read as it was written";
+constexpr char kUnfinishedList[] = "filelist.ini.part";  // no pass treats it as the list
 constexpr mode_t kListMode = 0666;
 
 // Writes a file that is not there yet. What fails first, Finish says.
@@ -56,6 +61,13 @@ private:
     int error_;
 };
 
+Trouble WriteText(const std::string& path, const std::string& text) {
+    NewFile file(path);
+    file.Add(text);
+    if (const int error = file.Finish(kListMode & ~CurrentUmask())) return TroubleWith(path, error);
+    return std::nullopt;
+}
+
 unsigned long long SizeOf(const DirectoryTree& tree, const std::set<std::string>& files) {
     unsigned long long bytes = 0;
     for (const std::string& path : files) {
@@ -82,7 +94,6 @@ private:
     Trouble WriteAll();
     Trouble CopyFiles();
     Trouble Copy(const std::string& path, ManifestEntry& entry);
-    Trouble WriteText(const std::string& path, const std::string& text) const;
     Trouble ReadBack(const std::string& listPath, const std::string& manifest) const;
     void Remove() const;
 
@@ -96,11 +107,6 @@ private:
     const unsigned long long total_ = SizeOf(tree_, plan_.files);
     unsigned long long bytes_ = 0;
 };
-
-constexpr char kList[] = "filelist.ini";
-constexpr char kCommon[] = "Common";
-constexpr char kOtherwise[] = ": it can't be read as it was written";
-constexpr char kUnfinishedList[] = "filelist.ini.part";  // no pass takes it for the list
 
 Trouble PackageWriter::Write() {
     if (Trouble trouble = MakeDirectory()) return trouble;
@@ -173,13 +179,6 @@ Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
     if (lstat(source.c_str(), &now) != 0) return TroubleWith(source, errno);
     if (!IsUnchanged(tree_.at(path).status, now) || entry.size != now.st_size)
         return source + ": it changed while it was read";
-    return std::nullopt;
-}
-
-Trouble PackageWriter::WriteText(const std::string& path, const std::string& text) const {
-    NewFile file(path);
-    file.Add(text);
-    if (const int error = file.Finish(kListMode & ~CurrentUmask())) return TroubleWith(path, error);
     return std::nullopt;
 }
 
