@@ -33,13 +33,15 @@ build() {  # PRESET [TARGET...]
     NINJA_STATUS='[%f/%t] ' "${launcher[@]}" cmake --build --preset "$preset" --parallel "$(nproc)" ${1:+--target "$@"}
 }
 
-# Runs every test of the preset; ends with what was skipped and why.
-run_tests() {  # PRESET
-    local status=0
-    local -a progress=()
-    if is_terminal && [[ ${CI:-} != true ]]; then progress=(--progress); fi
-    "${launcher[@]}" ctest --preset "$1" -j "$(nproc)" --output-on-failure --no-tests=error "${progress[@]}" || status=$?
-    list_skipped "build/$1/Testing/Temporary/LastTest.log"
+# Runs every test of the preset, or those of some test programs; ends with what was skipped and why.
+run_tests() {  # PRESET [PROGRAM...]
+    local preset=$1 status=0
+    shift
+    local -a options=(--output-on-failure --no-tests=error)
+    if is_terminal && [[ ${CI:-} != true ]]; then options+=(--progress); fi
+    if (($# > 0)); then options+=(--label-regex "^($(IFS='|' && echo "$*"))\$"); fi
+    "${launcher[@]}" ctest --preset "$preset" -j "$(nproc)" "${options[@]}" || status=$?
+    list_skipped "build/$preset/Testing/Temporary/LastTest.log"
     return "$status"
 }
 
