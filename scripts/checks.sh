@@ -27,7 +27,7 @@ valgrind  build,test,valgrind     Memcheck finds no leak and no invalid access i
 tsan      build,test,tsan         The tests pass with ThreadSanitizer
 arm64     build,test,arm64        The tests pass on AArch64, in the emulator
 mutation  build,test,mutation     The tests notice small faults in the sources (a sample; MUTANTS=all: every one)
-soak      build,test,powerloss    The long tests pass with a hundred times the repetitions: paths, directories, long use, kills, power cuts
+soak      build,test,powerloss,arm64 The long tests pass with a hundred times the repetitions: paths, directories, long use, kills, power cuts
 '
 mapfile -t all_checks < <(table_rows "$checks" | cut -d' ' -f1)
 
@@ -71,9 +71,13 @@ check_tsan() {
             return 0
         fi
     fi
+    # Threads are the library's, the stand-ins' and their users' business: vfilelist has none.
+    local -a programs=(vfilesys_tests platform_tests process_tests fault_tests example_tests)
+    local -a of_programs=(--label-regex "^($(IFS='|' && echo "${programs[*]}"))\$")
     configure tsan
-    build tsan
-    run_tests tsan
+    build tsan "${programs[@]}"
+    # Left out by the preset: long sweeps of what has no threads.
+    run_tests tsan "${of_programs[@]}"
 }
 
 check_coverage() {
@@ -89,8 +93,8 @@ check_coverage() {
     build coverage
     find build/coverage -name '*.gcda' -delete
     # Left out by the preset: tests that kill programs, since these take their counters along; those that limit the
-    # size of files, the counters' too; and the sweeps over all calls, which reach nothing new and would meet the
-    # calls that write counters.
+    # size of files, the counters' too; and the sweep over all calls of vfilelist, which reaches nothing new and would
+    # meet the calls that write counters. Other such sweeps are not even built.
     run_tests coverage
     gcovr "${options[@]}" --json "$report" build/coverage
     /usr/bin/python3 scripts/coverage.py "$report" tests/coverage/unreachable.txt
@@ -100,7 +104,7 @@ check_arm64() { test_arm64; }
 
 # Another sample with each commit, the same one for everybody.
 check_mutation() {
-    local -a sample=(--sample 80 --seed "$(git rev-parse HEAD)")
+    local -a sample=(--sample 40 --seed "$(git rev-parse HEAD)")
     if [[ ${MUTANTS:-} == all ]]; then sample=(); fi
     # Broken code runs there, or not at all.
     if ! bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --unshare-net --unshare-ipc true; then
@@ -119,16 +123,17 @@ check_tidy() {
         2> >(grep -vE 'warnings? generated\.$' >&2)
 }
 
-# Both kinds of build, since the optimiser and the fortified headers change which names are imported.
+# All kinds of build, since the optimiser and the fortified headers change which names are imported. The tests have a
+# debug build.
 check_symbols() {
-    local preset
-    for preset in release debug; do
-        configure "$preset"
-        build "$preset" VFileSys VCopyFileListIni vfilelist
-        tests/symbols/check.sh "build/$preset/BaseAPI/VFileSys/libVFileSys.so" \
-            "build/$preset/BaseAPI/VCopyFileListIni/VCopyFileListIni" \
-            "build/$preset/BaseAPI/VFileList/vfilelist"
-    done
+    configure default
+    build default VFileSys VCopyFileListIni vfilelist
+    quietly "Looking at the default build, one for debugging, one for large files" \
+        ctest --preset default --tests-regex '^symbols' --no-tests=error
+    configure release
+    build release VFileSys VCopyFileListIni vfilelist
+    tests/symbols/check.sh build/release/BaseAPI/VFileSys/libVFileSys.so \
+        build/release/BaseAPI/VCopyFileListIni/VCopyFileListIni build/release/BaseAPI/VFileList/vfilelist
 }
 
 check_fuzz() {
@@ -201,16 +206,22 @@ check_powerloss() {
 
 check_soak() {
     configure default
-    build default vfilesys_tests vfilelist_tests killed_upgrade_tests killed_transaction_tests state_space_tests \
-        VCopyFileListIni vfilelist
+    build default vfilesys_tests vfilelist_tests killed_upgrade_tests killed_transaction_tests transaction_tests \
+        state_space_tests
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilesys_tests \
         --gtest_filter='VPathTest.AgreesWith*:*Exhaustive*:*WithoutGrowing:*FromManyThreads*:ConcurrencyTest.Long*'
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilelist_tests --gtest_filter='MakeAgreementTest.*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_upgrade_tests \
         --gtest_filter='KilledLongUpgradeTest.*:*.EndsWellWherever*'
     VFILESYS_TEST_SCALE=100 build/default/tests/killed_transaction_tests --gtest_filter='-*.*WhateverFails'
+    VFILESYS_TEST_SCALE=100 build/default/tests/transaction_tests --gtest_filter='UpAndDownTest.*'
     VFILESYS_TEST_SCALE=100 build/default/tests/state_space_tests
     VFILESYS_TEST_SCALE=10 build/default/tests/killed_transaction_tests --gtest_filter='*.*WhateverFails'
+    VFILESYS_TEST_SCALE=100 build/default/tests/vfilelist_tests --gtest_filter='TransactionFaultsTest.*Killed*'
+    prepare_arm64
+    configure arm64
+    build arm64 vfilelist_tests
+    VFILESYS_TEST_SCALE=100 build/arm64/emulated/vfilelist_tests --gtest_filter='TransactionFaultsTest.*Killed*'
     tests/powerloss/check.sh build/default --states 10000 --most 100000
 }
 
@@ -255,12 +266,15 @@ check_valgrind() {
     note "$(find "$logs" -name '*.[0-9]*' | wc -l) processes watched"
 }
 
-# The tests are those of a build of the same kind; the libraries that they run on are the installed ones.
+# The libraries come from the installation, whatever else is the default build's. vfilelist has its code in itself: its
+# tests look at the same as before.
 check_delivered() {
+    local -a programs=(vfilesys_tests platform_tests process_tests fault_tests example_tests)
+    local -a of_programs=(--label-regex "^($(IFS='|' && echo "${programs[*]}"))\$")
     install_release
-    configure delivered
-    build delivered
-    LD_LIBRARY_PATH=$PWD/build/installed/lib run_tests delivered
+    configure default
+    build default "${programs[@]}"
+    LD_LIBRARY_PATH=$PWD/build/installed/lib run_tests default "${of_programs[@]}"
 }
 
 check_man() {

@@ -40,10 +40,10 @@ PRESET = "debug"
 WORK = pathlib.Path("build/mutation").resolve()
 TREE = WORK / "tree"
 BUILD = f"build/{PRESET}"
-TARGETS = ["all"]
 # In the order in which they are tried.
 PROGRAMS = ["vfilesys_tests", "process_tests", "example_tests", "vfilelist_tests", "fault_tests",
             "killed_upgrade_tests"]
+TARGETS = PROGRAMS
 
 Mutant = collections.namedtuple("Mutant", "file begin end text label")
 

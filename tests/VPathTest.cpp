@@ -769,9 +769,9 @@ void GoDown(const std::string& path, std::size_t from) {
     }
 }
 
-// A sanitizer and an emulator make everything many times slower.
+// A sanitizer, memcheck and an emulator make everything many times slower.
 long Rounds(long count) {
-    return heap::IsCounted() && !VFS_TEST_EMULATED ? count * TestScale() : count / 20;
+    return heap::IsCounted() && !kIsSlow ? count * TestScale() : count / 100;
 }
 
 void CompareWithModel(const std::string& workingDirectory, unsigned seed, long shortTexts, long longTexts) {

@@ -12,6 +12,7 @@
 #include "FaultTexts.h"
 #include "LogRecorder.h"
 #include "Process.h"
+#include "Scale.h"
 #include "Sweep.h"
 #include "SystemCalls.h"
 #include "Tool.h"
@@ -276,7 +277,7 @@ std::string RepeatWithFault(Pass pass, unsigned long seed) {
 // A pass fails somewhere, the attempt to repeat it fails somewhere else, and the one behind it ends well.
 TEST(UpgradeFaultsTest, AThousandPairsOfFaults) {
     CONTINUE_IN_PRIVATE_NAMESPACE({});
-    constexpr int kPairs = VFS_TEST_EMULATED ? 100 : 1000;
+    constexpr int kPairs = kIsSlow ? 100 : 1000;
     std::mt19937 random(20261121);
     std::vector<Pass> passes = {PassBehind({}, "-rename"), PassBehind({"-rename"}, "-copy"),
                                 PassBehind({"-rename", "-copy"}, "-clean")};

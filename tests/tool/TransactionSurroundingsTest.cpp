@@ -162,6 +162,8 @@ TEST_F(TransactionSurroundingsTest, GoesOnToTheEndWithoutStandardStreams) {
 }
 
 TEST_F(TransactionSurroundingsTest, ChangesNothingWhereTheStateDirectoryIsFull) {
+    if (VFS_TEST_EMULATED)
+        GTEST_SKIP() << "the copy that is kept would be that of the emulator, a larger one";
     SKIP_WITHOUT_PRIVATE_NAMESPACE();
     const std::vector<std::string> small = {"--size", "65536", "--tmpfs", release_.StatePath()};
     ExpectRefused(RunInside(small, "\"$@\"", "upgrade"), 1,
