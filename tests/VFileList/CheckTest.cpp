@@ -288,17 +288,10 @@ const std::vector<Case>& Cases() {
 
 // Those that need a namespace, a process or a file system of their own; each has tests below.
 // Those of the manifest and the receipt are in their own tests.
-const std::set<std::string> kOtherCases = {"E-PACKAGE-UNSIGNED",
-                                           "E-MANIFEST-INVALID",
-                                           "E-MANIFEST-DIFFERS",
-                                           "E-RELEASE-ORDER",
-                                           "W-INSTALLED-CHANGED",
-                                           "W-TARGET-BUSY",
-                                           "W-SPACE",
-                                           "W-TARGET-NOT-WRITABLE",
-                                           "E-TARGET-LOCKED",
-                                           "E-TARGET-MOUNT",
-                                           "W-ATTRIBUTES-LOST"};
+const std::set<std::string> kOtherCases = {
+    "E-PACKAGE-UNSIGNED",    "E-MANIFEST-INVALID",  "E-MANIFEST-DIFFERS", "E-RELEASE-ORDER",
+    "E-RECEIPT-UNREADABLE",  "W-INSTALLED-CHANGED", "W-TARGET-BUSY",      "W-SPACE",
+    "W-TARGET-NOT-WRITABLE", "E-TARGET-LOCKED",     "E-TARGET-MOUNT",     "W-ATTRIBUTES-LOST"};
 
 class CheckTest : public testing::Test {
 protected:

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -283,6 +284,34 @@ TEST_F(InstallTest, SaysWhenANewFileCanNotHaveTheOwnerOfTheManifest) {
     EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": Input/output error");
 }
 
+TEST_F(InstallTest, TakesAnInheritedListAwayFromANewFileOfTheManifest) {
+    Copy();
+    // user::rw-, user:1234:rwx, group::r--, mask::rwx, other::r--
+    const std::string list(
+        "\2\0\0\0\1\0\6\0\377\377\377\377\2\0\7\0\322\4\0\0\4\0\4\0\377\377\377\377"
+        "\20\0\7\0\377\377\377\377\40\0\4\0\377\377\377\377",
+        44);
+    const std::string path = scratch_.Path("fresh");
+    ASSERT_EQ(setxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size(), 0), 0);
+    fresh().package.owner = Owner{geteuid(), getegid()};
+    fresh().package.mode = 0664;
+    (void)InstallAll();
+
+    EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0), -1);
+    EXPECT_EQ(StatusOf(path).st_mode & 07777, 0664U);
+}
+
+TEST_F(InstallTest, RefusesAFileThatIsWrittenToAfterItWasCompared) {
+    Copy();
+    const auto write = [this](int fd, mode_t mode) {
+        std::ofstream(scratch_.Path("fresh")) << "evil";
+        return calls::real::fchmod(fd, mode);
+    };
+    const Replaced replaced(calls::fchmod, write);
+    Stamp stamp;
+    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": another process has written to it");
+}
+
 TEST_F(InstallTest, GivesDirectoriesTheirModesFromTheInnermostOutwards) {
     const std::string outer = scratch_.MakeDirectory("outer");
     const std::string inner = scratch_.MakeDirectory("outer/inner");
@@ -308,7 +337,7 @@ TEST_F(InstallTest, GivesDirectoriesTheirModesFromTheInnermostOutwards) {
 
 TEST_F(InstallTest, SaysWhichDirectoryCanNotHaveItsMode) {
     const std::string path = scratch_.MakeDirectory("directory");
-    journal_.directoryModes = {{path, 0755, {geteuid(), getegid()}}};
+    journal_.directoryModes = {{path, 0711, {geteuid(), getegid()}}};
     {
         const Replaced replaced(calls::fchown, kFails);
         EXPECT_EQ(InstallDirectories(journal_), path + ": Input/output error");

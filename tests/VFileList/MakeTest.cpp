@@ -125,7 +125,7 @@ TEST_F(MakeTest, WritesAListAManifestAndTheFiles) {
                   HexOf(DigestOf("new")) + "\n");
     EXPECT_THAT(scratch_.List("package"), ElementsAre("Common", "filelist.ini", "filelist.ini.mtree"));
     EXPECT_EQ(Packaged("Common/bin/tool"), "a tool");
-    EXPECT_EQ(PermissionsOf(scratch_.Path("package/Common/bin/tool")), 04755U);
+    EXPECT_EQ(PermissionsOf(scratch_.Path("package/Common/bin/tool")), 0755U) << "the copy is the maker's";
     EXPECT_EQ(PermissionsOf(scratch_.Path("package/Common/readme")), 0444U);
     EXPECT_EQ(PermissionsOf(scratch_.Path("package/filelist.ini")), 0644U);
 }

@@ -65,9 +65,9 @@ TEST(ManifestTest, AnyByteOfANameIsReadAsItWasWritten) {
     }
 }
 
-TEST(ManifestTest, FindsEntriesByTheirPathsInWhateverOrderTheyStand) {
+TEST(ManifestTest, FindsEntriesByTheirPaths) {
     const std::string line = " type=dir mode=0755 uname=root gname=root\n";
-    const Manifest manifest = Parsed(kBegin + "./c" + line + "./a" + line + "./b" + line);
+    const Manifest manifest = Parsed(kBegin + "./a" + line + "./b" + line + "./c" + line);
 
     for (const char* const path : {"/a", "/b", "/c"}) {
         ASSERT_NE(manifest.Find(path), nullptr) << path;
@@ -121,6 +121,7 @@ TEST(ManifestTest, RefusesEntriesThatLackSomethingOrAreSomethingElse) {
         {"./f type=link mode=0644 link=x" + owner, "/f: neither a file nor a directory"},
         {"./../f type=dir mode=0755" + owner, "./../f: not a path below the root directory"},
         {"./a/../f type=dir mode=0755" + owner, "./a/../f: not a path below the root directory"},
+        {"./f/ type=dir mode=0755" + owner, "./f/: not a path below the root directory"},
         {"a/f type=dir mode=0755" + owner, "a/f: not a path below the root directory"},
         {"f type=dir mode=0755" + owner, "f: not a path below the root directory"},
         {". type=dir mode=0755" + owner, ".: not a path below the root directory"},
@@ -128,6 +129,27 @@ TEST(ManifestTest, RefusesEntriesThatLackSomethingOrAreSomethingElse) {
         {"/f type=file", "Can't parse line 3"},
     };
     for (const auto& [line, why] : cases) EXPECT_EQ(WhyNot(kBegin + line + "\n"), why) << line;
+}
+
+TEST(ManifestTest, RefusesWhatCouldHaveBeenWrittenInAnotherWay) {
+    const std::string line = " type=dir mode=0755 uname=root gname=root\n";
+    const std::string file = " type=file mode=0644 uname=root gname=root size=1 sha256digest=" + kOnes + "\n";
+    const std::string texts[] = {
+        kBegin + "./b" + line + "./a" + line,
+        kBegin + "./a" + line + "./a type=dir mode=04777 uname=root gname=root\n",
+        kBegin + "/set mode=0755\n./a type=dir uname=root gname=root\n",
+        kBegin + "./a type=dir uname=root gname=root\n",
+        kBegin + "./a\\000b" + line,
+        kBegin + "./a type=dir mode=0755 uname=root gname=root optional\n",
+        kBegin + "\n# lowest 2.0\n./a" + line,
+        kBegin + "./a" + line + "# lowest 2.0\n",
+        kBegin + "./a type=file mode=0644 uname=root gname=root sha256digest=" + kOnes + "\n",
+        kBegin + "./a" + file + "\n",
+        "#mtree\n# filelist " + kOnes + "\n# release 1\n./a" + line,
+    };
+    EXPECT_EQ(WhyNot(kBegin + "./a" + file), "");
+    for (const std::string& text : texts)
+        EXPECT_EQ(WhyNot(text), "it is not as vfilelist make writes it") << text;
 }
 
 TEST(ManifestTest, ReleasesAreShortWordsOfLettersDigitsAndMarks) {
@@ -143,6 +165,12 @@ TEST(ManifestTest, NumbersInReleasesCountAsNumbers) {
     EXPECT_TRUE(IsOlder("1.9", "1.10"));
     EXPECT_TRUE(IsOlder("1", "1.0"));
     EXPECT_TRUE(IsOlder("", "1"));
+    EXPECT_TRUE(IsOlder("2.0", "2.01"));
+    EXPECT_TRUE(IsOlder("1.09", "1.010"));
+    EXPECT_FALSE(IsOlder("2026.10", "2026.09"));
+    EXPECT_FALSE(IsOlder("01", "1"));
+    EXPECT_FALSE(IsOlder("1", "01"));
+    EXPECT_TRUE(IsOlder("00", "1"));
     EXPECT_FALSE(IsOlder("1.10", "1.10"));
     EXPECT_FALSE(IsOlder("2", "1.10"));
 }

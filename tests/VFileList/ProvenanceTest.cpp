@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -116,6 +117,40 @@ TEST_F(ProvenanceTest, FindsEveryFileThatIsNotAsTheManifestSays) {
     EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS package/Common/b: No such file or directory"));
 }
 
+TEST_F(ProvenanceTest, OpensNothingButRegularFilesAndLooksIntoAllDirectories) {
+    Write(Record());
+    ASSERT_EQ(unlink(package_.SourcePath("a").c_str()), 0);
+    package_.scratch().Link("package/Common/a", "/dev/zero");
+    EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS package/Common/a: not a regular file"));
+
+    std::filesystem::remove_all(package_.SourcePath(""));
+    EXPECT_THAT(Find(), testing::Contains("E-MANIFEST-DIFFERS package/Common/: No such file or directory"));
+}
+
+TEST_F(ProvenanceTest, IsThatOfTheListItselfWhenTheListIsALink) {
+    Write(Record());
+    package_.scratch().Link("elsewhere/filelist.ini", "../package/filelist.ini");
+    EXPECT_TRUE(
+        ReadProvenance(package_.scratch().Path("elsewhere/filelist.ini"), kUsualTrustedDirectory).manifest);
+}
+
+TEST_F(ProvenanceTest, SaysNothingOfTheModesOfDirectoriesThatTheManifestNames) {
+    package_.WriteList("[Server]\nBin=@/new\n[Bin]\nf=a,b\n");
+    const auto made = [this] {
+        const FileList list(package_.ListPath());
+        Output output(true);
+        const Evidence evidence{ReadProvenance(package_.ListPath(), kUsualTrustedDirectory), {}, true};
+        int count = 0;
+        for (const Finding& finding : FindTrouble(list, evidence, output)) {
+            if (std::string(finding.kind->code) == "W-DIR-MADE") ++count;
+        }
+        return count;
+    };
+    EXPECT_EQ(made(), 1);
+    Write(Record());
+    EXPECT_EQ(made(), 0);
+}
+
 TEST_F(ProvenanceTest, FindsAnotherFileListThanTheManifests) {
     Write(Record());
     package_.WriteEntries("b,a");
@@ -132,11 +167,11 @@ TEST_F(ProvenanceTest, FindsAnotherFileListThanTheManifests) {
 
 TEST_F(ProvenanceTest, FindsEntriesThatTheOtherSideLacks) {
     Manifest manifest = Record();
-    const std::string a = package_.InstalledPath("a");
-    manifest.entries.push_back({a + "z", false, 0644, "root", "root", 1, DigestOf("z")});
-    manifest.entries.push_back({a + "zz", true, 0755, "root", "root", 0, {}});
+    const std::string last = package_.InstalledPath("b");
+    manifest.entries.push_back({last + "z", false, 0644, "root", "root", 1, DigestOf("z")});
+    manifest.entries.push_back({last + "zz", true, 0755, "root", "root", 0, {}});
     Write(manifest);
-    EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS installed/az: no entry of the list installs it"))
+    EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS installed/bz: no entry of the list installs it"))
         << "directories may be there already";
 
     manifest = Record();
@@ -224,7 +259,8 @@ TEST_F(ProvenanceTest, ChecksAgainstTheReceiptOfThisMachineUnlessThatIsNotToBeRe
     EXPECT_THAT(codes(package_.scratch().MakeDirectory("root")), IsEmpty()) << "it is about another machine";
 
     package_.scratch().Write("state/receipt", "vfilelist-receipt 1\nupgrade 1.1");
-    EXPECT_THAT(codes(""), ElementsAre("E-RELEASE-ORDER : state/receipt: it is cut off, or was changed"));
+    EXPECT_THAT(codes(""),
+                ElementsAre("E-RECEIPT-UNREADABLE : state/receipt: it is cut off, or was changed"));
     const auto failing = [&path](int error) {
         return [&path, error](const char* opened, int flags, mode_t mode) {
             if (path != opened) return calls::real::open(opened, flags, mode);
@@ -237,7 +273,7 @@ TEST_F(ProvenanceTest, ChecksAgainstTheReceiptOfThisMachineUnlessThatIsNotToBeRe
         EXPECT_THAT(codes(""), IsEmpty());
     }
     const Replaced broken(calls::open, failing(EIO));
-    EXPECT_THAT(codes(""), ElementsAre("E-RELEASE-ORDER : state/receipt: Input/output error"));
+    EXPECT_THAT(codes(""), ElementsAre("E-RECEIPT-UNREADABLE : state/receipt: Input/output error"));
 }
 
 }  // namespace

@@ -109,7 +109,7 @@ protected:
     const ScratchDirectory scratch_;
 };
 
-TEST_F(ReceiptFilesTest, HasTheContentThatWasInstalledAndTheModesThatFilesHaveNow) {
+TEST_F(ReceiptFilesTest, HasTheContentThatWasInstalled) {
     const std::string path = Write("file", "what a service wrote since", 0751);
     Receipt receipt;
     Add(JournalOf({path}, "content", 5), receipt);
@@ -124,6 +124,36 @@ TEST_F(ReceiptFilesTest, HasTheContentThatWasInstalledAndTheModesThatFilesHaveNo
     EXPECT_EQ(receipt.history[0].fileList, "/package/filelist.ini");
     EXPECT_EQ(receipt.history[0].begun, 5);
     EXPECT_EQ(receipt.history[0].files, 1U);
+}
+
+TEST_F(ReceiptFilesTest, HasTheModesAndOwnersThatWereInstalledWhateverWasChangedSince) {
+    const std::string path = Write("file", "content", 04777);
+    Journal journal = JournalOf({path}, "content", 5);
+    Receipt receipt;
+    Add(journal, receipt);
+    EXPECT_EQ(receipt.files.at(path).attributes.mode, 04777U) << "nobody has said what it shall be";
+
+    journal.targets[0].package.owner = Owner{1, 2};
+    Add(journal, receipt);
+    EXPECT_EQ(receipt.files.at(path).attributes, (Attributes{0600, 1, 2, {}}));
+    journal.targets[0].old = OldFile{false, 1, 1, {}, {0750, 3, 4, {{"user.a", "b"}}}};
+    Add(journal, receipt);
+    EXPECT_EQ(receipt.files.at(path).attributes, (Attributes{0750, 3, 4, {{"user.a", "b"}}}));
+}
+
+TEST_F(ReceiptFilesTest, KnowsAFileHoweverItsDirectoryIsSpelt) {
+    const std::string path = Write("directory/file", "content", 0644);
+    scratch_.Link("link", "directory");
+    Receipt receipt;
+    Add(JournalOf({path}, "content", 5), receipt);
+    Add(JournalOf({scratch_.Path("link//./file")}, "newer", 6), receipt);
+    ASSERT_EQ(receipt.files.size(), 1U);
+    EXPECT_EQ(receipt.files.at(path).digest, DigestOf("newer"));
+    EXPECT_EQ(receipt.Find(scratch_.Path("link/../directory//file")), &receipt.files.at(path));
+    EXPECT_EQ(receipt.Find(scratch_.Path("directory/other")), nullptr);
+
+    Add(JournalOf({"/no/such//directory/file"}, "content", 7), receipt);
+    EXPECT_NE(receipt.Find("/no/such//directory/file"), nullptr);
 }
 
 TEST_F(ReceiptFilesTest, KeepsOtherFilesAndLeavesOutThoseThatAreGone) {
@@ -165,8 +195,11 @@ TEST_F(ReceiptFilesTest, TheSameUpgradeIsAddedOnce) {
     Journal other = JournalOf({path}, "content", 5);
     other.fileList = "/another/list";
     Add(other, receipt);
+    EXPECT_EQ(receipt.history.size(), 2U);
+    other.release = "2.1";
+    Add(other, receipt);
     Add(JournalOf({path}, "content", 6), receipt);
-    EXPECT_EQ(receipt.history.size(), 3U);
+    EXPECT_EQ(receipt.history.size(), 4U);
 }
 
 TEST_F(ReceiptFilesTest, AFileThatIsMissingWhenTheUpgradeIsClosedCountsAsChanged) {
@@ -196,10 +229,13 @@ TEST_F(ReceiptFilesTest, TellsWhatOfAFileHasChanged) {
 
     ASSERT_EQ(rename(path.c_str(), scratch_.Path("elsewhere").c_str()), 0);
     scratch_.Link("file", "elsewhere");
-    EXPECT_EQ(DifferenceOf(path, installed), "Too many levels of symbolic links");
+    EXPECT_EQ(DifferenceOf(path, installed), "it is no regular file any more");
     ASSERT_EQ(unlink(path.c_str()), 0);
     scratch_.MakeDirectory("file");
-    EXPECT_EQ(DifferenceOf(path, installed), "Is a directory");
+    EXPECT_EQ(DifferenceOf(path, installed), "it is no regular file any more");
+    ASSERT_EQ(rmdir(path.c_str()), 0);
+    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+    EXPECT_EQ(DifferenceOf(path, installed), "it is no regular file any more") << "and is not opened";
 }
 
 TEST_F(ReceiptFilesTest, TellsWhenAttributesCanNotBeRead) {

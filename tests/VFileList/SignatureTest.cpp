@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string>
 
+#include "FileSystem.h"
 #include "Process.h"
 #include "ScratchDirectory.h"
 #include "Signer.h"
@@ -25,6 +26,7 @@ protected:
     void Sign(const std::string& signature) const { scratch_.Write("text.sig", signature); }
     std::string NotTrusted() const { return signature_ + ": not the signature of a trusted key"; }
 
+    const Umask umask_{022};
     const ScratchDirectory scratch_;
     const std::string signature_ = scratch_.Path("text.sig");
     const std::string trusted_ = scratch_.Path("trusted");
@@ -108,6 +110,32 @@ TEST_F(SignatureTest, RefusesEverythingBesideAKeyThatIsNone) {
     ASSERT_EQ(unlink((trusted_ + "/other.pem").c_str()), 0);
     scratch_.Link("trusted/other.pem", "maker.pem");
     EXPECT_EQ(Check("text"), trusted_ + "/other.pem: Too many levels of symbolic links") << "no links";
+}
+
+TEST_F(SignatureTest, RefusesEverythingWhenOthersCanWriteTheKeys) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign(maker_.Signature("text"));
+    const std::string owner = ", owner " + std::to_string(geteuid()) + ":" + std::to_string(getegid()) + ")";
+    for (const std::string& path : {trusted_, trusted_ + "/maker.pem"}) {
+        ASSERT_EQ(chmod(path.c_str(), 0777), 0);
+        EXPECT_EQ(Check("text"), path + ": others can write it (mode 0777" + owner);
+        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    }
+    EXPECT_EQ(Check("text"), "");
+    const Replaced replaced(calls::stat, [this](const char* path, struct stat* status) {
+        if (trusted_ + "/maker.pem" != path) return calls::real::stat(path, status);
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(Check("text"), trusted_ + "/maker.pem: Input/output error");
+}
+
+TEST_F(SignatureTest, AsksNobodyForAPassword) {
+    // An empty key with a password, in place of a public one.
+    Trust("maker.pem",
+          "-----BEGIN PUBLIC KEY-----\nProc-Type: 4,ENCRYPTED\nDEK-Info: AES-256-CBC,"
+          "00112233445566778899AABBCCDDEEFF\n\nAAAAAAAAAAAAAAAAAAAAAA==\n-----END PUBLIC KEY-----\n");
+    EXPECT_EQ(Check("text"), trusted_ + "/maker.pem: no Ed25519 public key");
 }
 
 TEST_F(SignatureTest, RefusesEverythingWhenSomethingCanNotBeRead) {

@@ -434,6 +434,38 @@ TEST_F(StateDirectoryTest, SaysWhyItCannotKeepACopyOfTheProgram) {
     EXPECT_EQ(directory_->KeepRescue(journal_), rescue + kCause);
 }
 
+TEST_F(StateDirectoryTest, KeepsTheListForThePassesBesideALinkToCommon) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    const std::string common = scratch_.MakeDirectory("package/Common");
+    scratch_.Write("package/Common/file", "content");
+    scratch_.Write("lib/state/package/left/over", "");
+    ASSERT_EQ(directory_->KeepList("the text", common + "/"), std::nullopt);
+
+    EXPECT_EQ(directory_->ListPath(), File("package/filelist.ini"));
+    EXPECT_EQ(ReadWholeFile(directory_->ListPath()), "the text");
+    EXPECT_EQ(ReadWholeFile(File("package/Common/file")), "content");
+    EXPECT_THAT(scratch_.List("lib/state/package"), testing::UnorderedElementsAre("Common", "filelist.ini"));
+    Begin();
+    ASSERT_EQ(directory_->Close(), std::nullopt);
+    EXPECT_FALSE(scratch_.Has("lib/state/package"));
+}
+
+TEST_F(StateDirectoryTest, SaysWhenTheListCanNotBeKept) {
+    ASSERT_EQ(directory_->Enter(), std::nullopt);
+    {
+        const Replaced replaced(calls::open, kFails);
+        EXPECT_EQ(directory_->KeepList("", "/common"), File("package/filelist.ini") + ": Input/output error");
+    }
+    {
+        const Replaced replaced(calls::write, kFails);
+        EXPECT_EQ(directory_->KeepList("x", "/common"),
+                  File("package/filelist.ini") + ": Input/output error");
+    }
+    StateDirectory missing(scratch_.Path("nowhere"));
+    EXPECT_EQ(missing.KeepList("", "/common"),
+              scratch_.Path("nowhere/package") + ": No such file or directory");
+}
+
 TEST_F(StateDirectoryTest, KeepsTheReceiptAndHasNoneAtFirst) {
     Receipt receipt;
     EXPECT_EQ(directory_->ReadReceipt(receipt), std::nullopt);

@@ -480,42 +480,28 @@ TEST_F(TransactionTest, GoesBackWhenAPassFails) {
 
 TEST_F(TransactionTest, GoesBackWhenACopyIsNotThePackagesFile) {
     const std::string source = release_.package().SourcePath("same");
-    const Replaced replaced(calls::fopen, WhenOpened(source, [this, source] { Write(source, "THE SAME"); }));
+    const Replaced replaced(calls::fopen, WhenOpened(release_.StatePath("package/Common/same"),
+                                                     [this, source] { Write(source, "THE SAME"); }));
 
     ExpectTakenBack(Upgrade(), Bin("same") + ": it does not hold what the package's file held");
 }
 
-TEST_F(TransactionTest, GoesBackWhenTheListChangesDuringAPass) {
+TEST_F(TransactionTest, IsNotLedAstrayByAListThatChangesBeforeAPass) {
     const std::string list = release_.package().ListPath();
     const std::string text = ReadWholeFile(list);
-    for (const char* const name : {"conf.bak", "new/sub"}) {
-        int passes = 0;
-        const Replaced replaced(calls::fork, [&] {
-            const pid_t child = calls::real::fork();
-            if (child > 0 && ++passes == (name == std::string("new/sub") ? 2 : 1)) {
-                int waitStatus = 0;
-                siginfo_t info{};
-                (void)waitStatus;
-                EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
-                Write(list, text + "\n");
-            }
-            return child;
-        });
-        ExpectTakenBack(Upgrade(), list + ": it was changed during the upgrade");
-        Write(list, text);
-    }
-    {
-        const Replaced replaced(calls::fork, [&list] {
-            const pid_t child = calls::real::fork();
-            siginfo_t info{};
-            if (child > 0) {
-                EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
-            }
-            if (child > 0) fs::remove(list);
-            return child;
-        });
-        ExpectTakenBack(Upgrade(), list + ": No such file or directory");
-    }
+    ASSERT_EQ(Upgrade().status, 0);
+    const Tree installed = release_.Now();
+    ASSERT_EQ(Rollback().status, 0);
+    int passes = 0;
+    const Replaced replaced(calls::fork, [&] {
+        if (++passes == 1)
+            Write(list, text + "[Server]\nEvil=" + release_.Path("evil") + "\n[Evil]\nf=tool\n");
+        if (passes == 2) fs::remove(list);
+        return calls::real::fork();
+    });
+    EXPECT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(release_.Now(), installed);
+    EXPECT_EQ(passes, 2);
 }
 
 TEST_F(TransactionTest, GoesBackWhenTheStateCannotBeWritten) {
@@ -713,14 +699,20 @@ TEST_F(TransactionTest, GoesOnlyForwardOnceBackupsAreRemoved) {
     EXPECT_EQ(Status().state(), "none");
 }
 
+TEST_F(TransactionTest, CommitsWithThePackageLongGone) {
+    EXPECT_EQ(Upgrade().status, 0);
+    fs::remove_all(release_.package().scratch().Path("package"));
+
+    const Ending ending = Commit();
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.remarks(), IsEmpty());
+    EXPECT_FALSE(fs::exists(Bin("tool.bak")));
+    EXPECT_FALSE(fs::exists(release_.StatePath("package")));
+}
+
 TEST_F(TransactionTest, CommitsToTheEndWithoutTheList) {
     EXPECT_EQ(Upgrade().status, 0);
-    const std::string text = ReadWholeFile(release_.package().ListPath());
-    Write(release_.package().ListPath(), text + "\n");
-    ExpectRefused(Commit(), 1, release_.package().ListPath() + ": it was changed during the upgrade");
-    Write(release_.package().ListPath(), text);
-    const Replaced replaced(calls::rename,
-                            AfterState(1, [this] { fs::remove(release_.package().ListPath()); }));
+    fs::remove_all(release_.StatePath("package"));
 
     const Ending ending = Commit();
     EXPECT_EQ(ending.status, 0);
@@ -1072,9 +1064,9 @@ TEST_F(SignedTransactionTest, SaysWhenTheReceiptCanNotBeRead) {
     ASSERT_EQ(Upgrade().status, 0);
 
     release_.package().scratch().Write("state/receipt", "no receipt");
-    EXPECT_THAT(Commit().remarks(), ElementsAre("! state: " + trouble));
+    ExpectRefused(Commit(), 3, trouble);
+    EXPECT_EQ(release_.Rollback().status, 0) << "nothing was removed yet";
     ASSERT_EQ(unlink(release_.StatePath("receipt").c_str()), 0);
-    EXPECT_EQ(Commit().status, 0);
 }
 
 }  // namespace

@@ -184,6 +184,7 @@ void RealHost::Open(const Host& host) {
     const Trouble trouble = TakeInventory(*list_, output, journal);
     journal.fileListDigest = DigestOf(ReadWholeFile(package_.ListPath()));
     Expect(!trouble && !directory.Begin(journal), "journal");
+    Expect(!directory.KeepList(ReadWholeFile(package_.ListPath()), package_.SourcePath("")), "list");
     const Phase phase = kPhases[static_cast<std::size_t>(host.stage)];
     Expect(!directory.Write({phase, kPhases[static_cast<std::size_t>(host.undone)]}), "state");
     const std::string made = package_.InstalledPath("made");

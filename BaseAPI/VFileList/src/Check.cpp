@@ -75,7 +75,7 @@ Evidence EvidenceFor(const CheckOptions& options) {
     StateDirectory directory(options.stateDirectory);
     const Trouble trouble = directory.ReadReceipt(evidence.receipt);
     if (trouble && errno != EACCES)
-        evidence.provenance.findings.push_back({&KindOf("E-RELEASE-ORDER"), "", "", "", "", *trouble});
+        evidence.provenance.findings.push_back({&KindOf("E-RECEIPT-UNREADABLE"), "", "", "", "", *trouble});
     return evidence;
 }
 
@@ -100,7 +100,7 @@ std::vector<Finding> FindTrouble(const FileList& list, const Evidence& evidence,
     const std::optional<Manifest>& manifest = evidence.provenance.manifest;
     Inspection inspection(list);
     inspection.findings = evidence.provenance.findings;
-    inspection.hasManifest = manifest.has_value();
+    if (manifest) inspection.manifest = &*manifest;
     CheckLists(inspection);
     const std::vector<bool> areFirst = FirstEntries(inspection);
     TargetChecker targets(inspection);

@@ -63,6 +63,7 @@ bool CheckDirectory(Inspection& inspection, const TargetList& list) {
     }
     const std::string owner = std::to_string(geteuid()) + ":" + std::to_string(getegid());
     for (const std::string& path : IsBare(inspection.list.root()) ? std::vector<std::string>() : made) {
+        if (inspection.manifest != nullptr && inspection.manifest->Find(path) != nullptr) continue;
         const mode_t mode = 0750 & ~CurrentUmask();
         inspection.Add("W-DIR-MADE", list, path, "mode " + ShownMode(mode) + ", owner " + owner);
     }

@@ -14,6 +14,7 @@
 #include "FileList.h"
 #include "Files.h"
 #include "Findings.h"
+#include "Manifest.h"
 #include "PlannedFiles.h"
 
 // What the parts share.
@@ -22,7 +23,7 @@ struct Inspection {
     PlannedFiles files;              // as they are, with the directories that -copy will make
     std::set<std::string> unusable;  // lists whose directory is no place to look at
     std::vector<Finding> findings;
-    bool hasManifest = false;
+    const Manifest* manifest = nullptr;  // of the package, if it has one
     const std::optional<std::string> common = CanonicalPath(list.sourceDirectory());
     struct Loss {
         std::size_t finding;

@@ -114,10 +114,15 @@ void CheckUnlisted(Inspection& inspection) {
         const std::string path = file->path().lexically_relative(common);
         if (listed.count(path) == 0) unlisted.insert(path);
     }
+    // What can't be looked at may be anything.
+    if (error && inspection.manifest != nullptr) {
+        inspection.findings.push_back(
+            {&KindOf("E-MANIFEST-DIFFERS"), "", "", "", list.sourceDirectory(), error.message()});
+    }
     for (const std::string& path : unlisted) {
         inspection.findings.push_back(
-            {&KindOf(inspection.hasManifest ? "E-MANIFEST-DIFFERS" : "W-SOURCE-UNLISTED"), "", "", path,
-             list.sourceDirectory() + path, ""});
+            {&KindOf(inspection.manifest != nullptr ? "E-MANIFEST-DIFFERS" : "W-SOURCE-UNLISTED"), "", "",
+             path, list.sourceDirectory() + path, ""});
     }
 }
 

@@ -107,6 +107,9 @@ constexpr FindingKind kKinds[] = {
      "`vfilelist upgrade` refuses it.",
      "Install a newer release, or the ones between first. To go back to an older one, make it anew as a "
      "newer one."},
+    {"E-RECEIPT-UNREADABLE", "the receipt of earlier upgrades can't be read",
+     "`vfilelist upgrade` refuses the package: it can't tell which release is installed.",
+     "Look at the file. If it is damaged, move it away: what was installed before is then unknown."},
     {"W-LIST-EMPTY", "a list has no entries", "Nothing is upgraded for it, and no pass says so.",
      "Add the section, check its spelling (names are case-sensitive), or remove the key."},
     {"W-ENTRY-BLANKS", "an entry has blanks around it",

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "Files.h"
 #include "VCopyFileListIni.h"
@@ -24,9 +25,18 @@ bool IsSame(const Stamp& left, const Stamp& right) {
            left.changed.tv_sec == right.changed.tv_sec && left.changed.tv_nsec == right.changed.tv_nsec;
 }
 
-// The owner first, since a change of it takes set-id bits away. False, with errno set, when that fails.
-bool SetMode(int fd, const std::optional<Owner>& owner, mode_t mode) {
-    return (!owner || fchown(fd, owner->user, owner->group) == 0) && fchmod(fd, mode) == 0;
+// A new file of which the manifest names no owner keeps its own, and what its directory gave it.
+Trouble SetAttributes(int fd, const JournalTarget& target) {
+    const NewFile& package = target.package;
+    if (target.old) return WriteAttributes(fd, target.old->attributes);
+    if (package.owner)
+        return WriteAttributes(fd, {package.mode, package.owner->user, package.owner->group, {}});
+    return fchmod(fd, package.mode) == 0 ? Trouble() : std::strerror(errno);
+}
+
+bool IsSameContent(const struct stat& before, const struct stat& now) {
+    return before.st_size == now.st_size && before.st_mtim.tv_sec == now.st_mtim.tv_sec &&
+           before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
 }
 
 }  // namespace
@@ -44,20 +54,17 @@ bool IsRenamed(const Journal& journal, std::vector<Remark>& remarks) {
 
 Trouble Install(const JournalTarget& target, Stamp& stamp) {
     const Descriptor file(open(target.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!file) return TroubleWith(target.path, errno);
+    struct stat before {};
+    if (!file || fstat(file.get(), &before) != 0) return TroubleWith(target.path, errno);
     const std::optional<Digest> digest = DigestOfFile(file.get());
     if (!digest) return TroubleWith(target.path, errno);
     if (*digest != target.package.digest)
         return target.path + ": it does not hold what the package's file held";
 
-    if (target.old) {
-        if (const Trouble trouble = WriteAttributes(file.get(), target.old->attributes))
-            return target.path + ": " + *trouble;
-    } else if (!SetMode(file.get(), target.package.owner, target.package.mode)) {
-        return TroubleWith(target.path, errno);
-    }
+    if (const Trouble trouble = SetAttributes(file.get(), target)) return target.path + ": " + *trouble;
     struct stat status {};
     if (fsync(file.get()) != 0 || fstat(file.get(), &status) != 0) return TroubleWith(target.path, errno);
+    if (!IsSameContent(before, status)) return target.path + ": another process has written to it";
     stamp = StampOf(status);
     return std::nullopt;
 }
@@ -67,8 +74,11 @@ Trouble InstallDirectories(const Journal& journal) {
     const std::vector<DirectoryMode>& modes = journal.directoryModes;
     for (auto mode = modes.rbegin(); mode != modes.rend(); ++mode) {
         const Descriptor directory(open(mode->path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW));
-        if (!directory || !SetMode(directory.get(), mode->owner, mode->mode) || fsync(directory.get()) != 0)
-            return TroubleWith(mode->path, errno);
+        if (!directory) return TroubleWith(mode->path, errno);
+        const Attributes attributes{mode->mode, mode->owner.user, mode->owner.group, {}};
+        if (const Trouble trouble = WriteAttributes(directory.get(), attributes))
+            return mode->path + ": " + *trouble;
+        if (fsync(directory.get()) != 0) return TroubleWith(mode->path, errno);
     }
     return std::nullopt;
 }

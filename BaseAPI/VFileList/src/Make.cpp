@@ -170,7 +170,8 @@ Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
         entry.size += static_cast<off_t>(block.size());
     });
     if (error != 0) return TroubleWith(source, error);
-    if (const int written = file.Finish(entry.mode)) return TroubleWith(copy, written);
+    // The set-id bits are the manifest's: the copy is the maker's.
+    if (const int written = file.Finish(entry.mode & 0777)) return TroubleWith(copy, written);
     entry.digest = hasher.Finish();
     bytes_ += static_cast<unsigned long long>(entry.size);
     output_.ProgressOfBytes("make", bytes_, total_);

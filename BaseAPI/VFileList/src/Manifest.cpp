@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <regex>
 #include <sstream>
 
 #include "Output.h"
@@ -81,8 +82,8 @@ Trouble ReadEntry(archive_entry* found, ManifestEntry& entry) {
     const auto text = [](const char* field) { return std::string(field == nullptr ? "" : field); };
     const std::string path = text(archive_entry_pathname(found));
     entry.path = path.substr(std::min<std::size_t>(path.size(), 1));
-    if (path != "." + entry.path || fs::path(entry.path).lexically_normal() != entry.path ||
-        entry.path.empty() || entry.path.front() != '/') {
+    const bool isNormal = fs::path(entry.path).lexically_normal() == entry.path && entry.path.size() > 1;
+    if (!isNormal || path != "." + entry.path || entry.path.front() != '/' || entry.path.back() == '/') {
         return path + ": not a path below the root directory";
     }
     entry.isDirectory = archive_entry_filetype(found) == AE_IFDIR;
@@ -115,6 +116,11 @@ Trouble ReadEntries(const std::string& text, std::vector<ManifestEntry>& entries
     return cause == nullptr ? "it can't be read" : cause;
 }
 
+// strverscmp takes numbers with zeros in front for fractions.
+std::string WithoutLeadingZeros(const std::string& release) {
+    return std::regex_replace(release, std::regex("(^|[^0-9])0+(?=[0-9])"), "$1");
+}
+
 bool IsBefore(const ManifestEntry& left, const ManifestEntry& right) {
     return left.path < right.path;
 }
@@ -143,7 +149,7 @@ bool IsRelease(const std::string& text) {
 }
 
 bool IsOlder(const std::string& release, const std::string& other) {
-    return strverscmp(release.c_str(), other.c_str()) < 0;
+    return strverscmp(WithoutLeadingZeros(release).c_str(), WithoutLeadingZeros(other).c_str()) < 0;
 }
 
 std::string Print(const Manifest& manifest) {
@@ -160,6 +166,8 @@ Trouble Parse(const std::string& text, Manifest& manifest) {
     if (Trouble trouble = ReadComments(text, manifest)) return trouble;
     if (Trouble trouble = ReadEntries(text, manifest.entries)) return trouble;
     std::sort(manifest.entries.begin(), manifest.entries.end(), IsBefore);
+    // What can be written in another way could be understood in another way.
+    if (Print(manifest) != text) return "it is not as vfilelist make writes it";
     return std::nullopt;
 }
 

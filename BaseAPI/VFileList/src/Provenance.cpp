@@ -2,6 +2,7 @@
 #include "Provenance.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,7 +12,10 @@
 
 namespace {
 
+// Opening what is no file may never end, or set a device to work.
 std::string Mismatch(const std::string& source, const ManifestEntry& entry) {
+    struct stat status {};
+    if (stat(source.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return "not a regular file";
     const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const std::optional<Digest> digest = file ? DigestOfFile(file.get()) : std::nullopt;
     if (!digest) return std::strerror(errno);
@@ -30,16 +34,17 @@ void CheckTarget(Inspection& inspection, const Manifest& manifest, const Entry& 
     if (!mismatch.empty()) inspection.Add("E-MANIFEST-DIFFERS", entry, list.SourceOf(entry), mismatch);
 }
 
-// The manifest's names mean nothing below another root directory.
+// What is there keeps its owner. The manifest's names mean nothing below another root directory.
 void CheckOwner(Inspection& inspection, const ManifestEntry& entry) {
-    if (!inspection.list.root().empty() || OwnerOf(entry)) return;
+    const bool isNew = inspection.files.At(entry.path).origin.empty();
+    if (!isNew || !inspection.list.root().empty() || OwnerOf(entry)) return;
     inspection.findings.push_back({&KindOf("E-MANIFEST-INVALID"), "", "", "", entry.path, WhyNoOwner(entry)});
 }
 
 }  // namespace
 
 Provenance ReadProvenance(const std::string& iniPath, const std::string& trustedDirectory) {
-    const std::string path = ManifestPath(iniPath);
+    const std::string path = ManifestPath(CanonicalPath(iniPath).value_or(iniPath));
     const auto refused = [&path](const char* code, const std::string& why) -> Provenance {
         return {std::nullopt, {{&KindOf(code), "", "", "", path, why}}};
     };
@@ -89,22 +94,22 @@ void CheckReceipt(Inspection& inspection, const std::optional<Manifest>& manifes
             {&KindOf("E-RELEASE-ORDER"), "", "", "", ManifestPath(inspection.list.iniPath()), why});
     };
     if (manifest && !installed.empty()) {
-        const std::string is = ", and " + installed + " is installed";
+        const std::string than = ", and " + installed + " is installed";
         if (manifest->release.empty()) {
-            refuse("the package names no release" + is);
+            refuse("the package names no release" + than);
         } else if (IsOlder(manifest->release, installed)) {
-            refuse("the package is " + manifest->release + is);
+            refuse("the package is " + manifest->release + than);
         } else if (IsOlder(installed, manifest->lowest)) {
-            refuse("the package replaces " + manifest->lowest + " and later ones" + is);
+            refuse("the package replaces " + manifest->lowest + " and later ones" + than);
         }
     }
     if (!isThorough) return;
     for (const Target& target : inspection.list.Targets()) {
         const Entry& entry = inspection.list.entries()[target.entries.back()];
         const std::string path = inspection.list.TargetOf(entry);
-        const auto file = receipt.files.find(path);
-        if (file == receipt.files.end()) continue;
-        const std::string difference = DifferenceOf(path, file->second);
+        const InstalledFile* const file = receipt.Find(path);
+        if (file == nullptr) continue;
+        const std::string difference = DifferenceOf(path, *file);
         if (!difference.empty()) inspection.Add("W-INSTALLED-CHANGED", entry, path, difference);
     }
 }

@@ -6,10 +6,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 
 #include "Files.h"
 #include "Output.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -46,6 +49,12 @@ void ParseLine(LineScanner& scanner, Receipt& receipt, InstalledFile*& last) {
     }
 }
 
+// However the list spells the directory.
+std::string KeyOf(const fs::path& path) {
+    const std::optional<std::string> directory = CanonicalPath(path.parent_path());
+    return directory ? fs::path(*directory) / path.filename() : path;
+}
+
 bool IsThere(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -58,6 +67,11 @@ std::string Receipt::Release() const {
         if (!installation->release.empty()) return installation->release;
     }
     return "";
+}
+
+const InstalledFile* Receipt::Find(const std::string& path) const {
+    const auto found = files.find(KeyOf(path));
+    return found == files.end() ? nullptr : &found->second;
 }
 
 Trouble Print(const Receipt& receipt, const Sink& sink) {
@@ -89,18 +103,27 @@ void Add(const Journal& journal, Receipt& receipt) {
     }
     for (const JournalTarget& target : journal.targets) {
         InstalledFile installed{target.package.size, target.package.digest, {}};
-        const Descriptor file = Open(target.path);
-        if (file) (void)ReadAttributes(file.get(), installed.attributes);  // or it counts as changed
-        receipt.files[target.path] = std::move(installed);
+        if (target.old) {
+            installed.attributes = target.old->attributes;
+        } else if (const std::optional<Owner>& owner = target.package.owner) {
+            installed.attributes = {target.package.mode, owner->user, owner->group, {}};
+        } else if (const Descriptor file = Open(target.path)) {
+            (void)ReadAttributes(file.get(), installed.attributes);  // or it counts as changed
+        }
+        receipt.files[KeyOf(target.path)] = std::move(installed);
     }
     const auto isSame = [&journal](const Installation& last) {
-        return last.begun == journal.begun && last.fileList == journal.fileList;
+        return last.begun == journal.begun && last.fileList == journal.fileList &&
+               last.release == journal.release;
     };
     if (!receipt.history.empty() && isSame(receipt.history.back())) return;
     receipt.history.push_back({journal.release, journal.fileList, journal.begun, journal.targets.size()});
 }
 
 std::string DifferenceOf(const std::string& path, const InstalledFile& installed) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        return "it is no regular file any more";
     const Descriptor file = Open(path);
     Attributes attributes;
     const std::optional<Digest> digest = file ? DigestOfFile(file.get()) : std::nullopt;

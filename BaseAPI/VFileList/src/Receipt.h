@@ -30,19 +30,21 @@ struct InstalledFile {
 };
 
 struct Receipt {
-    std::vector<Installation> history;  // the oldest first
-    std::map<std::string, InstalledFile> files;
+    std::vector<Installation> history;           // the oldest first
+    std::map<std::string, InstalledFile> files;  // by their paths, in canonical directories
 
     // The last release that was named; empty when there was none.
     std::string Release() const;
+    // The file, however its directory is spelt; nullptr when there is none.
+    const InstalledFile* Find(const std::string& path) const;
 };
 
 Trouble Print(const Receipt& receipt, const Sink& sink);
 // Reads what Print has written.
 Trouble Parse(const std::string& text, Receipt& receipt);
 
-// Adds the upgrade of the journal: the contents that it installed, with the modes, owners and attributes that
-// the files have now. Leaves out files that nothing is left of. A second time changes nothing.
+// Adds the upgrade of the journal: what it has installed. New files of which no manifest names the owner are
+// taken as they are. Leaves out files that nothing is left of. A second time changes nothing.
 void Add(const Journal& journal, Receipt& receipt);
 
 // What of the file is not as it was installed, for people; the empty text when all is. Reads the whole file.

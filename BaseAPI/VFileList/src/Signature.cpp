@@ -13,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "CheckParts.h"
 #include "Files.h"
 
 namespace fs = std::filesystem;
@@ -25,7 +26,8 @@ Key KeyFrom(const std::string& pem) {
     const std::unique_ptr<BIO, decltype(&BIO_free)> text(
         BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
     if (!text) throw std::bad_alloc();
-    return {PEM_read_bio_PUBKEY(text.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free};
+    const auto noPassword = [](char*, int, int, void*) { return 0; };
+    return {PEM_read_bio_PUBKEY(text.get(), nullptr, noPassword, nullptr), &EVP_PKEY_free};
 }
 
 // Trouble also with what is no such key: whoever has put it there expects it to be used.
@@ -40,10 +42,21 @@ Trouble ReadKey(const fs::path& path, std::vector<Key>& keys) {
     return std::nullopt;
 }
 
+// Whoever can write a key, or the directory, decides who is trusted.
+Trouble ExpectOurs(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return TroubleWith(path, errno);
+    const std::string others = WhoElseWrites(status);
+    if (!others.empty()) return path + ": others can write it (" + others + ")";
+    return std::nullopt;
+}
+
 Trouble ReadKeys(const std::string& directory, std::vector<Key>& keys) {
+    if (Trouble trouble = ExpectOurs(directory)) return trouble;
     std::error_code error;
     for (fs::directory_iterator file(directory, error), end; !error && file != end; file.increment(error)) {
         if (file->path().extension() != ".pem") continue;
+        if (Trouble trouble = ExpectOurs(file->path())) return trouble;
         if (Trouble trouble = ReadKey(file->path(), keys)) return trouble;
     }
     if (error) return directory + ": " + error.message();
@@ -53,8 +66,8 @@ Trouble ReadKeys(const std::string& directory, std::vector<Key>& keys) {
 
 bool HasSigned(EVP_PKEY* key, const std::string& text, const std::string& signature) {
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    const auto bytes = [](const std::string& of) {
-        return reinterpret_cast<const unsigned char*>(of.data());
+    const auto bytes = [](const std::string& data) {
+        return reinterpret_cast<const unsigned char*>(data.data());
     };
     return context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
            EVP_DigestVerify(context.get(), bytes(signature), signature.size(), bytes(text), text.size()) == 1;

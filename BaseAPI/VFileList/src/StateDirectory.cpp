@@ -17,6 +17,7 @@
 #include <set>
 #include <system_error>
 
+#include "VCopyFileListIni.h"
 #include "VDir.h"
 
 namespace fs = std::filesystem;
@@ -26,6 +27,7 @@ namespace {
 constexpr char kLockFile[] = "lock";
 constexpr char kJournalFile[] = "journal";
 constexpr char kStateFile[] = "state";
+constexpr char kPackageDirectory[] = "package";
 constexpr char kReceiptFile[] = "receipt";
 constexpr char kRescueDirectory[] = "rescue";
 constexpr char kProgram[] = "vfilelist";
@@ -157,6 +159,19 @@ Trouble StateDirectory::Read(State& state, Journal& journal) {
     return std::nullopt;
 }
 
+Trouble StateDirectory::KeepList(const std::string& text, const std::string& common) const {
+    const fs::path package = FileName(kPackageDirectory);
+    std::error_code error;
+    fs::remove_all(package, error);
+    if (!error) fs::create_directory(package, error);
+    if (!error)
+        fs::create_directory_symlink(common, WithoutTrailingSlashes(SourceDirectory(ListPath())), error);
+    if (error) return package.string() + ": " + error.message();
+    const Descriptor file(open(ListPath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) return TroubleWith(ListPath(), errno);
+    return WriteAll(file.get(), ListPath(), text);
+}
+
 Trouble StateDirectory::Begin(const Journal& journal) {
     if (Trouble trouble = SyncAbove(path_)) return trouble;
     Hasher hasher;
@@ -184,7 +199,8 @@ Trouble StateDirectory::Close() {
     if (Trouble trouble = Sync(path_)) return trouble;
     std::error_code ignored;  // what is left is overwritten by the next upgrade
     fs::remove(FileName(kJournalFile), ignored);
-    fs::remove_all(FileName(kRescueDirectory), ignored);
+    for (const char* const name : {kRescueDirectory, kPackageDirectory})
+        fs::remove_all(FileName(name), ignored);
     return std::nullopt;
 }
 

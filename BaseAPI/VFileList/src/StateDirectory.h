@@ -46,6 +46,12 @@ public:
     // Reads what is open; the journal is untouched when nothing is.
     Trouble Read(State& state, Journal& journal);
 
+    // Keeps the text of the list for the passes, and a link to the package's Common, beside which they look
+    // for it: whoever can write the package can't change the list under them. Nothing but -clean needs it
+    // later, and that can do without.
+    Trouble KeepList(const std::string& text, const std::string& common) const;
+    std::string ListPath() const { return FileName("package/filelist.ini"); }
+
     Trouble Begin(const Journal& journal);
     Trouble Write(const State& state);
     Trouble Close();

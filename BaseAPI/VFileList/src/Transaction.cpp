@@ -70,16 +70,6 @@ std::optional<int> EnterAndRead(Run& run) {
     return std::nullopt;
 }
 
-// The list that the passes read has to be the one that was recorded.
-Trouble ExpectSameList(const Journal& journal) {
-    std::string text;
-    const int error = ReadWhole(journal.fileList, text);
-    if (error != 0) return TroubleWith(journal.fileList, error);
-    if (DigestOf(text) != journal.fileListDigest)
-        return journal.fileList + ": it was changed during the upgrade";
-    return std::nullopt;
-}
-
 // The space that was there at the check may be somebody else's now.
 Trouble ExpectSpace(const Journal& journal) {
     const PlannedFiles files;
@@ -95,7 +85,9 @@ Trouble ExpectSpace(const Journal& journal) {
 // Errors that the upgrade does not prevent, and what would be no error in passes by hand: a backup that
 // is in the way, and a lack of space.
 bool IsAccepted(Run& run, const FileList& list, const Evidence& evidence) {
-    for (const Finding& finding : FindTrouble(list, evidence, run.output)) {
+    // Of a package that nobody has signed no more is read.
+    const std::vector<Finding>& refused = evidence.provenance.findings;
+    for (const Finding& finding : refused.empty() ? FindTrouble(list, evidence, run.output) : refused) {
         const std::string code = finding.kind->code;
         const bool isError = finding.kind->IsError() && !finding.kind->isByHandOnly;
         if (!isError && code != "W-OLD-BACKUP" && code != "W-SPACE") continue;
@@ -115,6 +107,7 @@ Trouble Record(Run& run, const FileList& list, const std::optional<Manifest>& ma
     const int error = ReadWhole(list.iniPath(), text);
     if (error != 0) return TroubleWith(list.iniPath(), error);
     run.journal.fileListDigest = DigestOf(text);
+    if (Trouble trouble = run.directory.KeepList(text, list.sourceDirectory())) return trouble;
     if (Trouble trouble = TakeInventory(list, run.output, run.journal)) return trouble;
     if (manifest) {
         if (Trouble trouble = FollowManifest(*manifest, run.journal)) return trouble;
@@ -168,18 +161,14 @@ private:
 };
 
 Trouble Rename(Run& run) {
-    if (Trouble trouble = RunPass("-rename", run.journal.fileList, run.signals, [] {})) return trouble;
-    if (Trouble trouble = ExpectSameList(run.journal)) return trouble;
+    if (Trouble trouble = RunPass("-rename", run.directory.ListPath(), run.signals, [] {})) return trouble;
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
     return std::nullopt;
 }
 
 Trouble Copy(Run& run) {
     CopyWatch watch(run.journal, run.output);
-    if (Trouble trouble = RunPass("-copy", run.journal.fileList, run.signals, [&watch] { watch.Look(); })) {
-        return trouble;
-    }
-    return ExpectSameList(run.journal);
+    return RunPass("-copy", run.directory.ListPath(), run.signals, [&watch] { watch.Look(); });
 }
 
 Trouble InstallAll(Run& run) {
@@ -286,8 +275,7 @@ int Clean(Run& run) {
     if (!AreBackupsOursAlone(run)) {
         return End(run, kLook, "Backups are left. Move what is named out of the way, and commit again.");
     }
-    Trouble trouble = ExpectSameList(run.journal);
-    if (!trouble) trouble = RunPass("-clean", run.journal.fileList, run.signals, [] {});
+    const Trouble trouble = RunPass("-clean", run.directory.ListPath(), run.signals, [] {});
     // The pass may have been cut off, and needs the file list: what it leaves goes all the same.
     const bool isClean = RemoveBackups(run.journal, run.report.remarks);
     if (trouble) run.report.remarks.push_back({run.journal.fileList, *trouble, false});
@@ -347,7 +335,8 @@ int Commit(const TransactionOptions& options, Output& output) {
         return Refuse(run, kFindings,
                       run.state.phase == Phase::kNone ? "no upgrade is open" : "the upgrade is not complete");
     }
-    if (const Trouble trouble = ExpectSameList(run.journal)) return Refuse(run, kFindings, *trouble);
+    Receipt receipt;
+    if (const Trouble trouble = run.directory.ReadReceipt(receipt)) return Refuse(run, kLook, *trouble);
     if (!AreBackupsOursAlone(run)) {
         return Refuse(run, kLook, "not all backups are those of the upgrade");
     }

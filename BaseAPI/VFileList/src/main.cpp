@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "Check.h"
 #include "FileList.h"
@@ -173,35 +174,40 @@ int Refuse(const Arguments& arguments, const std::string& command, const std::st
     return kWrongUse;
 }
 
-// Putting backups back has nothing to do with where the package came from.
-Provenance ProvenanceFor(const Arguments& arguments, const std::string& command) {
-    if (command == "rollback") return {};
-    return ReadProvenance(arguments.iniPath, arguments.transaction.trustedDirectory);
+// Why the package is no base for a plan or a comparison.
+std::vector<Finding> FindForgeries(const FileList& list, const Provenance& provenance) {
+    Inspection inspection(list);
+    inspection.findings = provenance.findings;
+    if (provenance.manifest) CheckManifest(inspection, *provenance.manifest, true);
+    return inspection.findings;
+}
+
+int RefuseForged(const Arguments& arguments, const std::string& command, const Finding& finding,
+                 Output& output) {
+    const std::string place = finding.path.empty() ? "" : finding.path + ": ";
+    (void)Refuse(arguments, command, std::string(finding.kind->title) + " (" + place + finding.detail + ")",
+                 output);
+    return kFindings;
 }
 
 // What makes no sense on a file list without a directory list.
 int RunOnList(const Arguments& arguments, const std::string& command, Output& output) {
     const std::string trouble = FileList::WhyUnreadable(arguments.iniPath);
     if (!trouble.empty()) return Refuse(arguments, command, trouble, output);
-    const Provenance provenance = ProvenanceFor(arguments, command);
-    if (!provenance.findings.empty()) {
-        const Finding& finding = provenance.findings.front();
-        (void)Refuse(arguments, command, std::string(finding.kind->title) + " (" + finding.detail + ")",
-                     output);
-        return kFindings;
-    }
     const FileList list(arguments.iniPath);
     if (list.trouble()) return Refuse(arguments, command, *list.trouble(), output);
     if (list.lists().empty()) {
         return Refuse(arguments, command, "no install type with a directory list; vfilelist check says more",
                       output);
     }
+    // Putting backups back has nothing to do with where the package came from.
+    if (command == "rollback") return Rollback(list, arguments.rollback, output);
+    const Provenance provenance = ReadProvenance(arguments.iniPath, arguments.transaction.trustedDirectory);
+    const std::vector<Finding> forgeries = FindForgeries(list, provenance);
+    if (!forgeries.empty()) return RefuseForged(arguments, command, forgeries.front(), output);
     if (command == "plan") return Plan(list, output);
-    if (command == "verify") {
-        return Verify(
-            list, {arguments.verify.expected, arguments.verify.areModesIgnored, provenance.manifest}, output);
-    }
-    return Rollback(list, arguments.rollback, output);
+    return Verify(list, {arguments.verify.expected, arguments.verify.areModesIgnored, provenance.manifest},
+                  output);
 }
 
 // With an open upgrade that one is taken back; otherwise the backups of the list are put back.
