@@ -75,7 +75,7 @@ class Host:
             words = [programs / "vfilelist", "rollback", "--only-modes", file_list]
         else:
             programs = self.state / "rescue" if step == "resume" else programs
-            words = [programs / "vfilelist", step, "--state", self.state]
+            words = [programs / "vfilelist", *step.split(), "--state", self.state]
             words += [file_list] if step == "upgrade" else []
         variables = {"LD_LIBRARY_PATH": str(programs), "VLOGGER_DIRECTORY": str(self.scratch / "log")}
         try:

@@ -69,4 +69,8 @@ class Judge:
             if found or command == "upgrade":
                 return found
             host.perform(command)
-        return release.differences(self.goal, release.snapshot(host.targets))
+        found = release.differences(self.goal, release.snapshot(host.targets))
+        # What is committed has its receipt.
+        if not found and self.goal == host.new and host.perform("verify --installed") != 0:
+            return ["the receipt is missing, or another one"]
+        return found

@@ -65,10 +65,11 @@ std::string PathOfDescriptor(pid_t process, unsigned long descriptor) {
     return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
 }
 
-bool IsBelow(const std::string& path, const std::vector<std::string>& directories) {
-    return std::any_of(directories.begin(), directories.end(), [&path](const std::string& directory) {
-        return path.compare(0, directory.size(), directory) == 0;
-    });
+bool IsBelow(const std::string& path, const TreeEvent& event) {
+    if (path == event.except) return false;
+    return std::any_of(
+        event.directories.begin(), event.directories.end(),
+        [&path](const std::string& directory) { return path.compare(0, directory.size(), directory) == 0; });
 }
 
 class Tracer {
@@ -176,11 +177,11 @@ TreeCall Tracer::CallOf(pid_t process, const user_regs_struct& registers) const 
     // In every call the paths are among these.
     for (const std::size_t argument : {0U, 1U, 3U}) {
         const std::string text = TextAt(process, call.arguments[argument]);
-        if (IsBelow(text, event_.directories)) call.paths.push_back(text);
+        if (IsBelow(text, event_)) call.paths.push_back(text);
     }
     if (!call.paths.empty()) return call;
     const std::string path = PathOfDescriptor(process, call.arguments[0]);
-    call.isByDescriptor = IsBelow(path, event_.directories);
+    call.isByDescriptor = IsBelow(path, event_);
     if (call.isByDescriptor) call.paths.push_back(path);
     return call;
 }

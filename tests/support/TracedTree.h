@@ -18,6 +18,7 @@ struct TreeEvent {
     // others leave them as they are. Nor does what the program does while a child of it is at work, which
     // only watches it, at moments that are different each time.
     std::vector<std::string> directories = {};
+    std::string except = {};  // but for this file
     std::string output = {};  // the file that standard output goes to; empty: nowhere
 };
 

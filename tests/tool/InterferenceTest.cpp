@@ -120,6 +120,7 @@ protected:
         TreeEvent event;
         event.at = at;
         event.directories = {release_.InstalledPath(), release_.StatePath()};
+        event.except = release_.PassedList();
         return event;
     }
     TreeRun Trace(const std::string& command, const TreeEvent& event) const {

@@ -81,6 +81,7 @@ protected:
         TreeEvent event;
         event.at = killAt;
         event.directories = {release.InstalledPath(), release.StatePath()};
+        event.except = release.PassedList();
         return RunTracedTree(release.Command(command), release.Environment(), event).calls;
     }
     static Lengths LengthsOf(const Release& release) {

@@ -24,6 +24,7 @@ protected:
         TreeEvent event;
         event.at = at;
         event.directories = {release_.InstalledPath(), release_.StatePath()};
+        event.except = release_.PassedList();
         return event;
     }
 

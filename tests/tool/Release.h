@@ -28,6 +28,8 @@ public:
     TreeSnapshot Now() const { return TakeSnapshot(package_.InstalledPath()); }
 
     std::string StatePath() const { return package_.scratch().Path("state"); }
+    // The list that the passes read. How often they do depends on how long ago it was written.
+    std::string PassedList() const { return StatePath() + "/package/filelist.ini"; }
     std::vector<std::string> Command(const std::string& command) const;
     std::vector<std::string> Environment() const;
     // Runs it without a tracer. Returns its exit status.
