@@ -14,11 +14,16 @@ import sys
 # Debian's names of licences, and what SPDX calls them.
 LICENCES = {
     "Apache-2.0": "Apache-2.0",
+    "BSD-124-clause-UCB": "BSD-4-Clause-UC",
+    "BSD-2-clause": "BSD-2-Clause",
     "BSD-3-clause": "BSD-3-Clause",
     "Expat": "MIT",
     "Expat with embedded exception": "MIT WITH fmt-exception",
     "Zlib": "Zlib",
 }
+
+# Linked from a library's archive of objects: what of its sources has a paragraph of its own.
+LINKED_SOURCES = {"libarchive-dev": ["libarchive/archive_entry.c"]}
 
 # Packages whose copyright files have no form for machines.
 LICENCES_OF_PACKAGES = [
@@ -48,6 +53,7 @@ def is_installed(pattern, files):
 def copyrights_of(package):
     """The library's name; pairs of authors and a licence, for the files that are installed; the licences' texts."""
     files = files_of(package)
+    sources = LINKED_SOURCES.get(package.split(":")[0], [])
     with open(next(file for file in files if file.endswith("/copyright")), encoding="utf-8") as copyright_file:
         fields = list(paragraphs(copyright_file.read()))
     texts = {}
@@ -56,8 +62,9 @@ def copyrights_of(package):
         licence, _, text = paragraph.get("License", "").partition("\n")
         if text:
             texts[licence] = text
-        if any(is_installed(pattern, files) for pattern in paragraph.get("Files", "").split()):
-            pairs.append((paragraph["Copyright"], licence))
+        patterns = paragraph.get("Files", "").split()
+        if any(is_installed(pattern, files) or pattern in sources for pattern in patterns):
+            pairs += [(paragraph["Copyright"], part) for part in licence.split(" and ")]
     return fields[0].get("Upstream-Name", package), pairs, texts
 
 
@@ -87,7 +94,7 @@ def notice(package):
     lines = [title, "-" * len(title), ""]
     for licence in dict.fromkeys(licence for _, licence in pairs):
         names = [line for value, of in pairs if of == licence for line in lines_of(value)]
-        lines += ["Copyright " + name for name in names] + [""] + lines_of(texts[licence]) + [""]
+        lines += [("Copyright " if re.match(r"\(c\)|[0-9]", name) else "") + name for name in names] + [""] + lines_of(texts[licence]) + [""]
     return "\n".join(lines)
 
 
