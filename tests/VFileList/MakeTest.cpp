@@ -624,6 +624,14 @@ TEST_F(MakeTest, NamesAFileThatFailsWhileItIsRead) {
     EXPECT_FALSE(HasPackage());
 }
 
+TEST_F(MakeTest, LeavesNothingWithoutMemoryForTheDigests) {
+    New("file");
+    const Replaced memory(calls::EVP_MD_CTX_new, []() -> void* { return nullptr; });
+
+    EXPECT_EQ(Error(), "std::bad_alloc");
+    EXPECT_FALSE(HasPackage());
+}
+
 // Whatever fails, nothing is left, nor is a descriptor; an empty directory that was there stays.
 TEST_F(MakeTest, LeavesNothingWhenSomethingCannotBeWritten) {
     New("bin/file");

@@ -130,6 +130,13 @@ TEST_F(SignatureTest, RefusesEverythingWhenOthersCanWriteTheKeys) {
     EXPECT_EQ(Check("text"), trusted_ + "/maker.pem: Input/output error");
 }
 
+TEST_F(SignatureTest, DoesNotReadWhatIsTooLongForASignature) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign("");
+    ASSERT_EQ(truncate(signature_.c_str(), off_t{1} << 40), 0);
+    EXPECT_EQ(Check("text"), NotTrusted());
+}
+
 TEST_F(SignatureTest, AsksNobodyForAPassword) {
     // An empty key with a password, in place of a public one.
     Trust("maker.pem",

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -110,7 +111,12 @@ private:
 
 Trouble PackageWriter::Write() {
     if (Trouble trouble = MakeDirectory()) return trouble;
-    Trouble trouble = WriteAll();
+    Trouble trouble;
+    try {
+        trouble = WriteAll();
+    } catch (const std::exception& error) {
+        trouble = error.what();
+    }
     if (trouble) Remove();
     return trouble;
 }
