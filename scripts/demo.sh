@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# demo.sh BUILD: an upgrade, one that fails, one that is killed, and a tour of the library, with what was built
-# in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end.
+# demo.sh BUILD [--step]: an upgrade, one that fails, one that is killed, and a tour of the library, with what was built
+# in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end. --step waits for
+# a key after each section.
 set -euo pipefail
 # shellcheck source=scripts/look.sh
 . "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/look.sh"
 
 build=$(readlink -f "$1")
+step=${2:-}
 vfilelist=$build/BaseAPI/VFileList/vfilelist
 work=$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-demo-XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -22,7 +24,10 @@ state=$work/state      # what belongs to the open upgrade; /var/lib/vfilelist on
 
 # ---------------------------------------------------------------------------------------------- showing
 
-tell() { printf '%s\n' "$@"; }
+# On a terminal, lines are broken between words.
+wrapped() { if is_terminal; then fold -s -w "$(tput cols)"; else cat; fi; }
+
+tell() { printf '%s\n' "$@" | wrapped; }
 command_line() { printf '%s$ %s%s\n' "$bold" "${*//"$work/"/}" "$plain"; }
 
 # The files of a directory as mode, size, beginning of the SHA-256 sum, and path; backups are dimmed.
@@ -65,20 +70,21 @@ expect_same() {  # WANTED IS
 
 expect_absent() { [[ ! -e $1 ]] || die "${1#"$work"/} should not be there"; }
 
-verified() { good "Checked with sha256sum: $*"; }
+verified() { good "$(wrapped <<<"Checked with sha256sum: $*")"; }
 
 # ---------------------------------------------------------------------------------------------- running
 
 # Runs vfilelist and shows its report; it has to end with STATUS.
 run_vfilelist() {  # STATUS COMMAND [OPTION|FILE...]
     local status=0
-    local -a place=(--state "$state")
+    local -a place=(--state "$state") look=()
+    if [[ -n $plain ]]; then look=(--color=always); fi  # its standard output is no terminal here
     case $2 in
         make) place=() ;;
         check | upgrade) place+=(--trusted "$work/trusted") ;;
     esac
     command_line "vfilelist ${*:2}"
-    { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
+    { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}" "${look[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
     wait "$!"
     [[ $status == "$1" ]] || die "vfilelist $2 ended with $status instead of $1"
 }
@@ -256,12 +262,23 @@ tour() {
     printf '\n'
 }
 
+wait_for_key() {
+    printf '%sPress a key to go on.%s' "$dim" "$plain"
+    read -rsn 1 || die "no more keys"
+    printf '\r\e[K'
+}
+
+what_next() {
+    printf '\nTry next:\n'
+    printf '  %s%-56s%s  %s\n' "$bold" './dev demo --step' "$plain" 'section by section' \
+        "$bold" "${vfilelist#"$PWD"/} upgrade --help" "$plain" 'all its options' \
+        "$bold" './dev test VPathTest' "$plain" 'the tests of VPath'
+}
+
 [[ -x $vfilelist ]] || die "there is no $vfilelist; run ./dev demo"
-prepare
-upgrade
-commit
-forged_package
-failed_upgrade
-killed_upgrade
-tour
-note "Nothing is left of it all: the temporary directory is removed now."
+for section in prepare upgrade commit forged_package failed_upgrade killed_upgrade tour; do
+    "$section"
+    if [[ -n $step ]]; then wait_for_key; fi
+done
+note "The temporary directory is removed now: the demo leaves nothing."
+what_next
