@@ -25,7 +25,9 @@ state=$work/state      # what belongs to the open upgrade; /var/lib/vfilelist on
 # ---------------------------------------------------------------------------------------------- showing
 
 # On a terminal, lines are broken between words.
-wrapped() { if is_terminal; then fold -s -w "$(tput cols)"; else cat; fi; }
+columns=100000
+if is_terminal; then columns=$(tput cols); fi
+wrapped() { fold -s -w "$columns"; }
 
 tell() { printf '%s\n' "$@" | wrapped; }
 command_line() { printf '%s$ %s%s\n' "$bold" "${*//"$work/"/}" "$plain"; }
@@ -70,7 +72,7 @@ expect_same() {  # WANTED IS
 
 expect_absent() { [[ ! -e $1 ]] || die "${1#"$work"/} should not be there"; }
 
-verified() { good "$(wrapped <<<"Checked with sha256sum: $*")"; }
+verified() { tell "Checked with sha256sum: $*" | while IFS= read -r line; do good "$line"; done; }
 
 # ---------------------------------------------------------------------------------------------- running
 
@@ -184,15 +186,15 @@ commit() {
 }
 
 forged_package() {
-    heading "4. A package that somebody has changed"
+    heading "4. A package that was changed on its way"
     rm -rf "$before"
     cp -a "$app" "$before"
     cp "$(command -v cat)" "$new/bin/ls"
     remake_package 2.1
     printf x >>"$package/Common/bin/ls"
-    tell "The next package has another ls. On its way somebody adds a byte to it:"
+    tell "The next package has another ls. Then a byte is added to it:"
     run_vfilelist 1 upgrade package/filelist.ini
-    tell "And an older package, well signed, is played again:"
+    tell "An older package, correctly signed, comes again:"
     remake_package 1.9
     run_vfilelist 1 upgrade package/filelist.ini
     expect_old_release
@@ -202,7 +204,7 @@ forged_package() {
 
 failed_upgrade() {
     heading "5. An upgrade that fails half-way"
-    tell "The package is as it was made now, but the disk has no room for the libraries (here: no file may be larger than 64 KiB):"
+    tell "This package is intact, but the disk has no room for the libraries (here: no file may be larger than 64 KiB):"
     (ulimit -f 64 && run_vfilelist 1 upgrade package/filelist.ini)
     show_app
     expect_old_release
@@ -215,7 +217,9 @@ killed_upgrade() {
     truncate -s 256M "$new/lib/large"
     remake_package 2.2
     command_line "vfilelist upgrade package/filelist.ini &"
-    (cd "$work" && exec "$vfilelist" upgrade package/filelist.ini --state "$state" --trusted "$work/trusted" >/dev/null) &
+    # Killed, it could not wipe away a progress line; a dumb terminal gets none.
+    (cd "$work" && TERM=dumb exec "$vfilelist" upgrade package/filelist.ini --state "$state" \
+        --trusted "$work/trusted" >/dev/null) &
     process=$!
     until [[ -e $app/lib/large ]] || ! kill -0 "$process" 2>/dev/null; do sleep 0.01; done
     command_line "kill -9 %1"
@@ -223,7 +227,7 @@ killed_upgrade() {
     wait "$process" 2>/dev/null || true
     show_app
     run_vfilelist 1 status
-    tell "After a power cut the boot unit would do this:"
+    tell "After a power cut the boot unit does this:"
     run_vfilelist 0 resume
     show_app
     expect_old_release
