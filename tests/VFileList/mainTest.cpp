@@ -231,6 +231,8 @@ TEST_F(VFileListMainTest, IsColouredOnATerminalUnlessNoColorIsSet) {
 
 TEST_F(VFileListMainTest, EveryCommandIsColouredWhenItIsAskedFor) {
     const std::string state = package_.scratch().Path("state");
+    const std::string tree = package_.scratch().MakeDirectory("tree");
+    std::filesystem::create_symlink("a", tree + "/no package has it");
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{"check", package_.ListPath()},
           {"plan", package_.ListPath()},
@@ -240,7 +242,7 @@ TEST_F(VFileListMainTest, EveryCommandIsColouredWhenItIsAskedFor) {
           {"status", "--state", state},
           {"resume", "--state", state},
           {"commit", "--state", state},
-          {"make", "--tree", package_.scratch().MakeDirectory("tree"), package_.scratch().Path("made")}}) {
+          {"make", "--tree", tree, package_.scratch().Path("made")}}) {
         SCOPED_TRACE(testing::PrintToString(command));
         const std::vector<std::string> words = Concatenate({VFILELIST_PATH}, command);
         EXPECT_THAT(RunProcess(Concatenate(words, {"--color=always"}), {"NO_COLOR=1"}).out,
