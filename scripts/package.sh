@@ -39,21 +39,22 @@ set_cross_environment() {  # SOURCES
         DPKG_ADMINDIR="$place/dpkg"
         VFILESYS_LIBRARIES="$sysroot/usr/lib/aarch64-linux-gnu"
     )
-    options=(--host-arch arm64 --admindir="$place/dpkg")
+    options=(--build=binary --host-arch arm64 --admindir="$place/dpkg")
 }
 
 build_debian_packages() { (cd "$1" && "${@:2}"); }  # DIRECTORY COMMAND...
 
-# Makes packages of the sources in WORK/vfilesys; they lie in WORK then, and their bill of materials beside them.
+# Makes packages of the sources in WORK/vfilesys; they lie in WORK then, and their bill of materials beside them. The
+# source package comes with those for this machine: what a cross build needs lies among its sources.
 make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
     local architecture=$1 work=$2
-    local -a environment=() options=()
+    local -a environment=() options=(--build=full)
     if ! is_native "$architecture"; then
         [[ $architecture == arm64 ]] || die "this machine cannot build for $architecture"
         set_cross_environment "$work/vfilesys"
     fi
     quietly "Building the packages for $architecture in $work" build_debian_packages "$work/vfilesys" "${@:3}" \
-        env "${environment[@]}" dpkg-buildpackage --build=binary --unsigned-changes --unsigned-buildinfo "${options[@]}"
+        env "${environment[@]}" dpkg-buildpackage --unsigned-source --unsigned-changes --unsigned-buildinfo "${options[@]}"
     env "${environment[@]}" /usr/bin/python3 -B scripts/bill_of_materials.py "$work"/vfilesys/obj-* "$work"/*.deb \
         >"$work/vfilesys_$(changelog_field Version)_$architecture.spdx.json"
 }
@@ -79,7 +80,8 @@ package_again() {  # ARCHITECTURE WORK
 # A line for each file; fails when one differs.
 compare_packages() {  # PLACE OTHER-PLACE
     local file name differing=0
-    for file in "$1"/*.deb "$1"/*.spdx.json; do
+    for file in "$1"/*.deb "$1"/*.spdx.json "$1"/*.dsc "$1"/*.tar.xz; do
+        [[ -e $file ]] || continue  # only this machine's have a source package
         name=${file##*/}
         if cmp -s "$file" "$2/$name"; then
             printf '  %.16s  %s\n' "$(sha256sum <"$file")" "$name"
