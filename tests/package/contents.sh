@@ -46,6 +46,14 @@ check_fields() {
     done
 }
 
+# They are made once, with the packages for the building machine.
+check_documents() {
+    local place_of_site=$work/documents/usr/share/doc/vfilesys-doc/html
+    if [[ $architecture != "$(dpkg --print-architecture)" ]]; then return; fi
+    dpkg-deb --extract "$place/vfilesys-doc_${version}_all.deb" "$work/documents"
+    /usr/bin/python3 -B "$source/tests/docs/links.py" "$place_of_site" || fail "vfilesys-doc has dead links"
+}
+
 # No file is in two packages, which could not be installed together then.
 check_files() {
     local package
@@ -125,6 +133,7 @@ check_notices() {
 }
 
 check_fields
+check_documents
 check_files
 extract
 check_binaries
