@@ -112,11 +112,11 @@ check_bill() {
         grep -q "$(sha256sum <"$(package_file "$package")" | cut -d' ' -f1)" "$bill" ||
             fail "$bill tells of another $package"
     done
-    for package in zlib1g libssl3 libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev nlohmann-json3-dev; do
+    for package in zlib1g libssl3 libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev libarchive-dev nlohmann-json3-dev; do
         grep -qE "\"referenceLocator\": \"pkg:deb/debian/$package@[^\"]+\?arch=($architecture|all)\"" "$bill" ||
             fail "$bill does not tell which $package it was"
     done
-    licence_is vfilesys-tools 'Apache-2.0 AND BSD-3-Clause AND MIT'
+    licence_is vfilesys-tools 'Apache-2.0 AND BSD-2-Clause AND BSD-3-Clause AND BSD-4-Clause-UC AND MIT'
     licence_is vfilesys-standins 'Apache-2.0 AND MIT AND MIT WITH fmt-exception'
     licence_is libvfilesys Apache-2.0
     if grep -n NOASSERTION "$bill" | grep -E 'license(Declared|Concluded)'; then fail "$bill lacks a licence"; fi
