@@ -86,7 +86,7 @@ def licence_of(package):
 def all_of(licences):
     if "NOASSERTION" in licences:
         return "NOASSERTION"
-    return " AND ".join(sorted(licences))
+    return " AND ".join(sorted({part for licence in licences for part in licence.split(" AND ")}))
 
 
 def lines_of(value):
