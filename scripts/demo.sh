@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# demo.sh BUILD: an upgrade, one that fails, one that is killed, and a tour of the library, with what was built
-# in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end.
+# demo.sh BUILD [--step]: an upgrade, one that fails, one that is killed, and a tour of the library, with what was built
+# in BUILD: real files, the real logger and INI reader, in a temporary directory that is gone at the end. --step waits for
+# a key after each section.
 set -euo pipefail
 # shellcheck source=scripts/look.sh
 . "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/look.sh"
 
 build=$(readlink -f "$1")
+step=${2:-}
 vfilelist=$build/BaseAPI/VFileList/vfilelist
 work=$(mktemp -d "${TMPDIR:-/tmp}/vfilesys-demo-XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -22,7 +24,12 @@ state=$work/state      # what belongs to the open upgrade; /var/lib/vfilelist on
 
 # ---------------------------------------------------------------------------------------------- showing
 
-tell() { printf '%s\n' "$@"; }
+# On a terminal, lines are broken between words.
+columns=100000
+if is_terminal; then columns=$(tput cols); fi
+wrapped() { fold -s -w "$columns"; }
+
+tell() { printf '%s\n' "$@" | wrapped; }
 command_line() { printf '%s$ %s%s\n' "$bold" "${*//"$work/"/}" "$plain"; }
 
 # The files of a directory as mode, size, beginning of the SHA-256 sum, and path; backups are dimmed.
@@ -65,20 +72,21 @@ expect_same() {  # WANTED IS
 
 expect_absent() { [[ ! -e $1 ]] || die "${1#"$work"/} should not be there"; }
 
-verified() { good "Checked with sha256sum: $*"; }
+verified() { tell "Checked with sha256sum: $*" | while IFS= read -r line; do good "$line"; done; }
 
 # ---------------------------------------------------------------------------------------------- running
 
 # Runs vfilelist and shows its report; it has to end with STATUS.
 run_vfilelist() {  # STATUS COMMAND [OPTION|FILE...]
     local status=0
-    local -a place=(--state "$state")
+    local -a place=(--state "$state") look=()
+    if [[ -n $plain ]]; then look=(--color=always); fi  # its standard output is no terminal here
     case $2 in
         make) place=() ;;
         check | upgrade) place+=(--trusted "$work/trusted") ;;
     esac
     command_line "vfilelist ${*:2}"
-    { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
+    { (cd "$work" && "$vfilelist" "${@:2}" "${place[@]}" "${look[@]}") || status=$?; } > >(sed "s|$work/||g; s|^|  |; s| *$||")
     wait "$!"
     [[ $status == "$1" ]] || die "vfilelist $2 ended with $status instead of $1"
 }
@@ -178,15 +186,15 @@ commit() {
 }
 
 forged_package() {
-    heading "4. A package that somebody has changed"
+    heading "4. A package that was changed on its way"
     rm -rf "$before"
     cp -a "$app" "$before"
     cp "$(command -v cat)" "$new/bin/ls"
     remake_package 2.1
     printf x >>"$package/Common/bin/ls"
-    tell "The next package has another ls. On its way somebody adds a byte to it:"
+    tell "The next package has another ls. Then a byte is added to it:"
     run_vfilelist 1 upgrade package/filelist.ini
-    tell "And an older package, well signed, is played again:"
+    tell "An older package, correctly signed, comes again:"
     remake_package 1.9
     run_vfilelist 1 upgrade package/filelist.ini
     expect_old_release
@@ -196,7 +204,7 @@ forged_package() {
 
 failed_upgrade() {
     heading "5. An upgrade that fails half-way"
-    tell "The package is as it was made now, but the disk has no room for the libraries (here: no file may be larger than 64 KiB):"
+    tell "This package is intact, but the disk has no room for the libraries (here: no file may be larger than 64 KiB):"
     (ulimit -f 64 && run_vfilelist 1 upgrade package/filelist.ini)
     show_app
     expect_old_release
@@ -209,7 +217,9 @@ killed_upgrade() {
     truncate -s 256M "$new/lib/large"
     remake_package 2.2
     command_line "vfilelist upgrade package/filelist.ini &"
-    (cd "$work" && exec "$vfilelist" upgrade package/filelist.ini --state "$state" --trusted "$work/trusted" >/dev/null) &
+    # Killed, it could not wipe away a progress line; a dumb terminal gets none.
+    (cd "$work" && TERM=dumb exec "$vfilelist" upgrade package/filelist.ini --state "$state" \
+        --trusted "$work/trusted" >/dev/null) &
     process=$!
     until [[ -e $app/lib/large ]] || ! kill -0 "$process" 2>/dev/null; do sleep 0.01; done
     command_line "kill -9 %1"
@@ -217,7 +227,7 @@ killed_upgrade() {
     wait "$process" 2>/dev/null || true
     show_app
     run_vfilelist 1 status
-    tell "After a power cut the boot unit would do this:"
+    tell "After a power cut the boot unit does this:"
     run_vfilelist 0 resume
     show_app
     expect_old_release
@@ -256,12 +266,23 @@ tour() {
     printf '\n'
 }
 
+wait_for_key() {
+    printf '%sPress a key to go on.%s' "$dim" "$plain"
+    read -rsn 1 || die "no more keys"
+    printf '\r\e[K'
+}
+
+what_next() {
+    printf '\nTry next:\n'
+    printf '  %s%-56s%s  %s\n' "$bold" './dev demo --step' "$plain" 'section by section' \
+        "$bold" "${vfilelist#"$PWD"/} upgrade --help" "$plain" 'all its options' \
+        "$bold" './dev test VPathTest' "$plain" 'the tests of VPath'
+}
+
 [[ -x $vfilelist ]] || die "there is no $vfilelist; run ./dev demo"
-prepare
-upgrade
-commit
-forged_package
-failed_upgrade
-killed_upgrade
-tour
-note "Nothing is left of it all: the temporary directory is removed now."
+for section in prepare upgrade commit forged_package failed_upgrade killed_upgrade tour; do
+    "$section"
+    if [[ -n $step ]]; then wait_for_key; fi
+done
+note "The temporary directory is removed now: the demo leaves nothing."
+what_next

@@ -13,23 +13,28 @@ import sys
 
 # Debian's names of licences, and what SPDX calls them.
 LICENCES = {
-    "Apache-2.0": "Apache-2.0",
     "BSD-124-clause-UCB": "BSD-4-Clause-UC",
     "BSD-2-clause": "BSD-2-Clause",
+    "Apache-2.0": "Apache-2.0",
     "BSD-3-clause": "BSD-3-Clause",
     "Expat": "MIT",
     "Expat with embedded exception": "MIT WITH fmt-exception",
     "Zlib": "Zlib",
 }
 
-# Linked from a library's archive of objects: what of its sources has a paragraph of its own.
-LINKED_SOURCES = {"libarchive-dev": ["libarchive/archive_entry.c"]}
-
 # Packages whose copyright files have no form for machines.
 LICENCES_OF_PACKAGES = [
     (re.compile(r"libc6(-|$)"), "LGPL-2.1-or-later"),
     (re.compile(r"lib(gcc|stdc\+\+)-?[0-9s]"), "GPL-3.0-or-later WITH GCC-exception-3.1"),
 ]
+
+# Of libraries that are linked as objects: the sources of those objects that the linker takes.
+LINKED_SOURCES = {
+    "libarchive-dev": [f"libarchive/{name}.c" for name in (
+        "archive_acl", "archive_check_magic", "archive_entry", "archive_entry_link_resolver", "archive_pack_dev",
+        "archive_rb", "archive_read", "archive_read_open_memory", "archive_read_support_format_mtree",
+        "archive_string", "archive_string_sprintf", "archive_util")],
+}
 
 # The exception: what a compiler's headers add to a program may be distributed under any terms, and needs no notice.
 ASKS_FOR_NOTHING = "GPL-3.0-or-later WITH GCC-exception-3.1"
@@ -51,9 +56,10 @@ def is_installed(pattern, files):
 
 
 def copyrights_of(package):
-    """The library's name; pairs of authors and a licence, for the files that are installed; the licences' texts."""
+    """The library's name; pairs of authors and a licence, for the files that are installed or linked; the licences'
+    texts."""
     files = files_of(package)
-    sources = LINKED_SOURCES.get(package.split(":")[0], [])
+    linked = LINKED_SOURCES.get(package.split(":")[0], [])
     with open(next(file for file in files if file.endswith("/copyright")), encoding="utf-8") as copyright_file:
         fields = list(paragraphs(copyright_file.read()))
     texts = {}
@@ -62,8 +68,8 @@ def copyrights_of(package):
         licence, _, text = paragraph.get("License", "").partition("\n")
         if text:
             texts[licence] = text
-        patterns = paragraph.get("Files", "").split()
-        if any(is_installed(pattern, files) or pattern in sources for pattern in patterns):
+        if any(is_installed(pattern, files) or fnmatch.filter(linked, pattern)
+               for pattern in paragraph.get("Files", "").split()):
             pairs += [(paragraph["Copyright"], part) for part in licence.split(" and ")]
     return fields[0].get("Upstream-Name", package), pairs, texts
 
@@ -80,7 +86,7 @@ def licence_of(package):
 def all_of(licences):
     if "NOASSERTION" in licences:
         return "NOASSERTION"
-    return " AND ".join(sorted(licences))
+    return " AND ".join(sorted({part for licence in licences for part in licence.split(" AND ")}))
 
 
 def lines_of(value):
@@ -94,7 +100,7 @@ def notice(package):
     lines = [title, "-" * len(title), ""]
     for licence in dict.fromkeys(licence for _, licence in pairs):
         names = [line for value, of in pairs if of == licence for line in lines_of(value)]
-        lines += [("Copyright " if re.match(r"\(c\)|[0-9]", name) else "") + name for name in names] + [""] + lines_of(texts[licence]) + [""]
+        lines += [("Copyright " if re.match(r"\(c\)|\d", name) else "") + name for name in names] + [""] + lines_of(texts[licence]) + [""]
     return "\n".join(lines)
 
 

@@ -13,7 +13,8 @@ packages_of_architecture() { printf 'build/packages/%s' "$1"; }
 changelog_field() { dpkg-parsechangelog --show-field "$1"; }  # FIELD
 
 # The tree as git would keep it: packages are built from nothing else, and never in place. Git keeps no times, and a
-# package only those that are older than its changelog, so all files get that one.
+# package only those that are older than its changelog, so all files get that one. The source package would keep the
+# modes that the umask leaves, so all get those that a checkout of root has.
 export_sources() {  # DIRECTORY
     mkdir -p "$1"
     {
@@ -22,6 +23,7 @@ export_sources() {  # DIRECTORY
     } | while IFS= read -r file; do
         if [[ -e $file ]]; then printf '%s\n' "$file"; fi
     done | tar -c --no-recursion --mtime="@$(changelog_field Timestamp)" -T - | tar -x -C "$1"
+    chmod -R u=rwX,go=rX "$1"
 }
 
 # Packages for AArch64 are built with a copy of those that lie unpacked below build/, and with what dpkg has to know
@@ -39,21 +41,22 @@ set_cross_environment() {  # SOURCES
         DPKG_ADMINDIR="$place/dpkg"
         VFILESYS_LIBRARIES="$sysroot/usr/lib/aarch64-linux-gnu"
     )
-    options=(--host-arch arm64 --admindir="$place/dpkg")
+    options=(--build=any --host-arch arm64 --admindir="$place/dpkg")
 }
 
 build_debian_packages() { (cd "$1" && "${@:2}"); }  # DIRECTORY COMMAND...
 
-# Makes packages of the sources in WORK/vfilesys; they lie in WORK then, and their bill of materials beside them.
+# Makes packages of the sources in WORK/vfilesys; they lie in WORK then, and their bill of materials beside them. The
+# source package and the documents come with those for this machine: what a cross build needs lies among its sources.
 make_packages() {  # ARCHITECTURE WORK [LAUNCHER...]
     local architecture=$1 work=$2
-    local -a environment=() options=()
+    local -a environment=() options=(--build=full)
     if ! is_native "$architecture"; then
         [[ $architecture == arm64 ]] || die "this machine cannot build for $architecture"
         set_cross_environment "$work/vfilesys"
     fi
     quietly "Building the packages for $architecture in $work" build_debian_packages "$work/vfilesys" "${@:3}" \
-        env "${environment[@]}" dpkg-buildpackage --build=binary --unsigned-changes --unsigned-buildinfo "${options[@]}"
+        env "${environment[@]}" dpkg-buildpackage --unsigned-source --unsigned-changes --unsigned-buildinfo "${options[@]}"
     env "${environment[@]}" /usr/bin/python3 -B scripts/bill_of_materials.py "$work"/vfilesys/obj-* "$work"/*.deb \
         >"$work/vfilesys_$(changelog_field Version)_$architecture.spdx.json"
 }
@@ -70,8 +73,8 @@ package() {  # ARCHITECTURE
     good "$1: $(find "$place" -name '*.deb' | wc -l) packages and their bill of materials are in $place."
 }
 
-# The same packages once more, as somebody else would make them: elsewhere, in a year, in another zone, with other
-# modes.
+# The same packages once more, as somebody else would make them: elsewhere, in a year, in another zone, with another
+# umask.
 package_again() {  # ARCHITECTURE WORK
     (umask 077 && export_sources "$2/vfilesys" && make_packages "$1" "$2" faketime -f '+400d' env TZ=Pacific/Apia)
 }
@@ -79,7 +82,8 @@ package_again() {  # ARCHITECTURE WORK
 # A line for each file; fails when one differs.
 compare_packages() {  # PLACE OTHER-PLACE
     local file name differing=0
-    for file in "$1"/*.deb "$1"/*.spdx.json; do
+    for file in "$1"/*.deb "$1"/*.spdx.json "$1"/*.dsc "$1"/*.tar.xz; do
+        [[ -e $file ]] || continue  # only this machine's have a source package
         name=${file##*/}
         if cmp -s "$file" "$2/$name"; then
             printf '  %.16s  %s\n' "$(sha256sum <"$file")" "$name"

@@ -65,10 +65,11 @@ def highlight(code, language="text", file=None):
 
 
 def framed(fragment):
-    """Tables and pictures scroll in a box of their own; a table's header of empty cells goes."""
+    """Tables and pictures scroll in a box of their own; a table's header of empty cells goes. A picture has a caption."""
     fragment = re.sub(r"<thead>\s*<tr>(\s*<th[^>]*></th>)*\s*</tr>\s*</thead>", "", fragment)
-    fragment = re.sub(r"<p>(<img [^>]*>)</p>", r"\1", fragment)
-    return re.sub(r"<table.*?</table>|<img [^>]*>", r'<div class="wide" tabindex="0">\g<0></div>', fragment, flags=re.S)
+    fragment = re.sub(r"<table.*?</table>|<img [^>]*>", r'<div class="wide" tabindex="0">\g<0></div>', fragment, flags=re.S)
+    return re.sub(r'<p>(<div class="wide" tabindex="0"><img [^>]*alt="([^"]*)"[^>]*></div>)</p>',
+                  r"<figure>\1<figcaption>\2</figcaption></figure>", fragment)
 
 
 def kept_whole(fragment):

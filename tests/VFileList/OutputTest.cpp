@@ -162,6 +162,20 @@ TEST(OutputTest, PaintsEveryStyleOnATerminal) {
     EXPECT_EQ(output.Paint(Style::kError, "text"), "\033[31mtext\033[0m");
 }
 
+TEST(OutputTest, ThePaintThatIsAskedForCountsMoreThanTerminalAndEnvironment) {
+    const Variable noColour("NO_COLOR", "1");
+    const Variable term("TERM", "dumb");
+    EXPECT_EQ(Output(false, "always").Paint(Style::kGood, "text"), "\033[32mtext\033[0m");
+    EXPECT_EQ(Output(true, "always").Paint(Style::kGood, "text"), "text") << "JSON has none";
+    EXPECT_EQ(Output(false, "auto").Paint(Style::kGood, "text"), "text");
+
+    const Replaced replaced(calls::isatty, Terminal(true));
+    const Variable noNoColour("NO_COLOR", nullptr);
+    const Variable xterm("TERM", "xterm");
+    EXPECT_EQ(Output(false, "never").Paint(Style::kGood, "text"), "text");
+    EXPECT_EQ(Output(false, "auto").Paint(Style::kGood, "text"), "\033[32mtext\033[0m");
+}
+
 TEST(OutputTest, PaintsWhereTheEnvironmentSaysNothing) {
     const Replaced replaced(calls::isatty, Terminal(true));
     const Variable term("TERM", nullptr);

@@ -49,6 +49,7 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
         {"Check", package_.ListPath()},
         {"verify", package_.ListPath(), "--expect", "done"},
         {"verify", package_.ListPath(), "--root", "/"},
+        {"verify", package_.ListPath(), "--color=sometimes"},
         {"check", package_.ListPath(), "--root", package_.scratch().Path("nowhere")},
         {"rollback", package_.ListPath(), "--only-modes", "--partial"},
         {"rollback", package_.ListPath(), "--force"},
@@ -65,6 +66,22 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
         EXPECT_THAT(result.err, HasSubstr("vfilelist: "));
     }
     EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("tool"));
+}
+
+TEST_F(VFileListMainTest, NamesTheUnknownCommandAndThoseThatThereAre) {
+    const std::string commands =
+        "; there are upgrade, commit, resume, status, rollback, make, check, plan, verify\n";
+    EXPECT_EQ(RunProcess({VFILELIST_PATH, "verfy", package_.ListPath()}).err,
+              "vfilelist: unknown command 'verfy'" + commands);
+    EXPECT_EQ(RunProcess({VFILELIST_PATH, ""}).err, "vfilelist: unknown command ''" + commands);
+    EXPECT_EQ(RunProcess({VFILELIST_PATH, "a\033[2J"}).err,
+              "vfilelist: unknown command 'a\\x1b[2J'" + commands);
+    for (const std::vector<std::string>& known :
+         {std::vector<std::string>{"plan", package_.ListPath(), "verfy"}, {"--verfy"}, {"check"}, {}}) {
+        const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, known));
+        EXPECT_THAT(result.err, HasSubstr("; vfilelist --help shows the usage\n"));
+        EXPECT_THAT(result.err, Not(HasSubstr("unknown command")));
+    }
 }
 
 TEST_F(VFileListMainTest, ExitsWith2WhenTheFileListCannotBeRead) {
@@ -210,6 +227,27 @@ TEST_F(VFileListMainTest, IsColouredOnATerminalUnlessNoColorIsSet) {
     EXPECT_THAT(run({"TERM=xterm", "NO_COLOR="}).out, HasSubstr("\033["));
     EXPECT_THAT(run({"TERM=xterm", "NO_COLOR=1"}).out, Not(HasSubstr("\033[")));
     EXPECT_THAT(run({"TERM=dumb", "NO_COLOR="}).out, Not(HasSubstr("\033[")));
+}
+
+TEST_F(VFileListMainTest, EveryCommandIsColouredWhenItIsAskedFor) {
+    const std::string state = package_.scratch().Path("state");
+    const std::string tree = package_.scratch().MakeDirectory("tree");
+    std::filesystem::create_symlink("a", tree + "/no package has it");
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"check", package_.ListPath()},
+          {"plan", package_.ListPath()},
+          {"verify", package_.ListPath()},
+          {"rollback", package_.ListPath(), "--state", state},
+          {"upgrade", package_.ListPath(), "--state", state},
+          {"status", "--state", state},
+          {"resume", "--state", state},
+          {"commit", "--state", state},
+          {"make", "--tree", tree, package_.scratch().Path("made")}}) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        const std::vector<std::string> words = Concatenate({VFILELIST_PATH}, command);
+        EXPECT_THAT(RunProcess(Concatenate(words, {"--color=always"}), {"NO_COLOR=1"}).out,
+                    HasSubstr("\033["));
+    }
 }
 
 TEST_F(VFileListMainTest, ExitsWith2WhenItsReportCannotBeWritten) {

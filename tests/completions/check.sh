@@ -50,17 +50,17 @@ check_commands() {
 }
 
 check_vfilelist_options() {
-    expect '--errors-only --help --json --root --state --trusted' vfilelist check -
-    expect '--help --json --trusted' vfilelist plan -
-    expect '--expect --help --ignore-modes --installed --json --state --trusted' vfilelist verify -
-    expect '--expect --help --ignore-modes --json --state --trusted' vfilelist verify filelist.ini -
-    expect '--dry-run --help --json --only-modes --partial --state' vfilelist rollback -
-    expect '--allow --base --help --json --lowest --owner --prefix --release --tree' vfilelist make -
+    expect '--color --errors-only --help --json --root --state --trusted' vfilelist check -
+    expect '--color --help --json --trusted' vfilelist plan -
+    expect '--color --expect --help --ignore-modes --installed --json --state --trusted' vfilelist verify -
+    expect '--color --expect --help --ignore-modes --json --state --trusted' vfilelist verify filelist.ini -
+    expect '--color --dry-run --help --json --only-modes --partial --state' vfilelist rollback -
+    expect '--allow --base --color --help --json --lowest --owner --prefix --release --tree' vfilelist make -
     expect '--json' vfilelist verify filelist.ini --j
     # What is there already, and what it excludes, would be refused.
-    expect '--errors-only --help --root --state --trusted' vfilelist check --json -
-    expect '--dry-run --help --json --state' vfilelist rollback --only-modes -
-    expect '--dry-run --help --json --state' vfilelist rollback --partial -
+    expect '--color --errors-only --help --root --state --trusted' vfilelist check --json -
+    expect '--color --dry-run --help --json --state' vfilelist rollback --only-modes -
+    expect '--color --dry-run --help --json --state' vfilelist rollback --partial -
     expect '--partial' vfilelist rollback filelist.ini --dry-run --p
     expect '' vfilelist unknown --r
 }
@@ -71,6 +71,7 @@ check_values() {
     expect 'cleaned copied renamed restored' vfilelist verify --expect =
     expect 'cleaned copied' vfilelist verify --expect = c
     expect '' vfilelist verify --expect f
+    expect 'always auto never' vfilelist status --color =
     expect 'package' vfilelist check --root ''
     expect 'package/deep' vfilelist check --root = package/
     expect '' vfilelist make --release f
@@ -109,6 +110,8 @@ check_program() {
     done
     expect "$("$vfilelist" verify --help | sed -nE 's/.*STATE:\{(.*)\}.*/\1/p' | tr ',' '\n' | sort | paste -sd' ')" \
         vfilelist verify --expect ''
+    expect "$("$vfilelist" status --help | sed -nE 's/.*WHEN:\{(.*)\}.*/\1/p' | tr ',' '\n' | sort | paste -sd' ')" \
+        vfilelist status --color ''
     expect "$({
         "$vfilelist" --help | sed -nE 's/^  (-h,)?(--[a-z-]+).*/\2/p'
         "$vfilelist" --help | awk '/^Subcommands:/ { isIn = 1; next } /^$/ { isIn = 0 } isIn { print $1 }'

@@ -46,6 +46,14 @@ check_fields() {
     done
 }
 
+# They are made once, with the packages for the building machine.
+check_documents() {
+    local place_of_site=$work/documents/usr/share/doc/vfilesys-doc/html
+    if [[ $architecture != "$(dpkg --print-architecture)" ]]; then return; fi
+    dpkg-deb --extract "$place/vfilesys-doc_${version}_all.deb" "$work/documents"
+    /usr/bin/python3 -B "$source/tests/docs/links.py" "$place_of_site" || fail "vfilesys-doc has dead links"
+}
+
 # No file is in two packages, which could not be installed together then.
 check_files() {
     local package
@@ -104,11 +112,11 @@ check_bill() {
         grep -q "$(sha256sum <"$(package_file "$package")" | cut -d' ' -f1)" "$bill" ||
             fail "$bill tells of another $package"
     done
-    for package in zlib1g libssl3 libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev nlohmann-json3-dev; do
+    for package in zlib1g libssl3 libfmt9 libspdlog-dev libsimpleini-dev libcli11-dev libarchive-dev nlohmann-json3-dev; do
         grep -qE "\"referenceLocator\": \"pkg:deb/debian/$package@[^\"]+\?arch=($architecture|all)\"" "$bill" ||
             fail "$bill does not tell which $package it was"
     done
-    licence_is vfilesys-tools 'Apache-2.0 AND BSD-3-Clause AND MIT'
+    licence_is vfilesys-tools 'Apache-2.0 AND BSD-2-Clause AND BSD-3-Clause AND BSD-4-Clause-UC AND MIT'
     licence_is vfilesys-standins 'Apache-2.0 AND MIT AND MIT WITH fmt-exception'
     licence_is libvfilesys Apache-2.0
     if grep -n NOASSERTION "$bill" | grep -E 'license(Declared|Concluded)'; then fail "$bill lacks a licence"; fi
@@ -125,6 +133,7 @@ check_notices() {
 }
 
 check_fields
+check_documents
 check_files
 extract
 check_binaries

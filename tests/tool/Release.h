@@ -1,5 +1,5 @@
-// An installed release with all that files may have, a signed package that upgrades it, and what the tree has to be
-// before, during and after.
+// An installed release with all that files may have, a signed package that upgrades it, and what the tree has
+// to be before, during and after.
 #ifndef TESTS_TOOL_RELEASE_H
 #define TESTS_TOOL_RELEASE_H
 

@@ -19,7 +19,8 @@ bool IsTerminal(int fd) {
     return isatty(fd) == 1 && (terminal == nullptr || std::strcmp(terminal, "dumb") != 0);
 }
 
-bool IsColourWanted() {
+bool IsColourWanted(const std::string& colour) {
+    if (colour != "auto") return colour == "always";
     const char* const noColour = std::getenv("NO_COLOR");
     return IsTerminal(STDOUT_FILENO) && (noColour == nullptr || noColour[0] == '\0');
 }
@@ -68,9 +69,9 @@ std::size_t PrintableLength(const std::string& text, std::size_t begin) {
 
 }  // namespace
 
-Output::Output(bool isJson)
+Output::Output(bool isJson, const std::string& colour)
     : isJson_(isJson),
-      isColoured_(!isJson && IsColourWanted()),
+      isColoured_(!isJson && IsColourWanted(colour)),
       showsProgress_(IsTerminal(STDERR_FILENO)),
       lastProgress_(std::chrono::steady_clock::now() + kProgressDelay - kProgressPeriod) {}
 

@@ -20,7 +20,8 @@ constexpr int kLook = 3;      // nothing is lost, but a person should look at wh
 
 class Output {
 public:
-    explicit Output(bool isJson);
+    // `colour` is always, never or auto: on a terminal, unless NO_COLOR is set. JSON has none.
+    explicit Output(bool isJson, const std::string& colour = "auto");
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;

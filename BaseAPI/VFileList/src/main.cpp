@@ -25,12 +25,13 @@ const char kDescription[] =
 
 const char kFooter[] =
     "Exit status: 0 fine; 1 something was found, refused or taken back, or the state is not the\n"
-    "one asked for; 2 wrong use, or a file list that can't be read; 3 nothing is lost, but a\n"
+    "one asked for; 2 a usage error, or a file list that can't be read; 3 nothing is lost, but a\n"
     "person should look at what is named.\n";
 
 struct Arguments {
     std::string iniPath;
     bool isJson = false;
+    std::string colour = "auto";
     CheckOptions check;
     MakeOptions make;
     VerifyOptions verify;
@@ -42,6 +43,11 @@ struct Arguments {
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Arguments& arguments) {
     CLI::App* const command = app.add_subcommand(name, description);
     command->add_flag("--json", arguments.isJson, "Write JSON (docs/vfilelist.md has the schema)");
+    command
+        ->add_option("--color", arguments.colour, "Colour the report; auto: on a terminal, without NO_COLOR")
+        ->capture_default_str()
+        ->type_name("WHEN")
+        ->check(CLI::IsMember({"always", "never", "auto"}));
     return command;
 }
 
@@ -164,6 +170,17 @@ void AddCommands(CLI::App& app, Arguments& arguments) {
     AddVerify(app, arguments);
 }
 
+// The parser itself names neither the unknown command nor those that there are.
+std::string UsageError(const CLI::App* app, const CLI::Error& error) {
+    const std::vector<std::string> unused = app->remaining();
+    if (unused.empty() || unused.front()[0] == '-')
+        return std::string("vfilelist: ") + error.what() + "; vfilelist --help shows the usage\n";
+    std::string commands;
+    for (const CLI::App* const command : app->get_subcommands({})) commands += ", " + command->get_name();
+    return "vfilelist: unknown command '" + Shown(unused.front()) + "'; there are " + commands.substr(2) +
+           "\n";
+}
+
 int Refuse(const Arguments& arguments, const std::string& command, const std::string& trouble,
            Output& output) {
     output.Member("command", command);
@@ -235,7 +252,7 @@ int RunCommand(const Arguments& arguments, const std::string& command, Output& o
 }
 
 int Run(Arguments& arguments, const std::string& command) {
-    Output output(arguments.isJson);
+    Output output(arguments.isJson, arguments.colour);
     arguments.check.iniPath = arguments.iniPath;
     arguments.check.stateDirectory = arguments.transaction.stateDirectory;
     arguments.check.trustedDirectory = arguments.transaction.trustedDirectory;
@@ -256,9 +273,7 @@ int main(int argc, char* argv[]) {
         CLI::App app(kDescription, "vfilelist");
         Arguments arguments;
         app.require_subcommand(1);
-        app.failure_message([](const CLI::App*, const CLI::Error& error) {
-            return std::string("vfilelist: ") + error.what() + "; vfilelist --help tells how to use it\n";
-        });
+        app.failure_message(UsageError);
         app.set_version_flag("--version", "vfilelist " VFILELIST_VERSION);
         app.footer(kFooter);
         AddCommands(app, arguments);
