@@ -302,14 +302,28 @@ TEST_F(InstallTest, TakesAnInheritedListAwayFromANewFileOfTheManifest) {
 }
 
 TEST_F(InstallTest, RefusesAFileThatIsWrittenToAfterItWasCompared) {
+    for (const char* const content : {"evil", "bad"}) {
+        Copy();
+        const auto write = [&](int fd, mode_t mode) {
+            std::ofstream(scratch_.Path("fresh")) << content;
+            return calls::real::fchmod(fd, mode);
+        };
+        const Replaced replaced(calls::fchmod, write);
+        Stamp stamp;
+        EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": another process has written to it");
+    }
+}
+
+TEST_F(InstallTest, SaysWhenAFileCanNotBeLookedAtInTheEnd) {
     Copy();
-    const auto write = [this](int fd, mode_t mode) {
-        std::ofstream(scratch_.Path("fresh")) << "evil";
-        return calls::real::fchmod(fd, mode);
-    };
-    const Replaced replaced(calls::fchmod, write);
+    int calls = 0;
+    const Replaced replaced(calls::fstat, [&calls](int fd, struct stat* status) {
+        if (++calls < 2) return calls::real::fstat(fd, status);
+        errno = EIO;
+        return -1;
+    });
     Stamp stamp;
-    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": another process has written to it");
+    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": Input/output error");
 }
 
 TEST_F(InstallTest, GivesDirectoriesTheirModesFromTheInnermostOutwards) {

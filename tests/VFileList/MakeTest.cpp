@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -20,6 +23,7 @@
 #include "FileSystem.h"
 #include "Manifest.h"
 #include "OrdinaryUser.h"
+#include "Process.h"
 #include "Report.h"
 #include "SystemCalls.h"
 
@@ -621,6 +625,170 @@ TEST_F(MakeTest, NamesAFileThatFailsWhileItIsRead) {
     });
 
     EXPECT_EQ(Error(), path + ": Input/output error");
+    EXPECT_FALSE(HasPackage());
+}
+
+// The call fails for this path.
+template <typename Result, typename... Rest>
+auto FailingFor(std::string path, Result (*real)(const char*, Rest...), Result failure) {
+    return [path, real, failure](const char* used, Rest... rest) {
+        if (path != used) return real(used, rest...);
+        errno = EIO;
+        return failure;
+    };
+}
+
+TEST_F(MakeTest, NamesADirectoryOfTheTreeThatFailsWhileItIsRead) {
+    New("bin/file");
+    const Replaced replaced(calls::readdir, [](DIR*) -> dirent* {
+        errno = EIO;
+        return nullptr;
+    });
+    EXPECT_EQ(Error(), scratch_.Path("new/") + ": Input/output error");
+    EXPECT_FALSE(HasPackage());
+}
+
+TEST_F(MakeTest, NamesAFileThatGoesWhileItIsLookedAt) {
+    const std::string path = New("file");
+    {
+        const Replaced replaced(calls::fstat, [&path](int fd, struct stat* status) {
+            const int result = calls::real::fstat(fd, status);
+            if (S_ISREG(status->st_mode)) (void)unlink(path.c_str());
+            return result;
+        });
+        EXPECT_EQ(Error(), path + ": No such file or directory");
+    }
+    New("file");
+    {
+        const Replaced replaced(calls::fstat, [](int fd, struct stat* status) {
+            const int result = calls::real::fstat(fd, status);
+            errno = EIO;
+            return S_ISREG(status->st_mode) ? -1 : result;
+        });
+        EXPECT_EQ(Error(), path + ": Input/output error");
+    }
+    {
+        const Replaced replaced(calls::read, [&path](int fd, void* data, std::size_t size) {
+            (void)unlink(path.c_str());
+            return calls::real::read(fd, data, size);
+        });
+        EXPECT_EQ(Error(), path + ": No such file or directory");
+    }
+    New("file");
+    const std::string link = scratch_.Link("new/link", "file");
+    const Replaced replaced(calls::lstat, [&link](const char* used, struct stat* status) {
+        const int result = calls::real::lstat(used, status);
+        if (used == link) (void)unlink(link.c_str());
+        return result;
+    });
+    EXPECT_EQ(Error(), link + ": No such file or directory");
+    EXPECT_FALSE(HasPackage());
+}
+
+TEST_F(MakeTest, NamesAFileThatFailsOrChangesWhileItIsCompared) {
+    options_.base = scratch_.MakeDirectory("old");
+    New("file", "new");
+    Old("file", "old");
+    {
+        const Replaced replaced(calls::open, [this](const char* used, int flags, mode_t mode) {
+            if (scratch_.Path("old/file") != used || (flags & O_NOFOLLOW) != 0)
+                return calls::real::open(used, flags, mode);
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(Error(), scratch_.Path("old/file") + ": Input/output error");
+    }
+    bool isRead = false;
+    const Replaced replaced(calls::read, [&](int fd, void* data, std::size_t size) {
+        if (!std::exchange(isRead, true)) std::ofstream(scratch_.Path("new/file")) << "other";
+        return calls::real::read(fd, data, size);
+    });
+    EXPECT_EQ(Error(), scratch_.Path("new/file") + ": it changed while it was read");
+    EXPECT_FALSE(HasPackage());
+}
+
+TEST_F(MakeTest, TakesNoNameOfAnOwnerThatAManifestCanNotHold) {
+    New("file");
+    options_.owner.clear();
+    passwd user{};
+    char name[] = "a b";
+    user.pw_name = name;
+    {
+        const Replaced replaced(calls::getpwuid, [&user](uid_t) { return &user; });
+        EXPECT_THAT(Unsaid(), ElementsAre("file owner-name"));
+    }
+    group owners{};
+    owners.gr_name = name;
+    const Replaced replaced(calls::getgrgid, [&owners](gid_t) { return &owners; });
+    EXPECT_THAT(Unsaid(), ElementsAre("file owner-name"));
+}
+
+TEST_F(MakeTest, TellsOneDeviceFromAnother) {
+    SKIP_UNLESS_ROOT();
+    options_.base = scratch_.MakeDirectory("old");
+    New("file");
+    New("same/x");
+    const auto make = [this](const char* name, unsigned minor) {
+        ASSERT_EQ(mknod(scratch_.Path(name).c_str(), S_IFCHR | 0600, makedev(1, minor)), 0);
+    };
+    make("new/device", 3);
+    make("old/device", 5);
+    make("new/alike", 3);
+    make("old/alike", 3);
+    const nlohmann::json report = Report();
+    std::vector<std::string> paths;
+    for (const auto& item : report["items"]) paths.push_back(item["path"]);
+    EXPECT_THAT(paths, testing::Contains("device"));
+    EXPECT_THAT(paths, testing::Not(testing::Contains("alike")));
+}
+
+TEST_F(MakeTest, LeavesNothingWhenAPartOfThePackageCanNotBeMade) {
+    New("bin/file");
+    const std::string copy = scratch_.Path("package/Common/bin/file");
+    {
+        const Replaced replaced(calls::open, FailingFor(copy, &calls::real::open, -1));
+        EXPECT_EQ(Error(), copy + ": Input/output error");
+    }
+    {
+        const Replaced replaced(calls::mkdir,
+                                FailingFor(scratch_.Path("package/Common"), &calls::real::mkdir, -1));
+        EXPECT_EQ(Error(), copy + ": Input/output error");
+    }
+    {
+        int writes = 0;
+        const Replaced write(calls::write, [&writes](int fd, const void* data, std::size_t size) {
+            ++writes;
+            return calls::real::write(fd, data, size);
+        });
+        const Replaced replaced(calls::close, [&writes](int fd) {
+            const int result = calls::real::close(fd);
+            if (writes == 0) return result;
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(Error(), copy + ": Input/output error");
+    }
+    EXPECT_FALSE(HasPackage());
+}
+
+TEST_F(MakeTest, LeavesNothingWhenTheManifestReadsOtherwise) {
+    New("file", "new");
+    {
+        const Replaced write(calls::write, [](int fd, const void* data, std::size_t size) {
+            std::string text(static_cast<const char*>(data), size);
+            const std::size_t at = text.find("size=3");
+            if (at != std::string::npos) text[at + 5] = '4';
+            return calls::real::write(fd, text.data(), text.size());
+        });
+        EXPECT_THAT(Error(), HasSubstr("filelist.ini.mtree: it can't be read as it was written"));
+    }
+    const std::string manifest = scratch_.Path("package/filelist.ini.mtree");
+    const Replaced open(calls::open, [&manifest](const char* used, int flags, mode_t mode) {
+        if (manifest != used || (flags & O_CREAT) != 0) return calls::real::open(used, flags, mode);
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(Error(), manifest + ": Input/output error");
     EXPECT_FALSE(HasPackage());
 }
 

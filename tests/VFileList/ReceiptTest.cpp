@@ -162,8 +162,13 @@ TEST_F(ReceiptFilesTest, KeepsOtherFilesAndLeavesOutThoseThatAreGone) {
     const std::string gone = Write("directory/gone", "gone", 0644);
     Receipt receipt;
     Add(JournalOf({kept, again, gone}, "first", 5), receipt);
+    const std::string below = Write("other/gone", "gone", 0644);
+    Add(JournalOf({below}, "first", 5), receipt);
     ASSERT_EQ(unlink(gone.c_str()), 0);
     ASSERT_EQ(rmdir(scratch_.Path("directory").c_str()), 0);
+    ASSERT_EQ(unlink(below.c_str()), 0);
+    ASSERT_EQ(rmdir(scratch_.Path("other").c_str()), 0);
+    scratch_.Write("other", "a file where its directory was");
     Add(JournalOf({again}, "second", 6), receipt);
 
     EXPECT_EQ(receipt.files.size(), 2U);

@@ -130,6 +130,18 @@ TEST_F(SignatureTest, RefusesEverythingWhenOthersCanWriteTheKeys) {
     EXPECT_EQ(Check("text"), trusted_ + "/maker.pem: Input/output error");
 }
 
+TEST_F(SignatureTest, RefusesEverythingWithoutLibcryptosHelp) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign(maker_.Signature("text"));
+    {
+        const Replaced memory(calls::EVP_MD_CTX_new, []() -> void* { return nullptr; });
+        EXPECT_EQ(Check("text"), NotTrusted());
+    }
+    const Replaced begin(calls::EVP_DigestVerifyInit,
+                         [](void*, void*, const void*, void*, void*) { return 0; });
+    EXPECT_EQ(Check("text"), NotTrusted());
+}
+
 TEST_F(SignatureTest, DoesNotReadWhatIsTooLongForASignature) {
     Trust("maker.pem", maker_.PublicKey());
     Sign("");

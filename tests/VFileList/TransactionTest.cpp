@@ -1054,6 +1054,35 @@ TEST_F(SignedTransactionTest, StaysOpenUntilItCanWriteDownWhatItHasInstalled) {
     EXPECT_EQ(History().size(), 1U);
 }
 
+// The call fails for this path from the Nth time on.
+auto FailingFrom(int number, const std::string& path) {
+    return [path, left = number](const char* opened, int flags, mode_t mode) mutable {
+        if (path != opened || --left > 0) return calls::real::open(opened, flags, mode);
+        errno = ENOSPC;
+        return -1;
+    };
+}
+
+TEST_F(SignedTransactionTest, DoesNotBeginWithoutAListForThePasses) {
+    const std::string list = release_.StatePath("package/filelist.ini");
+    const Replaced replaced(calls::open, FailingFrom(1, list));
+    ExpectRefused(Upgrade(), 1, list + ": No space left on device");
+}
+
+TEST_F(SignedTransactionTest, StaysOpenWhenTheReceiptCanNotBeReadInTheEnd) {
+    ASSERT_EQ(Upgrade().status, 0);
+    ASSERT_EQ(Commit().status, 0);
+    ASSERT_EQ(Upgrade().status, 0);
+    const std::string receipt = release_.StatePath("receipt");
+    {
+        const Replaced replaced(calls::open, FailingFrom(2, receipt));
+        const Ending ending = Commit();
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_THAT(ending.remarks(), ElementsAre("! state: " + receipt + ": No space left on device"));
+    }
+    EXPECT_EQ(Commit().status, 0);
+}
+
 TEST_F(SignedTransactionTest, SaysWhenTheReceiptCanNotBeRead) {
     release_.package().scratch().Write("state/receipt", "no receipt");
     const std::string trouble =

@@ -644,6 +644,14 @@ TEST_F(VerifyTest, HoldsANewFileWithoutABackupAgainstTheManifest) {
     (void)ReportOf([&](Output& output) { return ::Verify(FileList(package_.ListPath()), options, output); },
                    &status);
     EXPECT_EQ(status, 0);
+    manifest.entries[1].group = "root";
+    manifest.entries[1].mode = 0755;
+    fs::rename(package_.InstalledPath("fresh"), package_.InstalledPath("elsewhere"));
+    package_.scratch().Link("installed/fresh", "elsewhere");
+    expect(1, "a link, the manifest says mode 0755, owner root:root");
+    fs::remove(package_.InstalledPath("fresh"));
+    EXPECT_EQ(verify()["summary"]["manifestDiffering"], 0) << "it is not there at all";
+    fs::rename(package_.InstalledPath("elsewhere"), package_.InstalledPath("fresh"));
     manifest.entries.erase(manifest.entries.begin() + 1);
     expect(0, "");
 }

@@ -7,6 +7,7 @@
 #define TESTS_SUPPORT_SYSTEMCALLS_H
 
 #include <dirent.h>
+#include <grp.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <signal.h>
@@ -111,6 +112,8 @@
     X(gid_t, getegid, (), ())                                                                                \
     X(uid_t, geteuid, (), ())                                                                                \
     X(pid_t, getppid, (), ())                                                                                \
+    X(group*, getgrgid, (gid_t gid), (gid))                                                                  \
+    X(passwd*, getpwuid, (uid_t user), (user))                                                               \
     X(int, isatty, (int fd), (fd))                                                                           \
     X(int, linkat, (int directory, const char* path, int newDirectory, const char* newPath, int flags),      \
       (directory, path, newDirectory, newPath, flags))                                                       \

@@ -18,10 +18,6 @@ namespace {
 // Two of them fit into a processor's second-level cache, which makes comparing as fast as reading.
 constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
 
-bool IsSameMoment(const timespec& left, const timespec& right) {
-    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
-}
-
 // Opens a regular file. Fails, with the cause in `trouble`, for everything else: reading a pipe may never
 // end, and opening a device may set it to work.
 int OpenRegular(const std::string& path, struct stat& status, std::string& trouble) {
@@ -171,6 +167,10 @@ bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const st
     const Content content = comparer.Compare(path, packagePath, trouble);
     return (content == Content::kSame || content == Content::kPart) &&
            comparer.Compare(path, backupPath, trouble) != Content::kSame;
+}
+
+bool IsSameMoment(const timespec& left, const timespec& right) {
+    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
 
 bool IsSameFile(const struct stat& left, const struct stat& right) {

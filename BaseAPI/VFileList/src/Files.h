@@ -77,6 +77,8 @@ std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string&
 bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const std::string& backupPath,
                     const std::string& packagePath);
 
+bool IsSameMoment(const timespec& left, const timespec& right);
+
 // The two files, by status, are one: the same inode.
 bool IsSameFile(const struct stat& left, const struct stat& right);
 

@@ -21,8 +21,7 @@ Stamp StampOf(const struct stat& status) {
 }
 
 bool IsSame(const Stamp& left, const Stamp& right) {
-    return left.inode == right.inode && left.size == right.size &&
-           left.changed.tv_sec == right.changed.tv_sec && left.changed.tv_nsec == right.changed.tv_nsec;
+    return left.inode == right.inode && left.size == right.size && IsSameMoment(left.changed, right.changed);
 }
 
 // A new file of which the manifest names no owner keeps its own, and what its directory gave it.
@@ -32,11 +31,6 @@ Trouble SetAttributes(int fd, const JournalTarget& target) {
     if (package.owner)
         return WriteAttributes(fd, {package.mode, package.owner->user, package.owner->group, {}});
     return fchmod(fd, package.mode) == 0 ? Trouble() : std::strerror(errno);
-}
-
-bool IsSameContent(const struct stat& before, const struct stat& now) {
-    return before.st_size == now.st_size && before.st_mtim.tv_sec == now.st_mtim.tv_sec &&
-           before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
 }
 
 }  // namespace
@@ -64,7 +58,8 @@ Trouble Install(const JournalTarget& target, Stamp& stamp) {
     if (const Trouble trouble = SetAttributes(file.get(), target)) return target.path + ": " + *trouble;
     struct stat status {};
     if (fsync(file.get()) != 0 || fstat(file.get(), &status) != 0) return TroubleWith(target.path, errno);
-    if (!IsSameContent(before, status)) return target.path + ": another process has written to it";
+    if (before.st_size != status.st_size || !IsSameMoment(before.st_mtim, status.st_mtim))
+        return target.path + ": another process has written to it";
     stamp = StampOf(status);
     return std::nullopt;
 }

@@ -52,8 +52,7 @@ public:
     // Returns 0 or an errno.
     int Finish(mode_t mode) {
         if (error_ == 0 && fchmod(fd_, mode) != 0) error_ = errno;
-        const int fd = std::exchange(fd_, -1);
-        if (fd >= 0 && close(fd) != 0 && error_ == 0) error_ = errno;
+        if (close(std::exchange(fd_, -1)) != 0 && error_ == 0) error_ = errno;
         return error_;
     }
 
@@ -184,8 +183,7 @@ Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
 
     struct stat now {};
     if (lstat(source.c_str(), &now) != 0) return TroubleWith(source, errno);
-    if (!IsUnchanged(tree_.at(path).status, now) || entry.size != now.st_size)
-        return source + ": it changed while it was read";
+    if (!IsUnchanged(tree_.at(path).status, now)) return source + ": it changed while it was read";
     return std::nullopt;
 }
 
@@ -194,7 +192,6 @@ Trouble PackageWriter::ReadBack(const std::string& listPath, const std::string& 
     std::vector<std::pair<std::string, std::string>> meant;
     for (const std::string& path : plan_.files) meant.emplace_back(EntryFor(path), TargetOf(path));
     const FileList list(listPath);
-    if (list.trouble()) return list.trouble();
     std::vector<std::pair<std::string, std::string>> read;
     for (const Entry& entry : list.entries()) read.emplace_back(entry.text, list.TargetOf(entry));
     std::sort(meant.begin(), meant.end());

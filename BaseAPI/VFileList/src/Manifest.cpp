@@ -71,7 +71,8 @@ Trouble ReadComments(const std::string& text, Manifest& manifest) {
     std::istringstream lines(text);
     std::string line;
     if (!std::getline(lines, line) || line != kFirstLine) return "it does not begin with \"#mtree\"";
-    while (lines.peek() == '#' && std::getline(lines, line)) {
+    while (lines.peek() == '#') {
+        (void)std::getline(lines, line);
         if (!ReadComment(line, manifest)) return "it is for another version of vfilelist: " + line;
     }
     if (manifest.fileListDigest == Digest{}) return "it lacks the digest of the file list";
@@ -81,11 +82,10 @@ Trouble ReadComments(const std::string& text, Manifest& manifest) {
 Trouble ReadEntry(archive_entry* found, ManifestEntry& entry) {
     const auto text = [](const char* field) { return std::string(field == nullptr ? "" : field); };
     const std::string path = text(archive_entry_pathname(found));
-    entry.path = path.substr(std::min<std::size_t>(path.size(), 1));
-    const bool isNormal = fs::path(entry.path).lexically_normal() == entry.path && entry.path.size() > 1;
-    if (!isNormal || path != "." + entry.path || entry.path.front() != '/' || entry.path.back() == '/') {
+    if (path.rfind("./", 0) != 0 || path.back() == '/' ||
+        path != "." + fs::path(path.substr(1)).lexically_normal().string())
         return path + ": not a path below the root directory";
-    }
+    entry.path = path.substr(1);
     entry.isDirectory = archive_entry_filetype(found) == AE_IFDIR;
     entry.mode = archive_entry_perm(found) & kPermissions;
     entry.user = text(archive_entry_uname(found));
@@ -105,15 +105,14 @@ Trouble ReadEntries(const std::string& text, std::vector<ManifestEntry>& entries
     const std::unique_ptr<archive, decltype(&archive_read_free)> reader(archive_read_new(),
                                                                         &archive_read_free);
     (void)archive_read_support_format_mtree(reader.get());
-    int result = archive_read_open_memory(reader.get(), text.data(), text.size());
-    for (archive_entry* found = nullptr; result == ARCHIVE_OK;) {
-        result = archive_read_next_header(reader.get(), &found);
-        if (result != ARCHIVE_OK) break;
+    (void)archive_read_open_memory(reader.get(), text.data(), text.size());  // the next call tells
+    archive_entry* found = nullptr;
+    int result = ARCHIVE_OK;
+    while ((result = archive_read_next_header(reader.get(), &found)) == ARCHIVE_OK) {
         if (Trouble trouble = ReadEntry(found, entries.emplace_back())) return trouble;
     }
     if (result == ARCHIVE_EOF) return std::nullopt;
-    const char* const cause = archive_error_string(reader.get());
-    return cause == nullptr ? "it can't be read" : cause;
+    return archive_error_string(reader.get());
 }
 
 // strverscmp takes numbers with zeros in front for fractions.

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
-#include <new>
 #include <system_error>
 #include <vector>
 
@@ -27,7 +26,6 @@ using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 Key KeyFrom(const std::string& pem) {
     const std::unique_ptr<BIO, decltype(&BIO_free)> text(
         BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
-    if (!text) throw std::bad_alloc();
     const auto noPassword = [](char*, int, int, void*) { return 0; };
     return {PEM_read_bio_PUBKEY(text.get(), nullptr, noPassword, nullptr), &EVP_PKEY_free};
 }

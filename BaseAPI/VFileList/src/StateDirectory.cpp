@@ -162,8 +162,8 @@ Trouble StateDirectory::Read(State& state, Journal& journal) {
 Trouble StateDirectory::KeepList(const std::string& text, const std::string& common) const {
     const fs::path package = FileName(kPackageDirectory);
     std::error_code error;
-    fs::remove_all(package, error);
-    if (!error) fs::create_directory(package, error);
+    fs::remove_all(package, error);  // what it leaves is in the way of the link
+    fs::create_directory(package, error);
     if (!error)
         fs::create_directory_symlink(common, WithoutTrailingSlashes(SourceDirectory(ListPath())), error);
     if (error) return package.string() + ": " + error.message();

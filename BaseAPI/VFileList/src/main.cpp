@@ -201,8 +201,8 @@ std::vector<Finding> FindForgeries(const FileList& list, const Provenance& prove
 
 int RefuseForged(const Arguments& arguments, const std::string& command, const Finding& finding,
                  Output& output) {
-    const std::string place = finding.path.empty() ? "" : finding.path + ": ";
-    (void)Refuse(arguments, command, std::string(finding.kind->title) + " (" + place + finding.detail + ")",
+    (void)Refuse(arguments, command,
+                 std::string(finding.kind->title) + " (" + finding.path + ": " + finding.detail + ")",
                  output);
     return kFindings;
 }
