@@ -203,7 +203,8 @@ Trouble PackageWriter::ReadBack(const std::string& listPath, const std::string& 
     Manifest parsed;
     const int error = ReadWhole(manifestPath, text);
     if (error != 0) return TroubleWith(manifestPath, error);
-    if (Parse(text, parsed) || text != manifest) return manifestPath + kOtherwise;
+    const Trouble trouble = Parse(text, parsed);
+    if (trouble || text != manifest) return manifestPath + kOtherwise;
     return std::nullopt;
 }
 
