@@ -314,7 +314,7 @@ run_play 2
 expect_taken_back web1
 expect_untouched web2 web3
 expect_work web1 "${upgrade_calls/LIST*/LIST}" "${way_back_calls/vfilelist rollback$'\n'/}"
-expect_told "Failed:copy $work/web1/package/Common/lib/notes"
+expect_told "Failed:copy $work/web1/state/package/Common/lib/notes"
 
 step "a service can't be stopped"
 new_fleet
