@@ -56,6 +56,12 @@ private:
     const int fd_;
 };
 
+// With another bit of this byte.
+std::string Changed(std::string text, std::size_t byte) {
+    text[byte] = static_cast<char>(text[byte] ^ (1 << byte % 8));
+    return text;
+}
+
 class ForgedPackageTest : public testing::Test {
 protected:
     ForgedPackageTest() {
@@ -114,16 +120,12 @@ TEST_F(ForgedPackageTest, TheTrueOneIsInstalled) {
 
 TEST_F(ForgedPackageTest, IsRefusedWithAnyByteOfTheManifestOrTheSignatureChanged) {
     for (std::size_t i = 0; i < manifest_.size(); ++i) {
-        std::string other = manifest_;
-        other[i] = static_cast<char>(other[i] ^ (1 << i % 8));
-        Write("filelist.ini.mtree", other);
+        Write("filelist.ini.mtree", Changed(manifest_, i));
         ExpectRefused("E-PACKAGE-UNSIGNED", "byte " + std::to_string(i) + " of the manifest");
     }
     Write("filelist.ini.mtree", manifest_);
     for (std::size_t i = 0; i < signature_.size(); ++i) {
-        std::string other = signature_;
-        other[i] = static_cast<char>(other[i] ^ (1 << i % 8));
-        Write("filelist.ini.mtree.sig", other);
+        Write("filelist.ini.mtree.sig", Changed(signature_, i));
         ExpectRefused("E-PACKAGE-UNSIGNED", "byte " + std::to_string(i) + " of the signature");
     }
     Write("filelist.ini.mtree.sig", signature_);
@@ -132,9 +134,7 @@ TEST_F(ForgedPackageTest, IsRefusedWithAnyByteOfTheManifestOrTheSignatureChanged
 
 TEST_F(ForgedPackageTest, IsRefusedWithAByteOfAnyFileChanged) {
     for (std::size_t i = 0; i < list_.size(); ++i) {
-        std::string other = list_;
-        other[i] = static_cast<char>(other[i] ^ 1);
-        Write("filelist.ini", other);
+        Write("filelist.ini", Changed(list_, i));
         EXPECT_NE(Upgrade().status, 0) << "byte " << i << " of the list";
         EXPECT_FALSE(witness_.HasSeenSomething()) << i;
     }
@@ -143,9 +143,7 @@ TEST_F(ForgedPackageTest, IsRefusedWithAByteOfAnyFileChanged) {
         if (!file.is_regular_file()) continue;
         const std::string content = ReadWholeFile(file.path());
         for (std::size_t i = 0; i < content.size(); i += 4096) {
-            std::string other = content;
-            other[i] = static_cast<char>(other[i] ^ 0x80);
-            std::ofstream(file.path(), std::ios::binary) << other;
+            std::ofstream(file.path(), std::ios::binary) << Changed(content, i);
             const Ending ending = Upgrade();
             EXPECT_EQ(ending.status, 1) << file.path() << " byte " << i;
             EXPECT_THAT(ending.error(), HasSubstr("it is not what the manifest says of ")) << file.path();

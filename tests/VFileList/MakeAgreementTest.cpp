@@ -23,6 +23,7 @@
 #include "Manifest.h"
 #include "Report.h"
 #include "Scale.h"
+#include "SmallProgram.h"
 #include "SystemCalls.h"
 #include "Transaction.h"
 #include "TreeSnapshot.h"
@@ -284,18 +285,7 @@ private:
     const Umask umask_{022};
     const ScratchDirectory scratch_;
     const Variable logDirectory_{"VLOGGER_DIRECTORY", scratch_.Path("log").c_str()};
-    // The transaction keeps a copy of this program, which is large, and syncs what nobody will need.
-    const std::string smallProgram_ = scratch_.Write("program", "small");
-    const char* InPlaceOf(const char* path) const {
-        return std::strcmp(path, "/proc/self/exe") == 0 ? smallProgram_.c_str() : path;
-    }
-    const Replaced<calls::Hook<int(const char*, int, mode_t)>> open_{
-        calls::open, [this](const char* path, int flags, mode_t mode) {
-            return calls::real::open(InPlaceOf(path), flags, mode);
-        }};
-    const Replaced<calls::Hook<int(const char*, struct stat*)>> stat_{
-        calls::stat,
-        [this](const char* path, struct stat* status) { return calls::real::stat(InPlaceOf(path), status); }};
+    const SmallProgram program_{scratch_};
     const Replaced<calls::Hook<int(int)>> fsync_{calls::fsync, [](int) { return 0; }};
 };
 

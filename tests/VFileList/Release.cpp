@@ -144,10 +144,6 @@ void Release::DieBeforeInstalling(const std::string& path) const {
     ASSERT_EQ(WEXITSTATUS(waitStatus), 9);
 }
 
-const char* Release::InPlaceOf(const char* path) const {
-    return std::strcmp(path, "/proc/self/exe") == 0 ? smallProgram_.c_str() : path;
-}
-
 Tree Release::Now() const {
     Tree tree;
     for (const char* const top : {"installed", "real"}) {

@@ -10,6 +10,7 @@
 #include "FileSystem.h"
 #include "Package.h"
 #include "Report.h"
+#include "SmallProgram.h"
 #include "SystemCalls.h"
 #include "Transaction.h"
 
@@ -62,21 +63,10 @@ public:
     const Package& package() const { return package_; }
 
 private:
-    const char* InPlaceOf(const char* path) const;
-
     const Umask umask_{022};
     const Package package_;
     const Variable logDirectory_{"VLOGGER_DIRECTORY", package_.scratch().Path("log").c_str()};
-    // This program is large, and the transaction keeps a copy of it: a small one stands in its place. A
-    // replacement of these two calls passes on to what it replaces.
-    const std::string smallProgram_ = package_.scratch().Write("program", "small");
-    const Replaced<calls::Hook<int(const char*, int, mode_t)>> open_{
-        calls::open, [this](const char* path, int flags, mode_t mode) {
-            return calls::real::open(InPlaceOf(path), flags, mode);
-        }};
-    const Replaced<calls::Hook<int(const char*, struct stat*)>> stat_{
-        calls::stat,
-        [this](const char* path, struct stat* status) { return calls::real::stat(InPlaceOf(path), status); }};
+    const SmallProgram program_{package_.scratch()};
     Tree old_;
     bool isSigned_ = false;
 };

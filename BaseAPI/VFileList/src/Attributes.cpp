@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr mode_t kPermissions = 07777;
 constexpr std::size_t kMostBytes = XATTR_SIZE_MAX;  // of one value, and of all names
 
 Trouble Cause() {

@@ -11,6 +11,9 @@
 
 #include "Trouble.h"
 
+// Of a mode, those bits that are not the kind of the file.
+constexpr mode_t kPermissions = 07777;
+
 struct ExtendedAttribute {
     std::string name;
     std::string value;

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr mode_t kPermissions = 07777;
-
 // The capabilities, access control list and user attributes of a file, by name.
 std::string AttributesOf(const std::string& path) {
     const ssize_t size = listxattr(path.c_str(), nullptr, 0);

@@ -24,13 +24,9 @@ bool IsSame(const Stamp& left, const Stamp& right) {
     return left.inode == right.inode && left.size == right.size && IsSameMoment(left.changed, right.changed);
 }
 
-// A new file of which the manifest names no owner keeps its own, and what its directory gave it.
 Trouble SetAttributes(int fd, const JournalTarget& target) {
-    const NewFile& package = target.package;
-    if (target.old) return WriteAttributes(fd, target.old->attributes);
-    if (package.owner)
-        return WriteAttributes(fd, {package.mode, package.owner->user, package.owner->group, {}});
-    return fchmod(fd, package.mode) == 0 ? Trouble() : std::strerror(errno);
+    if (const std::optional<Attributes> wanted = target.Wanted()) return WriteAttributes(fd, *wanted);
+    return fchmod(fd, target.package.mode) == 0 ? Trouble() : std::strerror(errno);
 }
 
 }  // namespace

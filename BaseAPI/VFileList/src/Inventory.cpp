@@ -10,14 +10,13 @@
 #include <filesystem>
 #include <set>
 
+#include "Attributes.h"
 #include "Files.h"
 #include "VCopyFileListIni.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr mode_t kPermissions = 07777;
 
 Trouble LookAtOld(const std::string& path, std::optional<OldFile>& old) {
     struct stat status {};

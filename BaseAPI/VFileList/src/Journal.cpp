@@ -89,6 +89,12 @@ void ParseLine(LineScanner& scanner, Journal& journal) {
 
 }  // namespace
 
+std::optional<Attributes> JournalTarget::Wanted() const {
+    if (old) return old->attributes;
+    if (!package.owner) return std::nullopt;
+    return Attributes{package.mode, package.owner->user, package.owner->group, {}};
+}
+
 Trouble Print(const Journal& journal, const Sink& sink) {
     LinePrinter printer(sink);
     printer.Line(kFirstLine);

@@ -39,6 +39,10 @@ struct JournalTarget {
     std::string path;
     NewFile package;
     std::optional<OldFile> old;
+
+    // What the new file shall have: those of its predecessor, or what the manifest says. Nothing where
+    // neither tells: then it keeps its owner, and what its directory gave it.
+    std::optional<Attributes> Wanted() const;
 };
 
 // A directory of targets that was there before the upgrade. One of another number is another one: a file

@@ -20,7 +20,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::string_view kFirstLine = "#mtree";
-constexpr mode_t kPermissions = 07777;
 
 // Bytes that are no printable ASCII, or mean something in the format, as three octal digits.
 std::string Escaped(const std::string& text) {

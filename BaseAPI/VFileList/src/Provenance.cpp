@@ -22,7 +22,7 @@ std::string Mismatch(const std::string& source, const ManifestEntry& entry) {
     return *digest == entry.digest ? "" : "its content is another one";
 }
 
-void CheckTarget(Inspection& inspection, const Manifest& manifest, const Entry& entry, bool isThorough) {
+void CheckListed(Inspection& inspection, const Manifest& manifest, const Entry& entry, bool isThorough) {
     const FileList& list = inspection.list;
     const std::string path = list.TargetOf(entry);
     const ManifestEntry* const recorded = manifest.Find(path);
@@ -76,7 +76,7 @@ void CheckManifest(Inspection& inspection, const Manifest& manifest, bool isThor
     for (const Target& target : list.Targets()) {
         const Entry& entry = list.entries()[target.entries.back()];
         targets.insert(list.TargetOf(entry));
-        CheckTarget(inspection, manifest, entry, isThorough);
+        CheckListed(inspection, manifest, entry, isThorough);
     }
     for (const ManifestEntry& entry : manifest.entries) {
         CheckOwner(inspection, entry);

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 
 #include "Files.h"
 #include "Output.h"
@@ -103,10 +102,8 @@ void Add(const Journal& journal, Receipt& receipt) {
     }
     for (const JournalTarget& target : journal.targets) {
         InstalledFile installed{target.package.size, target.package.digest, {}};
-        if (target.old) {
-            installed.attributes = target.old->attributes;
-        } else if (const std::optional<Owner>& owner = target.package.owner) {
-            installed.attributes = {target.package.mode, owner->user, owner->group, {}};
+        if (const std::optional<Attributes> wanted = target.Wanted()) {
+            installed.attributes = *wanted;
         } else if (const Descriptor file = Open(target.path)) {
             (void)ReadAttributes(file.get(), installed.attributes);  // or it counts as changed
         }

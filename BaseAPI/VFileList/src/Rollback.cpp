@@ -14,6 +14,7 @@
 #include <set>
 #include <vector>
 
+#include "Attributes.h"
 #include "Files.h"
 #include "RollbackStep.h"
 
@@ -22,7 +23,6 @@ namespace fs = std::filesystem;
 namespace {
 
 using Counts = std::map<Action, std::size_t>;
-constexpr mode_t kPermissions = 07777;
 const char kChanged[] = "changed while the rollback ran";
 
 struct Item {

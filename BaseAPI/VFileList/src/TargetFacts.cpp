@@ -5,9 +5,9 @@
 #include <cstring>
 #include <tuple>
 
-namespace {
+#include "Attributes.h"
 
-constexpr mode_t kPermissions = 07777;
+namespace {
 
 void Append(std::string& detail, const std::string& text) {
     detail += (detail.empty() ? "" : ", ") + text;

@@ -16,8 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr mode_t kPermissions = 07777;
-
 std::string PathIn(std::string directory, const std::string& name) {
     return directory.append("/").append(name);
 }

@@ -123,7 +123,7 @@ bool NoteManifest(const Manifest& manifest, const std::string& path, TargetFacts
     const std::optional<Owner> owner = OwnerOf(*entry);
     const bool isSameOwner =
         owner && facts.status.st_uid == owner->user && facts.status.st_gid == owner->group;
-    if (isSameOwner && (facts.status.st_mode & 07777) == entry->mode) return true;
+    if (isSameOwner && (facts.status.st_mode & kPermissions) == entry->mode) return true;
     facts.detail += (facts.detail.empty() ? "" : ", ") + ("the manifest says mode " + ShownMode(entry->mode) +
                                                           ", owner " + entry->user + ":" + entry->group);
     return false;

@@ -65,7 +65,7 @@ CLI::App* AddListCommand(CLI::App& app, const char* name, const char* descriptio
 void AddState(CLI::App& command, Arguments& arguments) {
     command
         .add_option("--state", arguments.transaction.stateDirectory,
-                    "Keep what belongs to the open upgrade in DIR")
+                    "The open upgrade and the receipt are in DIR")
         ->capture_default_str()
         ->type_name("DIR");
 }
