@@ -10,13 +10,12 @@
 #include <set>
 #include <stdexcept>
 
+#include "Attributes.h"
 #include "Signer.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr mode_t kPermissions = 07777;
 
 // cap_net_raw+ep, as the kernel keeps it.
 const std::string kCapability("\1\0\0\2\0\40\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
