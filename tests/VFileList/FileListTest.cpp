@@ -95,7 +95,7 @@ TEST_F(FileListTest, HasNothingWithoutADirectoryList) {
 
 TEST_F(FileListTest, SaysWhyAListCannotBeRead) {
     package_.WriteEntries("x");
-    EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath()), "");
+    EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath()), std::nullopt);
     EXPECT_EQ(FileList::WhyUnreadable(package_.ListPath() + ".missing"), "No such file or directory");
     EXPECT_EQ(FileList::WhyUnreadable(package_.scratch().Path()), "Is a directory");
     EXPECT_EQ(FileList::WhyUnreadable("/dev/null"), "not a regular file");
@@ -105,7 +105,7 @@ TEST_F(FileListTest, OpensAListSoThatAPipeInItsPlaceHoldsNothingUp) {
     const std::string list = package_.WriteEntries("tool");
     const RecordedOpens opens;
 
-    EXPECT_EQ(FileList::WhyUnreadable(list), "");
+    EXPECT_EQ(FileList::WhyUnreadable(list), std::nullopt);
 
     EXPECT_EQ(opens.FlagsOf(list), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
 }

@@ -30,14 +30,14 @@ TEST_F(PlannedFilesTest, KnowsTheFileBehindEachSpellingOfItsPath) {
     scratch_.Link("absolute", Path("a/link"));
     for (const char* const path : {"a/b/file", "a//b/./file", "a/link/file", "absolute/file",
                                    "absolute/../b/file", "a/link/../b/file"}) {
-        EXPECT_EQ(files_.NameOf(Path(path)), Path("a/b/file")) << path;
+        EXPECT_EQ(files_.ResolvedName(Path(path)), Path("a/b/file")) << path;
         EXPECT_EQ(files_.At(Path(path)).size(), 5u) << path;
     }
     for (const char* const path : {"a/b/file/", "a/b/file/.", "a/b/file/x", "lost/../a/b/file"}) {
         EXPECT_EQ(files_.At(Path(path)).kind, FileKind::kNone) << path;
-        EXPECT_EQ(files_.NameOf(Path(path)), std::nullopt) << path;
+        EXPECT_EQ(files_.ResolvedName(Path(path)), std::nullopt) << path;
     }
-    EXPECT_EQ(files_.NameOf("/../.."), "");
+    EXPECT_EQ(files_.ResolvedName("/../.."), "");
     EXPECT_EQ(files_.At("/").kind, FileKind::kDirectory);
 }
 
@@ -45,7 +45,7 @@ TEST_F(PlannedFilesTest, StartsARelativePathInTheWorkingDirectory) {
     scratch_.Write("dir/file", "1");
     const WorkingDirectory inside(Path("dir"));
 
-    EXPECT_EQ(files_.NameOf("file"), Path("dir/file"));
+    EXPECT_EQ(files_.ResolvedName("file"), Path("dir/file"));
     EXPECT_EQ(files_.NearestPlace("new/er"), ".");
     EXPECT_EQ(WhyNoDirectory(files_, "new/../dir"), ". lacks what stands before \"..\"");
     EXPECT_THAT(files_.MakeDirectory("new"), ElementsAre(Path("dir/new")));
@@ -58,7 +58,7 @@ TEST_F(PlannedFilesTest, StaysBelowItsRoot) {
     scratch_.Link("image/up", "../../data");
     const PlannedFiles files(Path("image/"));
     for (const char* const path : {"/data/file", "/link/file", "/up/file", "/../data/file"}) {
-        EXPECT_EQ(files.NameOf(path), "/data/file") << path;
+        EXPECT_EQ(files.ResolvedName(path), "/data/file") << path;
         EXPECT_EQ(files.Behind(path).origin, Path("image/data/file")) << path;
     }
     EXPECT_EQ(files.NearestPlace("/opt/app"), Path("image/"));
@@ -70,7 +70,7 @@ TEST_F(PlannedFilesTest, SaysWhyADirectoryIsNone) {
     scratch_.Link("circle", "circle");
     scratch_.MakeDirectory("dir");
 
-    EXPECT_EQ(WhyNoDirectory(files_, Path("dir/")), "");
+    EXPECT_EQ(WhyNoDirectory(files_, Path("dir/")), std::nullopt);
     EXPECT_EQ(WhyNoDirectory(files_, file + "/new"), file + " is no directory");
     EXPECT_EQ(WhyNoDirectory(files_, Path("dir/new/../x")), Path("dir") + " lacks what stands before \"..\"");
     for (const char* const name : {"link", "circle"}) {

@@ -23,12 +23,12 @@ bool IsOldFile(const Node& node) {
 }
 
 // A link that is a backup leads to NAME: beside a file it is that file, and no backup.
-bool IsSameFile(const Place& target) {
+bool IsBackupTheSameFile(const Place& target) {
     return IsFile(target.name) && target.backup.what == What::kLink;
 }
 
 bool HasBackup(const Place& target) {
-    return IsThere(target.backup) && !IsSameFile(target);
+    return IsThere(target.backup) && !IsBackupTheSameFile(target);
 }
 
 // Follows what a command does, change by change.
@@ -234,7 +234,7 @@ Advice AdviceOfStatus(Stage stage) {
 }
 
 bool IsDoubtful(const Place& target) {
-    if (IsSameFile(target) || target.backup.mark == Mark::kEarlier) return true;
+    if (IsBackupTheSameFile(target) || target.backup.mark == Mark::kEarlier) return true;
     if (target.name.what == What::kLink) return true;
     return HasBackup(target) && IsThere(target.name) && !IsOfPackage(target.name);
 }

@@ -85,8 +85,7 @@ std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
     const auto unreadable = [&options](const std::string& trouble) -> std::vector<Finding> {
         return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, trouble}};
     };
-    const std::string trouble = FileList::WhyUnreadable(options.iniPath);
-    if (!trouble.empty()) return unreadable(trouble);
+    if (const Trouble trouble = FileList::WhyUnreadable(options.iniPath)) return unreadable(*trouble);
     const FileList list(options.iniPath, options.root);
     if (list.trouble()) return unreadable(*list.trouble());
     std::vector<Finding> findings = FindTrouble(list, EvidenceFor(options), output);

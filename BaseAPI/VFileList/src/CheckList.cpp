@@ -18,8 +18,7 @@ namespace {
 void CheckInstallType(Inspection& inspection) {
     const FileList& list = inspection.list;
     const auto add = [&inspection](const char* code, const std::string& detail) {
-        inspection.findings.push_back(
-            {&KindOf(code), "Package_Intall_Type", "PackageIntallType", "", "", detail});
+        inspection.findings.push_back({&KindOf(code), kInstallTypeSection, kInstallTypeKey, "", "", detail});
     };
     const std::string instead = list.lists().empty() ? "" : "the keys before the first section are taken";
     if (list.installTypeLength() >= kDirectoryValueCapacity) {
@@ -56,9 +55,8 @@ bool IsBare(const std::string& root) {
 // False when there is no such directory, and -copy can't make it.
 bool CheckDirectory(Inspection& inspection, const TargetList& list) {
     const std::vector<std::string> made = inspection.files.MakeDirectory(list.directory);
-    const std::string why = WhyNoDirectory(inspection.files, list.directory);
-    if (!why.empty()) {
-        inspection.Add("E-DIR-NOT-DIRECTORY", list, list.directory, why);
+    if (const Trouble trouble = WhyNoDirectory(inspection.files, list.directory)) {
+        inspection.Add("E-DIR-NOT-DIRECTORY", list, list.directory, *trouble);
         return false;
     }
     const std::string owner = std::to_string(geteuid()) + ":" + std::to_string(getegid());
@@ -151,5 +149,5 @@ std::string WhoElseWrites(const struct stat& status) {
     const bool isOthers = status.st_uid != 0 && status.st_uid != geteuid();
     const bool isGroups = (status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_gid != getegid();
     if (!isOthers && !isGroups && (status.st_mode & S_IWOTH) == 0) return "";
-    return "mode " + ShownMode(status.st_mode & 07777) + ", owner " + ShownOwner(status);
+    return "mode " + ShownMode(status.st_mode & kPermissions) + ", owner " + ShownOwner(status);
 }

@@ -66,7 +66,7 @@ void CheckSpace(const FileList& list, std::vector<Finding>& findings) {
     for (const Target& target : list.Targets()) {
         const std::string path = list.TargetOf(list.entries()[target.entries.front()]);
         const std::optional<off_t> size = LargestSource(list, target);
-        if (size && files.NameOf(path)) needs.Add(path, *size);
+        if (size && files.ResolvedName(path)) needs.Add(path, *size);
     }
     needs.FindShortages(findings);
 }

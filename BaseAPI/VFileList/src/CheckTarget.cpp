@@ -156,5 +156,6 @@ bool TargetChecker::IsBackupItself(const Entry& entry, const Look& look) const {
     if (look.file.kind == FileKind::kNone || look.backup.kind == FileKind::kNone) return false;
     if (IsSameFile(look.file.status, look.backup.status)) return true;
     return look.file.kind == FileKind::kLink && look.backup.kind != FileKind::kLink &&
-           inspection_.files.EndOf(look.path) == inspection_.files.NameOf(inspection_.list.BackupOf(entry));
+           inspection_.files.EndOf(look.path) ==
+               inspection_.files.ResolvedName(inspection_.list.BackupOf(entry));
 }

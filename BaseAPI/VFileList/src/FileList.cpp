@@ -78,14 +78,15 @@ void NoteListedBackups(std::vector<Target>& targets, IdentityOf identityOf) {
 
 }  // namespace
 
-std::string FileList::WhyUnreadable(const std::string& iniPath) {
+Trouble FileList::WhyUnreadable(const std::string& iniPath) {
     const Descriptor file(open(iniPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) return std::strerror(errno);
 
     struct stat status {};
     if (fstat(file.get(), &status) != 0) return std::strerror(errno);
     if (S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
-    return S_ISREG(status.st_mode) ? "" : "not a regular file";
+    if (!S_ISREG(status.st_mode)) return "not a regular file";
+    return std::nullopt;
 }
 
 // The tool's readers don't tell a value that is missing from one that can't be read. What can't be read is
@@ -100,7 +101,7 @@ FileList::FileList(std::string iniPath, std::string root)
 
 FileList::Contents FileList::Read(const std::string& iniPath) {
     ValueMeter meter(iniPath);
-    Contents contents{ReadInstallType(iniPath), meter.LengthOf("Package_Intall_Type", "PackageIntallType")};
+    Contents contents{ReadInstallType(iniPath), meter.LengthOf(kInstallTypeSection, kInstallTypeKey)};
     DirectoryMap directories;
     if (GetPathSectionMap(directories, iniPath) != 0) return contents;
 

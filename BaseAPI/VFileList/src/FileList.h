@@ -46,8 +46,8 @@ struct Target {
 
 class FileList {
 public:
-    // Why `iniPath` can't be read as a file list at all; the empty text when it can.
-    static std::string WhyUnreadable(const std::string& iniPath);
+    // Why `iniPath` can't be read as a file list at all; nothing when it can.
+    static Trouble WhyUnreadable(const std::string& iniPath);
 
     // Reads the list. Target directories are looked up below `root`, if that is not empty.
     explicit FileList(std::string iniPath, std::string root = "");

@@ -130,6 +130,15 @@ int ReadWhole(const std::string& path, std::string& content) {
     return ReadBlocks(path, [&content](std::string_view block) { content += block; });
 }
 
+Trouble WriteAll(int fd, const std::string& path, std::string_view text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(fd, text.data() + done, text.size() - done);
+        if (count < 0) return TroubleWith(path, errno);
+        done += static_cast<std::size_t>(count);
+    }
+    return std::nullopt;
+}
+
 Trouble Sync(const std::string& path) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file || fsync(file.get()) != 0) return TroubleWith(path, errno);

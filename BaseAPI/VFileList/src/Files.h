@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Trouble.h"
@@ -24,9 +25,11 @@ public:
 
     explicit operator bool() const { return fd_ >= 0; }
     int get() const { return fd_; }
+    // As close(2), for whoever has to know whether all was written.
+    int Close() { return close(std::exchange(fd_, -1)); }
 
 private:
-    const int fd_;
+    int fd_;
 };
 
 enum class Content {
@@ -62,6 +65,9 @@ private:
 // Hands out the content of the file, block by block, or has it whole. Both return 0 or an errno.
 int ReadBlocks(const std::string& path, const std::function<void(std::string_view)>& take);
 int ReadWhole(const std::string& path, std::string& content);
+
+// The trouble names the path.
+Trouble WriteAll(int fd, const std::string& path, std::string_view text);
 
 // Makes the file, or the names in the directory, last through a power cut.
 Trouble Sync(const std::string& path);

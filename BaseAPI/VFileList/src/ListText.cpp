@@ -87,5 +87,6 @@ std::string PrintFileList(const std::set<std::string>& files, const std::string&
         directories += directory.empty() ? "\n" : "/\n";
         sections += "\n[" + section + "]" + PrintEntries(entries);
     }
-    return "[Package_Intall_Type]\nPackageIntallType=Server\n\n[Server]\n" + directories + sections;
+    return std::string("[") + kInstallTypeSection + "]\n" + kInstallTypeKey + "=Server\n\n[Server]\n" +
+           directories + sections;
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -30,42 +31,17 @@ constexpr char kOtherwise[] = ": it can't be read as it was written";
 constexpr char kUnfinishedList[] = "filelist.ini.part";  // no pass treats it as the list
 constexpr mode_t kListMode = 0666;
 
-// Writes a file that is not there yet. What fails first, Finish says.
-class NewFile {
-public:
-    explicit NewFile(const std::string& path)
-        : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
-          error_(fd_ < 0 ? errno : 0) {}
-    ~NewFile() {
-        if (fd_ >= 0) (void)close(fd_);
-    }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-
-    void Add(std::string_view bytes) {
-        while (error_ == 0 && !bytes.empty()) {
-            const ssize_t count = write(fd_, bytes.data(), bytes.size());
-            if (count < 0) error_ = errno;
-            if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
-        }
-    }
-    // Returns 0 or an errno.
-    int Finish(mode_t mode) {
-        if (error_ == 0 && fchmod(fd_, mode) != 0) error_ = errno;
-        if (close(std::exchange(fd_, -1)) != 0 && error_ == 0) error_ = errno;
-        return error_;
-    }
-
-private:
-    int fd_;
-    int error_;
-};
+// Calls `write` with a file that was not there before. What it leaves is the file, whole.
+Trouble MakeFile(const std::string& path, mode_t mode, const std::function<Trouble(int fd)>& write) {
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) return TroubleWith(path, errno);
+    if (Trouble trouble = write(file.get())) return trouble;
+    if (fchmod(file.get(), mode) != 0 || file.Close() != 0) return TroubleWith(path, errno);
+    return std::nullopt;
+}
 
 Trouble WriteText(const std::string& path, const std::string& text) {
-    NewFile file(path);
-    file.Add(text);
-    if (const int error = file.Finish(kListMode & ~CurrentUmask())) return TroubleWith(path, error);
-    return std::nullopt;
+    return MakeFile(path, kListMode & ~CurrentUmask(), [&](int fd) { return WriteAll(fd, path, text); });
 }
 
 unsigned long long SizeOf(const DirectoryTree& tree, const std::set<std::string>& files) {
@@ -91,7 +67,7 @@ private:
         return path.empty() ? prefix_ : prefix_ + "/" + path;
     }
     Trouble MakeDirectory();
-    Trouble WriteAll();
+    Trouble WriteParts();
     Trouble CopyFiles();
     Trouble Copy(const std::string& path, ManifestEntry& entry);
     Trouble ReadBack(const std::string& listPath, const std::string& manifest) const;
@@ -112,7 +88,7 @@ Trouble PackageWriter::Write() {
     if (Trouble trouble = MakeDirectory()) return trouble;
     Trouble trouble;
     try {
-        trouble = WriteAll();
+        trouble = WriteParts();
     } catch (const std::exception& error) {
         trouble = error.what();
     }
@@ -130,7 +106,7 @@ Trouble PackageWriter::MakeDirectory() {
     return std::nullopt;
 }
 
-Trouble PackageWriter::WriteAll() {
+Trouble PackageWriter::WriteParts() {
     if (Trouble trouble = CopyFiles()) return trouble;
     const std::string list = PrintFileList(plan_.files, prefix_);
     manifest_.release = options_.release;
@@ -167,16 +143,18 @@ Trouble PackageWriter::Copy(const std::string& path, ManifestEntry& entry) {
     fs::create_directories(fs::path(copy).parent_path(), failure);
     if (failure) return TroubleWith(copy, failure.value());
 
-    NewFile file(copy);
     Hasher hasher;
-    const int error = ReadBlocks(source, [&](std::string_view block) {
-        hasher.Add(block);
-        file.Add(block);
-        entry.size += static_cast<off_t>(block.size());
-    });
-    if (error != 0) return TroubleWith(source, error);
+    const auto write = [&](int fd) {
+        Trouble trouble;
+        const int error = ReadBlocks(source, [&](std::string_view block) {
+            hasher.Add(block);
+            if (!trouble) trouble = WriteAll(fd, copy, block);
+            entry.size += static_cast<off_t>(block.size());
+        });
+        return error != 0 ? TroubleWith(source, error) : trouble;
+    };
     // The set-id bits are the manifest's: the copy is the maker's.
-    if (const int written = file.Finish(entry.mode & 0777)) return TroubleWith(copy, written);
+    if (Trouble trouble = MakeFile(copy, entry.mode & 0777, write)) return trouble;
     entry.digest = hasher.Finish();
     bytes_ += static_cast<unsigned long long>(entry.size);
     output_.ProgressOfBytes("make", bytes_, total_);

@@ -5,7 +5,7 @@
 
 namespace {
 
-bool IsThere(const TargetObservation& target) {
+bool IsOccupied(const TargetObservation& target) {
     return target.state != TargetState::kMissing;
 }
 
@@ -74,7 +74,7 @@ PassesReport JudgePasses(const std::vector<TargetObservation>& targets) {
         if (isClean) return {kComplete, kComplete, kComplete, "", std::nullopt, ""};
         return {kComplete, kComplete, kIncomplete, "-clean", std::nullopt, ""};
     }
-    const bool isRenamed = isCopyBegun || std::none_of(targets.begin(), targets.end(), IsThere);
+    const bool isRenamed = isCopyBegun || std::none_of(targets.begin(), targets.end(), IsOccupied);
     if (isRenamed) return {kComplete, kIncomplete, kIncomplete, "-copy", std::nullopt, ""};
     return {kIncomplete, kIncomplete, kIncomplete, "-rename", std::nullopt, ""};
 }

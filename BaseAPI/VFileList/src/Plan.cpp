@@ -53,22 +53,18 @@ StepName NameOf(Step step) {
     return {"skip", Style::kDim};
 }
 
-bool IsThere(const PlannedFiles& files, const std::string& path) {
-    return files.Behind(path).kind != FileKind::kNone;
-}
-
 // One that the tool makes gets files.
 bool IsEmptyDirectory(const PlannedFile& directory) {
     std::error_code error;
     return !directory.origin.empty() && std::filesystem::is_empty(directory.origin, error);
 }
 
-std::string WhyNotWritable(const std::string& directory) {
-    if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return "";
-    return directory + ": " + std::strerror(errno);
+Trouble WhyNotWritable(const std::string& directory) {
+    if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return std::nullopt;
+    return TroubleWith(directory, errno);
 }
 
-std::string WhyRenameFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
+Trouble WhyRenameFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
     if (!HasFileName(entry)) return "a directory can't be moved into itself";
     if (GetFileName(entry.text).size() + std::strlen(kBackupSuffix) > NAME_MAX) {
         return "the name is too long for its backup";
@@ -89,8 +85,7 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
     const std::string path = list.TargetOf(entry);
     const PlannedFile behind = files.Behind(path);
     if (behind.kind == FileKind::kNone) return {Step::kSkip, path, "not there"};
-    const std::string why = WhyRenameFails(list, entry, files);
-    if (!why.empty()) return {Step::kFail, path, why};
+    if (const Trouble trouble = WhyRenameFails(list, entry, files)) return {Step::kFail, path, *trouble};
 
     const PlannedFile file = files.At(path);
     const PlannedFile backup = files.At(list.BackupOf(entry));
@@ -107,38 +102,38 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
             behind.size(), true};
 }
 
-std::string WhySourceFails(const Entry& entry, const PlannedFile& file) {
+Trouble WhySourceFails(const Entry& entry, const PlannedFile& file) {
     if (file.kind == FileKind::kNone) return "the package lacks " + entry.text;
     if (file.kind == FileKind::kDirectory) return entry.text + " is a directory";
     if (file.kind == FileKind::kOther) return entry.text + " is a special file";
-    if (file.origin.empty()) return "";  // an earlier step has made it
+    if (file.origin.empty()) return std::nullopt;  // an earlier step has made it
     const Descriptor source(open(file.origin.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    return source ? "" : entry.text + ": " + std::strerror(errno);
+    if (!source) return TroubleWith(entry.text, errno);
+    return std::nullopt;
 }
 
-std::string WhyCopyFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
+Trouble WhyCopyFails(const FileList& list, const Entry& entry, const PlannedFiles& files) {
     if (!HasFileName(entry)) return "the entry has no file name";
     const std::string& directory = list.ListOf(entry).directory;
     const std::string path = list.TargetOf(entry);
-    std::string why = WhySourceFails(entry, files.Behind(list.SourceOf(entry)));
-    if (why.empty()) why = WhyNoDirectory(files, directory);
-    if (why.empty()) why = WhyNotWritable(files.NearestPlace(directory));
-    if (why.empty() && !files.EndOf(path)) why = "a link that can't be followed stands there";
-    if (why.empty() && files.Behind(path).kind == FileKind::kDirectory) why = "a directory stands there";
-    return why;
+    if (Trouble trouble = WhySourceFails(entry, files.Behind(list.SourceOf(entry)))) return trouble;
+    if (Trouble trouble = WhyNoDirectory(files, directory)) return trouble;
+    if (Trouble trouble = WhyNotWritable(files.NearestPlace(directory))) return trouble;
+    if (!files.EndOf(path)) return "a link that can't be followed stands there";
+    if (files.Behind(path).kind == FileKind::kDirectory) return "a directory stands there";
+    return std::nullopt;
 }
 
 PlannedStep CopyEntry(const FileList& list, const Entry& entry, PlannedFiles& files) {
     const std::string path = list.TargetOf(entry);
-    const std::string why = WhyCopyFails(list, entry, files);
-    if (!why.empty()) return {Step::kFail, path, why};
+    if (const Trouble trouble = WhyCopyFails(list, entry, files)) return {Step::kFail, path, *trouble};
 
     const std::string source = list.SourceOf(entry);
     const bool isOntoItself = files.EndOf(source) == files.EndOf(path);
     const unsigned long long size = isOntoItself ? 0 : files.Behind(source).size();
-    const char* const how = isOntoItself           ? ", onto itself: it will be empty"
-                            : IsThere(files, path) ? ", overwriting it"
-                                                   : "";
+    const char* const how = isOntoItself                                 ? ", onto itself: it will be empty"
+                            : files.Behind(path).kind != FileKind::kNone ? ", overwriting it"
+                                                                         : "";
     files.Write(path, size);
     return {Step::kCopy, path, "from Common/" + entry.text + how, size, isOntoItself};
 }

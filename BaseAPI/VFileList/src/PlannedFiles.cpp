@@ -49,7 +49,7 @@ PlannedFile Made(FileKind kind, unsigned long long size) {
 PlannedFiles::PlannedFiles(std::string root) : root_(WithoutTrailingSlashes(std::move(root))) {}
 
 PlannedFile PlannedFiles::At(const std::string& path) const {
-    const std::optional<std::string> name = NameOf(path);
+    const std::optional<std::string> name = ResolvedName(path);
     return name ? FileAt(*name) : PlannedFile{};
 }
 
@@ -59,7 +59,7 @@ PlannedFile PlannedFiles::Behind(const std::string& path) const {
 }
 
 // Many paths have the same directory, which is walked once.
-std::optional<std::string> PlannedFiles::NameOf(const std::string& path) const {
+std::optional<std::string> PlannedFiles::ResolvedName(const std::string& path) const {
     const std::size_t begin = path.rfind('/') + 1;  // 0 when there is none
     const std::string last = path.substr(begin);
     if (last == "." || last == "..") return Walk(path);
@@ -71,7 +71,7 @@ std::optional<std::string> PlannedFiles::NameOf(const std::string& path) const {
 }
 
 std::optional<std::string> PlannedFiles::EndOf(const std::string& path) const {
-    std::optional<std::string> name = NameOf(path);
+    std::optional<std::string> name = ResolvedName(path);
     return name && FileAt(*name).kind == FileKind::kLink ? Walk(path) : name;
 }
 
@@ -85,8 +85,8 @@ std::string PlannedFiles::NearestPlace(const std::string& path) const {
 }
 
 void PlannedFiles::Move(const std::string& path, const std::string& newPath) {
-    const std::optional<std::string> name = NameOf(path);
-    const std::optional<std::string> newName = NameOf(newPath);
+    const std::optional<std::string> name = ResolvedName(path);
+    const std::optional<std::string> newName = ResolvedName(newPath);
     if (!name || !newName) return;
     Change(*newName, FileAt(*name));
     Change(*name, {});
@@ -101,7 +101,7 @@ void PlannedFiles::Move(const std::string& path, const std::string& newPath) {
 }
 
 void PlannedFiles::Remove(const std::string& path) {
-    if (const std::optional<std::string> name = NameOf(path)) Change(*name, {});
+    if (const std::optional<std::string> name = ResolvedName(path)) Change(*name, {});
 }
 
 void PlannedFiles::Write(const std::string& path, unsigned long long size) {
@@ -117,7 +117,7 @@ std::vector<std::string> PlannedFiles::MakeDirectory(const std::string& path) {
         end = text.find('/', end + 1);
         const std::string part = text.substr(0, end);
         if (Behind(part).kind != FileKind::kNone) continue;
-        const std::optional<std::string> name = NameOf(part);
+        const std::optional<std::string> name = ResolvedName(part);
         if (!name || FileAt(*name).kind != FileKind::kNone) break;
         Change(*name, Made(FileKind::kDirectory, 0));
         made.push_back(part);
@@ -177,8 +177,8 @@ void PlannedFiles::Change(const std::string& name, PlannedFile file) {
     changed_[name] = std::move(file);
 }
 
-std::string WhyNoDirectory(const PlannedFiles& files, const std::string& path) {
-    if (files.Behind(path).kind == FileKind::kDirectory) return "";
+Trouble WhyNoDirectory(const PlannedFiles& files, const std::string& path) {
+    if (files.Behind(path).kind == FileKind::kDirectory) return std::nullopt;
     fs::path nearest = path;
     for (; nearest.has_relative_path(); nearest = nearest.parent_path()) {
         if (files.At(nearest).kind != FileKind::kNone) break;

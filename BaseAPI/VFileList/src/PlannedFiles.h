@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Trouble.h"
+
 enum class FileKind { kNone, kFile, kDirectory, kLink, kOther };
 
 struct PlannedFile {
@@ -32,7 +34,7 @@ public:
     PlannedFile Behind(const std::string& path) const;
     // The path without links, "..", and what else is spelt in several ways; nothing when something on the way
     // is missing, or no directory. The second one follows a link at the end, too, there or not.
-    std::optional<std::string> NameOf(const std::string& path) const;
+    std::optional<std::string> ResolvedName(const std::string& path) const;
     std::optional<std::string> EndOf(const std::string& path) const;
     // Where the nearest directory at `path` or above it really is.
     std::string NearestPlace(const std::string& path) const;
@@ -56,7 +58,7 @@ private:
     mutable std::map<std::string, std::optional<std::string>> directoryNames_;
 };
 
-// Why `path` is no directory; the empty text when it is.
-std::string WhyNoDirectory(const PlannedFiles& files, const std::string& path);
+// Why `path` is no directory; nothing when it is one.
+Trouble WhyNoDirectory(const PlannedFiles& files, const std::string& path);
 
 #endif

@@ -54,7 +54,7 @@ std::string KeyOf(const fs::path& path) {
     return directory ? fs::path(*directory) / path.filename() : path;
 }
 
-bool IsThere(const std::string& path) {
+bool Exists(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
@@ -98,7 +98,7 @@ Trouble Parse(const std::string& text, Receipt& receipt) {
 
 void Add(const Journal& journal, Receipt& receipt) {
     for (auto file = receipt.files.begin(); file != receipt.files.end();) {
-        file = IsThere(file->first) ? std::next(file) : receipt.files.erase(file);
+        file = Exists(file->first) ? std::next(file) : receipt.files.erase(file);
     }
     for (const JournalTarget& target : journal.targets) {
         InstalledFile installed{target.package.size, target.package.digest, {}};

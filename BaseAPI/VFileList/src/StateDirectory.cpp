@@ -49,15 +49,6 @@ std::optional<State> StateFrom(const std::string& text, const Digest& journal) {
     return std::nullopt;
 }
 
-Trouble WriteAll(int fd, const std::string& path, std::string_view text) {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = write(fd, text.data() + done, text.size() - done);
-        if (count < 0) return TroubleWith(path, errno);
-        done += static_cast<std::size_t>(count);
-    }
-    return std::nullopt;
-}
-
 // The directory, and those above it, may have been made just now: their names have to last as well. Where one
 // can't be opened or synced at all, nothing was made.
 Trouble SyncAbove(const std::string& path) {

@@ -311,8 +311,8 @@ std::optional<int> Prepare(Run& run, const std::string& iniPath, const std::stri
 
 int Upgrade(const TransactionOptions& options, Output& output) {
     Run run("upgrade", options, output);
-    const std::string whyUnreadable = FileList::WhyUnreadable(options.iniPath);
-    if (!whyUnreadable.empty()) return Refuse(run, kWrongUse, options.iniPath + ": " + whyUnreadable);
+    if (const Trouble trouble = FileList::WhyUnreadable(options.iniPath))
+        return Refuse(run, kWrongUse, options.iniPath + ": " + *trouble);
     const std::optional<std::string> iniPath = CanonicalPath(options.iniPath);
     if (!iniPath) return Refuse(run, kWrongUse, TroubleWith(options.iniPath, errno));
 

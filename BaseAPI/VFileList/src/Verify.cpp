@@ -39,7 +39,7 @@ Style StyleOf(TargetState state) {
 }
 
 // There is a file whose mode and size are known.
-bool IsThere(const TargetFacts& facts) {
+bool HasModeAndSize(const TargetFacts& facts) {
     return facts.state != TargetState::kMissing && facts.isOccupied;
 }
 
@@ -62,13 +62,13 @@ Json ToJson(const FileList& list, const Target& target, const TargetFacts& facts
                            {"source", list.SourceOf(entry)}});
     }
     const auto known = [](bool isKnown, const Json& value) { return isKnown ? value : Json(nullptr); };
-    const bool isThere = IsThere(facts);
+    const bool hasModeAndSize = HasModeAndSize(facts);
     return {{"target", list.TargetOf(list.entries()[target.entries.back()])},
             {"state", NameOf(facts.state)},
-            {"size", known(isThere, facts.status.st_size)},
+            {"size", known(hasModeAndSize, facts.status.st_size)},
             {"packageSize", known(facts.packageSize >= 0, facts.packageSize)},
-            {"mode", known(isThere, ShownMode(facts.status.st_mode))},
-            {"owner", known(isThere, ShownOwner(facts.status))},
+            {"mode", known(hasModeAndSize, ShownMode(facts.status.st_mode))},
+            {"owner", known(hasModeAndSize, ShownOwner(facts.status))},
             {"backup", known(facts.backupDoubt != BackupDoubt::kUnreadable, facts.hasBackup)},
             {"backupMode", known(facts.hasReference, ShownMode(facts.reference.st_mode))},
             {"backupOwner", known(facts.hasReference, ShownOwner(facts.reference))},
@@ -90,10 +90,10 @@ void ShowHead(const FileList& list, Output& output) {
 
 void ShowTarget(const std::string& path, const TargetFacts& facts, Output& output) {
     const bool isUnreadable = facts.backupDoubt == BackupDoubt::kUnreadable;
-    const std::string mode = IsThere(facts) ? ShownMode(facts.status.st_mode) : "-";
+    const std::string mode = HasModeAndSize(facts) ? ShownMode(facts.status.st_mode) : "-";
     const std::string was = facts.hasReference ? ShownMode(facts.reference.st_mode) : "-";
     const std::string size =
-        IsThere(facts) ? ShownSize(static_cast<unsigned long long>(facts.status.st_size)) : "-";
+        HasModeAndSize(facts) ? ShownSize(static_cast<unsigned long long>(facts.status.st_size)) : "-";
     output.Line(output.Paint(StyleOf(facts.state), Padded(NameOf(facts.state), 9)) +
                 Padded(isUnreadable ? "?" : (facts.hasBackup ? "yes" : "-"), 8) + Padded(mode, 6) +
                 output.Paint(facts.IsModeDifferent() ? Style::kWarning : Style::kPlain, Padded(was, 6)) +

@@ -209,8 +209,8 @@ int RefuseForged(const Arguments& arguments, const std::string& command, const F
 
 // What makes no sense on a file list without a directory list.
 int RunOnList(const Arguments& arguments, const std::string& command, Output& output) {
-    const std::string trouble = FileList::WhyUnreadable(arguments.iniPath);
-    if (!trouble.empty()) return Refuse(arguments, command, trouble, output);
+    if (const Trouble trouble = FileList::WhyUnreadable(arguments.iniPath))
+        return Refuse(arguments, command, *trouble, output);
     const FileList list(arguments.iniPath);
     if (list.trouble()) return Refuse(arguments, command, *list.trouble(), output);
     if (list.lists().empty()) {

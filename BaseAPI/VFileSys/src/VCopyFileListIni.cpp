@@ -18,7 +18,6 @@
 namespace {
 
 const std::string kSeparator = "/";
-const std::string kInstallTypeSection = "Package_Intall_Type";  // the format's spelling
 const std::string kCommonDirectory = "Common";
 const std::string kLogDirectory = "/var/log/tarnlog/serverlog/upgradelog/node/";
 
@@ -219,7 +218,7 @@ void GetSectionItemList(std::string section, std::string iniPath, std::vector<st
 }
 
 std::string ReadInstallType(std::string iniPath) {
-    return ReadIniValue(kInstallTypeSection, "PackageIntallType", iniPath);
+    return ReadIniValue(kInstallTypeSection, kInstallTypeKey, iniPath);
 }
 
 std::string SourceDirectory(const std::string& iniPath) {

@@ -17,6 +17,10 @@ constexpr std::size_t kListValueCapacity = 4096;
 
 constexpr char kBackupSuffix[] = ".bak";
 
+// Where a file list names its install type, in the format's spelling.
+constexpr char kInstallTypeSection[] = "Package_Intall_Type";
+constexpr char kInstallTypeKey[] = "PackageIntallType";
+
 // The value of a key of at most 259 bytes; the empty text when it is missing, longer or unreadable.
 std::string ReadIniValue(std::string section, std::string key, std::string iniPath);
 
