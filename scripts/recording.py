@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """recording.py: makes an animated SVG on standard output of what ./dev demo writes to a terminal (standard input).
 
-The screens are sections of the demo, one after the other. Where there is no animation, the first one is shown.
+It is so narrow that it can be read on a phone: the terminal breaks no lines, they are broken here. The screens are sections of the demo, one after the other. Where there is no animation, the first one is shown.
 """
 import html
 import re
@@ -12,7 +12,8 @@ SECTIONS = {2: (None, "The upgrade ran two passes"), 3: (None, None), 5: (None, 
 SECONDS = 10  # for each screen
 COLOUR = re.compile(r"\x1b\[(\d+)m")
 CLASSES = {"1": "bold", "2": "dim", "31": "red", "32": "green", "33": "yellow", "36": "blue"}
-COLUMN, LINE, MARGIN = 7.83, 18, 20  # pixels; a column of 13 pixels' type
+COLUMNS = 56
+COLUMN, LINE, MARGIN = 7.83, 18, 12  # pixels; a column of 13 pixels' type
 
 STYLE = """text { font: 13px ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace; white-space: pre; fill: #1f2328; }
 rect { fill: #ffffff; stroke: #d1d9e0; }
@@ -40,11 +41,25 @@ def sections(text):
     return found
 
 
+def broken(line):
+    """A line in pieces of at most COLUMNS characters, indented as its text is, each with the colours that go on."""
+    pieces, colours, indent = [""], "", " " * len(re.match(r" *(\w+: {2,})?", plain(line))[0])
+    for word in re.findall(" *[^ ]+", line):
+        if plain(pieces[-1]).strip() and len(plain(pieces[-1] + word)) > COLUMNS:
+            pieces.append(indent + colours)
+            word = word.lstrip()
+        pieces[-1] += word
+        for code in COLOUR.findall(word):
+            colours = "" if code == "0" else f"{colours}\x1b[{code}m"
+    return pieces
+
+
 def shown(lines, first, last):
     heading, *lines = lines
     start = next(i for i, line in enumerate(lines) if plain(line).startswith(first or ""))
     end = next((i for i, line in enumerate(lines) if last and plain(line).startswith(last)), len(lines))
-    return [heading, "", *"\n".join(lines[start:end]).rstrip().split("\n")]
+    lines = "\n".join(lines[start:end]).rstrip().split("\n")
+    return [piece for line in [heading, "", *lines] for piece in broken(line)]
 
 
 def spans(line):
@@ -65,7 +80,7 @@ def screen(number, lines):
 def main():
     found = sections(sys.stdin.read())
     screens = [shown(found[number], *cut) for number, cut in SECTIONS.items()]
-    width = round(2 * MARGIN + COLUMN * max(len(plain(line)) for lines in screens for line in lines))
+    width = round(2 * MARGIN + COLUMN * COLUMNS)
     height = 2 * MARGIN + LINE * max(map(len, screens))
     motion = f"""@keyframes turn {{ from {{ visibility: visible; }} {100 / len(screens)}%, to {{ visibility: hidden; }} }}
 .screen {{ visibility: hidden; animation: turn {SECONDS * len(screens)}s step-end infinite; }}

@@ -186,81 +186,89 @@ class Reference:
                         f"<em>What to do:</em> {remedy}.</li>")
         return f'<aside><ul>{"".join(rows)}</ul></aside>'
 
-    def target_of_text(self, text):
-        """Where a text that is logged stands: in quotes, or as code when it has some itself."""
+    def operations_that_log(self, name, text):
+        """Where a text that a class logs is documented: in quotes, or as code when it has some itself."""
         def has_text(comment):
             return re.search(rf'(["`]){re.escape(text)}\1', " ".join(comment.split()))
 
-        for name, (_, each) in self.classes.items():
-            for member in each.members:
-                if has_text(member.comment):
-                    return self.targets[f"{name}::{member.name}"]
-            if has_text(each.comment):
-                return self.targets[name]
-        sys.exit(f"No comment of the headers has the text that is logged: {text}")
+        _, each = self.classes[name]
+        members = [f"{name}::{member.name}" for member in each.members if has_text(member.comment)]
+        found = members or [name] * bool(has_text(each.comment))
+        if not found:
+            sys.exit(f"No comment of {name}.h has the text that is logged: {text}")
+        return {words: self.targets[words] for words in found}
 
 
 class Index:
-    """All that a reader may look for by its name, with the places that tell of it."""
+    """All that a reader may look up by its name: the pages that explain it, by what their links are called."""
 
     def __init__(self, reference, manual):
+        self.reference = reference
         self.manual = {name: manual_page(name) for name in manual}
         self.parts = {
-            "Names": {name: [(target, "")] for name, target in reference.targets.items()
+            "Names": {name: {"": target} for name, target in reference.targets.items()
                       if "::" in name or name in reference.classes},
-            "Finding codes": {code: [(f"{FINDINGS}#{code.lower()}", "")] for code in self.codes()},
-            "Log texts": {text: [(reference.target_of_text(text), "")] for text in self.logged_texts()}
-                         | self.described("Li", ["docs/man/VCopyFileListIni.8"]),
+            "Finding codes": {code: {"": f"{FINDINGS}#{code.lower()}"} for code in self.codes()},
+            "Log texts": self.logged_texts(),
+            "Subcommands": {name: {"": f"man/vfilelist.1.html#{name}"} for name in
+                            re.findall(r'<h3 class="Ss" id="(.*?)"', self.manual["docs/man/vfilelist.1"])},
             "Options": self.described("Fl", manual),
-            "Variables": self.described("Ev", manual),
+            "Environment variables": self.described("Ev", manual),
         }
 
     @staticmethod
     def codes():
         return re.findall(r"^### (.*)", pathlib.Path(FINDINGS).read_text(encoding="utf-8"), flags=re.M)
 
-    @staticmethod
-    def logged_texts():
-        """What the classes log; a text that is logged as it is has no name."""
+    def logged_texts(self):
+        """As the sources have them. The manual page of a program has words in capitals for what is put in."""
+        programs = self.described("Li", [page for page in self.manual if page.endswith(".8")])
+        found = {}
         for source in sorted(SOURCES.rglob("*.cpp")):
-            if (headers.DIRECTORY / f"{source.stem}.h").exists():
-                text = " ".join(source.read_text(encoding="utf-8").split())
-                for logged in re.findall(r'VFS_LOG\([^,]+, [^,]+, "((?:\\.|[^"\\])*)"', text):
-                    if logged != "%s":
-                        yield logged.removesuffix("\\n").replace('\\"', '"')
+            for text in re.findall(r'VFS_LOG\([^,]+,\s*[^,]+,\s*"((?:\\.|[^"\\])*)"', source.read_text(encoding="utf-8")):
+                text = text.removesuffix("\\n").replace('\\"', '"')
+                if text == "%s":
+                    continue  # what is logged as it is has no name
+                places = found.setdefault(text, {})
+                if source.stem in self.reference.classes:
+                    places |= self.reference.operations_that_log(source.stem, text)
+                pattern = re.sub("%[ds]", "[A-Z]+", re.escape(text.strip()))
+                for described in filter(re.compile(pattern).fullmatch, programs):
+                    places |= programs[described]
+        return {text: places for text, places in found.items() if places}
 
     def described(self, kind, pages):
-        """What has an entry of its own in a list of a manual page, with the headings above."""
+        """What has an entry of its own in a list of a manual page, with the subsection above."""
         found = {}
         for page in pages:
-            heading = ""
-            for match in re.finditer(r'<h[23][^>]*>(?P<heading>.*?)</h[23]>|<dt id="(?P<id>[^"]*)">(?P<term>.*?)</dt>',
-                                     self.manual[page], flags=re.S):
-                heading = plain(match["heading"]) if match["heading"] else heading
+            for match in re.finditer(r'<h(?P<level>[23])[^>]* id="(?P<section>[^"]*)">(?P<heading>.*?)</h|'
+                                     r'<dt(?: id="(?P<id>[^"]*)")?>(?P<term><.*?)</dt>', self.manual[page], flags=re.S):
+                if match["level"]:
+                    section = match["section"]
+                    words = manual_title(page) + (f', {plain(match["heading"])}' if match["level"] == "3" else "")
                 for name in re.findall(rf'<code class="{kind}">(.*?)</code>', match["term"] or "", flags=re.S):
-                    place = f'man/{os.path.basename(page)}.html#{match["id"]}'
-                    found.setdefault(" ".join(plain(name).split()), []).append(
-                        (place, f"{manual_title(page)}, {heading}"))
+                    place = f'man/{os.path.basename(page)}.html#{match["id"] or section}'
+                    found.setdefault(" ".join(plain(name).split()), {}).setdefault(words, place)
         return found
 
     def page(self):
-        parts = ["<h1>Index</h1>"]
+        anchors = {title: title.lower().replace(" ", "-") for title in self.parts}
+        links = (f'<a href="#{anchor}">{title}</a>' for title, anchor in anchors.items())
+        parts = ["<h1>Index</h1>", f'<p>{" · ".join(links)}</p>']
         for title, entries in self.parts.items():
-            anchor = title.lower().replace(" ", "-")
-            parts += [f'<h2 id="{anchor}"><a href="#{anchor}">{title}</a></h2>', '<ul class="index">']
-            for name in sorted(entries, key=lambda name: name.lstrip("-").lower()):
+            parts += [f'<h2 id="{anchors[title]}"><a href="#{anchors[title]}">{title}</a></h2>', '<ul class="index">']
+            for name in sorted(entries, key=lambda name: (re.sub(r"^(%[ds]|\W)+", "", name).lower(), name)):
                 parts.append(f"<li>{self.entry(name, entries[name])}</li>")
             parts.append("</ul>")
         return "\n".join(parts)
 
     @staticmethod
     def entry(name, places):
-        """A name with one place leads there; those of one with several have the words that tell them apart."""
+        """A name leads to its only page, unless words say more of it."""
         code = f"<code>{html.escape(name)}</code>"
-        if len(places) == 1:
-            return f'<a href="{places[0][0]}">{code}</a>'
-        links = ", ".join(f'<a href="{place}">{html.escape(words)}</a>' for place, words in places)
-        return f"{code}: {links}"
+        if "" in places:
+            return f'<a href="{places[""]}">{code}</a>'
+        return f"{code}: " + ", ".join(f'<a href="{place}">{html.escape(words)}</a>' for words, place in places.items())
 
 
 class Site:

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check.sh SITE: the site is valid HTML, every link in it leads somewhere, it loads nothing from elsewhere, its
-# reference warns of every hazard, and no page is wider than a phone.
+# reference warns of every hazard, its index has every name, and no page is wider than a phone.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
@@ -16,6 +16,7 @@ done
 
 /usr/bin/python3 "$here/links.py" . || failures=1
 /usr/bin/python3 "$here/hazards.py" . || failures=1
+/usr/bin/python3 "$here/index.py" . || failures=1
 
 # All pages are loaded side by side, 390 pixels wide each; what Chromium prints is the page with its list of those
 # that are too wide.
