@@ -68,7 +68,7 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
     EXPECT_THAT(package_.InstalledNames(), testing::ElementsAre("tool"));
 }
 
-TEST_F(VFileListMainTest, NamesTheUnknownCommandAndThoseThatThereAre) {
+TEST_F(VFileListMainTest, NamesWhatIsUnknownWithoutACommandAndTheCommandsThatThereAre) {
     const std::string commands =
         "; there are upgrade, commit, resume, status, rollback, make, check, plan, verify\n";
     EXPECT_EQ(RunProcess({VFILELIST_PATH, "verfy", package_.ListPath()}).err,
@@ -76,11 +76,13 @@ TEST_F(VFileListMainTest, NamesTheUnknownCommandAndThoseThatThereAre) {
     EXPECT_EQ(RunProcess({VFILELIST_PATH, ""}).err, "vfilelist: unknown command ''" + commands);
     EXPECT_EQ(RunProcess({VFILELIST_PATH, "a\033[2J"}).err,
               "vfilelist: unknown command 'a\\x1b[2J'" + commands);
+    EXPECT_EQ(RunProcess({VFILELIST_PATH, "--verfy"}).err, "vfilelist: unknown option '--verfy'" + commands);
+    EXPECT_EQ(RunProcess({VFILELIST_PATH}).err, "vfilelist: no command" + commands);
     for (const std::vector<std::string>& known :
-         {std::vector<std::string>{"plan", package_.ListPath(), "verfy"}, {"--verfy"}, {"check"}, {}}) {
+         {std::vector<std::string>{"plan", package_.ListPath(), "verfy"}, {"plan", "--verfy"}, {"check"}}) {
         const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, known));
         EXPECT_THAT(result.err, HasSubstr("; vfilelist --help shows the usage\n"));
-        EXPECT_THAT(result.err, Not(HasSubstr("unknown command")));
+        EXPECT_THAT(result.err, Not(HasSubstr("unknown")));
     }
 }
 

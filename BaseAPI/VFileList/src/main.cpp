@@ -170,15 +170,19 @@ void AddCommands(CLI::App& app, Arguments& arguments) {
     AddVerify(app, arguments);
 }
 
-// The parser itself names neither the unknown command nor those that there are.
+// Without a command, the parser itself names neither what is unknown nor the commands that there are.
 std::string UsageError(const CLI::App* app, const CLI::Error& error) {
-    const std::vector<std::string> unused = app->remaining();
-    if (unused.empty() || unused.front()[0] == '-')
+    if (!app->get_subcommands().empty())
         return std::string("vfilelist: ") + error.what() + "; vfilelist --help shows the usage\n";
+    const std::vector<std::string> unused = app->remaining();
+    std::string what = "no command";
+    if (!unused.empty()) {
+        what = unused.front()[0] == '-' ? "unknown option" : "unknown command";
+        what += " '" + Shown(unused.front()) + "'";
+    }
     std::string commands;
     for (const CLI::App* const command : app->get_subcommands({})) commands += ", " + command->get_name();
-    return "vfilelist: unknown command '" + Shown(unused.front()) + "'; there are " + commands.substr(2) +
-           "\n";
+    return "vfilelist: " + what + "; there are " + commands.substr(2) + "\n";
 }
 
 int Refuse(const Arguments& arguments, const std::string& command, const std::string& trouble,
