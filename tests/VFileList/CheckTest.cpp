@@ -959,10 +959,10 @@ TEST_F(CheckTest, ShowsPeopleEachKindWithItsPlacesAndWhatItMeans) {
               "\n"
               "{error}error   E-SOURCE-MISSING{}  {bold}the package lacks a listed file{}\n"
               "  [Bin] f: lost -> Common/lost\n"
-              "{dim}  What happens: -copy fails there and stops; what is listed behind it stays missing.{}\n"
+              "{dim}  What happens: -copy fails there and stops; the files listed after it stay missing.{}\n"
               "{dim}  What to do:   Add the file to Common, or remove the entry.{}\n"
               "\n"
-              "{warning}warning W-SOURCE-UNLISTED{}  {bold}a file in Common is on no list{}\n"
+              "{warning}warning W-SOURCE-UNLISTED{}  {bold}a file in Common is not listed{}\n"
               "  also -> Common/also\n"
               "  unlisted -> Common/unlisted\n"
               "{dim}  What happens: It is not installed.{}\n"
@@ -971,9 +971,9 @@ TEST_F(CheckTest, ShowsPeopleEachKindWithItsPlacesAndWhatItMeans) {
               "{warning}warning W-MODE-LOST{}  {bold}a file's mode or owner will be lost{}\n"
               "  [Bin] f: bin/tool -> @/tool (0755 becomes 0644)\n"
               "{dim}  What happens: -copy makes the new file with mode 0666 minus the umask, owned by "
-              "whoever runs it.{}\n"
-              "{dim}  What to do:   Use `vfilelist upgrade`, or run `vfilelist rollback --only-modes` after "
-              "-copy and set the mode of files without a predecessor yourself.{}\n"
+              "the user who runs it.{}\n"
+              "{dim}  What to do:   Use `vfilelist upgrade`. Or run `vfilelist rollback --only-modes` after "
+              "-copy, and set the modes of files without a backup yourself.{}\n"
               "\n"
               "1 error, 3 warnings.\n");
     EXPECT_EQ(status, 1);
@@ -1008,7 +1008,7 @@ TEST_F(CheckTest, ReportsWhereAndWhat) {
                          {"path", package_.SourcePath("lost")},
                          {"detail", ""},
                          {"title", "the package lacks a listed file"},
-                         {"effect", "-copy fails there and stops; what is listed behind it stays missing."},
+                         {"effect", "-copy fails there and stops; the files listed after it stay missing."},
                          {"advice", "Add the file to Common, or remove the entry."}}}));
 }
 

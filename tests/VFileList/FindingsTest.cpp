@@ -80,8 +80,7 @@ TEST(FindingsTest, TheDocumentIsMadeOfThem) {
     std::string part;
     for (const FindingKind& kind : FindingKinds()) {
         part += std::string("\n### ") + kind.code + "\n\n" + Sentence(kind.title) + " " + kind.effect +
-                " **What to do:** " + kind.advice +
-                (kind.isByHandOnly ? " `vfilelist upgrade` prevents it.\n" : "\n");
+                " **What to do:** " + kind.advice + "\n";
     }
     ExpectPart("docs/findings.md", "<!-- from the table of the program -->\n", "", part);
 }

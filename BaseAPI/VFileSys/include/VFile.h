@@ -11,13 +11,13 @@
 /// symlink writes to its target**, and makes that file if it is missing: work in directories that only your
 /// user can write. Nothing is synced to the disk.
 ///
-/// Buffers belong to the caller. Nothing keeps a pointer after it returns, and every stream is closed again
+/// Buffers belong to the caller. No operation keeps a pointer after it returns, and each closes its streams
 /// whatever fails. Only the two listings may throw, for lack of memory.
 class __attribute__((visibility("default"))) VFile {
 public:
     /// Switches the product's file protection on (`enableFlag` true) or off, by running the product's helper
-    /// tool through /bin/sh with the environment of the process. Blocks until it has ended. Returns nothing:
-    /// a failure shows in the log only. May be called from any thread.
+    /// tool through /bin/sh with the environment of the process. Blocks until the tool has ended. Returns
+    /// nothing: a failure shows in the log only. May be called from any thread.
     ///
     /// Details: the command is "/usr/local/tarnserver/bin/tarnfileprotect 1 > /tmp/tmphfpenable.log" or
     /// "/usr/local/tarnserver/bin/tarnfileprotect 0 > /tmp/tmphfpdisable.log". The shell replaces the log
@@ -47,16 +47,16 @@ public:
 
     /// Reads the whole file at `path` into `buf`, the caller's buffer of `bufLen` bytes (at least 1). The
     /// bytes are not NUL-terminated. Returns their number. Returns -10000, with `buf` unchanged, when the
-    /// file does not open or is longer than `bufLen`. Never logs; may be called from any thread.
+    /// file does not open or is longer than `bufLen`; -1 when its size can't be determined. Never logs; may
+    /// be called from any thread.
     ///
     ///     char text[4096];
     ///     const long size = VFile::ReadBinFile("/etc/hostname", text, 4096);
     ///     if (size >= 0) fwrite(text, 1, static_cast<size_t>(size), stdout);
     ///
     /// Details: an empty file gives 0. The bytes of `buf` after the data keep their old values. Returns
-    /// -10000 as well when `path` or `buf` is null or `bufLen` is below 1. The size is taken first and
-    /// returned unchanged, -1 where it can't be determined. An error while reading, or a file that shrinks
-    /// meanwhile, is not noticed.
+    /// -10000 as well when `path` or `buf` is null or `bufLen` is below 1. The result is the size before the
+    /// read: a read error, or a file that shrinks meanwhile, is not noticed.
     ///
     /// Hazards (reliability.md): unchecked-errors, regular-files-only.
     static long ReadBinFile(const char* path, char* buf, long bufLen);
@@ -65,7 +65,7 @@ public:
     /// Returns `len` when the file has that size afterwards, otherwise -10000. Never logs; may be called from
     /// any thread.
     ///
-    /// Details: a partial write is thus noticed; what was written of it stays. Returns -10000, without
+    /// Details: a partial write gives -10000; the bytes that were written stay. Returns -10000, without
     /// touching the file, when `path` or `data` is null or `len` is below 1 (so it can't make an empty file).
     /// Returns -10000 as well when the file does not open.
     ///
@@ -98,14 +98,14 @@ public:
     ///  - "ret=%d,len=%d": Level 1. Of `len` bytes only `ret` were written.
     ///
     /// Data passes through the buffer of the destination's stream (4096 bytes on most file systems, 8192 at
-    /// most). On a full disk up to a buffer of data may be lost with result 0: copying at most 4096 bytes to
-    /// /dev/full gives 0, more is noticed. A read error counts as the end of the source, so that copying a
-    /// directory makes an empty file.
+    /// most). On a full disk the last buffer of data may be lost with result 0: copying 4096 bytes or less to
+    /// /dev/full gives 0, copying more gives -10000. A read error counts as the end of the source: a copy of
+    /// a directory is an empty file.
     ///
-    /// The kernel moves most of a regular file of 128 KiB or more to a regular file, unless that one's file
-    /// system has blocks of 2048 bytes or less. The streams copy the rest, at least the last 16 KiB. When the
-    /// move fails, the streams go on: the error then shows as in a copy by the streams alone. If it does not
-    /// occur again, the copy is complete.
+    /// Between regular files the kernel moves most of the data, if the source has 128 KiB or more and the
+    /// destination's file system has blocks of more than 2048 bytes. The streams copy the rest, at least the
+    /// last 16 KiB. When the move fails, the streams go on from there. They meet the error again, or complete
+    /// the copy.
     ///
     /// Hazards (reliability.md): overwrite-in-place, unchecked-errors, copy-onto-itself, no-sync,
     /// names-in-log.
@@ -117,11 +117,11 @@ public:
 
     /// Appends to `subDirs` the path of every directory directly in `path`, symlinks to directories included,
     /// as `path` + "/" + name. Returns nothing: a directory that does not open adds nothing. Never logs; may
-    /// be called from any thread that has `subDirs` to itself.
+    /// be called from any thread if no other thread uses `subDirs`.
     ///
-    /// Details: a `path` that ends in '/' gives two. The order is the directory stream's; what `subDirs` held
-    /// stays in front. `path` may be an element of `subDirs`, and ends at its first NUL if it holds one. Lets
-    /// std::bad_alloc through.
+    /// Details: after a `path` that ends in '/', the results have "//". The order is that of readdir(3); what
+    /// `subDirs` held stays in front. `path` may be an element of `subDirs`, and ends at its first NUL if it
+    /// holds one. Lets std::bad_alloc through.
     ///
     /// Hazard (reliability.md): silent-listing.
     static void ListSubDirectories(const std::string& path, std::vector<std::string>& subDirs);
@@ -129,14 +129,14 @@ public:
     /// Appends to `files` the path of every regular file in the tree below `path`, symlinks to regular files
     /// included. **For trusted trees only: symlinks to directories are entered and nothing limits the
     /// depth.** Returns nothing: a directory that does not open adds nothing, and the walk goes on with the
-    /// next. Never logs; may be called from any thread that has `files` to itself.
+    /// next. Never logs; may be called from any thread if no other thread uses `files`.
     ///
     /// Details: the form and the order are those of ListSubDirectories; the files of a subdirectory stand
     /// where that subdirectory was met. Other kinds of entries, and those whose stat(2) fails, are skipped.
     /// Lets std::bad_alloc through.
     ///
-    /// A symlink that points back up the tree is followed until the system refuses the path. Two such
-    /// symlinks make a walk that never ends in practice. Each level keeps one descriptor open; where they run
+    /// A symlink to a directory above it is followed again and again until the system refuses the path. With
+    /// two such symlinks the walk never ends in practice. Each level keeps one descriptor open; when they run
     /// out, deeper directories are silently missing. Each level also takes up to 300 bytes of stack.
     ///
     /// Hazard (reliability.md): endless-walk.

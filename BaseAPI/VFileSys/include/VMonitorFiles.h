@@ -7,12 +7,12 @@
 ///     const int fd = VMonitorFiles::InotifyInit(nullptr);
 ///     if (fd != -1) {
 ///         if (VMonitorFiles::InotifyFileChange(fd, "/etc/app.conf", 3))
-///             ReloadConfiguration();
+///             ReloadConfiguration();  // 3: IN_CLOSE_WRITE
 ///         VMonitorFiles::Inotifyclose(fd);
 ///     }
 ///
-/// Child processes inherit the descriptor, those of the library's other classes included: set FD_CLOEXEC on
-/// it if the program starts any. The operations may be called from any thread.
+/// Child processes inherit the descriptor: set FD_CLOEXEC on it if the program starts any, or uses a class of
+/// the library that does. The operations may be called from any thread.
 class __attribute__((visibility("default"))) VMonitorFiles {
 public:
     /// Creates an inotify instance; `path` is not used and may be null. Returns its descriptor, which the
@@ -44,16 +44,15 @@ public:
     /// Returns false at once, without a log line, when `fd` is negative, `name` is null or `kind` is none of
     /// these. Returns false and logs, function name "InotifyFileChange", level 1:
     ///  - "could not add watch %s, error = %d": With `name` and the errno of inotify_add_watch(2): ENOENT,
-    ///    EACCES, ENOSPC (too many watches), EBADF, EINVAL (not an inotify descriptor), or any other of a
-    ///    path that can't be followed.
-    ///  - "could not get event error": Reading failed, also when a signal whose handler does not restart
-    ///    calls interrupted it.
+    ///    EACCES, ENOSPC (too many watches), EBADF, EINVAL (not an inotify descriptor), or another errno of
+    ///    path resolution.
+    ///  - "could not get event error": Reading failed, or a signal handler without SA_RESTART interrupted it.
     ///
-    /// Up to 512 bytes of events are read and discarded; what remains makes the next call return at once.
-    /// Events that the kernel reports without being asked end the wait, too: the watched file is gone, its
-    /// file system was unmounted, or the queue overflowed. A watch is never removed; a later call for the
-    /// same file with another kind replaces what it reports. A watch belongs to the file, not to its name:
-    /// when another file is renamed to the name, only the next call watches that file.
+    /// Up to 512 bytes of events are read and discarded. If more events are queued, the next call returns at
+    /// once. Some events end the wait without being asked for: the watched file is gone, its file system was
+    /// unmounted, or the queue overflowed. A watch is never removed; a later call for the same file with
+    /// another kind changes the kind of its watch. A watch belongs to the file, not to its name: when another
+    /// file is renamed to the name, only the next call watches that file.
     ///
     /// Hazards (reliability.md): endless-wait, names-in-log.
     static bool InotifyFileChange(int fd, const char* name, int kind);
@@ -61,8 +60,8 @@ public:
     /// Closes the inotify instance with its watches and unread events. **A successful close logs "close
     /// failed error = %d"**; a failed one logs nothing.
     ///
-    /// Details: the inversion is kept on purpose; those who read the log rely on it. The line has whatever
-    /// errno holds, function name "Inotifyclose", level 1.
+    /// Details: the inversion is kept on purpose; those who read the log rely on it. The number is the value
+    /// that errno happens to have, function name "Inotifyclose", level 1.
     ///
     /// Hazard (reliability.md): inverted-log.
     static void Inotifyclose(int fd);

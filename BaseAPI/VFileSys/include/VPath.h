@@ -26,13 +26,12 @@ public:
     bool owned;
 };
 
-/// An absolute path, canonicalised as text and stored inline, no heap allocation. It has at most 4095
-/// characters.
+/// An absolute path of at most 4095 characters, canonicalised as text and stored inline, no heap allocation.
 ///
-/// Making one from a text puts the working directory before a relative text, collapses runs of '/', drops
-/// trailing '/' and removes "." and ".." components. It does not ask the file system: symlinks are not
-/// followed, nothing has to exist, and ".." always drops the component before it. **The last component is
-/// never examined**: "/a/./b" becomes "/a/b", but "/a/b/.." does not change.
+/// Resolving a text puts the working directory before a relative text, collapses runs of '/', drops
+/// trailing '/' and removes "." and ".." components. The file system is not asked: symlinks are not followed,
+/// nothing has to exist, and ".." always drops the component before it. **The last component is never
+/// examined**: "/a/./b" becomes "/a/b", but "/a/b/.." does not change.
 ///
 ///     VPath config("/opt/app/../app/etc/");  // "/opt/app/etc"
 ///     config += "../log";                    // "/opt/app/log"
@@ -40,21 +39,19 @@ public:
 ///     if (text.text[0] != '\0') puts(text.text);
 ///
 /// A VPath is invalid when its text was null, empty or too long, or when the working directory could not be
-/// read. An invalid path answers every question with the empty text and stays invalid until the next
-/// ResolvePath or assignment.
+/// read. Every text of an invalid path is empty. It stays invalid until the next ResolvePath or assignment.
 ///
 /// No operation logs or throws, except that joining may let the standard library's std::bad_alloc or
 /// std::length_error through. Distinct objects may be used from different threads. A relative text depends on
 /// the process's working directory at that moment.
 ///
 /// Details: the last component is kept on purpose; callers rely on it. "/a/b/../c" becomes "/a/c", but "/a/."
-/// and "/.." do not change either, and a relative "." becomes the working directory followed by "/.". A check
-/// whether a path begins with some directory must look at BaseName as well, since the last component may be
-/// "..". Where the component before a ".." is a symlink, the result is another directory than the kernel
-/// would find; VDir::VRealPath asks the system.
+/// and "/.." do not change. A relative "." becomes the working directory followed by "/.". To check that a
+/// path is below a directory, check BaseName as well: it may be "..". Where the component before a ".." is a
+/// symlink, the kernel finds another directory than VPath; VDir::VRealPath asks the system.
 ///
-/// Too long is a text of 4096 characters or more, or of more than 4095 with the working directory and a '/'
-/// before it. The limit is on the text as given: 4096 slashes are too long, although they mean "/".
+/// A text is too long with 4096 characters or more; for a relative one, the working directory and a '/' count
+/// too. The text counts as given: 4096 slashes are too long, although they mean "/".
 class __attribute__((visibility("default"))) VPath {
 public:
     /// Stores the flag `isValid` and the characters from `begin` up to `end` unresolved; with `end` null, the
@@ -71,7 +68,7 @@ public:
     VPath(const VPath& other);
     /// Copies the text of `other`, which may be this path, and whether it is valid.
     VPath& operator=(const VPath& other);
-    /// There is nothing to release; what points into this path's text is no longer valid.
+    /// Releases nothing. Pointers into this path's text are no longer valid.
     ~VPath();
 
     /// Replaces this path by the canonical form of `text`, which may be this path's own text. When the result
@@ -89,12 +86,12 @@ public:
     /// The same; `tail` ends at its first NUL if it holds one.
     VPath& operator+=(const std::string& tail);
 
-    /// As operator+=, into a new path; this one is unchanged. The sum with an invalid path is invalid.
+    /// As operator+=, into a new path; this one does not change. If this one is invalid, so is the new one.
     VPath operator+(const char* tail) const;
-    /// As operator+= of a string, into a new path; this one is unchanged.
+    /// As operator+= of a string, into a new path; this one does not change.
     VPath operator+(const std::string& tail) const;
 
-    /// True exactly when the stored text is "/", also of an invalid path whose old text was "/".
+    /// True when the stored text is "/", even if the path has become invalid.
     bool IsRootDir() const;
 
     /// The path's text, not owned; the empty text when the path is invalid. Despite its name it does not ask
@@ -113,12 +110,12 @@ public:
     /// Hazard (reliability.md): borrowed-text.
     PathText BaseName() const;
 
-    /// DirName as a path: valid, not resolved again. "/" gives "/", and "/a" a valid path with the empty
-    /// text. An invalid path gives an invalid path with the empty text.
+    /// DirName as a valid path; the text is not resolved again. "/" gives "/", and "/a" a valid path with the
+    /// empty text. An invalid path gives an invalid path with the empty text.
     VPath DirPath() const;
 
-    /// True when the path `name`, taken as given, exists. False for null, and for every failure, with errno
-    /// from access(2).
+    /// True when the path `name`, which is not resolved, exists. False for null, and for every failure, with
+    /// the errno of access(2).
     ///
     /// Details: the test is access(2) with F_OK, so symlinks are followed and the real user's rights count.
     static bool FileExist(const char* name);
