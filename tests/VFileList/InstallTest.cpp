@@ -33,22 +33,23 @@ const auto kFails = [](auto...) {
 class InstallTest : public testing::Test {
 protected:
     InstallTest() {
-        Add("known");
         scratch_.Write("known.bak", "old");
         struct stat status {};
         EXPECT_EQ(stat(scratch_.Path("known.bak").c_str(), &status), 0);
-        known().old =
+        known_.old =
             OldFile{false, status.st_ino, status.st_size, status.st_mtim, {0750, geteuid(), getegid(), {}}};
-        Add("fresh");
     }
 
-    void Add(const std::string& name) {
-        journal_.targets.push_back({scratch_.Path(name),
-                                    {scratch_.Path("package/" + name), 3, 0711, DigestOf("new")},
-                                    std::nullopt});
+    JournalTarget TargetFor(const std::string& name) const {
+        return {
+            scratch_.Path(name), {scratch_.Path("package/" + name), 3, 0711, DigestOf("new")}, std::nullopt};
     }
-    JournalTarget& known() { return journal_.targets[0]; }
-    JournalTarget& fresh() { return journal_.targets[1]; }
+
+    Journal Both() const {
+        Journal journal;
+        journal.targets = {known_, fresh_};
+        return journal;
+    }
 
     void Copy() const {
         scratch_.Write("known", "new");
@@ -56,12 +57,13 @@ protected:
     }
     std::vector<Stamp> InstallAll() {
         std::vector<Stamp> stamps(2);
-        for (std::size_t i = 0; i < 2; ++i) EXPECT_EQ(Install(journal_.targets[i], stamps[i]), std::nullopt);
+        EXPECT_EQ(Install(known_, stamps[0]), std::nullopt);
+        EXPECT_EQ(Install(fresh_, stamps[1]), std::nullopt);
         return stamps;
     }
     Trouble InstallKnown() {
         Stamp stamp;
-        return Install(known(), stamp);
+        return Install(known_, stamp);
     }
 
     // "name: what is said" of each remark of `ask`, which returns whether all is well.
@@ -78,17 +80,19 @@ protected:
         return said;
     }
     std::vector<std::string> SaidAfterRename() const {
-        return SaidBy([this](auto& remarks) { return IsRenamed(journal_, remarks); });
+        return SaidBy([this](auto& remarks) { return IsRenamed(Both(), remarks); });
     }
     std::vector<std::string> SaidAfterInstall(const std::vector<Stamp>& stamps) const {
-        return SaidBy([&](auto& remarks) { return IsInstalled(journal_, stamps, remarks); });
+        return SaidBy([&](auto& remarks) { return IsInstalled(Both(), stamps, remarks); });
     }
     std::vector<std::string> SaidOfBackups() const {
-        return SaidBy([this](auto& remarks) { return AreBackupsOurs(journal_, remarks); });
+        return SaidBy([this](auto& remarks) { return AreBackupsOurs(Both(), remarks); });
     }
 
     const Umask umask_{022};
     const ScratchDirectory scratch_;
+    JournalTarget known_ = TargetFor("known");
+    JournalTarget fresh_ = TargetFor("fresh");
     Journal journal_;
 };
 
@@ -114,7 +118,7 @@ TEST_F(InstallTest, GivesASuccessorTheModeAndAttributesOfItsPredecessorAndANewFi
     Copy();
     const std::string path = scratch_.Path("known");
     const bool hasAttributes = setxattr(path.c_str(), "user.a", "x", 1, 0) == 0;
-    if (hasAttributes) known().old->attributes.extended = {{"user.b", "kept"}};
+    if (hasAttributes) known_.old->attributes.extended = {{"user.b", "kept"}};
 
     (void)InstallAll();
 
@@ -134,7 +138,7 @@ TEST_F(InstallTest, GivesANewFileThePackagesModeWhateverListItInheritsFromItsDir
         "\20\0\5\0\377\377\377\377\40\0\5\0\377\377\377\377";
     if (setxattr(scratch_.Path().c_str(), "system.posix_acl_default", list, sizeof list - 1, 0) != 0)
         GTEST_SKIP() << "the file system has no access control lists";
-    fresh().package.mode = 0771;
+    fresh_.package.mode = 0771;
     Copy();
 
     (void)InstallAll();
@@ -186,7 +190,7 @@ TEST_F(InstallTest, SaysWhatFails) {
     {
         const Replaced replaced(calls::fchmod, kFails);
         EXPECT_EQ(InstallKnown(), known);
-        EXPECT_EQ(Install(journal_.targets[1], stamp), fresh);
+        EXPECT_EQ(Install(fresh_, stamp), fresh);
     }
     {
         const Replaced replaced(calls::fsync, kFails);
@@ -194,7 +198,7 @@ TEST_F(InstallTest, SaysWhatFails) {
     }
     {
         const Replaced replaced(calls::fstat, kFails);
-        EXPECT_EQ(Install(journal_.targets[1], stamp), fresh);
+        EXPECT_EQ(Install(fresh_, stamp), fresh);
     }
 }
 
@@ -238,7 +242,7 @@ TEST_F(InstallTest, TakesBackupsForOursWhileTheyAreTheOldFilesOrGone) {
 
 TEST_F(InstallTest, RemovesTheOldFilesAndNothingElse) {
     scratch_.Write("fresh.bak", "foreign");
-    const auto remove = [this](auto& remarks) { return RemoveBackups(journal_, remarks); };
+    const auto remove = [this](auto& remarks) { return RemoveBackups(Both(), remarks); };
 
     EXPECT_THAT(SaidBy(remove), IsEmpty());
     EXPECT_THAT(SaidBy(remove), IsEmpty()) << "again";
@@ -247,9 +251,9 @@ TEST_F(InstallTest, RemovesTheOldFilesAndNothingElse) {
 }
 
 TEST_F(InstallTest, RemovesNoFileThatOnlyBearsTheNumberOfTheOldOne) {
-    known().old->modified = {1, 0};
+    known_.old->modified = {1, 0};
 
-    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(journal_, remarks); }),
+    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(Both(), remarks); }),
                 ElementsAre("known.bak: NAME.bak is not, or no longer, what the upgrade left there"));
 
     EXPECT_THAT(scratch_.List(), ElementsAre("known.bak"));
@@ -258,15 +262,15 @@ TEST_F(InstallTest, RemovesNoFileThatOnlyBearsTheNumberOfTheOldOne) {
 TEST_F(InstallTest, SaysWhichBackupCannotBeRemoved) {
     const Replaced replaced(calls::unlink, kFails);
 
-    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(journal_, remarks); }),
+    EXPECT_THAT(SaidBy([this](auto& remarks) { return RemoveBackups(Both(), remarks); }),
                 ElementsAre("known.bak: can't be removed: Input/output error"));
 }
 
 TEST_F(InstallTest, GivesANewFileTheOwnerAndModeOfTheManifest) {
     SKIP_UNLESS_ROOT();
     Copy();
-    fresh().package.mode = 04711;
-    fresh().package.owner = Owner{1234, 5678};
+    fresh_.package.mode = 04711;
+    fresh_.package.owner = Owner{1234, 5678};
     (void)InstallAll();
 
     const struct stat status = StatusOf(scratch_.Path("fresh"));
@@ -278,10 +282,10 @@ TEST_F(InstallTest, GivesANewFileTheOwnerAndModeOfTheManifest) {
 
 TEST_F(InstallTest, SaysWhenANewFileCanNotHaveTheOwnerOfTheManifest) {
     Copy();
-    fresh().package.owner = Owner{};
+    fresh_.package.owner = Owner{};
     const Replaced replaced(calls::fchown, kFails);
     Stamp stamp;
-    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": Input/output error");
+    EXPECT_EQ(Install(fresh_, stamp), scratch_.Path("fresh") + ": Input/output error");
 }
 
 TEST_F(InstallTest, TakesAnInheritedListAwayFromANewFileOfTheManifest) {
@@ -293,8 +297,8 @@ TEST_F(InstallTest, TakesAnInheritedListAwayFromANewFileOfTheManifest) {
         44);
     const std::string path = scratch_.Path("fresh");
     ASSERT_EQ(setxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size(), 0), 0);
-    fresh().package.owner = Owner{geteuid(), getegid()};
-    fresh().package.mode = 0664;
+    fresh_.package.owner = Owner{geteuid(), getegid()};
+    fresh_.package.mode = 0664;
     (void)InstallAll();
 
     EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0), -1);
@@ -310,7 +314,7 @@ TEST_F(InstallTest, RefusesAFileThatIsWrittenToAfterItWasCompared) {
         };
         const Replaced replaced(calls::fchmod, write);
         Stamp stamp;
-        EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": another process has written to it");
+        EXPECT_EQ(Install(fresh_, stamp), scratch_.Path("fresh") + ": another process has written to it");
     }
 }
 
@@ -323,7 +327,7 @@ TEST_F(InstallTest, SaysWhenAFileCanNotBeLookedAtInTheEnd) {
         return -1;
     });
     Stamp stamp;
-    EXPECT_EQ(Install(fresh(), stamp), scratch_.Path("fresh") + ": Input/output error");
+    EXPECT_EQ(Install(fresh_, stamp), scratch_.Path("fresh") + ": Input/output error");
 }
 
 TEST_F(InstallTest, GivesDirectoriesTheirModesFromTheInnermostOutwards) {

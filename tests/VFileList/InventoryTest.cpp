@@ -15,6 +15,7 @@
 #include "Package.h"
 #include "Report.h"
 #include "SystemCalls.h"
+#include "Targets.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ protected:
     Trouble Take() {
         journal_ = {};
         Output output(true);
-        return TakeInventory(FileList(package_.ListPath()), output, journal_);
+        return TakeInventory(FileList(package_.ListPath()), manifest_, output, journal_);
     }
     // The trouble when this call fails for `path`, and not for others.
     template <typename... Parameters>
@@ -49,7 +50,7 @@ protected:
             return -1;
         });
         Output output(true);
-        return TakeInventory(list, output, journal_);
+        return TakeInventory(list, manifest_, output, journal_);
     }
     std::vector<std::string> OldDirectories() const {
         std::vector<std::string> paths;
@@ -64,6 +65,7 @@ protected:
     const Package package_;
     std::string tool_;
     std::string source_;
+    std::optional<Manifest> manifest_;
     Journal journal_;
 };
 
@@ -81,7 +83,7 @@ TEST_F(InventoryTest, HasTheOldFileAndThePackagesFile) {
     EXPECT_EQ(Take(), std::nullopt);
 
     ASSERT_EQ(journal_.targets.size(), 1u);
-    const JournalTarget& target = journal_.targets[0];
+    const JournalTarget target = AllOf(journal_.targets)[0];
     const struct stat status = StatusOf(tool_);
     EXPECT_EQ(target.path, tool_);
     EXPECT_EQ(target.package.source, source_);
@@ -104,8 +106,9 @@ TEST_F(InventoryTest, OfALinkHasTheLinkWithTheModeOfTheFileThatItLeadsTo) {
 
     EXPECT_EQ(Take(), std::nullopt);
 
-    ASSERT_TRUE(journal_.targets.at(0).old);
-    const OldFile& old = *journal_.targets[0].old;
+    const JournalTarget target = AllOf(journal_.targets).at(0);
+    ASSERT_TRUE(target.old);
+    const OldFile& old = *target.old;
     EXPECT_TRUE(old.isLink);
     EXPECT_EQ(old.inode, StatusOf(package_.InstalledPath("link")).st_ino);
     EXPECT_EQ(old.attributes.mode, 04750u);
@@ -121,7 +124,7 @@ TEST_F(InventoryTest, HasTheTargetsInTheOrderOfThePassesAndNoOldFileWhereThereIs
     std::vector<std::string> paths;
     for (const JournalTarget& target : journal_.targets) paths.push_back(target.path);
     EXPECT_THAT(paths, ElementsAre(package_.InstalledPath("z"), tool_, package_.InstalledPath("a")));
-    EXPECT_FALSE(journal_.targets[0].old);
+    EXPECT_FALSE(AllOf(journal_.targets)[0].old);
 }
 
 TEST_F(InventoryTest, HasTheDirectoriesAndThoseThatCopyWillMakeWithWhatTheyAreMadeIn) {
@@ -148,7 +151,8 @@ TEST_F(InventoryTest, IsNotTakenWhereADirectoryCannotBeLookedAt) {
         return -1;
     });
     Output output(true);
-    EXPECT_EQ(TakeInventory(list, output, journal_), "/: No such file or directory") << "and comes to an end";
+    EXPECT_EQ(TakeInventory(list, manifest_, output, journal_), "/: No such file or directory")
+        << "and comes to an end";
 }
 
 TEST_F(InventoryTest, IsNotTakenWhereABackupIsInTheWay) {
@@ -195,7 +199,7 @@ TEST_F(InventoryTest, SaysWhatCannotBeLookedAt) {
             errno = EIO;
             return -1;
         });
-        EXPECT_EQ(TakeInventory(list, output, journal_), path + ": Input/output error");
+        EXPECT_EQ(TakeInventory(list, manifest_, output, journal_), path + ": Input/output error");
     }
     {
         const Replaced replaced(calls::read, [&](int fd, void* data, size_t size) -> ssize_t {
@@ -203,52 +207,53 @@ TEST_F(InventoryTest, SaysWhatCannotBeLookedAt) {
             errno = EIO;
             return -1;
         });
-        EXPECT_EQ(TakeInventory(list, output, journal_), source_ + ": Input/output error");
+        EXPECT_EQ(TakeInventory(list, manifest_, output, journal_), source_ + ": Input/output error");
     }
     const Replaced replaced(calls::flistxattr, [](int, char*, size_t) -> ssize_t {
         errno = EIO;
         return -1;
     });
-    EXPECT_EQ(TakeInventory(list, output, journal_), tool_ + ": Input/output error");
+    EXPECT_EQ(TakeInventory(list, manifest_, output, journal_), tool_ + ": Input/output error");
 }
 
 TEST_F(InventoryTest, ShowsItsProgress) {
     const FileList list(package_.ListPath());
 
-    EXPECT_THAT(ProgressOf([&](Output& output) { return TakeInventory(list, output, journal_) ? 1 : 0; }),
-                ElementsAre("record: 0 of 1 files"));
+    EXPECT_THAT(
+        ProgressOf([&](Output& output) { return TakeInventory(list, manifest_, output, journal_) ? 1 : 0; }),
+        ElementsAre("record: 0 of 1 files"));
 }
 
-// The manifest of the package that stands in the journal.
-Manifest ManifestFor(const Journal& journal) {
-    Manifest manifest;
-    manifest.release = "2.0";
-    manifest.fileListDigest = journal.fileListDigest;
-    for (const JournalTarget& target : journal.targets) {
-        manifest.entries.push_back({target.path, false, 04751, "root", "root", 0, target.package.digest});
+class ManifestInventoryTest : public InventoryTest {
+protected:
+    ManifestInventoryTest() {
+        manifest_.emplace();
+        manifest_->release = "2.0";
+        manifest_->entries = {FileEntry(tool_, "the new tool")};
     }
-    return manifest;
-}
 
-TEST_F(InventoryTest, TakesModesAndOwnersOfWhatIsNewFromTheManifest) {
+    static ManifestEntry FileEntry(const std::string& path, const std::string& content) {
+        return {path, false, 04751, "root", "root", 0, DigestOf(content)};
+    }
+};
+
+TEST_F(ManifestInventoryTest, TakesModesAndOwnersOfWhatIsNewFromTheManifest) {
     package_.Bring("fresh", "fresh");
     package_.WriteList("[Server]\nBin=@\nNew=@/a/b\n[Bin]\nf=tool\n[New]\nf=fresh\n");
+    manifest_->entries = {{package_.InstalledPath("a/b"), true, 02775, "root", "root", 0, {}},
+                          FileEntry(package_.InstalledPath("a/b/fresh"), "fresh"),
+                          FileEntry(tool_, "the new tool")};
     ASSERT_EQ(Take(), std::nullopt);
-    Manifest manifest = ManifestFor(journal_);
-    const std::string fresh = package_.InstalledPath("a/b/fresh");
-    manifest.entries = {{package_.InstalledPath("a/b"), true, 02775, "root", "root", 0, {}},
-                        {fresh, false, 04751, "root", "root", 0, DigestOf("fresh")},
-                        {tool_, false, 04751, "root", "root", 0, DigestOf("the new tool")}};
-    ASSERT_EQ(FollowManifest(manifest, journal_), std::nullopt);
 
     EXPECT_EQ(journal_.release, "2.0");
-    ASSERT_EQ(journal_.targets.size(), 2u);
-    EXPECT_EQ(journal_.targets[0].path, tool_);
-    EXPECT_EQ(journal_.targets[0].package.mode, 0711u) << "it has a predecessor";
-    EXPECT_FALSE(journal_.targets[0].package.owner);
-    EXPECT_EQ(journal_.targets[1].package.mode, 04751u);
-    ASSERT_TRUE(journal_.targets[1].package.owner);
-    EXPECT_EQ(journal_.targets[1].package.owner->user, 0u);
+    const std::vector<JournalTarget> targets = AllOf(journal_.targets);
+    ASSERT_EQ(targets.size(), 2u);
+    EXPECT_EQ(targets[0].path, tool_);
+    EXPECT_EQ(targets[0].package.mode, 0711u) << "it has a predecessor";
+    EXPECT_FALSE(targets[0].package.owner);
+    EXPECT_EQ(targets[1].package.mode, 04751u);
+    ASSERT_TRUE(targets[1].package.owner);
+    EXPECT_EQ(targets[1].package.owner->user, 0u);
     EXPECT_THAT(journal_.newDirectories,
                 ElementsAre(package_.InstalledPath("a"), package_.InstalledPath("a/b")));
     ASSERT_EQ(journal_.directoryModes.size(), 1u) << "the manifest says nothing of the other one";
@@ -256,33 +261,30 @@ TEST_F(InventoryTest, TakesModesAndOwnersOfWhatIsNewFromTheManifest) {
     EXPECT_EQ(journal_.directoryModes[0].mode, 02775u);
 }
 
-TEST_F(InventoryTest, RefusesWhatTheManifestDoesNotKnow) {
-    ASSERT_EQ(Take(), std::nullopt);
-    Manifest manifest = ManifestFor(journal_);
-    manifest.fileListDigest = DigestOf("another list");
-    EXPECT_EQ(FollowManifest(manifest, journal_),
-              package_.ListPath() + ": it is not the one of the manifest");
+TEST_F(ManifestInventoryTest, RefusesAnotherList) {
+    manifest_->fileListDigest = DigestOf("another list");
+    EXPECT_EQ(Take(), package_.ListPath() + ": it is not the one of the manifest");
+}
 
+TEST_F(ManifestInventoryTest, RefusesWhatTheManifestDoesNotKnow) {
     const std::string unknown = source_ + ": it is not what the manifest says of " + tool_;
-    manifest = ManifestFor(journal_);
-    manifest.entries[0].digest = DigestOf("another tool");
-    EXPECT_EQ(FollowManifest(manifest, journal_), unknown);
-    manifest.entries.clear();
-    EXPECT_EQ(FollowManifest(manifest, journal_), unknown);
+    manifest_->entries = {FileEntry(tool_, "another tool")};
+    EXPECT_EQ(Take(), unknown);
+    manifest_->entries.clear();
+    EXPECT_EQ(Take(), unknown);
+}
 
-    Journal fresh = journal_;
-    fresh.targets[0].old.reset();
-    manifest = ManifestFor(fresh);
-    manifest.entries[0].user = "nosuchuser";
-    EXPECT_EQ(FollowManifest(manifest, journal_), std::nullopt) << "an old file keeps its owner";
-    EXPECT_EQ(FollowManifest(manifest, fresh),
-              tool_ + ": this machine has no user nosuchuser or no group root");
-    fresh.targets.clear();
-    fresh.newDirectories = {"/opt/new"};
-    manifest.entries = {{"/opt/new", true, 0755, "root", "nosuchgroup", 0, {}}};
-    EXPECT_EQ(FollowManifest(manifest, fresh),
-              "/opt/new: this machine has no user root or no group nosuchgroup");
-    EXPECT_EQ(FollowManifest(ManifestFor(journal_), journal_), std::nullopt);
+TEST_F(ManifestInventoryTest, RefusesOwnersThatTheMachineDoesNotKnow) {
+    manifest_->entries[0].user = "nosuchuser";
+    EXPECT_EQ(Take(), std::nullopt) << "an old file keeps its owner";
+    fs::remove(tool_);
+    EXPECT_EQ(Take(), tool_ + ": this machine has no user nosuchuser or no group root");
+
+    package_.WriteList("[Server]\nNew=@/a\n[New]\nf=tool\n");
+    const std::string directory = package_.InstalledPath("a");
+    manifest_->entries = {{directory, true, 0755, "root", "nosuchgroup", 0, {}},
+                          FileEntry(directory + "/tool", "the new tool")};
+    EXPECT_EQ(Take(), directory + ": this machine has no user root or no group nosuchgroup");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "ScratchDirectory.h"
 #include "SystemCalls.h"
+#include "Targets.h"
 
 namespace {
 
@@ -133,10 +134,12 @@ TEST_F(ReceiptFilesTest, HasTheModesAndOwnersThatWereInstalledWhateverWasChanged
     Add(journal, receipt);
     EXPECT_EQ(receipt.files.at(path).attributes.mode, 04777U) << "nobody has said what it shall be";
 
-    journal.targets[0].package.owner = Owner{1, 2};
+    ChangeTarget(journal.targets, 0, [](JournalTarget& target) { target.package.owner = Owner{1, 2}; });
     Add(journal, receipt);
     EXPECT_EQ(receipt.files.at(path).attributes, (Attributes{0600, 1, 2, {}}));
-    journal.targets[0].old = OldFile{false, 1, 1, {}, {0750, 3, 4, {{"user.a", "b"}}}};
+    ChangeTarget(journal.targets, 0, [](JournalTarget& target) {
+        target.old = OldFile{false, 1, 1, {}, {0750, 3, 4, {{"user.a", "b"}}}};
+    });
     Add(journal, receipt);
     EXPECT_EQ(receipt.files.at(path).attributes, (Attributes{0750, 3, 4, {{"user.a", "b"}}}));
 }

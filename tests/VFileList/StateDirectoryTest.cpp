@@ -356,8 +356,7 @@ TEST_F(StateDirectoryTest, KeepsThoseOfItsLibrariesThatTheUpgradeWillMove) {
     ASSERT_EQ(dl_iterate_phdr(find, &library), 1);
     struct stat status {};
     ASSERT_EQ(stat(library.c_str(), &status), 0);
-    journal_.targets = {{"/fresh", {}, std::nullopt}, {"/library", {}, OldFile{}}};
-    journal_.targets[1].old->inode = status.st_ino;
+    journal_.targets = {{"/fresh", {}, std::nullopt}, {"/library", {}, OldFile{false, status.st_ino}}};
     ASSERT_EQ(directory_->Enter(), std::nullopt);
 
     EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
@@ -388,8 +387,7 @@ TEST_F(StateDirectoryTest, KeepsTheSystemsOwnLibrariesOnlyWhenTheUpgradeMovesThe
     EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
     EXPECT_THAT(scratch_.List("lib/state/rescue"), testing::Not(testing::Contains("libstdc++.so.6")));
 
-    journal_.targets = {{"/library", {}, OldFile{}}};
-    journal_.targets[0].old->inode = status.st_ino;
+    journal_.targets = {{"/library", {}, OldFile{false, status.st_ino}}};
     EXPECT_EQ(directory_->KeepRescue(journal_), std::nullopt);
     EXPECT_THAT(scratch_.List("lib/state/rescue"), testing::Contains("libstdc++.so.6"));
 }

@@ -17,7 +17,7 @@ Journal JournalOfTwo() {
     journal.fileList = "/package/file\nlist.ini";
     journal.installType = "Server";
     journal.begun = 1000000000;
-    journal.targets.resize(2);
+    journal.targets = {{}, {}};
     return journal;
 }
 

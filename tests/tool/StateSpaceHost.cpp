@@ -181,7 +181,7 @@ void RealHost::Open(const Host& host) {
     Journal journal;
     Output output(true);
     StateDirectory directory(state_);
-    const Trouble trouble = TakeInventory(*list_, output, journal);
+    const Trouble trouble = TakeInventory(*list_, std::nullopt, output, journal);
     journal.fileListDigest = DigestOf(ReadWholeFile(package_.ListPath()));
     Expect(!trouble && !directory.Begin(journal), "journal");
     Expect(!directory.KeepList(ReadWholeFile(package_.ListPath()), package_.SourcePath("")), "list");

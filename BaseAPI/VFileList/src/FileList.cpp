@@ -157,6 +157,7 @@ std::vector<Target> FileList::Targets() const {
     std::unordered_set<std::size_t, decltype(hash), decltype(isSame)> firstEntries(0, hash, isSame);
     std::vector<std::size_t> indexes(entries().size());  // of the targets of the entries
     std::vector<Target> targets;
+    targets.reserve(entries().size());
     for (std::size_t i = 0; i < entries().size(); ++i) {
         if (!HasFileName(entries()[i])) continue;
         const auto [first, isNew] = firstEntries.insert(i);
@@ -164,7 +165,6 @@ std::vector<Target> FileList::Targets() const {
         if (isNew) targets.emplace_back();
         targets[indexes[i]].entries.push_back(i);
     }
-    targets.shrink_to_fit();
     NoteListedBackups(targets, identityOf);
     return targets;
 }

@@ -76,11 +76,12 @@ Trouble InstallDirectories(const Journal& journal) {
 
 bool IsInstalled(const Journal& journal, const std::vector<Stamp>& stamps, std::vector<Remark>& remarks) {
     const std::size_t before = remarks.size();
-    for (std::size_t i = 0; i < stamps.size(); ++i) {
-        const std::string& path = journal.targets[i].path;
+    auto stamp = stamps.begin();
+    for (const JournalTarget& target : journal.targets) {
+        const Stamp& expected = *stamp++;
         struct stat status {};
-        if (lstat(path.c_str(), &status) == 0 && IsSame(StampOf(status), stamps[i])) continue;
-        remarks.push_back({path, "another process changed it after -copy", true});
+        if (lstat(target.path.c_str(), &status) == 0 && IsSame(StampOf(status), expected)) continue;
+        remarks.push_back({target.path, "another process changed it after -copy", true});
     }
     return AreBackupsOurs(journal, remarks) && remarks.size() == before;
 }

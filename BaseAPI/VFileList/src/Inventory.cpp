@@ -72,50 +72,57 @@ Trouble LookAtDirectories(const FileList& list, Journal& journal) {
     return std::nullopt;
 }
 
-}  // namespace
-
-Trouble TakeInventory(const FileList& list, Output& output, Journal& journal) {
-    journal.fileList = list.iniPath();
-    journal.installType = list.installType();
-    journal.begun = std::time(nullptr);
-    if (Trouble trouble = LookAtDirectories(list, journal)) return trouble;
-
-    const std::vector<Target> targets = list.Targets();
-    journal.targets.reserve(targets.size());
-    for (const Target& target : targets) {
-        output.Progress("record", journal.targets.size(), targets.size());
-        const Entry& entry = list.entries()[target.entries.back()];
-        JournalTarget found{list.TargetOf(entry), {}, std::nullopt};
-        if (Trouble trouble = LookAtOld(found.path, found.old)) return trouble;
-        if (Trouble trouble = ExpectFree(found.path + kBackupSuffix)) return trouble;
-        if (Trouble trouble = LookAtNew(list.SourceOf(entry), found.package)) return trouble;
-        journal.targets.push_back(std::move(found));
-    }
+// Takes the mode and the owner from the manifest where there is no predecessor.
+Trouble FollowManifest(const Manifest& manifest, JournalTarget& target) {
+    NewFile& package = target.package;
+    const ManifestEntry* const entry = manifest.Find(target.path);
+    if (entry == nullptr || entry->digest != package.digest)
+        return package.source + ": it is not what the manifest says of " + target.path;
+    if (target.old) return std::nullopt;
+    package.mode = entry->mode;
+    package.owner = OwnerOf(*entry);
+    if (!package.owner) return target.path + ": " + WhyNoOwner(*entry);
     return std::nullopt;
 }
 
 Trouble FollowManifest(const Manifest& manifest, Journal& journal) {
-    if (journal.fileListDigest != manifest.fileListDigest) {
+    if (journal.fileListDigest != manifest.fileListDigest)
         return journal.fileList + ": it is not the one of the manifest";
-    }
     journal.release = manifest.release;
-    for (JournalTarget& target : journal.targets) {
-        NewFile& package = target.package;
-        const ManifestEntry* const entry = manifest.Find(target.path);
-        if (entry == nullptr || entry->digest != package.digest) {
-            return package.source + ": it is not what the manifest says of " + target.path;
-        }
-        if (target.old) continue;
-        package.mode = entry->mode;
-        package.owner = OwnerOf(*entry);
-        if (!package.owner) return target.path + ": " + WhyNoOwner(*entry);
-    }
     for (const std::string& path : journal.newDirectories) {
         const ManifestEntry* const entry = manifest.Find(path);
         if (entry == nullptr) continue;
         const std::optional<Owner> owner = OwnerOf(*entry);
         if (!owner) return path + ": " + WhyNoOwner(*entry);
         journal.directoryModes.push_back({path, entry->mode, *owner});
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+Trouble TakeInventory(const FileList& list, const std::optional<Manifest>& manifest, Output& output,
+                      Journal& journal) {
+    journal.fileList = list.iniPath();
+    journal.installType = list.installType();
+    journal.begun = std::time(nullptr);
+    if (Trouble trouble = LookAtDirectories(list, journal)) return trouble;
+    Trouble trouble = manifest ? FollowManifest(*manifest, journal) : std::nullopt;
+    if (trouble) return trouble;
+
+    // The rest of what Targets tells takes more memory than all of the journal.
+    std::vector<std::size_t> entries;
+    for (const Target& target : list.Targets()) entries.push_back(target.entries.back());
+    for (const std::size_t index : entries) {
+        output.Progress("record", journal.targets.size(), entries.size());
+        const Entry& entry = list.entries()[index];
+        JournalTarget target{list.TargetOf(entry), {}, std::nullopt};
+        trouble = LookAtOld(target.path, target.old);
+        if (!trouble) trouble = ExpectFree(target.path + kBackupSuffix);
+        if (!trouble) trouble = LookAtNew(list.SourceOf(entry), target.package);
+        if (!trouble && manifest) trouble = FollowManifest(*manifest, target);
+        if (trouble) return trouble;
+        journal.targets.push_back(target);
     }
     return std::nullopt;
 }

@@ -41,9 +41,7 @@ void ParseNew(LineScanner& scanner, NewFile& package) {
 }
 
 // The lines that belong to a target, which comes first.
-void ParseTargetLine(std::string_view name, LineScanner& scanner, std::vector<JournalTarget>& targets) {
-    if (targets.empty()) return scanner.Fail();
-    JournalTarget& target = targets.back();
+void ParseTargetLine(std::string_view name, LineScanner& scanner, JournalTarget& target) {
     if (name == "new") {
         ParseNew(scanner, target.package);
     } else if (name == "owner") {
@@ -59,41 +57,7 @@ void ParseTargetLine(std::string_view name, LineScanner& scanner, std::vector<Jo
     }
 }
 
-void ParseLine(LineScanner& scanner, Journal& journal) {
-    const std::string_view name = scanner.Next();
-    if (name == "filelist") {
-        journal.fileList = scanner.Text();
-        journal.fileListDigest = scanner.Expect(DigestFromHex(scanner.Next()));
-        journal.installType = scanner.Text();
-        scanner.Into(journal.begun);
-    } else if (name == "olddirectory") {
-        OldDirectory& directory = journal.oldDirectories.emplace_back();
-        directory.path = scanner.Text();
-        scanner.Into(directory.inode);
-    } else if (name == "newdirectory") {
-        journal.newDirectories.push_back(scanner.Text());
-    } else if (name == "directory") {
-        DirectoryMode& directory = journal.directoryModes.emplace_back();
-        directory.path = scanner.Text();
-        scanner.Into(directory.mode);
-        scanner.Into(directory.owner.user);
-        scanner.Into(directory.owner.group);
-    } else if (name == "release") {
-        journal.release = scanner.Text();
-    } else if (name == "target") {
-        journal.targets.push_back({scanner.Text(), {}, std::nullopt});
-    } else {
-        ParseTargetLine(name, scanner, journal.targets);
-    }
-}
-
 }  // namespace
-
-std::optional<Attributes> JournalTarget::Wanted() const {
-    if (old) return old->attributes;
-    if (!package.owner) return std::nullopt;
-    return Attributes{package.mode, package.owner->user, package.owner->group, {}};
-}
 
 Trouble Print(const Journal& journal, const Sink& sink) {
     LinePrinter printer(sink);
@@ -113,11 +77,46 @@ Trouble Print(const Journal& journal, const Sink& sink) {
     return printer.Finish();
 }
 
-JournalParser::JournalParser()
-    : reader_(kFirstLine, [this](LineScanner& scanner) { ParseLine(scanner, journal_); }) {}
+JournalParser::JournalParser() : reader_(kFirstLine, [this](LineScanner& scanner) { AddLine(scanner); }) {}
 
 Trouble JournalParser::Finish(Journal& journal) {
     if (Trouble trouble = reader_.Finish()) return trouble;
+    AddTarget();
     journal = std::move(journal_);
     return std::nullopt;
+}
+
+void JournalParser::AddLine(LineScanner& scanner) {
+    const std::string_view name = scanner.Next();
+    if (name == "filelist") {
+        journal_.fileList = scanner.Text();
+        journal_.fileListDigest = scanner.Expect(DigestFromHex(scanner.Next()));
+        journal_.installType = scanner.Text();
+        scanner.Into(journal_.begun);
+    } else if (name == "olddirectory") {
+        OldDirectory& directory = journal_.oldDirectories.emplace_back();
+        directory.path = scanner.Text();
+        scanner.Into(directory.inode);
+    } else if (name == "newdirectory") {
+        journal_.newDirectories.push_back(scanner.Text());
+    } else if (name == "directory") {
+        DirectoryMode& directory = journal_.directoryModes.emplace_back();
+        directory.path = scanner.Text();
+        scanner.Into(directory.mode);
+        scanner.Into(directory.owner.user);
+        scanner.Into(directory.owner.group);
+    } else if (name == "release") {
+        journal_.release = scanner.Text();
+    } else if (name == "target") {
+        AddTarget();
+        target_ = JournalTarget{scanner.Text(), {}, std::nullopt};
+    } else if (target_) {
+        ParseTargetLine(name, scanner, *target_);
+    } else {
+        scanner.Fail();
+    }
+}
+
+void JournalParser::AddTarget() {
+    if (target_) journal_.targets.push_back(*target_);
 }

@@ -14,36 +14,9 @@
 
 #include "Attributes.h"
 #include "Digest.h"
+#include "JournalTargets.h"
 #include "Lines.h"
 #include "Trouble.h"
-
-// A file that was there before the upgrade.
-struct OldFile {
-    bool isLink = false;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-    Attributes attributes;  // of the file that a link leads to
-};
-
-// A file of the package.
-struct NewFile {
-    std::string source;
-    off_t size = 0;
-    mode_t mode = 0;
-    Digest digest{};
-    std::optional<Owner> owner = {};  // of a file without a predecessor, if the manifest tells
-};
-
-struct JournalTarget {
-    std::string path;
-    NewFile package;
-    std::optional<OldFile> old;
-
-    // What the new file shall have: those of its predecessor, or what the manifest says. Nothing where
-    // neither tells: then it keeps its owner, and what its directory gave it.
-    std::optional<Attributes> Wanted() const;
-};
 
 // A directory of targets that was there before the upgrade. One of another number is another one: a file
 // system may not be mounted.
@@ -68,7 +41,7 @@ struct Journal {
     std::vector<OldDirectory> oldDirectories;
     std::vector<std::string> newDirectories;  // that -copy will make, parents first
     std::vector<DirectoryMode> directoryModes;
-    std::vector<JournalTarget> targets;  // in the order in which the passes visit them
+    JournalTargets targets;
 };
 
 // Hands the journal's text to the sink, block by block. Returns the sink's first trouble.
@@ -84,7 +57,11 @@ public:
     Trouble Finish(Journal& journal);
 
 private:
+    void AddLine(LineScanner& scanner);
+    void AddTarget();
+
     Journal journal_;
+    std::optional<JournalTarget> target_;  // the last one, whose lines are not all read
     LineReader reader_;
 };
 

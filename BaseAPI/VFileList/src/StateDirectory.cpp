@@ -10,12 +10,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <set>
 #include <system_error>
+#include <vector>
 
 #include "VCopyFileListIni.h"
 #include "VDir.h"
@@ -216,9 +218,9 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
     if (!error) fs::create_directory(rescue, error);
     if (error) return rescue.string() + ": " + error.message();
 
-    std::set<ino_t> moved;
+    std::vector<ino_t> moved;
     for (const JournalTarget& target : journal.targets) {
-        if (target.old) moved.insert(target.old->inode);
+        if (target.old) moved.push_back(target.old->inode);
     }
     if (Trouble trouble = Keep("/proc/self/exe", rescue / kProgram)) return trouble;
     const fs::path usual = UsualDirectory();
@@ -226,7 +228,8 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
         struct stat status {};
         if (stat(library.c_str(), &status) != 0) continue;
         const bool isUsual = library.parent_path() == usual;
-        if (isUsual && moved.count(status.st_ino) == 0) continue;
+        const bool isMoved = std::find(moved.begin(), moved.end(), status.st_ino) != moved.end();
+        if (isUsual && !isMoved) continue;
         if (Trouble trouble = Keep(library, rescue / library.filename())) return trouble;
     }
     return Sync(rescue);

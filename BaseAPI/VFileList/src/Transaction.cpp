@@ -101,17 +101,18 @@ bool IsAccepted(Run& run, const FileList& list, const Evidence& evidence) {
     return run.report.remarks.empty();
 }
 
-// Fills the journal. What can't be recorded can't be taken back, and is not begun.
-Trouble Record(Run& run, const FileList& list, const std::optional<Manifest>& manifest) {
+Trouble KeepList(Run& run, const FileList& list) {
     std::string text;
     const int error = ReadWhole(list.iniPath(), text);
     if (error != 0) return TroubleWith(list.iniPath(), error);
     run.journal.fileListDigest = DigestOf(text);
-    if (Trouble trouble = run.directory.KeepList(text, list.sourceDirectory())) return trouble;
-    if (Trouble trouble = TakeInventory(list, run.output, run.journal)) return trouble;
-    if (manifest) {
-        if (Trouble trouble = FollowManifest(*manifest, run.journal)) return trouble;
-    }
+    return run.directory.KeepList(text, list.sourceDirectory());
+}
+
+// Fills the journal. What can't be recorded can't be taken back, and is not begun.
+Trouble Record(Run& run, const FileList& list, const std::optional<Manifest>& manifest) {
+    if (Trouble trouble = KeepList(run, list)) return trouble;
+    if (Trouble trouble = TakeInventory(list, manifest, run.output, run.journal)) return trouble;
     if (Trouble trouble = run.directory.KeepRescue(run.journal)) return trouble;
     Trouble trouble = run.directory.Begin(run.journal);
     if (trouble) (void)run.directory.Close();  // it may be half begun
@@ -132,14 +133,15 @@ Trouble Enter(Run& run, const State& state) {
 // How many bytes of the copies are there, as far as can be seen while -copy runs.
 class CopyWatch {
 public:
-    CopyWatch(const Journal& journal, Output& output) : journal_(journal), output_(output) {
+    CopyWatch(const Journal& journal, Output& output)
+        : next_(journal.targets.begin()), end_(journal.targets.end()), output_(output) {
         for (const JournalTarget& target : journal.targets) total_ += target.package.size;
     }
 
     void Look() {
         off_t unfinished = 0;
-        for (; next_ < journal_.targets.size(); ++next_) {
-            const JournalTarget& target = journal_.targets[next_];
+        for (; next_ != end_; ++next_) {
+            const JournalTarget& target = *next_;
             struct stat status {};
             if (stat(target.path.c_str(), &status) != 0) break;
             unfinished = status.st_size;
@@ -153,9 +155,9 @@ public:
     }
 
 private:
-    const Journal& journal_;
+    JournalTargets::Iterator next_;
+    const JournalTargets::Iterator end_;
     Output& output_;
-    std::size_t next_ = 0;
     off_t done_ = 0;
     off_t total_ = 0;
 };
@@ -172,11 +174,12 @@ Trouble Copy(Run& run) {
 }
 
 Trouble InstallAll(Run& run) {
-    std::vector<Stamp> stamps(run.journal.targets.size());
-    for (std::size_t i = 0; i < stamps.size(); ++i) {
-        run.output.Progress("install", i, stamps.size());
+    std::vector<Stamp> stamps;
+    stamps.reserve(run.journal.targets.size());
+    for (const JournalTarget& target : run.journal.targets) {
+        run.output.Progress("install", stamps.size(), run.journal.targets.size());
         if (Trouble trouble = EndWanted(run)) return trouble;
-        if (Trouble trouble = Install(run.journal.targets[i], stamps[i])) return trouble;
+        if (Trouble trouble = Install(target, stamps.emplace_back())) return trouble;
     }
     if (Trouble trouble = InstallDirectories(run.journal)) return trouble;
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the new files are not on the disk";
