@@ -238,12 +238,12 @@ double PeakMemoryOfUpgrade(const std::string& release) {
     return kibibytes * 1024;
 }
 
-// A target has two paths: its own, and that of the package's file.
+// A target has three paths: its own, that of the package's file, and, in -rename, that of its backup.
 double PathBytes() {
     const std::string path = Release(MemoryDirectory(), kMany);
     double bytes = 0;
     for (int i = 0; i < kMany; ++i) {
-        bytes += 2 * static_cast<double>((path + "/target/" + NameOfFile(i)).size());
+        bytes += 3 * static_cast<double>((path + "/target/" + NameOfFile(i)).size());
     }
     return bytes / kMany;
 }
