@@ -227,6 +227,10 @@ TEST_F(InstallTest, NamesWhatWasTouchedAfterwards) {
     EXPECT_THAT(
         SaidAfterInstall(installed),
         ElementsAre("fresh" + text, "known: NAME.bak is not, or no longer, what the upgrade left there"));
+    fs::remove(scratch_.Path("known.bak"));
+    EXPECT_THAT(
+        SaidAfterInstall(installed),
+        ElementsAre("fresh" + text, "known: NAME.bak is not, or no longer, what the upgrade left there"));
 }
 
 TEST_F(InstallTest, TakesBackupsForOursWhileTheyAreTheOldFilesOrGone) {

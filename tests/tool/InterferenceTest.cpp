@@ -291,9 +291,7 @@ TreeSnapshot InterferenceTest::InstalledOver(const Cell& cell, const TreeSnapsho
     return part;
 }
 
-// It is as expected, or as if all had happened before or after the command, or it is named. A backup that is
-// removed during an upgrade is as one that is removed after it: the new release is whole, which it would not
-// be with that file alone left of it, and a rollback names the file.
+// It is as expected, or as if all had happened before or after the command, or it is named.
 void InterferenceTest::JudgeTarget(const Cell& cell, const Outcome& outcome,
                                    std::vector<std::string>& wrong) const {
     TreeSnapshot part = PartOf(outcome.tree, cell.target);

@@ -29,6 +29,18 @@ Trouble SetAttributes(int fd, const JournalTarget& target) {
     return fchmod(fd, target.package.mode) == 0 ? Trouble() : std::strerror(errno);
 }
 
+// Whether every backup is the old file as it was; or gone, where that may be.
+bool AreBackups(bool mayBeGone, const Journal& journal, std::vector<Remark>& remarks) {
+    const std::size_t before = remarks.size();
+    for (const JournalTarget& target : journal.targets) {
+        const TargetNow now = LookAt(target, Phase::kRenaming);
+        const bool isGone = now.backup == Found::kNothing && (mayBeGone || !target.old);
+        if (isGone || (now.backup == Found::kOld && !now.isOldChanged)) continue;
+        remarks.push_back({target.path, kNotOurs, true});
+    }
+    return remarks.size() == before;
+}
+
 }  // namespace
 
 bool IsRenamed(const Journal& journal, std::vector<Remark>& remarks) {
@@ -83,17 +95,11 @@ bool IsInstalled(const Journal& journal, const std::vector<Stamp>& stamps, std::
         if (lstat(target.path.c_str(), &status) == 0 && IsSame(StampOf(status), expected)) continue;
         remarks.push_back({target.path, "another process changed it after -copy", true});
     }
-    return AreBackupsOurs(journal, remarks) && remarks.size() == before;
+    return AreBackups(false, journal, remarks) && remarks.size() == before;
 }
 
 bool AreBackupsOurs(const Journal& journal, std::vector<Remark>& remarks) {
-    const std::size_t before = remarks.size();
-    for (const JournalTarget& target : journal.targets) {
-        const TargetNow now = LookAt(target, Phase::kRenaming);
-        if (now.backup == Found::kNothing || (now.backup == Found::kOld && !now.isOldChanged)) continue;
-        remarks.push_back({target.path, kNotOurs, true});
-    }
-    return remarks.size() == before;
+    return AreBackups(true, journal, remarks);
 }
 
 // -clean passes over links that point nowhere. A file that somebody has made since may bear the number of the
