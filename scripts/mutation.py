@@ -2,11 +2,11 @@
 
 Usage: mutation.py LIST [--sample N] [--seed TEXT] [--jobs N] [--only TEXT] [--count]
 
-A mutant has one condition turned round, one operator swapped for its neighbour, or one statement dropped. Nearly all
-of them are compiled into one build of a copy of the tree, below build/mutation, and an environment variable chooses
-one of them; those that do not fit beside others are built on their own. They are tested in a mount namespace that
-sees the host read-only: a broken program may remove what it likes. First come the tests of the same name as the
-source, then all others. A test that fails, crashes or takes much longer than it should has caught the mutant.
+A mutant has one condition turned round, one operator swapped for its neighbour, or one statement dropped. The tree is
+copied and built once, below build/mutation. Each mutant is put into a copy of that, where one object and what has it
+in is built anew, and is tested in a mount namespace that sees the host read-only: a broken program may remove what it
+likes. First come the tests of the same name as the source, then all others. A test that fails, crashes or takes much
+longer than it should has caught the mutant.
 
 LIST has the mutants that no test can catch, each place with its reason:
 
@@ -20,11 +20,11 @@ listed or caught by the time all are tried.
 """
 import argparse
 import collections
+import concurrent.futures
 import itertools
 import json
 import os
 import pathlib
-import queue
 import random
 import re
 import shutil
@@ -43,22 +43,8 @@ BUILD = f"build/{PRESET}"
 # In the order in which they are tried.
 PROGRAMS = ["vfilesys_tests", "process_tests", "example_tests", "vfilelist_tests", "fault_tests",
             "killed_upgrade_tests"]
-TARGETS = PROGRAMS
 
 Mutant = collections.namedtuple("Mutant", "file begin end text label")
-
-# Chooses among the mutants of one build.
-CHOICE = "VFILESYS_MUTANT"
-CHOOSER = f"""#pragma once
-#include <cstdlib>
-inline bool IsMutant(int number) {{
-    static const int chosen = [] {{
-        const char* const text = std::getenv("{CHOICE}");
-        return text != nullptr ? std::atoi(text) : 0;
-    }}();
-    return chosen == number;
-}}
-"""
 
 
 # ---------------------------------------------------------------------------------------------- making mutants
@@ -70,11 +56,6 @@ NO_CODE = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n]
 def masked(source):
     """The source with everything in comments, literals and preprocessor lines blanked out, in the same length."""
     return NO_CODE.sub(lambda found: re.sub(r"[^\n]", "_" if found[0][0] in "\"'" else " ", found[0]), source)
-
-
-def without_comments(source):
-    """The same without comments only."""
-    return NO_CODE.sub(lambda found: " " * len(found[0]) if found[0].startswith("//") else found[0], source)
 
 
 def closing(code, opening):
@@ -203,118 +184,20 @@ def mutants_of(file):
     return sorted(unique.values(), key=lambda one: one.begin)
 
 
-# ----------------------------------------------------------------------------------- many of them in one source
-
-Region = collections.namedtuple("Region", "begin end kind")
-
-
-def end_of_expression(code, begin):
-    """The place of the ';', ',' or closing bracket behind an expression."""
-    depth = 0
-    for end in range(begin, len(code)):
-        depth += (code[end] in "([{") - (code[end] in ")]}")
-        if depth < 0 or (depth == 0 and code[end] in ";,"):
-            return end
-    raise ValueError("an expression does not end")
-
-
-def regions_of(source):
-    """The parts of a source that can be written twice, one beside the other: (begin, end, kind)."""
-    code = masked(source)
-    found = []
-    for begin, end in conditions(code):
-        if not re.search(r"(?<![=!<>])=(?!=)", code[begin:end].split("[")[0]):
-            found.append(Region(begin, end, "condition"))
-    for begin, end in statements(code):
-        found.append(Region(begin, end, "statement"))
-    for start in re.finditer(r"(\breturn|(?<![=!<>+*/|&-])=)\s+", code):
-        # What begins with a bracket is a list or a lambda; each of those has a type of its own.
-        if code[start.end()] not in "{[":
-            found.append(Region(start.end(), end_of_expression(code, start.end()), "value"))
-    return found
-
-
-def chosen_text(region, variants, plain):
-    """The code of a region with its variants as (number, text). The pieces, each with the number it belongs to."""
-    pieces = []
-    if region.kind == "statement":
-        pieces.append(("{", 0))
-        for number, text in variants:
-            pieces += [(f"if (IsMutant({number})) {{", 0), (text, number), ("} else ", 0)]
-        return pieces + [("{", 0)] + plain + [("}}", 0)]
-    cast = "static_cast<bool>" if region.kind == "condition" else ""
-    pieces.append(("(", 0))
-    for number, text in variants:
-        pieces += [(f"IsMutant({number}) ? {cast}(", 0), (text, number), (") : ", 0)]
-    return pieces + [(cast + "(", 0)] + plain + [("))", 0)]
-
-
-def joined(source, mutants):
-    """The source with all of `mutants` (by number) in it, as pieces of text with the number that each belongs to,
-    and the numbers of those that found no place. Lines stay where they are."""
-    bare = without_comments(source)
-    owners = collections.defaultdict(list)
-    regions = regions_of(source)
-    for number, mutant in mutants.items():
-        around = [one for one in regions if one.begin <= mutant.begin and mutant.end <= one.end and
-                  (mutant.text != ";" or one.kind == "statement")]
-        if around:
-            owners[min(around, key=lambda one: one.end - one.begin)].append(number)
-
-    def render(begin, end, inside):
-        pieces = []
-        here = begin
-        for region in sorted(inside, key=lambda one: (one.begin, -one.end)):
-            if region.begin < here:
-                continue  # it overlaps another
-            pieces.append((source[here:region.begin], 0))
-            variants = []
-            for number in owners[region]:
-                one = mutants[number]
-                text = bare[region.begin:one.begin] + one.text + bare[one.end:region.end]
-                variants.append((number, " ".join(text.split("\n"))))
-            deeper = [one for one in inside if one != region and region.begin <= one.begin and one.end <= region.end]
-            pieces += chosen_text(region, variants, render(region.begin, region.end, deeper))
-            here = region.end
-        return pieces + [(source[here:end], 0)]
-
-    pieces = render(0, len(source), list(owners))
-    return pieces, set(mutants) - {number for _, number in pieces}
-
-
-def numbers_at(pieces, line, column):
-    """The mutants that the compiler may mean with an error at a place: that piece's, or else all of that line."""
-    on_line = set()
-    at_line, at_column = 1, 1
-    for text, number in pieces:
-        for number_here in [number] + [int(found) for found in re.findall(r"IsMutant\((\d+)\)", text)]:
-            if number_here and at_line <= line <= at_line + text.count("\n"):
-                on_line.add(number_here)
-        for part in re.split(r"(\n)", text):
-            if part == "\n":
-                at_line, at_column = at_line + 1, 1
-                continue
-            width = len(part.encode("utf-8"))
-            if number and at_line == line and at_column <= column < at_column + width:
-                return {number}
-            at_column += width
-    return on_line
-
-
 # ------------------------------------------------------------------------------------------------ running them
 
 # A mutant may ask for any amount of memory.
 LIMITED = ["sh", "-c", 'ulimit -c 0 && ulimit -v 16777216 && exec "$@"', "sh"]
 
 
-def inside(worker, command, writable, seconds, number=0):
-    """Runs the command with mutant `number` in a namespace where the worker's tree stands in the tree's place. The
+def inside(tree, command, writable, seconds):
+    """Runs the command in a namespace where `tree` stands in TREE's place, and no compiler cache can be written. The
     exit status, None after the time limit, and the output."""
     namespace = ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
                  "--size", str(2 << 30), "--perms", "1777", "--tmpfs", "/tmp",
-                 "--bind" if writable else "--ro-bind", worker, TREE,
+                 "--bind" if writable else "--ro-bind", tree, TREE,
                  "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--new-session",
-                 "--chdir", TREE, "--setenv", CHOICE, str(number)]
+                 "--chdir", TREE, "--setenv", "CCACHE_DISABLE", "1"]
     try:
         done = subprocess.run(namespace + LIMITED + command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=seconds, check=False)
@@ -323,74 +206,35 @@ def inside(worker, command, writable, seconds, number=0):
     return done.returncode, done.stdout
 
 
-def build(worker, seconds=600):
-    status, output = inside(worker, ["ninja", "-C", BUILD, *TARGETS], True, seconds)
-    return status == 0, output
-
-
-def write_if_changed(path, content):
-    if not path.exists() or path.read_bytes() != content:
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(content)
-
-
 def tree_names():
     names = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "-z"], check=True,
                            stdout=subprocess.PIPE).stdout.decode().split("\0")
     return [name for name in names if name and os.path.isfile(name)]
 
 
-def copy_tree(changed):
-    """A copy of what git knows or would add, the files in `changed` with that content."""
+def copy_tree():
+    """Makes TREE a copy of what git knows or would add; what is the same there stays as old as it is."""
     wanted = tree_names()
     for name in wanted:
-        path = pathlib.Path(name)
-        content = changed[name].encode("utf-8") if name in changed else path.read_bytes()
-        write_if_changed(TREE / name, content)
-        shutil.copymode(path, TREE / name)
-    write_if_changed(TREE / "Mutants.h", CHOOSER.encode("utf-8"))
+        copy = TREE / name
+        if not copy.exists() or copy.read_bytes() != pathlib.Path(name).read_bytes():
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copyfile(name, copy)
+        shutil.copymode(name, copy)
     for old in TREE.rglob("*"):
         name = str(old.relative_to(TREE))
-        if old.is_file() and not name.startswith("build/") and name not in wanted + ["Mutants.h"]:
+        if old.is_file() and not name.startswith("build/") and name not in wanted:
             old.unlink()
 
 
 def build_tree():
-    """Whether all of the copy could be built, and what the compiler said."""
     # Tests are not to be listed while they are built, and nothing is linked anew when a library has changed. An
     # index beyond the end of a vector ends the program.
     subprocess.run(["cmake", "--preset", PRESET, "-DCMAKE_C_FLAGS_DEBUG=-O0",
-                    "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w -fmax-errors=0 -D_GLIBCXX_ASSERTIONS "
-                    f"-include {TREE}/Mutants.h",
+                    "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w -D_GLIBCXX_ASSERTIONS",
                     "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"],
                    cwd=TREE, check=True, stdout=subprocess.DEVNULL)
-    done = subprocess.run(["ninja", "-C", BUILD, "-k", "0", *TARGETS], cwd=TREE, check=False,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    return done.returncode == 0, done.stdout.decode(errors="replace")
-
-
-def build_all(numbered):
-    """Builds the copy with as many of the mutants in it as the compiler takes; returns the numbers of the others."""
-    alone = set()
-    while True:
-        pieces = {}
-        for file in {mutant.file for mutant in numbered.values()}:
-            own = {number: one for number, one in numbered.items() if one.file == file and number not in alone}
-            pieces[file], homeless = joined(pathlib.Path(file).read_text(encoding="utf-8"), own)
-            alone.update(homeless)
-        copy_tree({file: "".join(text for text, _ in parts) for file, parts in pieces.items()})
-        is_built, output = build_tree()
-        if is_built:
-            return alone
-        refused = set()
-        for found in re.finditer(r"^(?:\.\./)*(?:" + re.escape(str(TREE)) + r"/)?(\S+?):(\d+):(\d+): +(?:error|  required)",
-                                 output, re.MULTILINE):
-            if found[1] in pieces:
-                refused |= numbers_at(pieces[found[1]], int(found[2]), int(found[3]))
-        if not refused - alone:
-            sys.exit(f"the mutants can't be built:\n{output[-5000:]}")
-        print(f"{len(refused - alone)} mutants do not compile beside others", flush=True)
-        alone |= refused
+    subprocess.run(["ninja", "--quiet", "-C", BUILD, *PROGRAMS], cwd=TREE, check=True)
 
 
 class Times:
@@ -412,8 +256,7 @@ class Times:
                                        ">/tmp/out 2>&1 && cat /tmp/times.json || { cat /tmp/out; exit 1; }"],
                                 False, 1800)
         if status != 0:
-            print(f"{program} fails without any mutant:\n{output.decode(errors='replace')[-5000:]}", file=sys.stderr)
-            os._exit(1)  # not only this thread
+            sys.exit(f"{program} fails without any mutant:\n{output.decode(errors='replace')[-5000:]}")
         return {f"{suite['name']}.{test['name']}": float(test["time"].rstrip("s"))
                 for suite in json.loads(output)["testsuites"] for test in suite["testsuite"]}
 
@@ -445,70 +288,42 @@ def stages_for(file, times):
             yield program, tests, sum(seconds[test] for test in tests)
 
 
-def try_number(worker, number, file, times):
-    """"caught", "hung" or "survived"."""
-    for program, tests, seconds in stages_for(file, times):
-        status, _ = inside(worker, [f"{BUILD}/tests/{program}", "--gtest_fail_fast", "--gtest_brief=1",
-                                    "--gtest_filter=" + ":".join(tests)], False, 15 + 5 * seconds, number)
-        if status is None:
-            return "hung"
+def try_mutant(mutant, times):
+    """"caught", "hung", "survived", or "no program" if it does not compile."""
+    # A copy keeps all times, so that the source that the mutant before was in does not have to be built again.
+    tree = WORK / threading.current_thread().name
+    shutil.rmtree(tree, ignore_errors=True)
+    subprocess.run(["cp", "-a", TREE, tree], check=True)
+    source = (tree / mutant.file).read_text(encoding="utf-8")
+    (tree / mutant.file).write_text(source[:mutant.begin] + mutant.text + source[mutant.end:], encoding="utf-8")
+    if inside(tree, ["ninja", "-C", BUILD, *programs_for(mutant.file)[0]], True, 600)[0] != 0:
+        return "no program"
+    for program, tests, seconds in stages_for(mutant.file, times):
+        status, _ = inside(tree, [f"{BUILD}/tests/{program}", "--gtest_fail_fast", "--gtest_brief=1",
+                                  "--gtest_filter=" + ":".join(tests)], False, 15 + 5 * seconds)
         if status != 0:
-            return "caught"
+            return "hung" if status is None else "caught"
     return "survived"
 
 
-def try_alone(worker, mutant, times):
-    """The same for a mutant that has to be built, or "no program" if it does not compile."""
-    path = worker / mutant.file
-    joint = path.read_text(encoding="utf-8")
-    source = pathlib.Path(mutant.file).read_text(encoding="utf-8")
-    path.write_text(source[:mutant.begin] + mutant.text + source[mutant.end:], encoding="utf-8")
-    try:
-        return try_number(worker, 0, mutant.file, times) if build(worker)[0] else "no program"
-    finally:
-        path.write_text(joint, encoding="utf-8")
-
-
-def run_all(mutants, jobs):
-    numbered = dict(enumerate(mutants, 1))
-    alone = build_all(numbered)
-    print(f"{len(numbered) - len(alone)} mutants in one build, {len(alone)} alone", flush=True)
-    workers = []
-    for number in range(jobs):
-        workers.append(WORK / f"worker-{number}")
-        shutil.rmtree(workers[-1], ignore_errors=True)
-        subprocess.run(["cp", "-a", TREE, workers[-1]], check=True)
+def try_all(mutants, jobs):
+    copy_tree()
+    build_tree()
     times = Times()
-    todo = queue.Queue()
-    for number in sorted(numbered, key=lambda one: one in alone):
-        todo.put(number)
     results = {}
-    log = open(WORK / "results.jsonl", "w", encoding="utf-8")
-    log_lock = threading.Lock()
 
-    def work(worker):
-        while True:
-            try:
-                number = todo.get_nowait()
-            except queue.Empty:
-                return
-            started = time.monotonic()
-            mutant = numbered[number]
-            result = (try_alone(worker, mutant, times) if number in alone else
-                      try_number(worker, number, mutant.file, times))
+    def timed(mutant):
+        started = time.monotonic()
+        return try_mutant(mutant, times), time.monotonic() - started
+
+    with (concurrent.futures.ThreadPoolExecutor(jobs, "worker") as pool,
+          open(WORK / "results.jsonl", "w", encoding="utf-8") as log):
+        for mutant, (result, seconds) in zip(mutants, pool.map(timed, mutants)):
             results[mutant] = result
-            with log_lock:
-                print(json.dumps([mutant.file, mutant.label, result]), file=log, flush=True)
+            print(json.dumps([mutant.file, mutant.label, result]), file=log, flush=True)
             if result in ("survived", "hung") or len(results) % 50 == 0:
-                print(f"[{len(results)}/{len(mutants)}] {time.monotonic() - started:.0f} s: {result}: {mutant.file}: "
-                      f"{mutant.label}", flush=True)
-
-    threads = [threading.Thread(target=work, args=(worker,)) for worker in workers]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    log.close()
+                print(f"[{len(results)}/{len(mutants)}] {seconds:.0f} s: {result}: {mutant.file}: {mutant.label}",
+                      flush=True)
     return results
 
 
@@ -582,7 +397,7 @@ def main():
             print(f"{mutant.file}: {mutant.label}")
         print(len(mutants))
         return 0
-    results = run_all(mutants, options.jobs)
+    results = try_all(mutants, options.jobs)
     return judge(results, listed, is_whole, options.sample is not None)
 
 
