@@ -8,7 +8,7 @@ enum LogLevel : int { kLogLevelError = 1, kLogLevelWarning = 2, kLogLevelInforma
 ///
 /// The log belongs to the program, not to the libraries that write to it: the program calls StartSystem
 /// once at its start and StopSystem at its end; lines before and after go nowhere. No operation throws, and
-/// a log that can't be written never stops the program: the trouble is told once on standard error.
+/// a log that can't be written never stops the program: the error is reported once on standard error.
 /// Every operation may be called from any thread at any time, also while the process exits.
 ///
 /// Two environment variables help a person at a terminal:

@@ -15,9 +15,9 @@
 /// run counts, and so does one that tar(1) wrote only in part. Remove an old archive first and test the new
 /// one afterwards.
 ///
-/// Details: GNU tar leaves an archive even when the path to pack is missing. A signal whose handler does not
-/// restart calls ends the reading of tar(1)'s output; tar(1) may then stop half-way. Install handlers with
-/// SA_RESTART. tar(1) is looked up in PATH, and reads TAR_OPTIONS.
+/// Details: install signal handlers with SA_RESTART: without it a signal ends the reading of tar(1)'s output,
+/// and tar(1) may stop half-way. GNU tar leaves an archive even when the path to pack is missing. tar(1) is
+/// looked up in PATH, and reads TAR_OPTIONS.
 ///
 /// The guard refuses a command with ';', '|', "&&", '$' or a backquote anywhere in it, in quotes too; nothing
 /// is run then. Everything else reaches the shell and tar(1):
@@ -40,10 +40,10 @@ public:
     ///             text, size, packed.data(), &length) == 0)
     ///         packed.resize(length);
     ///
-    /// Details: `srcLen` + 1 bytes are compressed: `src[srcLen]` must be readable. uncompress() reads the
-    /// stream, which has the default level. The capacity is compressBound(srcLen + 1) as an int. `*dstLen` is
-    /// the capacity of `dst` on entry, which must be that much even if the result would be shorter. On
-    /// success it becomes the compressed length. Success is not logged.
+    /// Details: `srcLen` + 1 bytes are compressed: `src[srcLen]` must be readable. The level is zlib's
+    /// default; uncompress() reads the stream. On entry `*dstLen` is the size of `dst`. It must be
+    /// at least the needed capacity, compressBound(srcLen + 1) as an int, even if the result would be
+    /// shorter. On success it becomes the compressed length. Success is not logged.
     ///
     /// Returns -10000 without a log line when `src` or `dstLen` is null or `srcLen` is below 1: an empty text
     /// can't be compressed. Returns -10000 and logs with function name "CompressString" at level 1:
@@ -60,13 +60,13 @@ public:
     /// gzip member of the default level. **Give it compressBound(srcLen) + 18 bytes**, which is always
     /// enough. Returns the member's length, or -10000.
     ///
-    /// Details: when the buffer fills before all input is read, the result is the number of input bytes
-    /// **left over**, which can't be distinguished from a length. With `dstLen` 0 or negative that is all of
-    /// `srcLen`.
+    /// Details: if a smaller buffer fills before all input is read, the result is the number of input bytes
+    /// **left over**, which can't be distinguished from a length. With `dstLen` 0 or negative that is
+    /// `srcLen`. If it fills after all input is read, the result is -10000.
     ///
-    /// Returns -10000 when `src` is null, `srcLen` is below 1, the buffer fills while the member is finished,
-    /// or zlib fails; the content of `dst` is then of no use. Logs "gzip compress success." with function
-    /// name "GzipCompress" at level 3; failures are not logged.
+    /// Also returns -10000 when `src` is null, `srcLen` is below 1, or zlib fails. After -10000 the content
+    /// of `dst` is of no use. Success logs "gzip compress success." with function name "GzipCompress" at
+    /// level 3. Failures are not logged.
     ///
     /// Hazard (reliability.md): bytes-left.
     static int GzipCompress(const char* src, int srcLen, char* dst, int dstLen);
@@ -75,13 +75,14 @@ public:
     /// one call. **No argument is checked**: a negative length makes zlib read or write beyond the buffers.
     /// Returns the decompressed length, or a negative code of zlib.
     ///
-    /// Details: lengths go to zlib unchanged, a negative one as a huge one. What follows the first member is
-    /// ignored. Success logs "gzip decompress success." with function name "GzipDecompress" at level 3. A
-    /// failure is not logged, and returns zlib's code unchanged:
+    /// Details: zlib treats a negative length as a huge one. What follows the first member is ignored.
+    /// Success logs "gzip decompress success." with function name "GzipDecompress" at level 3. A failure is
+    /// not logged, and returns zlib's code unchanged:
     ///  - Z_BUF_ERROR (-5): `dst` is too small or the input ends early.
-    ///  - Z_DATA_ERROR (-3): It is no intact gzip member (a zlib stream is none).
+    ///  - Z_DATA_ERROR (-3): The input is damaged or no gzip member; a zlib stream gives this, too.
     ///  - Z_STREAM_ERROR (-2): `dst` is null, also with length 0, or `src` is null with a length above 0.
-    ///  - Z_MEM_ERROR (-4), Z_VERSION_ERROR (-6): There is no memory, or zlib is of another version.
+    ///  - Z_MEM_ERROR (-4): There is no memory.
+    ///  - Z_VERSION_ERROR (-6): zlib has an incompatible version.
     ///
     /// Hazards (reliability.md): unchecked-lengths, one-member.
     static int GzipDecompress(const char* src, int srcLen, char* dst, int dstLen);
@@ -103,12 +104,13 @@ public:
     /// "/srv/logs/" into "/srv/logs/logs.tar.gz". Returns 0 when a file of the archive's name exists
     /// afterwards, otherwise -10000, also for a regular file.
     ///
-    /// Details: exceptions and log lines as of CompressFile, with function name "CompressFilePath". An empty
-    /// path throws std::out_of_range, a null one std::logic_error; neither runs or logs anything.
+    /// Details: exceptions and log lines are those of CompressFile; the line with the command has function
+    /// name "CompressFilePath". An empty path throws std::out_of_range, a null one std::logic_error; neither
+    /// runs or logs anything.
     ///
-    /// tar(1) meets its own growing archive there. It may pack a part of it, and end with status 1, "file
-    /// changed as we read it"; the result is still 0. One '/' at the end is removed for the name, no more;
-    /// "/" has an empty name and gives "/.tar.gz".
+    /// The archive grows inside the directory that tar(1) packs. tar(1) may pack a part of it, and end with
+    /// status 1, "file changed as we read it"; the result is still 0. One '/' at the end is removed for the
+    /// name, no more; "/" has an empty name and gives "/.tar.gz".
     ///
     /// Hazards (reliability.md): unquoted-paths, stale-archive, no-time-out, no-sync, names-in-log.
     static int CompressFilePath(const char* path);
@@ -120,8 +122,9 @@ public:
     ///     VCompressAndDeCompress::CompressFileGroup(
     ///         "/etc/app/a.conf /etc/app/b.conf", "/var/backups/app");
     ///
-    /// Details: the command is "tar -zcvf ARCHIVEBASE.tar.gz FILES". Exceptions and log lines as of
-    /// CompressFile, with function name "CompressFileGroup". A null argument throws std::logic_error.
+    /// Details: the command is "tar -zcvf ARCHIVEBASE.tar.gz FILES". Exceptions and log lines are those of
+    /// CompressFile; the line with the command has function name "CompressFileGroup". A null argument throws
+    /// std::logic_error.
     ///
     /// Hazards (reliability.md): unquoted-paths, stale-archive, no-time-out, no-sync, names-in-log.
     static int CompressFileGroup(const char* files, const char* archiveBase);

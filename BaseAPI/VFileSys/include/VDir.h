@@ -19,17 +19,17 @@ public:
     ///
     /// Details: make directories only where no other user can write, since symlinks in the path are followed,
     /// whoever made them. The errno is one of these:
-    ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Also when another thread or
-    ///    process makes one of the levels at the same moment: call again to find out.
+    ///  - EEXIST: `path` exists but is no directory, or is a dangling symlink. Or another thread or process
+    ///    made one of the missing directories at the same moment: call again.
     ///  - ENOENT: `path` is no valid VPath: null, empty, too long, or relative to a working directory that
     ///    can't be read.
     ///  - ENAMETOOLONG: The canonical text of `path` does not fit 4096 bytes.
     ///  - others: As mkdir(2) set them (ENOTDIR, EACCES, ENOSPC, ...).
     ///
-    /// The parents get the same mode. Without owner write and search permission in `mode` only root can make
-    /// the next level in them. The path is resolved as by VPath: "." and ".." are removed lexically, except
-    /// as the last component; "x/y/.." makes x and x/y. The result is also 0 when anything else appears under
-    /// the directory's name while its parents are made.
+    /// If `mode` lacks owner write or search permission, only root can make directories in the new parents.
+    /// The path is resolved as by VPath: "." and ".." are removed lexically, except as the last component;
+    /// "x/y/.." makes x and x/y. If another thread or process makes a file at `path` while the parents
+    /// are made, the result is 0.
     ///
     /// Hazard (reliability.md): make-directory-race.
     static int VMkDir(const char* path, unsigned short mode);
@@ -40,16 +40,15 @@ public:
     static int VRmDir(const char* path);
 
     /// Changes the owner of the directory `dirPath`, and of what lies directly in it except subdirectories,
-    /// to the user `userName` and the user's primary group. **Use it only on directories that this user can't
-    /// write yet**: between the check of an entry and the change of its owner the user may replace the entry.
-    /// Needs the right to change owners (root). Returns 0. Returns -10000 and stops at the first failure;
-    /// entries already changed stay changed. Only one thread at a time may call it.
+    /// to the user `userName` and the user's primary group. **Use it only on a directory that this user can't
+    /// write before the call**: otherwise the user may replace an entry after its check. Needs the right to
+    /// change owners (root). Returns 0. Returns -10000 and stops at the first failure; entries already
+    /// changed stay changed. Only one thread at a time may call it.
     ///
     /// Details: the user lookup keeps its result in storage that the process shares. A failure is logged with
     /// function name "VChownDirAndFirstDepthFiles" at level 1:
-    ///  - "Can't get user name id, errno: %d": There is no such user. The number is errno after getpwnam(3);
-    ///    a lookup that works and finds no user may leave an older one. A null name is not looked up, and
-    ///    gives ENOENT.
+    ///  - "Can't get user name id, errno: %d": There is no such user. The number is errno after getpwnam(3),
+    ///    possibly left by an earlier call. A null name is not looked up, and gives ENOENT.
     ///  - "Failed to lchown to user, error:%d": The owner of the directory or of an entry could not be
     ///    changed. A null `dirPath` gives ENOENT here.
     ///  - "Failed open dir,path=%s": The directory could not be opened; it has its new owner.
@@ -63,12 +62,13 @@ public:
     static int VChownDirAndFirstDepthFiles(const char* dirPath, const char* userName);
 
     /// Returns true when the system can canonicalise `path`, **and also when the path is missing**. Returns
-    /// false with errno for every other failure. Never logs. May be called from any thread.
+    /// false with errno for every other failure. `length` is only compared with 4096. Never logs. May be
+    /// called from any thread.
     ///
-    /// Details: the result is true when realpath(3) succeeds or fails with ENOENT, so for a dangling symlink
-    /// and the empty text, too. Every other errno gives false (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG; EINVAL
-    /// for null). A `length` above 4096 gives false without access to the file system, and without an errno;
-    /// zero and negative values pass.
+    /// Details: the result is true when realpath(3) succeeds or fails with ENOENT. A dangling symlink and the
+    /// empty text give ENOENT, too. Every other errno gives false (ENOTDIR, EACCES, ELOOP, ENAMETOOLONG;
+    /// EINVAL for null). A `length` above 4096 gives false without access to the file system, and without an
+    /// errno. Zero and negative values are accepted.
     ///
     /// Hazard (reliability.md): missing-is-success.
     static bool VRealPath(const char* path, int length);
@@ -78,7 +78,7 @@ public:
     /// and the result is also true. For every other failure the result is false with the errno of
     /// realpath(3), and `output` is unchanged. Never logs. May be called from any thread.
     ///
-    /// Details: `input` ends at its first NUL if it holds one; the two may be one object.
+    /// Details: `input` and `output` may be the same object. realpath(3) reads `input` up to its first NUL.
     ///
     /// Hazard (reliability.md): missing-is-success.
     static bool VRealPath(const std::string& input, std::string& output);
