@@ -61,7 +61,7 @@ protected:
     nlohmann::json Report() {
         return ReportOf([this](Output& output) { return Make(options_, output); }, &status_);
     }
-    // "PATH CODE" of everything that can't be said. Whatever was made before is gone.
+    // "PATH CODE" of everything that can't be packaged. Whatever was made before is gone.
     std::vector<std::string> Unsaid() {
         fs::remove_all(options_.package);
         std::vector<std::string> items;
@@ -153,7 +153,7 @@ TEST_F(MakeTest, SaysToPeopleWhatItDid) {
     const auto make = [this](Output& output) { return Make(options_, output); };
 
     EXPECT_EQ(WrittenBy(make, false, &status_),
-              "  bin/link  a symlink\n1 file in 1 list, 3 B; 1 thing can't be said.\n");
+              "  bin/link  a symlink\n1 file in 1 list, 3 B; 1 item can't be packaged.\n");
     EXPECT_EQ(status_, 1);
 
     fs::remove_all(options_.package);

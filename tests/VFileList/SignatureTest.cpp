@@ -88,7 +88,7 @@ TEST_F(SignatureTest, RefusesEverythingWithoutAKey) {
     EXPECT_EQ(Check("text"), trusted_ + ": No such file or directory");
 
     scratch_.MakeDirectory("trusted");
-    const std::string nobody = trusted_ + ": no key is there, and so nobody is trusted";
+    const std::string nobody = trusted_ + ": it has no trusted key";
     EXPECT_EQ(Check("text"), nobody);
     Trust("maker.key", maker_.PublicKey());
     EXPECT_EQ(Check("text"), nobody) << "only NAME.pem is a key";

@@ -159,7 +159,7 @@ TEST_F(VFileListMainTest, HelpIsFineAndNamesTheExitStatuses) {
 
         SCOPED_TRACE(testing::PrintToString(command));
         EXPECT_EQ(result.exitStatus, 0);
-        EXPECT_THAT(result.out, HasSubstr("Exit status: 0 fine; 1 "));
+        EXPECT_THAT(result.out, HasSubstr("Exit status: 0 done, or nothing found; 1 "));
         EXPECT_THAT(result.err, IsEmpty());
     }
 }
@@ -376,7 +376,7 @@ TEST_F(VFileListMainTest, RefusesAPackageThatIsNotSignedWhereOneIsAskedFor) {
         if (command != std::string("plan")) options.insert(options.end(), {"--state", state});
         const ProcessResult result = package_.Run(command, options);
         EXPECT_EQ(result.exitStatus, 1);
-        EXPECT_THAT(result.out + result.err, HasSubstr("obody who is trusted has signed the package"));
+        EXPECT_THAT(result.out + result.err, HasSubstr("the package has no signature of a trusted key"));
         options.emplace_back("--json");
         ExpectMatchesSchema(package_.Run(command, options).out);
     }

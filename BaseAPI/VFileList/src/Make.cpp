@@ -237,7 +237,7 @@ void Show(const MakeOptions& options, const PackagePlan& plan, unsigned long lon
         return;
     }
     const std::string unsaid =
-        plan.unsaid.empty() ? "" : "; " + Counted(plan.unsaid.size(), "thing") + " can't be said";
+        plan.unsaid.empty() ? "" : "; " + Counted(plan.unsaid.size(), "item") + " can't be packaged";
     output.Line(Counted(plan.files.size(), "file") + " in " + Counted(plan.lists.size(), "list") + ", " +
                 ShownSize(bytes) + unsaid + ".");
 }

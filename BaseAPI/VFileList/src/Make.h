@@ -14,7 +14,7 @@ struct MakeOptions {
     std::string owner;         // USER:GROUP of everything, instead of the tree's own owners
     std::string prefix = "/";  // what stands before the tree's paths on the server
     std::string package;       // the directory to make; it may be there if it is empty
-    bool isAllowed = false;    // what can't be said is no reason for an exit status of 1
+    bool isAllowed = false;    // what can't be packaged is no reason for an exit status of 1
 };
 
 // Makes the package, whole or not at all. Returns the exit status.

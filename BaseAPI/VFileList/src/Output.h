@@ -16,7 +16,7 @@ enum class Style { kPlain, kBold, kDim, kGood, kWarning, kError };
 constexpr int kFine = 0;
 constexpr int kFindings = 1;  // or not the state that was asked for
 constexpr int kWrongUse = 2;  // or a file list that can't be read
-constexpr int kLook = 3;      // nothing is lost, but a person should look at what is named
+constexpr int kLook = 3;      // vfilelist has lost nothing, but a person should look at what is named
 
 class Output {
 public:

@@ -60,7 +60,7 @@ Trouble ReadKeys(const std::string& directory, std::vector<Key>& keys) {
         if (Trouble trouble = ReadKey(file->path(), keys)) return trouble;
     }
     if (error) return directory + ": " + error.message();
-    if (keys.empty()) return directory + ": no key is there, and so nobody is trusted";
+    if (keys.empty()) return directory + ": it has no trusted key";
     return std::nullopt;
 }
 

@@ -24,9 +24,10 @@ const char kDescription[] =
     "and how far they have come.";
 
 const char kFooter[] =
-    "Exit status: 0 fine; 1 something was found, refused or taken back, or the state is not the\n"
-    "one asked for; 2 a usage error, or a file list that can't be read; 3 nothing is lost, but a\n"
-    "person should look at what is named.\n";
+    "Exit status: 0 done, or nothing found; 1 something was found, or is not as expected, or the\n"
+    "command was refused or rolled back; 2 a usage error, a file list that can't be read, or a\n"
+    "report that can't be written; 3 vfilelist has lost nothing, but a person should look at the\n"
+    "files that it names.\n";
 
 struct Arguments {
     std::string iniPath;
@@ -131,7 +132,7 @@ void AddVerify(CLI::App& app, Arguments& arguments) {
 
 void AddMake(CLI::App& app, Arguments& arguments) {
     CLI::App* const make = AddCommand(
-        app, "make", "Make a package of a directory tree, and say what no package can say", arguments);
+        app, "make", "Make a package of a directory tree, and say what can't be packaged", arguments);
     MakeOptions& options = arguments.make;
     const auto addText = [make](const char* name, std::string& value, const char* type,
                                 const char* description) {
@@ -146,7 +147,7 @@ void AddMake(CLI::App& app, Arguments& arguments) {
     addText("--release", options.release, "R", "The release that the package brings");
     addText("--lowest", options.lowest, "R", "The lowest release that the package may replace");
     addText("--owner", options.owner, "USER:GROUP", "Record this owner for everything, not the tree's own");
-    make->add_flag("--allow", options.isAllowed, "Exit with 0 though something can't be said");
+    make->add_flag("--allow", options.isAllowed, "Exit with 0 though some items can't be packaged");
     make->add_option("PACKAGE", options.package, "The directory to make; it may be there if it is empty")
         ->required();
 }
