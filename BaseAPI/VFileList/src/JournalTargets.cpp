@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -29,6 +31,7 @@ struct PackedOld {
 
 template <typename Value>
 void Put(const Value& value, std::string& bytes) {
+    static_assert(std::is_trivially_copyable_v<Value>, "its bytes are all of it");
     bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
