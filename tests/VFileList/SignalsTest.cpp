@@ -5,6 +5,9 @@
 
 #include <csignal>
 #include <initializer_list>
+#include <vector>
+
+#include "SystemCalls.h"
 
 namespace {
 
@@ -62,6 +65,18 @@ TEST(SignalsTest, OfAChildOrALostTerminalWantNoEnd) {
     signals.Wait();
 
     EXPECT_FALSE(signals.IsEndWanted());
+}
+
+TEST(SignalsTest, AreWaitedForAFifthOfASecond) {
+    Signals signals;
+    std::vector<long> waits;
+    const Replaced replaced(calls::sigtimedwait, [&](const sigset_t*, siginfo_t*, const timespec* time) {
+        waits.push_back(time->tv_nsec);
+        return -1;
+    });
+    signals.Wait();
+
+    EXPECT_EQ(waits, std::vector<long>{200'000'000});
 }
 
 TEST(SignalsTest, ThatEndAWaitAreRemembered) {
