@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
@@ -62,6 +63,15 @@ TEST(JournalTargetsTest, HaveNothingAtFirst) {
     const JournalTargets targets;
     EXPECT_EQ(targets.size(), 0U);
     EXPECT_THAT(AllOf(targets), IsEmpty());
+}
+
+TEST(JournalTargetsTest, StandOnOneTargetAtATime) {
+    const JournalTargets targets = {{"a", {}, std::nullopt}, {"b", {}, std::nullopt}};
+    const JournalTargets::Iterator second = std::next(targets.begin());
+    EXPECT_EQ((*second).path, "b");
+    EXPECT_TRUE(targets.begin() != second);
+    EXPECT_TRUE(targets.begin() == targets.begin());
+    EXPECT_TRUE(std::next(second) == targets.end());
 }
 
 TEST(JournalTargetsTest, AreWalkedThroughFromTheBeginningEachTime) {

@@ -850,7 +850,7 @@ TEST_F(MakeTest, WritesOnThoughOnlyAPartIsTaken) {
 
 TEST_F(MakeTest, LeavesNothingOnAFullDisk) {
     CONTINUE_IN_PRIVATE_NAMESPACE((std::vector<std::string>{"--size", "65536", "--tmpfs", "/mnt"}));
-    New("bin/large", std::string(100000, 'x'));
+    New("bin/large", std::string(400000, 'x'));
     options_.package = "/mnt/package";
 
     EXPECT_THAT(Error(), "/mnt/package/Common/bin/large: No space left on device");

@@ -42,10 +42,16 @@ void Put(const std::string& text, std::string& bytes) {
 
 void Put(const OldFile& old, std::string& bytes) {
     const Attributes& attributes = old.attributes;
-    Put(PackedOld{old.inode, old.size, old.modified.tv_sec, static_cast<std::uint32_t>(old.modified.tv_nsec),
-                  static_cast<std::uint32_t>(attributes.extended.size()), attributes.mode,
-                  Owner{attributes.user, attributes.group}, old.isLink},
-        bytes);
+    PackedOld packed{};
+    packed.inode = old.inode;
+    packed.size = old.size;
+    packed.seconds = old.modified.tv_sec;
+    packed.nanoseconds = static_cast<std::uint32_t>(old.modified.tv_nsec);
+    packed.attributes = static_cast<std::uint32_t>(attributes.extended.size());
+    packed.mode = attributes.mode;
+    packed.owner = {attributes.user, attributes.group};
+    packed.isLink = old.isLink;
+    Put(packed, bytes);
     for (const ExtendedAttribute& attribute : attributes.extended) {
         Put(attribute.name, bytes);
         Put(attribute.value, bytes);
