@@ -583,7 +583,7 @@ TEST_F(VerifyTest, NeedsNoMoreMemoryForLargeFiles) {
     fs::resize_file(package_.InstalledPath("tool"), std::uintmax_t{1} << 28);
     ASSERT_EQ(State(), "new");
 
-    EXPECT_LT(PeakMemory(package_), small + 1024);
+    EXPECT_LT(PeakMemory(package_), small + 16 * 1024) << "an emulator's own memory varies by one or two MiB";
 }
 
 TEST_F(VerifyTest, NeedsLittleMoreMemoryForManyFiles) {
