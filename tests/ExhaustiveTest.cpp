@@ -23,9 +23,9 @@ namespace {
 // 27 characters: the texts behind it reach over the end of the second block of 16 that VPath looks at.
 constexpr char kWorkingDirectory[] = "/srv/w.d/tarnserver/release";
 
-// memcheck, too, has a heap of its own.
+// memcheck, too, has a heap of its own. The lines of a sample are those of all texts.
 bool IsSlow() {
-    return kIsSlow || !heap::IsCounted();
+    return kIsSlow || VFS_TEST_COVERAGE || !heap::IsCounted();
 }
 
 // The longest texts of a soak, of a test run, and of one that a sanitizer or an emulator makes slow.

@@ -769,9 +769,9 @@ void GoDown(const std::string& path, std::size_t from) {
     }
 }
 
-// A sanitizer, memcheck and an emulator make everything many times slower.
+// A sanitizer, memcheck, an emulator and the counters of coverage make everything many times slower.
 long Rounds(long count) {
-    return heap::IsCounted() && !kIsSlow ? count * TestScale() : count / 100;
+    return heap::IsCounted() && !kIsSlow && !VFS_TEST_COVERAGE ? count * TestScale() : count / 100;
 }
 
 void CompareWithModel(const std::string& workingDirectory, unsigned seed, long shortTexts, long longTexts) {
