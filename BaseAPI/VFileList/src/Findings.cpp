@@ -115,8 +115,8 @@ constexpr FindingKind kKinds[] = {
      "The blank is part of the name: the tool looks for a file with it.",
      "Write entries without blanks around the commas."},
     {"W-ENTRY-BACKSLASH", "an entry has backslashes",
-     "In Common they are part of the file's name. The target's name is what follows the last '/' "
-     "or '\\'.",
+     "In Common they are part of the file's name. The target's name is what follows the last slash or "
+     "backslash.",
      "Use '/'."},
     {"W-SOURCE-UNLISTED", "a file in Common is not listed", "It is not installed.",
      "List it, or leave it out of the package."},
