@@ -83,8 +83,7 @@ constexpr FindingKind kKinds[] = {
      "Unmount it first, or upgrade the file where it is mounted from: a container's image, for instance."},
     {"E-BACKUP-SAME-FILE", "NAME and NAME.bak are the same file",
      "The old content would be lost. With two hard links -rename reports success but moves nothing, and "
-     "-copy "
-     "overwrites both. With a symlink NAME to NAME.bak, -rename overwrites the file with the symlink.",
+     "-copy overwrites both. With a symlink NAME to NAME.bak, -rename overwrites the file with the symlink.",
      "Make sure that NAME is the file itself, and that there is no NAME.bak."},
     {"E-BACKUP-DIRECTORY", "NAME.bak is a directory",
      "-rename fails if there is a file NAME. -clean fails unless the directory is empty.",

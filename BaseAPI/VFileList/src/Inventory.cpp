@@ -110,7 +110,7 @@ Trouble TakeInventory(const FileList& list, const std::optional<Manifest>& manif
     Trouble trouble = manifest ? FollowManifest(*manifest, journal) : std::nullopt;
     if (trouble) return trouble;
 
-    // The rest of what Targets tells takes more memory than all of the journal.
+    // No more of the targets is needed, and the rest would take memory beside the journal.
     std::vector<std::size_t> entries;
     for (const Target& target : list.Targets()) entries.push_back(target.entries.back());
     for (const std::size_t index : entries) {
