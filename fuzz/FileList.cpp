@@ -22,6 +22,7 @@ using Sections = std::map<std::string, Section>;
 constexpr std::size_t kLongestDirectory = 259;
 constexpr std::size_t kLongestList = 4095;
 constexpr int kLongestGeneratedValue = 5000;
+const std::string kMark = "\xef\xbb\xbf";
 
 // How a line is written.
 enum Style : char {
@@ -67,7 +68,7 @@ std::string ValueOf(const std::string& text) {
 class IniWriter {
 public:
     explicit IniWriter(const std::string& styles) : styles_(styles.empty() ? "." : styles) {
-        if (styles_.front() == kByteOrderMark) text_ = "\xef\xbb\xbf";
+        if (styles_.front() == kByteOrderMark) text_ = kMark;
     }
 
     void AddLine(const std::string& line) {
@@ -99,6 +100,8 @@ private:
     void AddKey(const std::string& key, const std::string& value) {
         // A line that begins so is something else.
         if (key.empty() || key[0] == ';' || key[0] == '#' || key[0] == '[') return;
+        // At the beginning of a file the mark would not be the key's.
+        if (text_.empty() && key.compare(0, kMark.size(), kMark) == 0) return;
         WriteWhatComesBefore();
         if (style_ == kTwice) Write(key + "=other" + value);
         Write(Surrounded(key) + "=" + Surrounded(value));

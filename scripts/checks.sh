@@ -136,10 +136,11 @@ check_symbols() {
         build/release/BaseAPI/VCopyFileListIni/VCopyFileListIni build/release/BaseAPI/VFileList/vfilelist
 }
 
+# With a seed, so that a change is judged by what it does and not by the luck of the day; ./dev fuzz tries its luck.
 check_fuzz() {
     prepare_fuzzers
     run_fuzz_seeds "${all_fuzz_targets[@]}"
-    fuzz 6 "${all_fuzz_targets[@]}"
+    fuzz 6 1 "${all_fuzz_targets[@]}"
 }
 
 # The release as it is installed, in build/installed.

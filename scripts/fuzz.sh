@@ -42,13 +42,13 @@ exec_fuzzer() {  # TARGET ARGUMENT...
         "$@" >"$(fuzz_log "$target")" 2>&1
 }
 
-# The target's own, growing corpus comes first: what is new goes there.
-fuzz_for() {  # SECONDS TARGET
-    local seconds=$1 target=$2
+# The target's own, growing corpus comes first: what is new goes there. With seed 0 the inputs are others each time.
+fuzz_for() {  # SECONDS SEED TARGET
+    local seconds=$1 seed=$2 target=$3
     local -a dictionary=()
     mkdir -p "build/fuzz/corpus/$target"
     if [[ -e fuzz/dictionaries/$target ]]; then dictionary=(-dict="fuzz/dictionaries/$target"); fi
-    exec_fuzzer "$target" -max_total_time="$seconds" -print_final_stats=1 "${dictionary[@]}" \
+    exec_fuzzer "$target" -max_total_time="$seconds" -seed="$seed" -print_final_stats=1 "${dictionary[@]}" \
         "build/fuzz/corpus/$target" "fuzz/corpus/$target"
 }
 
@@ -137,12 +137,12 @@ run_fuzz_seeds() {  # TARGET...
     note "${#seeds[@]} seeds are judged right."
 }
 
-fuzz() {  # SECONDS TARGET...
-    local seconds=$1 rows
-    shift
+fuzz() {  # SECONDS SEED TARGET...
+    local seconds=$1 seed=$2 rows
+    shift 2
     note "Fuzzing $# targets for $seconds s each, $(nproc) at a time ..."
     rows=$(mktemp)
-    if ! (run_fuzzers "print_fuzz_row $seconds" "fuzz_for $seconds" "$@") | tee "$rows"; then
+    if ! (run_fuzzers "print_fuzz_row $seconds" "fuzz_for $seconds $seed" "$@") | tee "$rows"; then
         rm "$rows"
         die "fuzzing has found something"
     fi
