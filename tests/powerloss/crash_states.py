@@ -1,6 +1,7 @@
 """The states in which a power cut may leave disks whose changes were recorded.
 
-What is changed on a disk before it is flushed is there afterwards; of the changes since then any part may be.
+What is changed on a disk before it is flushed is there afterwards; of the changes since then any part may be, and
+of the last one its beginning.
 What a disk is, and what it holds, is the recorder's business. A recording has
     events         what happened
     steps          for each step that was recorded, the number of events until it ended
@@ -15,7 +16,8 @@ SUBSETS = 64  # of more changes
 
 class Event(NamedTuple):
     disk: object
-    changes: Optional[dict]  # the new values of what the disk holds, all at once; None: a flush
+    changes: Optional[dict]  # the new values of what the disk holds; None: a flush
+    is_atomic: bool = True  # they come all at once; otherwise in this order
 
 
 class CrashState(NamedTuple):
@@ -28,7 +30,8 @@ class CrashState(NamedTuple):
 
 
 def crash_states(recording, seed):
-    """Each state once: those after each event, and those without what was not flushed, in various ways."""
+    """Each state once: those after each event and in the middle of it, and those without what was not flushed, in
+    various ways."""
     seen = set()
     for cut, content in _all_states(recording, Random(seed)):
         state = _state(recording, cut, content)
@@ -52,6 +55,8 @@ def _all_states(recording, random):
     yield 0, {}
     for cut, event in enumerate(recording.events):
         if event.changes is not None:
+            if not event.is_atomic and len(event.changes) > 1:
+                yield cut, _with([*pending, _beginning_of(event, random)], flushed, recording.before)
             pending.append(event)
             yield cut + 1, _with(pending, flushed, recording.before)
             continue
@@ -71,6 +76,11 @@ def _choices(pending, random):
     else:
         for density in [random.random() for _ in range(SUBSETS)]:
             yield [change for change in pending if random.random() < density]
+
+
+def _beginning_of(event, random):
+    length = random.randrange(1, len(event.changes))
+    return event._replace(changes=dict(list(event.changes.items())[:length]))
 
 
 def _with(events, content, before):

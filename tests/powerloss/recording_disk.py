@@ -32,7 +32,7 @@ def read_log(path, begin, end):
             if offset % SECTOR or len(data) % SECTOR:
                 raise ValueError(f"{len(data)} bytes were written at {offset}")
             sectors = {(disk, offset + at): data[at:at + SECTOR] for at in range(0, len(data), SECTOR)}
-            events.append(Event(disk, sectors))
+            events.append(Event(disk, sectors, is_atomic=False))
     return events
 
 
