@@ -131,11 +131,10 @@ constexpr FindingKind kKinds[] = {
     {"W-MODE-LOST", "a file's mode or owner will be lost",
      "-copy makes the new file with mode 0666 minus the umask, owned by the user who runs it.",
      "Use `vfilelist upgrade`. Or run `vfilelist rollback --only-modes` after -copy, and set the modes of "
-     "files without a backup yourself.",
-     true},
+     "files without a backup yourself."},
     {"W-ATTRIBUTES-LOST", "a file's capabilities, access control list or user attributes will be lost",
      "-copy makes the new file without extended attributes.",
-     "Use `vfilelist upgrade`, or set them again after -copy (setcap, setfacl, setfattr).", true},
+     "Use `vfilelist upgrade`, or set them again after -copy (setcap, setfacl, setfattr)."},
     {"W-TARGET-LINKED", "the target is a symlink, or has other hard links",
      "The passes replace only this name. The file that the symlink names and the other hard links keep the "
      "old content.",

@@ -11,7 +11,7 @@ struct FindingKind {
     const char* title;          // what is wrong
     const char* effect;         // what will happen
     const char* advice;         // what to do
-    bool isByHandOnly = false;  // `vfilelist upgrade` prevents it
+    bool isByHandOnly = false;  // an error that `vfilelist upgrade` prevents
 
     bool IsError() const { return code[0] == 'E'; }
 };
