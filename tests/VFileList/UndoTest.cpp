@@ -605,16 +605,19 @@ TEST_F(UndoFilesTest, KeepsWhatAServiceHasMadeOfAFileThatHadNoPredecessor) {
     EXPECT_EQ(scratch_.Read("d/f.changed"), "rewritten");
 }
 
-TEST_F(UndoFilesTest, SaysWhyAFileCannotBeSetAside) {
+TEST_F(UndoFilesTest, TriesNoOtherNameWhenAFileCannotBeSetAsideAndSaysWhy) {
     Rename();
     Copy("rewritten");
-    const Replaced replaced(calls::renameat2, [](int, const char*, int, const char*, unsigned) {
+    int tries = 0;
+    const Replaced replaced(calls::renameat2, [&tries](int, const char*, int, const char*, unsigned) {
+        ++tries;
         errno = EROFS;
         return -1;
     });
 
     EXPECT_THAT(Said(Phase::kInstalled), Contains("! f: can't be put back: Read-only file system"));
     EXPECT_THAT(Names(), ElementsAre("f", "f.bak"));
+    EXPECT_EQ(tries, 1) << "another name would be of no use";
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ Trouble AbandonedBy(pid_t child, const char* pass) {
 
 Trouble RunPass(const char* pass, const std::string& iniPath, Signals& signals,
                 const std::function<void()>& watch) {
-    (void)std::fflush(nullptr);  // what is not written yet would be written twice
+    (void)std::fflush(nullptr);  // a pass may take long: who reads the report sees what was done before
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0) return TroubleWith(pass, errno);
