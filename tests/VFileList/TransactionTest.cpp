@@ -354,7 +354,7 @@ TEST_F(TransactionTest, RefusesWhatItCannotRecord) {
                 errno = EIO;
                 return -1;
             });
-        ExpectRefused(Upgrade(), 1, release_.package().ListPath() + ": Input/output error");
+        ExpectRefused(Upgrade(), 2, release_.package().ListPath() + ": Input/output error");
     }
     ExpectOld();
 }
@@ -502,6 +502,22 @@ TEST_F(TransactionTest, IsNotLedAstrayByAListThatChangesBeforeAPass) {
     EXPECT_EQ(Upgrade().status, 0);
     EXPECT_EQ(release_.Now(), installed);
     EXPECT_EQ(passes, 2);
+}
+
+// The passes would install, and nobody could take back, what was not recorded.
+TEST_F(TransactionTest, RefusesAListThatChangesWhileItIsChecked) {
+    const std::string list = release_.package().ListPath();
+    const std::string text = ReadWholeFile(list);
+    int looks = 0;
+    const Replaced replaced(calls::statvfs, [&](const char* path, struct statvfs* system) {
+        if (++looks == 1)
+            Write(list, text + "[Server]\nMore=" + release_.Path("more") + "\n[More]\nf=tool\n");
+        return calls::real::statvfs(path, system);
+    });
+
+    ExpectRefused(Upgrade(), 1, list + ": it has changed meanwhile");
+    EXPECT_GE(looks, 1);
+    ExpectOld();
 }
 
 TEST_F(TransactionTest, GoesBackWhenTheStateCannotBeWritten) {
