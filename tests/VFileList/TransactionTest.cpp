@@ -149,6 +149,37 @@ TEST_F(TransactionTest, RollsBackToTheVeryFilesOfBefore) {
     ExpectOld();
 }
 
+TEST_F(TransactionTest, RemovesTheDirectoriesThatItMadeThoughOneIsInAnotherByWayOfALink) {
+    (void)release_.package().Bring("one", "1");
+    (void)release_.package().Bring("two", "2");
+    (void)release_.package().scratch().Link("installed/link", "x");
+    release_.package().WriteList("[Server]\nA=@/x\nB=@/link/d\n[A]\nf=one\n[B]\nf=two\n");
+    const Tree old = release_.Now();
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(ReadWholeFile(release_.Path("x/d/two")), "2");
+
+    const Ending ending = Rollback();
+
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.remarks(), IsEmpty());
+    EXPECT_EQ(release_.Now(), old);
+}
+
+TEST_F(TransactionTest, RemovesTheDirectoryThatItMadeOnlyToComeBackFromItAndNotTheOneThatWasThere) {
+    (void)release_.package().scratch().MakeDirectory("installed/empty");
+    (void)release_.package().Bring("one", "1");
+    release_.package().WriteList("[Server]\nA=@/empty/x/..\n[A]\nf=one\n");
+    const Tree old = release_.Now();
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(ReadWholeFile(release_.Path("empty/one")), "1");
+
+    const Ending ending = Rollback();
+
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.remarks(), IsEmpty());
+    EXPECT_EQ(release_.Now(), old);
+}
+
 TEST_F(TransactionTest, CanBeRepeatedAfterARollback) {
     EXPECT_EQ(Upgrade().status, 0);
     EXPECT_EQ(Rollback().status, 0);
