@@ -219,6 +219,8 @@ check_soak() {
     VFILESYS_TEST_SCALE=100 build/default/tests/state_space_tests
     VFILESYS_TEST_SCALE=10 build/default/tests/killed_transaction_tests --gtest_filter='*.*WhateverFails'
     VFILESYS_TEST_SCALE=100 build/default/tests/vfilelist_tests --gtest_filter='TransactionFaultsTest.*Killed*'
+    build default
+    VFILESYS_TEST_SCALE=100 tests/boot/command.sh . build/default
     prepare_arm64
     configure arm64
     build arm64 vfilelist_tests

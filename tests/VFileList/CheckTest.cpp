@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "FileSystem.h"
+#include "Locked.h"
 #include "Package.h"
 #include "RecordedOpens.h"
 #include "Report.h"
@@ -1108,29 +1108,6 @@ TEST_F(CheckTest, FindsADanglingDirectoryBelowTheRoot) {
     EXPECT_THAT(CodesOf(Find(package_, root)), ElementsAre("W-DIR-MADE"));
 }
 
-// A file or directory with attributes as chattr sets them; they are taken away at the end.
-class Locked {
-public:
-    Locked(const std::string& path, unsigned flags) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        isSet_ = ioctl(fd_, FS_IOC_GETFLAGS, &old_) == 0 && Set(old_ | flags);
-    }
-    ~Locked() {
-        EXPECT_TRUE(!isSet_ || Set(old_));
-        EXPECT_EQ(close(fd_), 0);
-    }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-
-    bool isSet() const { return isSet_; }
-
-private:
-    bool Set(unsigned flags) const { return ioctl(fd_, FS_IOC_SETFLAGS, &flags) == 0; }
-
-    const int fd_;
-    unsigned old_ = 0;
-    bool isSet_ = false;
-};
-
 TEST_F(CheckTest, FindsWhatIsImmutableOrAppendOnly) {
     const struct {
         std::string path;
@@ -1393,7 +1370,7 @@ TEST_F(CheckTest, SaysThatAListCannotBeReliedOnThatIsReadDifferentlyTheSecondTim
     });
 
     EXPECT_THAT(DetailsOf("E-INI-UNREADABLE", package_),
-                ElementsAre(package_.ListPath() + ": it can't be read twice with the same result"));
+                ElementsAre("it can't be read twice with the same result"));
 }
 
 }  // namespace

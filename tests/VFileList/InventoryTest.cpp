@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -138,6 +139,25 @@ TEST_F(InventoryTest, HasTheDirectoriesAndThoseThatCopyWillMakeWithWhatTheyAreMa
     EXPECT_THAT(journal_.newDirectories, ElementsAre(installed + "/a", installed + "/a/b",
                                                      installed + "/a/b/c", installed + "/a/b/d"));
     EXPECT_THAT(OldDirectories(), ElementsAre(installed, installed, installed, installed + "/other"));
+}
+
+// What can't be looked at for a moment is no directory that the upgrade makes, and removes again.
+TEST_F(InventoryTest, RemembersNoDirectoryAsMadeThatIsThere) {
+    const std::string directory = package_.scratch().MakeDirectory("installed/other");
+    package_.WriteList("[Server]\nA=@/other\n[A]\nf=tool\n");
+    std::set<std::string> troubles;
+    for (const int failing : {1, 2, 3, 4, 5, 6}) {
+        const Replaced replaced(calls::lstat, [&, looks = 0](const char* path, struct stat* status) mutable {
+            if (path != directory || ++looks > failing) return calls::real::lstat(path, status);
+            errno = EIO;
+            return -1;
+        });
+        journal_ = {};
+        troubles.insert(Take().value_or(""));
+        EXPECT_THAT(journal_.newDirectories, IsEmpty());
+    }
+    EXPECT_THAT(troubles,
+                testing::IsSupersetOf({directory + ": File exists", directory + ": Input/output error"}));
 }
 
 TEST_F(InventoryTest, IsNotTakenWhereADirectoryCannotBeLookedAt) {

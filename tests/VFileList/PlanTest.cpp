@@ -15,7 +15,9 @@
 #include <vector>
 
 #include "FileSystem.h"
+#include "Locked.h"
 #include "Package.h"
+#include "Process.h"
 #include "RecordedOpens.h"
 #include "Report.h"
 #include "SystemCalls.h"
@@ -728,6 +730,72 @@ TEST_F(PlanTest, WarnsThatRenameWillDestroyTheBackupOfAnUnfinishedUpgrade) {
     EXPECT_EQ(report["passes"]["rename"]["succeeds"], true);
     EXPECT_THAT(ShownPlanOf(package_),
                 testing::HasSubstr("@/tool{error}  (to NAME.bak, replacing the backup"));
+}
+
+TEST_F(PlanTest, SaysThatRenameCannotMoveWhatIsImmutableOrAppendOnly) {
+    const std::string directory = package_.InstalledPath();
+    const struct {
+        std::string path;
+        unsigned flag;
+        std::string why;
+    } rows[] = {{directory + "/tool", FS_IMMUTABLE_FL, "it is immutable"},
+                {directory + "/tool", FS_APPEND_FL, "it is append-only"},
+                {directory, FS_IMMUTABLE_FL, directory + " is immutable"},
+                {directory, FS_APPEND_FL, directory + " is append-only"}};
+    for (const auto& row : rows) {
+        const Locked locked(row.path, row.flag);
+        if (!locked.isSet()) GTEST_SKIP() << "no such attributes here, or no right to set them";
+        EXPECT_EQ(WhyItFails(package_), "-rename: " + row.why);
+        EXPECT_EQ(package_.RunPass("-rename"), 240) << row.why;
+    }
+    EXPECT_EQ(WhyItFails(package_), "");
+}
+
+TEST_F(PlanTest, SaysThatRenameCannotMoveAMountPoint) {
+    CONTINUE_IN_PRIVATE_NAMESPACE(
+        (std::vector<std::string>{"--tmpfs", "/mnt", "--bind", "/etc/hostname", "/mnt/tool"}));
+    package_.WriteList("[Server]\nBin=/mnt\n[Bin]\nf=bin/tool\n");
+
+    EXPECT_EQ(WhyItFails(package_), "-rename: it is a mount point");
+    EXPECT_EQ(package_.RunPass("-rename"), 240);
+}
+
+TEST_F(PlanTest, WarnsThatRenameWillTakeAwayWhatTheNextPassNeeds) {
+    const auto plan = [this](int& status) {
+        return ReportOf([this](Output& output) { return Plan(FileList(package_.ListPath()), output); },
+                        &status)["steps"][0]["detail"];
+    };
+    const std::string detail = "to NAME.bak; the next pass needs it, and fails";
+    int status = 0;
+    package_.Bring("VCopyFileListIni", "new");
+    package_.Install("VCopyFileListIni", "old");
+    package_.WriteEntries("VCopyFileListIni");
+    EXPECT_EQ(plan(status), "to NAME.bak");
+    EXPECT_EQ(status, 0);
+    {
+        const Variable path("PATH", package_.InstalledPath().c_str());
+        EXPECT_EQ(plan(status), detail);
+        EXPECT_EQ(status, 1);
+    }
+    fs::copy_file(package_.ListPath(), package_.SourcePath("filelist.ini"));
+    package_.WriteList("[Server]\nBin=" + package_.scratch().Path("package") + "\n[Bin]\nf=filelist.ini\n");
+    EXPECT_EQ(plan(status), detail);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(package_.RunPass("-copy"), 240);
+}
+
+TEST_F(PlanTest, WarnsThatALinkToItsBackupWillReplaceTheFile) {
+    fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
+    fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
+    int status = 0;
+
+    const nlohmann::json report = package_.RunJson("plan", {}, &status);
+
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(report["steps"][0]["detail"], "to NAME.bak, replacing the file that it leads to: it is lost");
+    EXPECT_EQ(package_.RunPass("-rename"), 0);
+    EXPECT_EQ(fs::read_symlink(package_.InstalledPath("tool.bak")), "tool.bak") << "it leads to itself";
 }
 
 TEST_F(PlanTest, WarnsThatCopyWillEmptyThePackagesOwnFile) {

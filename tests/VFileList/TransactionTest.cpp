@@ -149,6 +149,37 @@ TEST_F(TransactionTest, RollsBackToTheVeryFilesOfBefore) {
     ExpectOld();
 }
 
+TEST_F(TransactionTest, RemovesTheDirectoriesThatItMadeThoughOneIsInAnotherByWayOfALink) {
+    (void)release_.package().Bring("one", "1");
+    (void)release_.package().Bring("two", "2");
+    (void)release_.package().scratch().Link("installed/link", "x");
+    release_.package().WriteList("[Server]\nA=@/x\nB=@/link/d\n[A]\nf=one\n[B]\nf=two\n");
+    const Tree old = release_.Now();
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(ReadWholeFile(release_.Path("x/d/two")), "2");
+
+    const Ending ending = Rollback();
+
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.remarks(), IsEmpty());
+    EXPECT_EQ(release_.Now(), old);
+}
+
+TEST_F(TransactionTest, RemovesTheDirectoryThatItMadeOnlyToComeBackFromItAndNotTheOneThatWasThere) {
+    (void)release_.package().scratch().MakeDirectory("installed/empty");
+    (void)release_.package().Bring("one", "1");
+    release_.package().WriteList("[Server]\nA=@/empty/x/..\n[A]\nf=one\n");
+    const Tree old = release_.Now();
+    ASSERT_EQ(Upgrade().status, 0);
+    EXPECT_EQ(ReadWholeFile(release_.Path("empty/one")), "1");
+
+    const Ending ending = Rollback();
+
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.remarks(), IsEmpty());
+    EXPECT_EQ(release_.Now(), old);
+}
+
 TEST_F(TransactionTest, CanBeRepeatedAfterARollback) {
     EXPECT_EQ(Upgrade().status, 0);
     EXPECT_EQ(Rollback().status, 0);
@@ -354,7 +385,7 @@ TEST_F(TransactionTest, RefusesWhatItCannotRecord) {
                 errno = EIO;
                 return -1;
             });
-        ExpectRefused(Upgrade(), 1, release_.package().ListPath() + ": Input/output error");
+        ExpectRefused(Upgrade(), 2, release_.package().ListPath() + ": Input/output error");
     }
     ExpectOld();
 }
@@ -502,6 +533,22 @@ TEST_F(TransactionTest, IsNotLedAstrayByAListThatChangesBeforeAPass) {
     EXPECT_EQ(Upgrade().status, 0);
     EXPECT_EQ(release_.Now(), installed);
     EXPECT_EQ(passes, 2);
+}
+
+// The passes would install, and nobody could take back, what was not recorded.
+TEST_F(TransactionTest, RefusesAListThatChangesWhileItIsChecked) {
+    const std::string list = release_.package().ListPath();
+    const std::string text = ReadWholeFile(list);
+    int looks = 0;
+    const Replaced replaced(calls::statvfs, [&](const char* path, struct statvfs* system) {
+        if (++looks == 1)
+            Write(list, text + "[Server]\nMore=" + release_.Path("more") + "\n[More]\nf=tool\n");
+        return calls::real::statvfs(path, system);
+    });
+
+    ExpectRefused(Upgrade(), 1, list + ": it has changed meanwhile");
+    EXPECT_GE(looks, 1);
+    ExpectOld();
 }
 
 TEST_F(TransactionTest, GoesBackWhenTheStateCannotBeWritten) {

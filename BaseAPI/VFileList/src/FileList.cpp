@@ -17,6 +17,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Digest.h"
 #include "Files.h"
 #include "PlannedFiles.h"
 #include "VCopyFileListIni.h"
@@ -86,6 +87,7 @@ Trouble FileList::WhyUnreadable(const std::string& iniPath) {
     if (fstat(file.get(), &status) != 0) return std::strerror(errno);
     if (S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
     if (!S_ISREG(status.st_mode)) return "not a regular file";
+    if (!DigestOfFile(file.get())) return std::strerror(errno);  // which reads all of it
     return std::nullopt;
 }
 
@@ -96,7 +98,11 @@ FileList::FileList(std::string iniPath, std::string root)
       root_(WithoutTrailingSlashes(std::move(root))),
       sourceDirectory_(SourceDirectory(iniPath_)),
       contents_(Read(iniPath_)) {
-    if (!(Read(iniPath_) == contents_)) trouble_ = iniPath_ + ": it can't be read twice with the same result";
+    if (!HasContentsOf(iniPath_)) {
+        trouble_ = "it can't be read twice with the same result";
+    } else if (lists().empty()) {
+        trouble_ = WhyUnreadable(iniPath_);
+    }
 }
 
 FileList::Contents FileList::Read(const std::string& iniPath) {

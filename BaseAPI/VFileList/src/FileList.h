@@ -54,6 +54,8 @@ public:
 
     // Why what was read can't be relied on; nothing else counts then.
     const Trouble& trouble() const { return trouble_; }
+    // Whether the tool reads the same from the file `iniPath`.
+    bool HasContentsOf(const std::string& iniPath) const { return Read(iniPath) == contents_; }
 
     const std::string& iniPath() const { return iniPath_; }
     const std::string& root() const { return root_; }

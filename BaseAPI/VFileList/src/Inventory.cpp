@@ -8,10 +8,11 @@
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
-#include <set>
+#include <utility>
 
 #include "Attributes.h"
 #include "Files.h"
+#include "PlannedFiles.h"
 #include "VCopyFileListIni.h"
 
 namespace fs = std::filesystem;
@@ -54,21 +55,30 @@ Trouble LookAtNew(const std::string& source, NewFile& package) {
     return std::nullopt;
 }
 
+// What can't be looked at looks missing to `files`, and must not be removed in the end.
+Trouble LookAtMade(PlannedFiles& files, const std::string& directory, Journal& journal) {
+    for (std::string& made : files.MakeDirectory(directory)) {
+        struct stat status {};
+        const int error = lstat(made.c_str(), &status) == 0 ? EEXIST : errno;
+        if (error != ENOENT) return TroubleWith(made, error);
+        journal.newDirectories.push_back(std::move(made));
+    }
+    return std::nullopt;
+}
+
 // Of what is missing, the directory that it will be made in is recorded, too.
 Trouble LookAtDirectories(const FileList& list, Journal& journal) {
-    std::set<std::string> missing;  // in this order parents come first
+    PlannedFiles files;
     for (const TargetList& target : list.lists()) {
         fs::path path = WithoutTrailingSlashes(target.directory);
         struct stat status {};
         while (stat(path.c_str(), &status) != 0) {
             if (errno != ENOENT || !path.has_relative_path()) return TroubleWith(path, errno);
-            path = path.lexically_normal();
-            missing.insert(path);
             path = path.parent_path();
         }
         journal.oldDirectories.push_back({path, status.st_ino});
+        if (Trouble trouble = LookAtMade(files, target.directory, journal)) return trouble;
     }
-    journal.newDirectories.assign(missing.begin(), missing.end());
     return std::nullopt;
 }
 

@@ -39,7 +39,7 @@ struct Journal {
     std::string installType;
     std::time_t begun = 0;
     std::vector<OldDirectory> oldDirectories;
-    std::vector<std::string> newDirectories;  // that -copy will make, parents first
+    std::vector<std::string> newDirectories;  // that -copy will make, in its order
     std::vector<DirectoryMode> directoryModes;
     JournalTargets targets;
 };

@@ -3,16 +3,19 @@
 #include "Plan.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <vector>
 
 #include "Files.h"
 #include "PlannedFiles.h"
+#include "Processes.h"
 #include "VCopyFileListIni.h"
 
 namespace {
@@ -24,7 +27,8 @@ struct PlannedStep {
     std::string path;
     std::string detail;
     unsigned long long size = 0;  // of a file that is moved, copied or removed
-    bool isHarmful = false;       // it succeeds, but something is lost by it
+    bool isHarmful = false;       // it succeeds, but something is lost by it, or the next pass fails
+    FileId moved{};               // the file behind what -rename moves
 };
 
 // What a pass does for an entry, noted in `files`.
@@ -78,7 +82,13 @@ Trouble WhyRenameFails(const FileList& list, const Entry& entry, const PlannedFi
     if (isDirectory && backup.kind != FileKind::kNone && backup.kind != FileKind::kDirectory) {
         return "NAME is a directory, NAME.bak is not";
     }
-    return WhyNotWritable(files.NearestPlace(list.ListOf(entry).directory));
+    const FileMarks marks = MarksOf(files.At(list.TargetOf(entry)).origin);
+    if (*marks.lock != '\0') return std::string("it is ") + marks.lock;
+    if (marks.isMountPoint) return "it is a mount point";
+    const std::string place = files.NearestPlace(list.ListOf(entry).directory);
+    const std::string lock = MarksOf(place + "/").lock;
+    if (!lock.empty()) return place + " is " + lock;
+    return WhyNotWritable(place);
 }
 
 PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& files) {
@@ -93,13 +103,15 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
         return {Step::kSkip, path, "NAME.bak is the same file: nothing happens"};
     }
     files.Move(path, list.BackupOf(entry));
-    if (backup.kind == FileKind::kNone) return {Step::kMove, path, "to NAME.bak", behind.size()};
+    PlannedStep step{Step::kMove, path, "to NAME.bak", behind.size(), false, IdOf(behind.status)};
+    if (backup.kind == FileKind::kNone) return step;
     ContentComparer comparer;
-    if (!IsUpgradeBegun(comparer, behind.origin, backup.origin, list.SourceOf(entry))) {
-        return {Step::kMove, path, "to NAME.bak, replacing an older one", behind.size()};
-    }
-    return {Step::kMove, path, "to NAME.bak, replacing the backup of an unfinished upgrade: it is lost",
-            behind.size(), true};
+    const bool isItself = !backup.origin.empty() && behind.origin == backup.origin;
+    step.isHarmful = isItself || IsUpgradeBegun(comparer, behind.origin, backup.origin, list.SourceOf(entry));
+    step.detail += isItself         ? ", replacing the file that it leads to: it is lost"
+                   : step.isHarmful ? ", replacing the backup of an unfinished upgrade: it is lost"
+                                    : ", replacing an older one";
+    return step;
 }
 
 Trouble WhySourceFails(const Entry& entry, const PlannedFile& file) {
@@ -153,7 +165,10 @@ PlannedStep CleanEntry(const FileList& list, const Entry& entry, PlannedFiles& f
 
 class Planner {
 public:
-    Planner(const FileList& list, Output& output) : list_(list), output_(output) {}
+    Planner(const FileList& list, Output& output) : list_(list), output_(output) {
+        struct stat status {};
+        if (stat(list.iniPath().c_str(), &status) == 0) needed_.insert(IdOf(status));
+    }
 
     int Run();
 
@@ -167,6 +182,7 @@ private:
     const FileList& list_;
     Output& output_;
     PlannedFiles files_;
+    std::set<FileId> needed_ = FilesOfTheTool();  // and the list, by every pass
     const char* pass_ = "";
     std::size_t count_ = 0;  // of files in the pass in hand
     unsigned long long bytes_ = 0;
@@ -207,7 +223,12 @@ void Planner::RunPass(const char* pass, PassOverEntry handle) {
         if (handle == CopyEntry) MakeDirectoryOf(list_.lists()[list]);
         while (index < list_.entries().size() && list_.entries()[index].list == list && !hasFailed_) {
             const Entry& entry = list_.entries()[index++];
-            Show(handle(list_, entry, files_), &entry);
+            PlannedStep step = handle(list_, entry, files_);
+            if (needed_.count(step.moved) != 0) {
+                step.detail += "; the next pass needs it, and fails";
+                step.isHarmful = true;
+            }
+            Show(step, &entry);
         }
     }
     EndPass(pass, isReached);

@@ -101,17 +101,22 @@ bool IsAccepted(Run& run, const FileList& list, const Evidence& evidence) {
     return run.report.remarks.empty();
 }
 
-Trouble KeepList(Run& run, const FileList& list) {
+// Returns the exit status when the upgrade is refused. The passes read what is kept; what is recorded comes
+// from `list`.
+std::optional<int> KeepList(Run& run, const FileList& list) {
     std::string text;
     const int error = ReadWhole(list.iniPath(), text);
-    if (error != 0) return TroubleWith(list.iniPath(), error);
+    if (error != 0) return Refuse(run, kWrongUse, TroubleWith(list.iniPath(), error));
     run.journal.fileListDigest = DigestOf(text);
-    return run.directory.KeepList(text, list.sourceDirectory());
+    Trouble trouble = run.directory.KeepList(text, list.sourceDirectory());
+    if (!trouble && !list.HasContentsOf(run.directory.ListPath()))
+        trouble = list.iniPath() + ": it has changed meanwhile";
+    if (trouble) return Refuse(run, kFindings, *trouble);
+    return std::nullopt;
 }
 
 // Fills the journal. What can't be recorded can't be taken back, and is not begun.
 Trouble Record(Run& run, const FileList& list, const std::optional<Manifest>& manifest) {
-    if (Trouble trouble = KeepList(run, list)) return trouble;
     if (Trouble trouble = TakeInventory(list, manifest, run.output, run.journal)) return trouble;
     if (Trouble trouble = run.directory.KeepRescue(run.journal)) return trouble;
     Trouble trouble = run.directory.Begin(run.journal);
@@ -299,12 +304,13 @@ std::optional<int> Prepare(Run& run, const std::string& iniPath, const std::stri
     if (const Trouble trouble = run.directory.ReadReceipt(evidence.receipt))
         return Refuse(run, kLook, *trouble);
     const FileList list(iniPath);
-    if (list.trouble()) return Refuse(run, kWrongUse, *list.trouble());
+    if (list.trouble()) return Refuse(run, kWrongUse, iniPath + ": " + *list.trouble());
     if (list.lists().empty()) {
         return Refuse(run, kWrongUse, "no install type with a directory list; vfilelist check says more");
     }
     if (!IsAccepted(run, list, evidence))
         return Refuse(run, kFindings, "vfilelist check says what to do about these");
+    if (const std::optional<int> refused = KeepList(run, list)) return refused;
     if (const Trouble trouble = Record(run, list, evidence.provenance.manifest))
         return Refuse(run, kFindings, *trouble);
     return std::nullopt;
