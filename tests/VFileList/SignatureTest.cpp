@@ -220,4 +220,19 @@ TEST_F(SignatureTest, IsWantedForAnyDirectoryButTheUsualOneThatIsMissing) {
     }
 }
 
+TEST_F(SignatureTest, IsWantedWhereALinkAboveTheUsualDirectoryLeadsNowhere) {
+    const std::string above = "/etc/vfilelist";
+    bool doesLinkLead = false;
+    const auto find = [](bool isFound) {
+        errno = ENOENT;
+        return isFound ? 0 : -1;
+    };
+    const Replaced links(calls::lstat, [&](const char* path, struct stat*) { return find(above == path); });
+    const Replaced files(calls::stat,
+                         [&](const char* path, struct stat*) { return find(above == path && doesLinkLead); });
+    EXPECT_TRUE(IsSignatureWanted(kUsualTrustedDirectory));
+    doesLinkLead = true;
+    EXPECT_FALSE(IsSignatureWanted(kUsualTrustedDirectory));
+}
+
 }  // namespace

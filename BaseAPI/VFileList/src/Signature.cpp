@@ -82,8 +82,11 @@ bool HasSigned(EVP_PKEY* key, const std::string& text, const std::string& signat
 
 bool IsSignatureWanted(const std::string& trustedDirectory) {
     struct stat status {};
-    return trustedDirectory != kUsualTrustedDirectory || lstat(kUsualTrustedDirectory, &status) == 0 ||
-           errno != ENOENT;
+    const auto isThere = [&](const char* path) { return lstat(path, &status) == 0 || errno != ENOENT; };
+    if (trustedDirectory != kUsualTrustedDirectory || isThere(kUsualTrustedDirectory)) return true;
+    // A link that leads nowhere: to a disk that is not mounted, perhaps.
+    const std::string above = fs::path(kUsualTrustedDirectory).parent_path();
+    return isThere(above.c_str()) && stat(above.c_str(), &status) != 0;
 }
 
 Trouble ExpectSignature(const std::string& text, const std::string& signaturePath,
