@@ -10,7 +10,7 @@ install(TARGETS VCopyFileListIni vfilelist RUNTIME DESTINATION "${CMAKE_INSTALL_
 install(FILES BaseAPI/VFileList/vfilelist-resume.service DESTINATION lib/systemd/system)
 install(FILES docs/vfilelist.schema.json DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 # The documents that headers, programs and examples name, and those that these refer to.
-foreach(document behaviour findings fleet performance reliability upgrade-tool vfilelist)
+foreach(document behaviour findings fleet making-packages packages performance reliability upgrade-tool vfilelist)
   install(FILES docs/${document}.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 endforeach()
 # The licence, and the notices of the libraries whose code the programs contain.

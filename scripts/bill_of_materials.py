@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """bill_of_materials.py BUILD DEB...: prints what the packages consist of, as SPDX 2.3 in JSON.
+bill_of_materials.py BUILD --built-using PACKAGE: prints what the field Built-Using of the package has to name.
 
 BUILD is the build tree, made with Ninja, that the packages were made from: it knows which headers went into each
 object. What the packages need at run time is what they depend on. dpkg knows whose the headers are and which
@@ -78,6 +79,15 @@ def compiled_in(build, names):
             for name in targets:
                 contents[name].add(owners[header])
     return contents
+
+
+def built_using(build, package):
+    """The sources, with their versions, of the code that becomes part of a package and that asks for something."""
+    names = {name for _, names in PACKAGES_OF_OBJECTS for name in names}
+    contents = {name for name in compiled_in(build, names)[package]
+                if licences.licence_of(name) != licences.ASKS_FOR_NOTHING}
+    source = "${source:Package} (= ${source:Version})"
+    return ", ".join(sorted({output_of("dpkg-query", "--show", "--showformat", source, name) for name in contents}))
 
 
 def needed_by(control):
@@ -196,6 +206,9 @@ def time_of_release(build):
 
 
 def main():
+    if sys.argv[2] == "--built-using":
+        print(built_using(sys.argv[1], sys.argv[3]))
+        return
     build, debs = sys.argv[1], sorted(sys.argv[2:])
     controls = [control_of(deb) for deb in debs]
     # The packages of debug information hold what the others are made of, and nothing else.

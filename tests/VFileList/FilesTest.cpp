@@ -340,6 +340,7 @@ TEST_F(FilesTest, SaysWhyAFileCannotBeReadWhole) {
     std::string content;
     EXPECT_EQ(ReadWhole(scratch_.Path("missing"), content), ENOENT);
     EXPECT_EQ(ReadWhole(scratch_.Link("link", file), content), ELOOP) << "a link is not followed";
+    EXPECT_EQ(ReadWhole("/dev/null", content), ENOTSUP) << "another device may never end";
     for (const int error : {EIO, EINTR}) {
         const Replaced replaced(calls::read, [error](int, void*, size_t) -> ssize_t {
             errno = error;

@@ -570,8 +570,10 @@ TEST_F(MakeTest, RefusesWhatCannotBeMeant) {
     options_.release = "1.2";
     options_.lowest = std::string(65, '1');
     EXPECT_THAT(Error(), HasSubstr(": a release has"));
+    options_.lowest = "1.3";
+    EXPECT_THAT(Error(), HasSubstr("1.2: it is older than the lowest release that it may replace"));
     EXPECT_FALSE(HasPackage());
-    options_.lowest = std::string(64, '1');
+    options_.release = options_.lowest = std::string(64, '1');
     EXPECT_THAT(Unsaid(), IsEmpty());
 }
 

@@ -118,6 +118,7 @@ TEST(ManifestTest, RefusesEntriesThatLackSomethingOrAreSomethingElse) {
         {"./f type=file mode=0644 size=1" + owner, "/f: it has no SHA-256 digest"},
         {"./f type=file mode=0644 size=1" + owner + " sha256digest=" + kZeros,
          "/f: it has no SHA-256 digest"},
+        {"./f type=file mode=0644 size=-1" + owner + digest, "/f: its size is negative"},
         {"./f type=link mode=0644 link=x" + owner, "/f: neither a file nor a directory"},
         {"./../f type=dir mode=0755" + owner, "./../f: not a path below the root directory"},
         {"./a/../f type=dir mode=0755" + owner, "./a/../f: not a path below the root directory"},

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Check.h"
+#include "OrdinaryUser.h"
 #include "Signer.h"
 #include "SystemCalls.h"
 
@@ -110,7 +111,7 @@ TEST_F(ProvenanceTest, FindsEveryFileThatIsNotAsTheManifestSays) {
     package_.Bring("a", "content of a");
 
     package_.Bring("extra", "of nobody");
-    EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS package/Common/extra: "));
+    EXPECT_THAT(Find(), ElementsAre("E-MANIFEST-DIFFERS package/Common/extra: not listed"));
     ASSERT_EQ(unlink(package_.SourcePath("extra").c_str()), 0);
 
     ASSERT_EQ(unlink(package_.SourcePath("b").c_str()), 0);
@@ -132,6 +133,24 @@ TEST_F(ProvenanceTest, IsThatOfTheListItselfWhenTheListIsALink) {
     package_.scratch().Link("elsewhere/filelist.ini", "../package/filelist.ini");
     EXPECT_TRUE(
         ReadProvenance(package_.scratch().Path("elsewhere/filelist.ini"), kUsualTrustedDirectory).manifest);
+
+    const std::string list = package_.scratch().Link("package/current.ini", "filelist.ini");
+    Output output(true);
+    const Evidence evidence{ReadProvenance(list, kUsualTrustedDirectory), {}, true};
+    EXPECT_THAT(FindTrouble(FileList(list), evidence, output), IsEmpty());
+}
+
+TEST_F(ProvenanceTest, CanNotKnowWhatADirectoryHoldsThatCanNotBeRead) {
+    Write(Record());
+    package_.Bring("hidden/extra", "of nobody");
+    ASSERT_EQ(chmod(package_.SourcePath("hidden").c_str(), 0), 0);
+    std::vector<std::string> found;
+    {
+        const OrdinaryUser user(package_.scratch().Path());
+        found = Find();
+    }
+    ASSERT_EQ(chmod(package_.SourcePath("hidden").c_str(), 0755), 0);
+    EXPECT_THAT(found, ElementsAre("E-MANIFEST-DIFFERS package/Common/: Permission denied"));
 }
 
 TEST_F(ProvenanceTest, SaysNothingOfTheModesOfDirectoriesThatTheManifestNames) {

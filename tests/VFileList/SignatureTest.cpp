@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -130,6 +131,24 @@ TEST_F(SignatureTest, RefusesEverythingWhenOthersCanWriteTheKeys) {
     EXPECT_EQ(Check("text"), trusted_ + "/maker.pem: Input/output error");
 }
 
+TEST_F(SignatureTest, RefusesEverythingWhenAnAccessControlListLetsOthersWriteTheKeys) {
+    Trust("maker.pem", maker_.PublicKey());
+    Sign(maker_.Signature("text"));
+    // user::rwx, user:1234:rwx, group::r-x, mask::rwx or r-x, other::r-x
+    const std::string begin("\2\0\0\0\1\0\7\0\377\377\377\377\2\0\7\0\322\4\0\0\4\0\5\0\377\377\377\377\20\0",
+                            30);
+    const std::string end("\0\377\377\377\377\40\0\5\0\377\377\377\377", 13);
+    for (const std::string& path : {trusted_, trusted_ + "/maker.pem"}) {
+        for (const char mask : {'\7', '\5'}) {
+            const std::string list = begin + mask + end;
+            if (setxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) != 0)
+                GTEST_SKIP() << "the file system has no access control lists";
+            const std::string why = path + ": others can write it (an access control list)";
+            EXPECT_EQ(Check("text"), mask == '\7' ? why : "");
+        }
+    }
+}
+
 TEST_F(SignatureTest, RefusesEverythingWithoutLibcryptosHelp) {
     Trust("maker.pem", maker_.PublicKey());
     Sign(maker_.Signature("text"));
@@ -199,6 +218,21 @@ TEST_F(SignatureTest, IsWantedForAnyDirectoryButTheUsualOneThatIsMissing) {
         const Replaced replaced(calls::lstat, finds(error));
         EXPECT_TRUE(IsSignatureWanted(kUsualTrustedDirectory)) << error;
     }
+}
+
+TEST_F(SignatureTest, IsWantedWhereALinkAboveTheUsualDirectoryLeadsNowhere) {
+    const std::string above = "/etc/vfilelist";
+    bool doesLinkLead = false;
+    const auto find = [](bool isFound) {
+        errno = ENOENT;
+        return isFound ? 0 : -1;
+    };
+    const Replaced links(calls::lstat, [&](const char* path, struct stat*) { return find(above == path); });
+    const Replaced files(calls::stat,
+                         [&](const char* path, struct stat*) { return find(above == path && doesLinkLead); });
+    EXPECT_TRUE(IsSignatureWanted(kUsualTrustedDirectory));
+    doesLinkLead = true;
+    EXPECT_FALSE(IsSignatureWanted(kUsualTrustedDirectory));
 }
 
 }  // namespace

@@ -79,10 +79,13 @@ TEST_F(VFileListMainTest, NamesWhatIsUnknownWithoutACommandAndTheCommandsThatThe
     EXPECT_EQ(RunProcess({VFILELIST_PATH, "--verfy"}).err, "vfilelist: unknown option '--verfy'" + commands);
     EXPECT_EQ(RunProcess({VFILELIST_PATH}).err, "vfilelist: no command" + commands);
     for (const std::vector<std::string>& known :
-         {std::vector<std::string>{"plan", package_.ListPath(), "verfy"}, {"plan", "--verfy"}, {"check"}}) {
+         {std::vector<std::string>{"plan", package_.ListPath(), "ver\033fy"},
+          {"plan", "--verfy"},
+          {"check"}}) {
         const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, known));
         EXPECT_THAT(result.err, HasSubstr("; vfilelist --help shows the usage\n"));
         EXPECT_THAT(result.err, Not(HasSubstr("unknown")));
+        EXPECT_THAT(result.err, Not(HasSubstr("\033")));
     }
 }
 
@@ -387,6 +390,18 @@ TEST_F(VFileListMainTest, RefusesAPackageThatIsNotSignedWhereOneIsAskedFor) {
     const Signer signer;
     WriteManifest(package_, ManifestOf(package_), &signer);
     EXPECT_EQ(package_.Run("plan", {"--trusted", trusted}).exitStatus, 0);
+}
+
+TEST_F(VFileListMainTest, NeitherPlansNorComparesAPackageThatDiffersFromItsManifest) {
+    WriteManifest(package_, ManifestOf(package_));
+    package_.Bring("a\033[2J", "of nobody");
+    for (const char* const command : {"plan", "verify"}) {
+        const ProcessResult result = package_.Run(command, {});
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_THAT(result.out, IsEmpty());
+        EXPECT_THAT(result.err, HasSubstr("the package differs from its manifest (" +
+                                          package_.SourcePath("a\\x1b[2J: not listed)\n")));
+    }
 }
 
 TEST_F(VFileListMainTest, VerifiesWhatWasInstalledWithThePackageLongGone) {

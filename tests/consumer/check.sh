@@ -126,10 +126,13 @@ check_documents() {  # PREFIX
     for file in "$source"/examples/{CMakeLists.txt,*.cpp,ansible/*}; do
         cmp -s "$file" "$1/share/doc/VFileSys/${file#"$source/"}" || fail "${file#"$source/"} is not installed"
     done
-    # The headers and the programs name documents.
+    # The headers and the programs name documents, and these refer to others.
     while read -r file; do
         cmp -s "$source/docs/$file" "$1/share/doc/VFileSys/$file" || fail "$file, which is named, is not installed"
-    done < <(cat "$1/include/VFileSys"/V*.h <("${emulator[@]}" "$1/bin/vfilelist" check --help) | grep -oE '[a-z-]+\.md' | sort -u)
+    done < <({
+        cat "$1/include/VFileSys"/V*.h && "${emulator[@]}" "$1/bin/vfilelist" check --help
+        grep -hoE '\]\([a-z-]+\.md' "$1"/share/doc/VFileSys/*.md
+    } | grep -oE '[a-z-]+\.md' | sort -u)
     cmp -s "$source/LICENSE" "$1/share/doc/VFileSys/LICENSE" || fail "the licence is not installed"
     for file in "$source"/docs/third-party/*; do
         cmp -s "$file" "$1/share/doc/VFileSys/third-party/${file##*/}" || fail "the notices ${file##*/} are not installed"

@@ -39,11 +39,20 @@ check_fields() {
         'libc6, libgcc-s1, libssl3, libstdc++6, libvfilesys, vfilesys-standins | vfilesys-neighbours'
     check_needs vfilesys-standins 'libc6, libfmt9, libgcc-s1, libstdc++6'
     check_needs vfilesys-standins-dev vfilesys-standins
+    check_built_using vfilesys-tools 'cli11, libarchive, nlohmann-json3'
+    check_built_using vfilesys-standins 'fmtlib, libsimpleini, spdlog'
     [[ $(field vfilesys-tools Multi-Arch) == foreign ]] || fail "vfilesys-tools serves its own architecture alone"
     for package in vfilesys-standins:vfilesys-neighbours vfilesys-standins-dev:vfilesys-neighbours-dev; do
         [[ $(field "${package%:*}" Provides Conflicts Replaces | grep -c ": ${package#*:}$") == 3 ]] ||
             fail "${package%:*} gives no way to the product's own"
     done
+}
+
+# The sources alone: the versions are the building machine's.
+check_built_using() {  # PACKAGE SOURCES
+    local sources
+    sources=$(field "$1" Built-Using | sed -E 's/ \(= [^)]*\)//g')
+    [[ $sources == "$2" ]] || fail "$1 is built using $sources"
 }
 
 # They are made once, with the packages for the building machine.

@@ -45,9 +45,12 @@ struct Inspection {
 void CheckLists(Inspection& inspection);
 void CheckDuplicates(Inspection& inspection);
 
+// What the package has and no entry names: with a manifest, an error.
+void CheckUnlisted(Inspection& inspection);
+
 // An entry's text, and the package's file. Returns the file's status if it is a regular one.
 std::optional<struct stat> CheckSource(Inspection& inspection, const Entry& entry);
-// What the package has and no entry names, and who else may write it.
+// What CheckUnlisted finds, and who else may write the package.
 void CheckPackage(Inspection& inspection);
 
 // Room for new files and directories, by file system.

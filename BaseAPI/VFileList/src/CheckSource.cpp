@@ -98,6 +98,8 @@ void AddListedPaths(const Inspection& inspection, const Entry& entry, std::set<s
     if (real) paths.insert(fs::path(*real).lexically_relative(inspection.common.value_or("")));
 }
 
+}  // namespace
+
 void CheckUnlisted(Inspection& inspection) {
     const FileList& list = inspection.list;
     std::set<std::string> listed;
@@ -106,9 +108,10 @@ void CheckUnlisted(Inspection& inspection) {
     std::set<std::string> unlisted;
     std::error_code error;
     const fs::path common = list.sourceDirectory();
-    for (fs::recursive_directory_iterator file(common, fs::directory_options::skip_permission_denied, error),
-         end;
-         !error && file != end; file.increment(error)) {
+    const auto options = inspection.manifest != nullptr ? fs::directory_options::none
+                                                        : fs::directory_options::skip_permission_denied;
+    for (fs::recursive_directory_iterator file(common, options, error), end; !error && file != end;
+         file.increment(error)) {
         std::error_code ignored;
         if (file->is_directory(ignored) && !file->is_symlink(ignored)) continue;
         const std::string path = file->path().lexically_relative(common);
@@ -119,14 +122,13 @@ void CheckUnlisted(Inspection& inspection) {
         inspection.findings.push_back(
             {&KindOf("E-MANIFEST-DIFFERS"), "", "", "", list.sourceDirectory(), error.message()});
     }
+    const bool isManifest = inspection.manifest != nullptr;
     for (const std::string& path : unlisted) {
-        inspection.findings.push_back(
-            {&KindOf(inspection.manifest != nullptr ? "E-MANIFEST-DIFFERS" : "W-SOURCE-UNLISTED"), "", "",
-             path, list.sourceDirectory() + path, ""});
+        inspection.findings.push_back({&KindOf(isManifest ? "E-MANIFEST-DIFFERS" : "W-SOURCE-UNLISTED"), "",
+                                       "", path, list.sourceDirectory() + path,
+                                       isManifest ? "not listed" : ""});
     }
 }
-
-}  // namespace
 
 std::optional<struct stat> CheckSource(Inspection& inspection, const Entry& entry) {
     const std::string name = GetFileName(entry.text);

@@ -115,6 +115,9 @@ Content ContentComparer::CompareRestWithZero(int fd, std::size_t begin, std::siz
 }
 
 int ReadBlocks(const std::string& path, const std::function<void(std::string_view)>& take) {
+    struct stat status {};
+    const bool isFound = lstat(path.c_str(), &status) == 0;
+    if (isFound && (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))) return ENOTSUP;
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file) return errno;
     std::vector<char> block(kBlockSize);

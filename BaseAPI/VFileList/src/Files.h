@@ -62,7 +62,8 @@ private:
     int unreadable_ = -1;  // the descriptor that could not be read
 };
 
-// Hands out the content of the file, block by block, or has it whole. Both return 0 or an errno.
+// Hands out the content of the file, block by block, or has it whole. Both return 0 or an errno, and open no
+// device: it may never end.
 int ReadBlocks(const std::string& path, const std::function<void(std::string_view)>& take);
 int ReadWhole(const std::string& path, std::string& content);
 

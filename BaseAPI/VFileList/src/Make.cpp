@@ -199,6 +199,8 @@ Trouble WhyRefused(const MakeOptions& options, const std::string& prefix) {
         if (!release.empty() && !IsRelease(release))
             return release + ": a release has 1 to 64 letters, digits and \"+-._~\"";
     }
+    if (!options.release.empty() && IsOlder(options.release, options.lowest))
+        return options.release + ": it is older than the lowest release that it may replace";
     const bool isNormal = prefix.empty() || fs::path(prefix).lexically_normal().string() == prefix;
     if (options.prefix.rfind('/', 0) != 0 || !isNormal || prefix.find_first_of("\r\n") != std::string::npos)
         return options.prefix + R"(: the prefix is no absolute path without "//", "." and "..")";

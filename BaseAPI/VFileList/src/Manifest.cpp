@@ -94,6 +94,7 @@ Trouble ReadEntry(archive_entry* found, ManifestEntry& entry) {
 
     if (archive_entry_filetype(found) != AE_IFREG) return entry.path + ": neither a file nor a directory";
     entry.size = archive_entry_size(found);
+    if (entry.size < 0) return entry.path + ": its size is negative";
     const unsigned char* const digest = archive_entry_digest(found, ARCHIVE_ENTRY_DIGEST_SHA256);
     std::copy_n(digest, entry.digest.size(), entry.digest.begin());
     if (entry.digest == Digest{}) return entry.path + ": it has no SHA-256 digest";

@@ -67,7 +67,7 @@ Provenance ReadProvenance(const std::string& iniPath, const std::string& trusted
 void CheckManifest(Inspection& inspection, const Manifest& manifest, bool isThorough) {
     const FileList& list = inspection.list;
     std::string text;
-    const int error = ReadWhole(list.iniPath(), text);
+    const int error = ReadWhole(CanonicalPath(list.iniPath()).value_or(list.iniPath()), text);
     if (error != 0 || DigestOf(text) != manifest.fileListDigest) {
         const std::string why = error != 0 ? std::strerror(error) : "its content is another one";
         inspection.findings.push_back({&KindOf("E-MANIFEST-DIFFERS"), "", "", "", list.iniPath(), why});

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr off_t kSignatureSize = 64;  // nothing longer is even read
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
@@ -42,10 +44,13 @@ Trouble ReadKey(const fs::path& path, std::vector<Key>& keys) {
     return std::nullopt;
 }
 
-// Whoever can write a key, or the directory, decides who is trusted.
+// Whoever can write a key, or the directory, decides who is trusted. What an access control list allows at
+// most stands in the place of the group's permissions.
 Trouble ExpectOurs(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) return TroubleWith(path, errno);
+    if ((status.st_mode & S_IWGRP) != 0 && getxattr(path.c_str(), kAccessList, nullptr, 0) > 0)
+        return path + ": others can write it (an access control list)";
     const std::string others = WhoElseWrites(status);
     if (!others.empty()) return path + ": others can write it (" + others + ")";
     return std::nullopt;
@@ -77,8 +82,11 @@ bool HasSigned(EVP_PKEY* key, const std::string& text, const std::string& signat
 
 bool IsSignatureWanted(const std::string& trustedDirectory) {
     struct stat status {};
-    return trustedDirectory != kUsualTrustedDirectory || lstat(kUsualTrustedDirectory, &status) == 0 ||
-           errno != ENOENT;
+    const auto isThere = [&](const char* path) { return lstat(path, &status) == 0 || errno != ENOENT; };
+    if (trustedDirectory != kUsualTrustedDirectory || isThere(kUsualTrustedDirectory)) return true;
+    // A link that leads nowhere: to a disk that is not mounted, perhaps.
+    const std::string above = fs::path(kUsualTrustedDirectory).parent_path();
+    return isThere(above.c_str()) && stat(above.c_str(), &status) != 0;
 }
 
 Trouble ExpectSignature(const std::string& text, const std::string& signaturePath,

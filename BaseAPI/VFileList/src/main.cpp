@@ -174,7 +174,7 @@ void AddCommands(CLI::App& app, Arguments& arguments) {
 // Without a command, the parser itself names neither what is unknown nor the commands that there are.
 std::string UsageError(const CLI::App* app, const CLI::Error& error) {
     if (!app->get_subcommands().empty())
-        return std::string("vfilelist: ") + error.what() + "; vfilelist --help shows the usage\n";
+        return "vfilelist: " + Shown(error.what()) + "; vfilelist --help shows the usage\n";
     const std::vector<std::string> unused = app->remaining();
     std::string what = "no command";
     if (!unused.empty()) {
@@ -192,7 +192,7 @@ int Refuse(const Arguments& arguments, const std::string& command, const std::st
     output.Member("fileList", arguments.iniPath);
     output.Member("error", trouble);
     const std::string place = arguments.iniPath.empty() ? "" : Shown(arguments.iniPath) + ": ";
-    (void)std::fprintf(stderr, "vfilelist: %s%s\n", place.c_str(), trouble.c_str());
+    (void)std::fprintf(stderr, "vfilelist: %s%s\n", place.c_str(), Shown(trouble).c_str());
     return kWrongUse;
 }
 
@@ -200,7 +200,10 @@ int Refuse(const Arguments& arguments, const std::string& command, const std::st
 std::vector<Finding> FindForgeries(const FileList& list, const Provenance& provenance) {
     Inspection inspection(list);
     inspection.findings = provenance.findings;
-    if (provenance.manifest) CheckManifest(inspection, *provenance.manifest, true);
+    if (!provenance.manifest) return inspection.findings;
+    inspection.manifest = &*provenance.manifest;
+    CheckManifest(inspection, *provenance.manifest, true);
+    CheckUnlisted(inspection);
     return inspection.findings;
 }
 
