@@ -36,21 +36,10 @@ struct StepName {
 };
 
 StepName NameOf(Step step) {
-    switch (step) {
-        case Step::kMove:
-            return {"rename", Style::kPlain};
-        case Step::kMakeDirectory:
-            return {"mkdir", Style::kPlain};
-        case Step::kCopy:
-            return {"copy", Style::kPlain};
-        case Step::kRemove:
-            return {"remove", Style::kPlain};
-        case Step::kFail:
-            return {"fail", Style::kError};
-        case Step::kSkip:
-            break;
-    }
-    return {"skip", Style::kDim};
+    constexpr StepName kNames[] = {{"rename", Style::kPlain}, {"skip", Style::kDim},
+                                   {"mkdir", Style::kPlain},  {"copy", Style::kPlain},
+                                   {"remove", Style::kPlain}, {"fail", Style::kError}};
+    return kNames[static_cast<int>(step)];
 }
 
 // One that the tool makes gets files.
@@ -94,8 +83,7 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
     }
     files.Move(path, list.BackupOf(entry));
     if (backup.kind == FileKind::kNone) return {Step::kMove, path, "to NAME.bak", behind.size()};
-    ContentComparer comparer;
-    if (!IsUpgradeBegun(comparer, behind.origin, backup.origin, list.SourceOf(entry))) {
+    if (!IsUpgradeBegun(behind.origin, backup.origin, list.SourceOf(entry))) {
         return {Step::kMove, path, "to NAME.bak, replacing an older one", behind.size()};
     }
     return {Step::kMove, path, "to NAME.bak, replacing the backup of an unfinished upgrade: it is lost",
