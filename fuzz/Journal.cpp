@@ -11,14 +11,10 @@
 
 namespace {
 
-template <typename Value>
-std::string Printed(const Value& value) {
+std::string Printed(const Journal& journal) {
+    std::string head;
     std::string text;
-    const Trouble trouble = Print(value, [&text](std::string_view block) -> Trouble {
-        text += block;
-        return std::nullopt;
-    });
-    judge::Holds("printing has no trouble of its own", !trouble);
+    for (const std::string_view block : Print(journal, head)) text += block;
     return text;
 }
 
@@ -50,10 +46,10 @@ void JudgeJournal(const std::string& text, std::size_t blockSize) {
 void JudgeReceipt(const std::string& text) {
     Receipt receipt;
     if (Parse(text, receipt)) return;
-    const std::string printed = Printed(receipt);
+    const std::string printed = Print(receipt);
     Receipt again;
     judge::Equal("the receipt, read again,", Parse(printed, again).value_or(""), std::string());
-    judge::Equal("the receipt, printed twice", Printed(again), printed);
+    judge::Equal("the receipt, printed twice", Print(again), printed);
 }
 
 }  // namespace

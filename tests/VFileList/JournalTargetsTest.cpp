@@ -85,7 +85,7 @@ TEST(JournalTargetsTest, AreWalkedThroughFromTheBeginningEachTime) {
     EXPECT_THAT(paths(), ElementsAre("a", "b"));
 }
 
-TEST(JournalTargetsTest, TakeAboutAHundredBytesEachBesideTheirPaths) {
+TEST(JournalTargetsTest, TakeLessThan150BytesEachBesideTheirPaths) {
     constexpr std::size_t kTargets = 20000;
     const JournalTarget target{std::string(40, 'p'), {std::string(40, 's')}, OldFile()};
     const auto used = [] {

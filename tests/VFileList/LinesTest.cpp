@@ -24,34 +24,15 @@ TEST(LinesTest, AnyTextIsOnePrintableWordAndIsReadAsItWas) {
     EXPECT_EQ(Word("a b%"), "a%20b%25");
 }
 
-TEST(LinesTest, AreHandedOutInBlocksUntilTheSinkHasTrouble) {
-    std::vector<std::size_t> blocks;
-    const Sink sink = [&blocks](std::string_view block) {
-        blocks.push_back(block.size());
-        return blocks.size() == 2 ? Trouble("full") : Trouble();
-    };
-    LinePrinter printer(sink);
-    const std::string word(1000, 'x');
-    for (int i = 0; i < 300; ++i) printer.Line("name", word, i);
-    EXPECT_EQ(printer.Finish(), "full");
-
-    ASSERT_EQ(blocks.size(), 2u) << "nothing comes after a trouble";
-    EXPECT_GE(blocks[0], 65536u);
-    EXPECT_LT(blocks[0], 65536u + 1100u);
-}
-
-TEST(LinesTest, EndsShortTextsWithTheirLastLine) {
-    std::string text;
-    const Sink sink = [&text](std::string_view block) -> Trouble {
-        text += block;
-        return std::nullopt;
-    };
-    LinePrinter printer(sink);
+TEST(LinesTest, AreAddedToTheText) {
+    std::string text = "before\n";
+    LinePrinter printer(text);
     printer.Line("first");
-    printer.Line("second", std::string("word"), -5, 7u);
+    printer.Line("second", std::string("a word"), -5, 7u, Owner{1, 2});
+    printer.Line("third", DigestOf("text"));
     printer.Attributes({{"user.a", "x y"}, {"user.b", ""}});
-    EXPECT_EQ(printer.Finish(), std::nullopt);
-    EXPECT_EQ(text, "first\nsecond word -5 7\nattribute user.a x%20y\nattribute user.b %\n");
+    EXPECT_EQ(text, "before\nfirst\nsecond a%20word -5 7 1 2\nthird " + HexOf(DigestOf("text")) +
+                        "\nattribute user.a x%20y\nattribute user.b %\n");
 }
 
 // Whether the line is a number, and nothing else.

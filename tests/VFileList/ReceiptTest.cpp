@@ -22,17 +22,6 @@ using testing::Pair;
 
 const std::string kFirstLine = "vfilelist-receipt 1\n";
 
-std::string Print(const Receipt& receipt) {
-    std::string text;
-    EXPECT_EQ(Print(receipt,
-                    [&text](std::string_view block) -> Trouble {
-                        text += block;
-                        return std::nullopt;
-                    }),
-              std::nullopt);
-    return text;
-}
-
 std::string WhyNot(const std::string& text) {
     Receipt receipt;
     return Parse(text, receipt).value_or("");

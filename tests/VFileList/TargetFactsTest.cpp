@@ -22,7 +22,7 @@ protected:
         const FileList list(package_.ListPath());
         const std::vector<Target> targets = list.Targets();
         EXPECT_EQ(targets.size(), 1u);
-        return TargetExaminer(list).Examine(targets.at(0));
+        return ::Examine(list, targets.at(0));
     }
 
     const Package package_;
@@ -87,7 +87,7 @@ TEST_F(TargetFactsTest, TakesALinkBetweenTheTwoNamesForNoBackup) {
     fs::rename(package_.InstalledPath("tool"), package_.InstalledPath("tool.bak"));
     fs::create_symlink("tool.bak", package_.InstalledPath("tool"));
     EXPECT_FALSE(Examine().hasBackup);
-    EXPECT_EQ(Examine().Observation().backupDoubt, BackupDoubt::kSameFile);
+    EXPECT_EQ(Examine().backupDoubt, BackupDoubt::kSameFile);
 }
 
 TEST_F(TargetFactsTest, TakesALinkToASecondNameOfTheNewFileForABackup) {

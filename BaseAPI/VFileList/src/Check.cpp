@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "CheckParts.h"
-#include "CheckTarget.h"
 
 namespace {
 
@@ -75,7 +74,7 @@ Evidence EvidenceFor(const CheckOptions& options) {
     StateDirectory directory(options.stateDirectory);
     const Trouble trouble = directory.ReadReceipt(evidence.receipt);
     if (trouble && errno != EACCES)
-        evidence.provenance.findings.push_back({&KindOf("E-RECEIPT-UNREADABLE"), "", "", "", "", *trouble});
+        evidence.provenance.findings.push_back(FindingOf("E-RECEIPT-UNREADABLE", "", *trouble));
     return evidence;
 }
 
@@ -83,7 +82,7 @@ Evidence EvidenceFor(const CheckOptions& options) {
 
 std::vector<Finding> FindTrouble(const CheckOptions& options, Output& output) {
     const auto unreadable = [&options](const std::string& trouble) -> std::vector<Finding> {
-        return {{&KindOf("E-INI-UNREADABLE"), "", "", "", options.iniPath, trouble}};
+        return {FindingOf("E-INI-UNREADABLE", options.iniPath, trouble)};
     };
     if (const Trouble trouble = FileList::WhyUnreadable(options.iniPath)) return unreadable(*trouble);
     const FileList list(options.iniPath, options.root);

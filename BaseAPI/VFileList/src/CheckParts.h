@@ -16,6 +16,7 @@
 #include "Findings.h"
 #include "Manifest.h"
 #include "PlannedFiles.h"
+#include "Processes.h"
 
 // What the parts share.
 struct Inspection {
@@ -50,6 +51,41 @@ void CheckUnlisted(Inspection& inspection);
 
 // An entry's text, and the package's file. Returns the file's status if it is a regular one.
 std::optional<struct stat> CheckSource(Inspection& inspection, const Entry& entry);
+// The installed files: what they are, what the passes would do to them, and who uses them.
+class TargetChecker {
+public:
+    explicit TargetChecker(Inspection& inspection);
+
+    // A target by one of its entries, in a directory that is one. `source` is the status of the
+    // package's file, if there is one.
+    void Check(const Entry& entry, const std::optional<struct stat>& source);
+    // Who uses the files, when all are known.
+    void CheckUsers();
+
+private:
+    struct Look {
+        std::string path;  // as it is shown
+        PlannedFile file;  // what bears the name
+        PlannedFile behind;
+        PlannedFile backup;
+        struct stat directory;
+        std::optional<struct stat> source;
+    };
+
+    void CheckUnusable(const Entry& entry, const Look& look);
+    void CheckInstalled(const Entry& entry, const Look& look);
+    void CheckLinks(const Entry& entry, const Look& look);
+    void NoteRenamed();
+    void CheckBackup(const Entry& entry, const Look& look);
+    bool IsBackupItself(const Entry& entry, const Look& look) const;
+
+    Inspection& inspection_;
+    std::optional<PlannedFiles> renamed_;  // the files as -rename leaves them so far, from the first link on
+    struct stat fileList_ {};
+    const std::set<FileId> tool_ = FilesOfTheTool();
+    std::vector<std::pair<FileId, const Entry*>> installed_;
+};
+
 // What CheckUnlisted finds, and who else may write the package.
 void CheckPackage(Inspection& inspection);
 

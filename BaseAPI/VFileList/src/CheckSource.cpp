@@ -120,7 +120,7 @@ void CheckUnlisted(Inspection& inspection) {
     // What can't be looked at may be anything.
     if (error && inspection.manifest != nullptr) {
         inspection.findings.push_back(
-            {&KindOf("E-MANIFEST-DIFFERS"), "", "", "", list.sourceDirectory(), error.message()});
+            FindingOf("E-MANIFEST-DIFFERS", list.sourceDirectory(), error.message()));
     }
     const bool isManifest = inspection.manifest != nullptr;
     for (const std::string& path : unlisted) {
@@ -152,7 +152,6 @@ void CheckPackage(Inspection& inspection) {
         struct stat status {};
         if (stat(path.c_str(), &status) != 0) continue;
         const std::string others = WhoElseWrites(status);
-        if (others.empty()) continue;
-        inspection.findings.push_back({&KindOf("W-OTHERS-WRITE"), "", "", "", path, others});
+        if (!others.empty()) inspection.findings.push_back(FindingOf("W-OTHERS-WRITE", path, others));
     }
 }

@@ -51,8 +51,8 @@ void SpaceNeeds::FindShortages(std::vector<Finding>& findings) const {
         const bool hasInodes = system.f_files == 0 || need.inodes <= inodes;
         if (need.bytes <= bytes && hasInodes) continue;
         const std::string free = system.f_files == 0 ? ShownSize(bytes) : Shown(bytes, inodes);
-        findings.push_back({&KindOf("W-SPACE"), "", "", "", need.directory,
-                            Shown(need.bytes, need.inodes) + " are needed, " + free + " are free"});
+        findings.push_back(FindingOf("W-SPACE", need.directory,
+                                     Shown(need.bytes, need.inodes) + " are needed, " + free + " are free"));
     }
 }
 

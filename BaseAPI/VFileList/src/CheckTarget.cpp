@@ -1,6 +1,4 @@
 // Checks the installed files: what they are, what the passes would do to them, and who uses them.
-#include "CheckTarget.h"
-
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -8,6 +6,7 @@
 #include <sstream>
 
 #include "Attributes.h"
+#include "CheckParts.h"
 #include "Output.h"
 #include "TargetFacts.h"
 
@@ -142,8 +141,7 @@ void TargetChecker::CheckBackup(const Entry& entry, const Look& look) {
         inspection_.Add("E-BACKUP-DIRECTORY", entry, path);
     } else if (IsBackupItself(entry, look)) {
         inspection_.Add("E-BACKUP-SAME-FILE", entry, path);
-    } else if (IsUpgradeBegun(comparer_, look.behind.origin, look.backup.origin,
-                              inspection_.list.SourceOf(entry))) {
+    } else if (IsUpgradeBegun(look.behind.origin, look.backup.origin, inspection_.list.SourceOf(entry))) {
         inspection_.Add("E-UPGRADE-UNFINISHED", entry, path);
     } else {
         inspection_.Add("W-OLD-BACKUP", entry, path);

@@ -68,6 +68,8 @@ public:
 
     const TargetList& ListOf(const Entry& entry) const { return lists()[entry.list]; }
     const std::string& KeyOf(const Entry& entry) const { return ListOf(entry).keys[entry.key].name; }
+    // The entry whose file stands there at the end: the last of those that go there.
+    const Entry& EntryOf(const Target& target) const { return entries()[target.entries.back()]; }
     std::string SourceOf(const Entry& entry) const { return sourceDirectory_ + entry.text; }
     std::string TargetOf(const Entry& entry) const;
     std::string BackupOf(const Entry& entry) const;

@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -17,6 +19,8 @@ namespace {
 
 // Two of them fit into a processor's second-level cache, which makes comparing as fast as reading.
 constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
+// Blocks are kept: to clear one for each file takes longer than to compare small files.
+using Block = std::array<char, kBlockSize>;
 
 // Opens a regular file. Fails, with the cause in `trouble`, for everything else: reading a pipe may never
 // end, and opening a device may set it to work.
@@ -39,7 +43,7 @@ int OpenRegular(const std::string& path, struct stat& status, std::string& troub
 }
 
 // Fills the block, unless the file ends before. Nothing, with errno set, when reading fails.
-std::optional<std::size_t> Fill(int fd, std::vector<char>& block) {
+std::optional<std::size_t> Fill(int fd, Block& block) {
     std::size_t length = 0;
     while (length < block.size()) {
         const ssize_t count = read(fd, block.data() + length, block.size() - length);
@@ -50,12 +54,35 @@ std::optional<std::size_t> Fill(int fd, std::vector<char>& block) {
     return length;
 }
 
+// As Fill, but says what can't be read.
+std::optional<std::size_t> Fill(const Descriptor& file, const std::string& path, Block& block,
+                                std::string& trouble) {
+    const std::optional<std::size_t> length = Fill(file.get(), block);
+    if (!length) trouble = TroubleWith(path, errno);
+    return length;
+}
+
+// How many bytes two blocks have in common at their beginnings.
+std::size_t SameBytes(const Block& block, const Block& other, std::size_t length) {
+    if (std::memcmp(block.data(), other.data(), length) == 0) return length;
+    const auto* const end = block.begin() + length;
+    return static_cast<std::size_t>(std::mismatch(block.begin(), end, other.begin()).first - block.begin());
+}
+
+// A part, if the file has nothing but zeros from `begin` of the block on, which is filled so far.
+Content CompareWithZeros(const Descriptor& file, const std::string& path, Block& block, std::size_t begin,
+                         std::optional<std::size_t> length, std::string& trouble) {
+    const auto isZero = [](char byte) { return byte == '\0'; };
+    for (; length; length = Fill(file, path, block, trouble), begin = 0) {
+        if (!std::all_of(block.begin() + begin, block.begin() + *length, isZero)) return Content::kOther;
+        if (*length < block.size()) return Content::kPart;
+    }
+    return Content::kUnreadable;
+}
+
 }  // namespace
 
-ContentComparer::ContentComparer() : block_(kBlockSize), packageBlock_(kBlockSize) {}
-
-Content ContentComparer::Compare(const std::string& path, const std::string& packagePath,
-                                 std::string& trouble) {
+Content Compare(const std::string& path, const std::string& packagePath, std::string& trouble) {
     struct stat status {};
     struct stat packageStatus {};
     const Descriptor package(OpenRegular(packagePath, packageStatus, trouble));
@@ -65,52 +92,18 @@ Content ContentComparer::Compare(const std::string& path, const std::string& pac
 
     // A copy is never longer than what it copies.
     if (status.st_size > packageStatus.st_size) return Content::kOther;
-    const Content content = CompareOpen(file.get(), package.get());
-    if (content == Content::kUnreadable) {
-        trouble = TroubleWith(unreadable_ == file.get() ? path : packagePath, errno);
-    }
-    return content;
-}
-
-Content ContentComparer::CompareOpen(int fd, int packageFd) {
+    static Block block;
+    static Block packageBlock;
     for (;;) {
-        std::size_t length = 0;
-        std::size_t packageLength = 0;
-        if (!Fill(fd, block_, length) || !Fill(packageFd, packageBlock_, packageLength)) {
-            return Content::kUnreadable;
-        }
-        const std::size_t common = std::min(length, packageLength);
-        if (std::memcmp(block_.data(), packageBlock_.data(), common) != 0) {
-            const char* const difference =
-                std::mismatch(block_.data(), block_.data() + common, packageBlock_.data()).first;
-            const auto begin = static_cast<std::size_t>(difference - block_.data());
-            return CompareRestWithZero(fd, begin, length);
-        }
-        if (length != packageLength) return length < packageLength ? Content::kPart : Content::kOther;
-        if (length < kBlockSize) return Content::kSame;
-    }
-}
-
-bool ContentComparer::Fill(int fd, std::vector<char>& block, std::size_t& length) {
-    const std::optional<std::size_t> filled = ::Fill(fd, block);
-    if (!filled) {
-        unreadable_ = fd;
-        return false;
-    }
-    length = *filled;
-    bytesRead_ += length;
-    return true;
-}
-
-// Looks at what the block holds from `begin` on, and at the rest of the file.
-Content ContentComparer::CompareRestWithZero(int fd, std::size_t begin, std::size_t length) {
-    for (;;) {
-        const auto isZero = [](char byte) { return byte == '\0'; };
-        if (!std::all_of(block_.data() + begin, block_.data() + length, isZero)) return Content::kOther;
-        if (length < block_.size()) return Content::kPart;
-        begin = 0;
-        length = 0;
-        if (!Fill(fd, block_, length)) return Content::kUnreadable;
+        const std::optional<std::size_t> length = Fill(file, path, block, trouble);
+        if (!length) return Content::kUnreadable;
+        const std::optional<std::size_t> packageLength = Fill(package, packagePath, packageBlock, trouble);
+        if (!packageLength) return Content::kUnreadable;
+        const std::size_t common = std::min(*length, *packageLength);
+        const std::size_t same = SameBytes(block, packageBlock, common);
+        if (same < common) return CompareWithZeros(file, path, block, same, length, trouble);
+        if (*length != *packageLength) return *length < *packageLength ? Content::kPart : Content::kOther;
+        if (*length < block.size()) return Content::kSame;
     }
 }
 
@@ -156,8 +149,8 @@ std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string&
     const Descriptor package(OpenRegular(packagePath, status, trouble));
     if (!file || !package) return std::nullopt;
 
-    std::vector<char> block(kBlockSize);
-    std::vector<char> packageBlock(kBlockSize);
+    static Block block;
+    static Block packageBlock;
     for (;;) {
         const std::optional<std::size_t> length = Fill(file.get(), block);
         const std::optional<std::size_t> packageLength = Fill(package.get(), packageBlock);
@@ -173,12 +166,11 @@ std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string&
     }
 }
 
-bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const std::string& backupPath,
-                    const std::string& packagePath) {
+bool IsUpgradeBegun(const std::string& path, const std::string& backupPath, const std::string& packagePath) {
     std::string trouble;
-    const Content content = comparer.Compare(path, packagePath, trouble);
+    const Content content = Compare(path, packagePath, trouble);
     return (content == Content::kSame || content == Content::kPart) &&
-           comparer.Compare(path, backupPath, trouble) != Content::kSame;
+           Compare(path, backupPath, trouble) != Content::kSame;
 }
 
 bool IsSameMoment(const timespec& left, const timespec& right) {

@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "Trouble.h"
 
@@ -39,28 +38,9 @@ enum class Content {
     kUnreadable,  // one of the two can't be read
 };
 
-// Compares files block by block; the memory it takes does not depend on their sizes.
-class ContentComparer {
-public:
-    ContentComparer();
-
-    // What the regular file `path` holds beside the package's regular file `packagePath`. Both may be links.
-    // After kUnreadable, `trouble` says which file can't be read and why.
-    Content Compare(const std::string& path, const std::string& packagePath, std::string& trouble);
-
-    // The bytes that were read of both files since the start.
-    unsigned long long bytesRead() const { return bytesRead_; }
-
-private:
-    Content CompareOpen(int fd, int packageFd);
-    bool Fill(int fd, std::vector<char>& block, std::size_t& length);
-    Content CompareRestWithZero(int fd, std::size_t begin, std::size_t length);
-
-    std::vector<char> block_;
-    std::vector<char> packageBlock_;
-    unsigned long long bytesRead_ = 0;
-    int unreadable_ = -1;  // the descriptor that could not be read
-};
+// What the regular file `path` holds beside the package's regular file `packagePath`, both of which may be
+// links. After kUnreadable, `trouble` says which file can't be read and why.
+Content Compare(const std::string& path, const std::string& packagePath, std::string& trouble);
 
 // Hands out the content of the file, block by block, or has it whole. Both return 0 or an errno, and open no
 // device: it may never end.
@@ -81,8 +61,7 @@ std::optional<bool> IsUnfinishedCopy(const std::string& path, const std::string&
 
 // `path` holds the package's file or a beginning of it, and the backup something else: an upgrade has been
 // begun, and the backup is the only copy of the old file.
-bool IsUpgradeBegun(ContentComparer& comparer, const std::string& path, const std::string& backupPath,
-                    const std::string& packagePath);
+bool IsUpgradeBegun(const std::string& path, const std::string& backupPath, const std::string& packagePath);
 
 bool IsSameMoment(const timespec& left, const timespec& right);
 

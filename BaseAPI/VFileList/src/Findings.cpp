@@ -173,3 +173,7 @@ const FindingKind& KindOf(const std::string& code) {
     }
     throw std::logic_error("no finding has the code " + code);
 }
+
+Finding FindingOf(const char* code, const std::string& path, const std::string& detail) {
+    return {&KindOf(code), "", "", "", path, detail};
+}

@@ -29,4 +29,7 @@ struct Finding {
     std::string detail;  // the particulars; may be empty
 };
 
+// Of the package or the machine, not of one list or entry.
+Finding FindingOf(const char* code, const std::string& path, const std::string& detail);
+
 #endif

@@ -29,29 +29,32 @@ Trouble SetAttributes(int fd, const JournalTarget& target) {
     return fchmod(fd, target.package.mode) == 0 ? Trouble() : std::strerror(errno);
 }
 
-// Whether every backup is the old file as it was; or gone, where that may be.
-bool AreBackups(bool mayBeGone, const Journal& journal, std::vector<Remark>& remarks) {
+// Whether all targets and their backups are as they have to be. Those that are not are told.
+template <typename IsRight>
+bool AreAll(const Journal& journal, const char* otherwise, std::vector<Remark>& remarks, IsRight isRight) {
     const std::size_t before = remarks.size();
     for (const JournalTarget& target : journal.targets) {
-        const TargetNow now = LookAt(target, Phase::kRenaming);
-        const bool isGone = now.backup == Found::kNothing && (mayBeGone || !target.old);
-        if (isGone || (now.backup == Found::kOld && !now.isOldChanged)) continue;
-        remarks.push_back({target.path, kNotOurs, true});
+        if (!isRight(target)) remarks.push_back({target.path, otherwise, true});
     }
     return remarks.size() == before;
+}
+
+// Whether the backup is the old file as it was; or gone, where that may be.
+bool IsBackup(const JournalTarget& target, bool mayBeGone) {
+    const TargetNow now = LookAt(target, Phase::kRenaming);
+    if (now.backup == Found::kNothing) return mayBeGone || !target.old;
+    return now.backup == Found::kOld && !now.isOldChanged;
 }
 
 }  // namespace
 
 bool IsRenamed(const Journal& journal, std::vector<Remark>& remarks) {
-    const std::size_t before = remarks.size();
-    for (const JournalTarget& target : journal.targets) {
+    const char* const otherwise = "another process changed it, or NAME.bak, during -rename";
+    return AreAll(journal, otherwise, remarks, [](const JournalTarget& target) {
         const TargetNow now = LookAt(target, Phase::kRenaming);
         const bool isBackedUp = now.backup == (target.old ? Found::kOld : Found::kNothing);
-        if (now.name == Found::kNothing && isBackedUp && !now.isOldChanged) continue;
-        remarks.push_back({target.path, "another process changed it, or NAME.bak, during -rename", true});
-    }
-    return remarks.size() == before;
+        return now.name == Found::kNothing && isBackedUp && !now.isOldChanged;
+    });
 }
 
 Trouble Install(const JournalTarget& target, Stamp& stamp) {
@@ -87,19 +90,20 @@ Trouble InstallDirectories(const Journal& journal) {
 }
 
 bool IsInstalled(const Journal& journal, const std::vector<Stamp>& stamps, std::vector<Remark>& remarks) {
-    const std::size_t before = remarks.size();
     auto stamp = stamps.begin();
-    for (const JournalTarget& target : journal.targets) {
+    const auto isUntouched = [&stamp](const JournalTarget& target) {
         const Stamp& expected = *stamp++;
         struct stat status {};
-        if (lstat(target.path.c_str(), &status) == 0 && IsSame(StampOf(status), expected)) continue;
-        remarks.push_back({target.path, "another process changed it after -copy", true});
-    }
-    return AreBackups(false, journal, remarks) && remarks.size() == before;
+        return lstat(target.path.c_str(), &status) == 0 && IsSame(StampOf(status), expected);
+    };
+    const auto hasBackup = [](const JournalTarget& target) { return IsBackup(target, false); };
+    const bool areUntouched = AreAll(journal, "another process changed it after -copy", remarks, isUntouched);
+    return AreAll(journal, kNotOurs, remarks, hasBackup) && areUntouched;
 }
 
 bool AreBackupsOurs(const Journal& journal, std::vector<Remark>& remarks) {
-    return AreBackups(true, journal, remarks);
+    return AreAll(journal, kNotOurs, remarks,
+                  [](const JournalTarget& target) { return IsBackup(target, true); });
 }
 
 // -clean passes over links that point nowhere. A file that somebody has made since may bear the number of the

@@ -44,8 +44,8 @@ struct Journal {
     JournalTargets targets;
 };
 
-// Hands the journal's text to the sink, block by block. Returns the sink's first trouble.
-Trouble Print(const Journal& journal, const Sink& sink);
+// The journal's text, which begins in `head`, block by block. Both have to outlive it.
+std::vector<std::string_view> Print(const Journal& journal, std::string& head);
 
 // Reads what Print has written. That the text is whole is for its keeper to know.
 class JournalParser {
@@ -58,6 +58,7 @@ public:
 
 private:
     void AddLine(LineScanner& scanner);
+    void AddTargetLine(std::string_view name, LineScanner& scanner);
     void AddTarget();
 
     Journal journal_;

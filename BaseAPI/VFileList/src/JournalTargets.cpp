@@ -1,122 +1,49 @@
-// Packs targets into bytes, and takes them out again.
+// Writes targets down as lines, and reads them again.
 #include "JournalTargets.h"
-
-#include <cstdint>
-#include <cstring>
-#include <type_traits>
-#include <utility>
 
 namespace {
 
 constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
-// What is packed first of every target, and of its old file.
-struct PackedNew {
-    off_t size;
-    Digest digest;
-    mode_t mode;
-    bool hasOwner;
-    bool hasOld;
-};
-struct PackedOld {
-    ino_t inode;
-    off_t size;
-    std::time_t seconds;
-    std::uint32_t nanoseconds;
-    std::uint32_t attributes;
-    mode_t mode;
-    Owner owner;
-    bool isLink;
-};
-
-template <typename Value>
-void Put(const Value& value, std::string& bytes) {
-    static_assert(std::is_trivially_copyable_v<Value>, "its bytes are all of it");
-    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
-void Put(const std::string& text, std::string& bytes) {
-    Put(static_cast<std::uint32_t>(text.size()), bytes);
-    bytes += text;
-}
-
-void Put(const OldFile& old, std::string& bytes) {
-    const Attributes& attributes = old.attributes;
-    PackedOld packed{};
-    packed.inode = old.inode;
-    packed.size = old.size;
-    packed.seconds = old.modified.tv_sec;
-    packed.nanoseconds = static_cast<std::uint32_t>(old.modified.tv_nsec);
-    packed.attributes = static_cast<std::uint32_t>(attributes.extended.size());
-    packed.mode = attributes.mode;
-    packed.owner = {attributes.user, attributes.group};
-    packed.isLink = old.isLink;
-    Put(packed, bytes);
-    for (const ExtendedAttribute& attribute : attributes.extended) {
-        Put(attribute.name, bytes);
-        Put(attribute.value, bytes);
-    }
-}
-
-void Put(const JournalTarget& target, std::string& bytes) {
+void PrintTarget(const JournalTarget& target, LinePrinter& printer) {
     const NewFile& package = target.package;
-    Put(PackedNew{package.size, package.digest, package.mode, package.owner.has_value(),
-                  target.old.has_value()},
-        bytes);
-    Put(target.path, bytes);
-    Put(package.source, bytes);
-    if (package.owner) Put(*package.owner, bytes);
-    if (target.old) Put(*target.old, bytes);
+    printer.Line(kTargetLine, target.path);
+    printer.Line("new", package.source, package.size, package.mode, package.digest);
+    if (package.owner) printer.Line("owner", *package.owner);
+    if (!target.old) return;
+
+    const OldFile& old = *target.old;
+    printer.Line("old", std::string(old.isLink ? "link" : "file"), old.inode, old.size, old.modified.tv_sec,
+                 old.modified.tv_nsec, old.attributes.mode, old.attributes.user, old.attributes.group);
+    printer.Attributes(old.attributes.extended);
 }
 
-// Takes out what was put in, in the same order.
-class Unpacker {
-public:
-    Unpacker(const std::string& bytes, std::size_t& next) : bytes_(bytes), next_(next) {}
-
-    template <typename Value>
-    Value Take() {
-        Value value{};
-        std::memcpy(&value, bytes_.data() + next_, sizeof value);
-        next_ += sizeof value;
-        return value;
-    }
-    std::string TakeText() {
-        const std::size_t size = Take<std::uint32_t>();
-        next_ += size;
-        return bytes_.substr(next_ - size, size);
-    }
-
-private:
-    const std::string& bytes_;
-    std::size_t& next_;
-};
-
-OldFile TakeOld(Unpacker& unpacker) {
-    const auto packed = unpacker.Take<PackedOld>();
-    OldFile old{packed.isLink,
-                packed.inode,
-                packed.size,
-                {packed.seconds, static_cast<long>(packed.nanoseconds)},
-                {packed.mode, packed.owner.user, packed.owner.group, {}}};
-    for (std::uint32_t i = 0; i < packed.attributes; ++i) {
-        std::string name = unpacker.TakeText();
-        old.attributes.extended.push_back({std::move(name), unpacker.TakeText()});
-    }
-    return old;
-}
-
-JournalTarget TakeTarget(Unpacker& unpacker) {
-    const auto packed = unpacker.Take<PackedNew>();
-    JournalTarget target;
-    target.path = unpacker.TakeText();
-    target.package = {unpacker.TakeText(), packed.size, packed.mode, packed.digest};
-    if (packed.hasOwner) target.package.owner = unpacker.Take<Owner>();
-    if (packed.hasOld) target.old = TakeOld(unpacker);
-    return target;
+void ReadOld(LineScanner& scanner, OldFile& old) {
+    const std::string_view kind = scanner.Next();
+    old.isLink = kind == "link";
+    if (!old.isLink && kind != "file") scanner.Fail();
+    scanner.Into(old.inode, old.size, old.modified.tv_sec, old.modified.tv_nsec, old.attributes.mode,
+                 old.attributes.user, old.attributes.group);
 }
 
 }  // namespace
+
+void ReadLine(std::string_view name, LineScanner& scanner, JournalTarget& target) {
+    NewFile& package = target.package;
+    if (name == kTargetLine) {
+        scanner.Into(target.path);
+    } else if (name == "new") {
+        scanner.Into(package.source, package.size, package.mode, package.digest);
+    } else if (name == "owner") {
+        scanner.Into(package.owner.emplace());
+    } else if (name == "old") {
+        ReadOld(scanner, target.old.emplace());
+    } else if (name == "attribute" && target.old) {
+        scanner.Into(target.old->attributes.extended.emplace_back());
+    } else {
+        scanner.Fail();
+    }
+}
 
 std::optional<Attributes> JournalTarget::Wanted() const {
     if (old) return old->attributes;
@@ -133,7 +60,8 @@ void JournalTargets::push_back(const JournalTarget& target) {
         if (!blocks_.empty()) blocks_.back().shrink_to_fit();
         blocks_.emplace_back();
     }
-    Put(target, blocks_.back());
+    LinePrinter printer(blocks_.back());
+    PrintTarget(target, printer);
     ++size_;
 }
 
@@ -148,7 +76,14 @@ JournalTargets::Iterator& JournalTargets::Iterator::operator++() {
         next_ = 0;
     }
     if (block_ == blocks_.size()) return *this;
-    Unpacker unpacker(blocks_[block_], next_);
-    target_ = TakeTarget(unpacker);
+    target_ = {};
+    std::string_view rest = std::string_view(blocks_[block_]).substr(next_);
+    do {
+        const std::size_t end = rest.find('\n');
+        LineScanner scanner(rest.substr(0, end));
+        ReadLine(scanner.Next(), scanner, target_);
+        rest.remove_prefix(end + 1);
+    } while (!rest.empty() && rest.substr(0, kTargetLine.size()) != kTargetLine);
+    next_ = blocks_[block_].size() - rest.size();
     return *this;
 }

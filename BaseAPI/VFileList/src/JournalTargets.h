@@ -10,10 +10,12 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Attributes.h"
 #include "Digest.h"
+#include "Lines.h"
 
 // A file that was there before the upgrade.
 struct OldFile {
@@ -43,8 +45,13 @@ struct JournalTarget {
     std::optional<Attributes> Wanted() const;
 };
 
+// Takes what the line that begins with the word `name` says of the target, which its first line names.
+void ReadLine(std::string_view name, LineScanner& scanner, JournalTarget& target);
+constexpr std::string_view kTargetLine = "target";  // the first word of that
+
 // The targets in the order in which the passes visit them. A server may have hundreds of thousands, and a
-// small memory: they are packed into about 100 bytes each beside their paths, and unpacked one by one.
+// small memory: they are kept as their lines of the journal, less than 150 bytes each beside the paths,
+// and read one by one.
 class JournalTargets {
 public:
     JournalTargets() = default;
@@ -52,6 +59,8 @@ public:
 
     void push_back(const JournalTarget& target);
     std::size_t size() const { return size_; }
+    // All lines, each target's within one block.
+    const std::vector<std::string>& blocks() const { return blocks_; }
 
     // Stands on one target, until the collection is changed.
     class Iterator {

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "Digest.h"
-
 std::string Word(std::string_view text) {
     std::string word;
     for (const char character : text) {
@@ -19,18 +17,8 @@ std::string Word(std::string_view text) {
 
 void LinePrinter::Attributes(const std::vector<ExtendedAttribute>& extended) {
     for (const ExtendedAttribute& attribute : extended) {
-        Line("attribute", Word(attribute.name), Word(attribute.value));
+        Line("attribute", attribute.name, attribute.value);
     }
-}
-
-Trouble LinePrinter::Finish() {
-    Flush();
-    return trouble_;
-}
-
-void LinePrinter::Flush() {
-    if (!trouble_) trouble_ = sink_(text_);
-    text_.clear();
 }
 
 std::string_view LineScanner::Next() {
@@ -55,11 +43,6 @@ std::string LineScanner::Text() {
     }
     isGood_ = isGood_ && !word.empty();
     return text;
-}
-
-ExtendedAttribute LineScanner::Attribute() {
-    std::string name = Text();
-    return {std::move(name), Text()};
 }
 
 void LineReader::Add(std::string_view text) {

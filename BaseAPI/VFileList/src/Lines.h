@@ -13,44 +13,39 @@
 #include <vector>
 
 #include "Attributes.h"
+#include "Digest.h"
 #include "Trouble.h"
-
-// Takes the next block of a text.
-using Sink = std::function<Trouble(std::string_view)>;
 
 std::string Word(std::string_view text);
 
-// Writes lines, and hands them to the sink block by block.
+// Adds lines to a text.
 class LinePrinter {
 public:
-    explicit LinePrinter(const Sink& sink) : sink_(sink) {}
+    explicit LinePrinter(std::string& text) : text_(text) {}
 
-    template <typename... Words>
-    void Line(std::string_view name, const Words&... words) {
+    // The values are texts, numbers, digests and owners.
+    template <typename... Values>
+    void Line(std::string_view name, const Values&... values) {
         text_ += name;
-        (Append(words), ...);
+        (Append(values), ...);
         text_ += '\n';
-        if (text_.size() >= kBlockSize) Flush();
     }
     // A line for each attribute.
     void Attributes(const std::vector<ExtendedAttribute>& extended);
 
-    // The sink's first trouble.
-    Trouble Finish();
-
 private:
-    static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
-
-    void Append(const std::string& word) { (text_ += ' ') += word; }
+    void Append(const std::string& text) { (text_ += ' ') += Word(text); }
+    void Append(const Digest& digest) { Append(HexOf(digest)); }
+    void Append(const Owner& owner) {
+        Append(owner.user);
+        Append(owner.group);
+    }
     template <typename Number>
     void Append(Number number) {
         Append(std::to_string(number));
     }
-    void Flush();
 
-    const Sink& sink_;
-    std::string text_;
-    Trouble trouble_;
+    std::string& text_;
 };
 
 // Takes a line apart into words. What does not fit is noted, and asked for once at the end.
@@ -61,19 +56,10 @@ public:
     std::string_view Next();
     // What Word has made a word of.
     std::string Text();
-    ExtendedAttribute Attribute();
-
-    template <typename Number>
-    void Into(Number& number) {
-        const std::string_view word = Next();
-        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
-        isGood_ = isGood_ && error == std::errc() && end == word.data() + word.size();
-    }
-
-    template <typename Value>
-    Value Expect(std::optional<Value> value) {
-        isGood_ = isGood_ && value.has_value();
-        return value.value_or(Value{});
+    // The next values, as Line has written them.
+    template <typename... Values>
+    void Into(Values&... values) {
+        (Take(values), ...);
     }
 
     void Fail() { isGood_ = false; }
@@ -81,6 +67,22 @@ public:
     bool IsDone() const { return isGood_ && line_.empty(); }
 
 private:
+    void Take(std::string& text) { text = Text(); }
+    void Take(Digest& digest) { digest = Expect(DigestFromHex(Next())); }
+    void Take(Owner& owner) { Into(owner.user, owner.group); }
+    void Take(ExtendedAttribute& attribute) { Into(attribute.name, attribute.value); }
+    template <typename Number>
+    void Take(Number& number) {
+        const std::string_view word = Next();
+        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+        isGood_ = isGood_ && error == std::errc() && end == word.data() + word.size();
+    }
+    template <typename Value>
+    Value Expect(std::optional<Value> value) {
+        isGood_ = isGood_ && value.has_value();
+        return value.value_or(Value{});
+    }
+
     std::string_view line_;
     bool isGood_ = true;
 };

@@ -25,24 +25,6 @@ bool IsColourWanted(const std::string& colour) {
     return IsTerminal(STDOUT_FILENO) && (noColour == nullptr || noColour[0] == '\0');
 }
 
-const char* EscapeOf(Style style) {
-    switch (style) {
-        case Style::kBold:
-            return "\033[1m";
-        case Style::kDim:
-            return "\033[2m";
-        case Style::kGood:
-            return "\033[32m";
-        case Style::kWarning:
-            return "\033[33m";
-        case Style::kError:
-            return "\033[31m";
-        case Style::kPlain:
-            break;
-    }
-    return "";
-}
-
 // JSON is UTF-8; what is not becomes U+FFFD.
 std::string Dump(const Json& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -84,7 +66,9 @@ void Output::Line(const std::string& line) {
 }
 
 std::string Output::Paint(Style style, const std::string& text) const {
-    return isColoured_ && style != Style::kPlain ? EscapeOf(style) + text + "\033[0m" : text;
+    constexpr const char* kColours[] = {"", "\033[1m", "\033[2m", "\033[32m", "\033[33m", "\033[31m"};
+    if (!isColoured_ || style == Style::kPlain) return text;
+    return kColours[static_cast<int>(style)] + text + "\033[0m";
 }
 
 void Output::Member(const std::string& name, const Json& value) {

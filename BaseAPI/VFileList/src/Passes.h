@@ -25,8 +25,8 @@ enum class BackupDoubt {
 };
 
 struct TargetObservation {
-    TargetState state;
-    bool hasBackup;
+    TargetState state = TargetState::kMissing;
+    bool hasBackup = false;
     bool isBackupDangling = false;  // a dangling symlink: -clean skips it
     BackupDoubt backupDoubt = BackupDoubt::kNone;
 };

@@ -40,21 +40,10 @@ struct StepName {
 };
 
 StepName NameOf(Step step) {
-    switch (step) {
-        case Step::kMove:
-            return {"rename", Style::kPlain};
-        case Step::kMakeDirectory:
-            return {"mkdir", Style::kPlain};
-        case Step::kCopy:
-            return {"copy", Style::kPlain};
-        case Step::kRemove:
-            return {"remove", Style::kPlain};
-        case Step::kFail:
-            return {"fail", Style::kError};
-        case Step::kSkip:
-            break;
-    }
-    return {"skip", Style::kDim};
+    constexpr StepName kNames[] = {{"rename", Style::kPlain}, {"skip", Style::kDim},
+                                   {"mkdir", Style::kPlain},  {"copy", Style::kPlain},
+                                   {"remove", Style::kPlain}, {"fail", Style::kError}};
+    return kNames[static_cast<int>(step)];
 }
 
 // One that the tool makes gets files.
@@ -105,9 +94,8 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
     files.Move(path, list.BackupOf(entry));
     PlannedStep step{Step::kMove, path, "to NAME.bak", behind.size(), false, IdOf(behind.status)};
     if (backup.kind == FileKind::kNone) return step;
-    ContentComparer comparer;
     const bool isItself = !backup.origin.empty() && behind.origin == backup.origin;
-    step.isHarmful = isItself || IsUpgradeBegun(comparer, behind.origin, backup.origin, list.SourceOf(entry));
+    step.isHarmful = isItself || IsUpgradeBegun(behind.origin, backup.origin, list.SourceOf(entry));
     step.detail += isItself         ? ", replacing the file that it leads to: it is lost"
                    : step.isHarmful ? ", replacing the backup of an unfinished upgrade: it is lost"
                                     : ", replacing an older one";

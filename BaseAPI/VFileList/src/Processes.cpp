@@ -1,7 +1,6 @@
 // Walks /proc once, and asks the dynamic linker what it has loaded.
 #include "Processes.h"
 
-#include <fcntl.h>
 #include <link.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -22,14 +21,10 @@ namespace {
 
 constexpr std::size_t kMaxShown = 5;
 
-// The empty text when it can't be read.
+// As far as it can be read.
 std::string TextOf(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     std::string text;
-    char block[4096];
-    for (ssize_t count = 0; (count = read(file.get(), block, sizeof(block))) > 0;) {
-        text.append(block, static_cast<std::size_t>(count));
-    }
+    (void)ReadWhole(path, text);
     return text;
 }
 

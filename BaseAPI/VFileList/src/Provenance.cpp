@@ -38,7 +38,7 @@ void CheckListed(Inspection& inspection, const Manifest& manifest, const Entry& 
 void CheckOwner(Inspection& inspection, const ManifestEntry& entry) {
     const bool isNew = inspection.files.At(entry.path).origin.empty();
     if (!isNew || !inspection.list.root().empty() || OwnerOf(entry)) return;
-    inspection.findings.push_back({&KindOf("E-MANIFEST-INVALID"), "", "", "", entry.path, WhyNoOwner(entry)});
+    inspection.findings.push_back(FindingOf("E-MANIFEST-INVALID", entry.path, WhyNoOwner(entry)));
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ void CheckOwner(Inspection& inspection, const ManifestEntry& entry) {
 Provenance ReadProvenance(const std::string& iniPath, const std::string& trustedDirectory) {
     const std::string path = ManifestPath(CanonicalPath(iniPath).value_or(iniPath));
     const auto refused = [&path](const char* code, const std::string& why) -> Provenance {
-        return {std::nullopt, {{&KindOf(code), "", "", "", path, why}}};
+        return {std::nullopt, {FindingOf(code, path, why)}};
     };
     const bool isSignatureWanted = IsSignatureWanted(trustedDirectory);
     std::string text;
@@ -70,11 +70,11 @@ void CheckManifest(Inspection& inspection, const Manifest& manifest, bool isThor
     const int error = ReadWhole(CanonicalPath(list.iniPath()).value_or(list.iniPath()), text);
     if (error != 0 || DigestOf(text) != manifest.fileListDigest) {
         const std::string why = error != 0 ? std::strerror(error) : "its content is another one";
-        inspection.findings.push_back({&KindOf("E-MANIFEST-DIFFERS"), "", "", "", list.iniPath(), why});
+        inspection.findings.push_back(FindingOf("E-MANIFEST-DIFFERS", list.iniPath(), why));
     }
     std::set<std::string> targets;
     for (const Target& target : list.Targets()) {
-        const Entry& entry = list.entries()[target.entries.back()];
+        const Entry& entry = list.EntryOf(target);
         targets.insert(list.TargetOf(entry));
         CheckListed(inspection, manifest, entry, isThorough);
     }
@@ -82,7 +82,7 @@ void CheckManifest(Inspection& inspection, const Manifest& manifest, bool isThor
         CheckOwner(inspection, entry);
         if (entry.isDirectory || targets.count(entry.path) != 0) continue;
         inspection.findings.push_back(
-            {&KindOf("E-MANIFEST-DIFFERS"), "", "", "", entry.path, "no entry of the list installs it"});
+            FindingOf("E-MANIFEST-DIFFERS", entry.path, "no entry of the list installs it"));
     }
 }
 
@@ -91,7 +91,7 @@ void CheckReceipt(Inspection& inspection, const std::optional<Manifest>& manifes
     const std::string installed = receipt.Release();
     const auto refuse = [&](const std::string& why) {
         inspection.findings.push_back(
-            {&KindOf("E-RELEASE-ORDER"), "", "", "", ManifestPath(inspection.list.iniPath()), why});
+            FindingOf("E-RELEASE-ORDER", ManifestPath(inspection.list.iniPath()), why));
     };
     if (manifest && !installed.empty()) {
         const std::string than = ", and " + installed + " is installed";
@@ -105,7 +105,7 @@ void CheckReceipt(Inspection& inspection, const std::optional<Manifest>& manifes
     }
     if (!isThorough) return;
     for (const Target& target : inspection.list.Targets()) {
-        const Entry& entry = inspection.list.entries()[target.entries.back()];
+        const Entry& entry = inspection.list.EntryOf(target);
         const std::string path = inspection.list.TargetOf(entry);
         const InstalledFile* const file = receipt.Find(path);
         if (file == nullptr) continue;

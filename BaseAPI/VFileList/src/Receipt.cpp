@@ -30,19 +30,13 @@ void ParseLine(LineScanner& scanner, Receipt& receipt, InstalledFile*& last) {
     const std::string_view name = scanner.Next();
     if (name == "upgrade") {
         Installation& installation = receipt.history.emplace_back();
-        installation.release = scanner.Text();
-        installation.fileList = scanner.Text();
-        scanner.Into(installation.begun);
-        scanner.Into(installation.files);
+        scanner.Into(installation.release, installation.fileList, installation.begun, installation.files);
     } else if (name == "file") {
         last = &receipt.files[scanner.Text()];
-        scanner.Into(last->size);
-        last->digest = scanner.Expect(DigestFromHex(scanner.Next()));
-        scanner.Into(last->attributes.mode);
-        scanner.Into(last->attributes.user);
-        scanner.Into(last->attributes.group);
+        Attributes& attributes = last->attributes;
+        scanner.Into(last->size, last->digest, attributes.mode, attributes.user, attributes.group);
     } else if (name == "attribute" && last != nullptr) {
-        last->attributes.extended.push_back(scanner.Attribute());
+        scanner.Into(last->attributes.extended.emplace_back());
     } else {
         scanner.Fail();
     }
@@ -73,19 +67,20 @@ const InstalledFile* Receipt::Find(const std::string& path) const {
     return found == files.end() ? nullptr : &found->second;
 }
 
-Trouble Print(const Receipt& receipt, const Sink& sink) {
-    LinePrinter printer(sink);
+std::string Print(const Receipt& receipt) {
+    std::string text;
+    LinePrinter printer(text);
     printer.Line(kFirstLine);
     for (const Installation& installation : receipt.history) {
-        printer.Line("upgrade", Word(installation.release), Word(installation.fileList), installation.begun,
+        printer.Line("upgrade", installation.release, installation.fileList, installation.begun,
                      installation.files);
     }
     for (const auto& [path, file] : receipt.files) {
-        printer.Line("file", Word(path), file.size, HexOf(file.digest), file.attributes.mode,
-                     file.attributes.user, file.attributes.group);
+        printer.Line("file", path, file.size, file.digest, file.attributes.mode, file.attributes.user,
+                     file.attributes.group);
         printer.Attributes(file.attributes.extended);
     }
-    return printer.Finish();
+    return text;
 }
 
 Trouble Parse(const std::string& text, Receipt& receipt) {

@@ -39,7 +39,7 @@ struct Receipt {
     const InstalledFile* Find(const std::string& path) const;
 };
 
-Trouble Print(const Receipt& receipt, const Sink& sink);
+std::string Print(const Receipt& receipt);
 // Reads what Print has written.
 Trouble Parse(const std::string& text, Receipt& receipt);
 

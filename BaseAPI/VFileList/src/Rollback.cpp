@@ -16,11 +16,19 @@
 
 #include "Attributes.h"
 #include "Files.h"
-#include "RollbackStep.h"
+#include "TargetFacts.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+enum class Action { kRestore, kSetMode, kKeep, kFail, kNothing };
+
+struct RollbackStep {
+    Action action;
+    std::string detail = {};
+    bool isProblem = false;  // not what was asked for
+};
 
 using Counts = std::map<Action, std::size_t>;
 const char kChanged[] = "changed while the rollback ran";
@@ -49,20 +57,78 @@ ActionName NameOf(Action action) {
     return kNames[static_cast<int>(action)];
 }
 
+RollbackStep Problem(const std::string& detail) {
+    return {Action::kKeep, detail, true};
+}
+
+// What can't be looked at, or was not made by this upgrade.
+bool IsForeignBackup(BackupDoubt doubt) {
+    return doubt != BackupDoubt::kNone && doubt != BackupDoubt::kSameFile;
+}
+
+RollbackStep DecideWithoutBackup(const TargetFacts& facts) {
+    switch (facts.state) {
+        case TargetState::kNew:
+            return {Action::kKeep, "the package's, no backup"};
+        case TargetState::kPartial:
+            return {Action::kKeep, "a beginning of the package's file, no backup"};
+        case TargetState::kOld:
+            return {Action::kNothing, "not the package's, no backup"};
+        case TargetState::kMissing:
+            return {Action::kNothing, "not there, no backup"};
+        case TargetState::kUnknown:
+            break;
+    }
+    return {Action::kNothing, facts.detail + "; no backup"};
+}
+
+// Whether the backup goes back. A problem with one target stands in the way of the others, too.
+RollbackStep DecideOnBackup(const TargetFacts& facts) {
+    if (IsForeignBackup(facts.backupDoubt)) return Problem(facts.detail);
+    if (!facts.hasBackup) return DecideWithoutBackup(facts);
+    if (S_ISDIR(facts.backup.st_mode)) return Problem("NAME.bak is a directory");
+    const bool isFree = facts.state == TargetState::kMissing && !facts.isOccupied;
+    if (isFree) return {Action::kRestore};
+    // Anything else may be the installed file itself, beside the forgotten backup of an earlier upgrade.
+    // -copy makes no links.
+    if (!facts.IsFromPackage() || !S_ISREG(facts.status.st_mode)) {
+        return Problem((facts.detail.empty() ? "" : facts.detail + "; ") +
+                       "neither the package's file nor a beginning of it");
+    }
+    if (facts.isBackupDangling) return Problem(facts.detail);
+    return {Action::kRestore};
+}
+
+// Whether the new file gets the mode and the owner of its backup.
+RollbackStep DecideOnMode(const TargetFacts& facts) {
+    const struct stat& wanted = facts.reference;
+    if (IsForeignBackup(facts.backupDoubt)) return Problem(facts.detail);
+    if (!facts.hasBackup) {
+        if (facts.state == TargetState::kMissing) return {Action::kNothing, "not there, no backup"};
+        return {Action::kKeep, "no backup; mode " + ShownMode(facts.status.st_mode) + " and owner " +
+                                   ShownOwner(facts.status) + " stay"};
+    }
+    if (facts.state != TargetState::kNew) return Problem("not the package's file; run -copy first");
+    if (!facts.hasReference) return Problem("NAME.bak is not a regular file, nor a symlink to one");
+    if (!facts.IsModeDifferent() && !facts.IsOwnerDifferent()) return {Action::kNothing, "as its backup"};
+    const std::string owners = ", owner " + ShownOwner(facts.status) + " to " + ShownOwner(wanted);
+    return {Action::kSetMode, ShownMode(facts.status.st_mode) + " to " + ShownMode(wanted.st_mode) +
+                                  (facts.IsOwnerDifferent() ? owners : "")};
+}
+
 RollbackStep Failure(int error) {
     return {Action::kFail, std::strerror(error), true};
 }
 
-std::vector<Item> Examine(const FileList& list, Output& output) {
+std::vector<Item> ExamineAll(const FileList& list, Output& output) {
     const std::vector<Target> targets = list.Targets();
-    TargetExaminer examiner(list);
     std::vector<Item> items;
     items.reserve(targets.size());
     for (const Target& target : targets) {
         output.Progress("rollback: compare", items.size(), targets.size());
-        const Entry& entry = examiner.EntryOf(target);
+        const Entry& entry = list.EntryOf(target);
         items.push_back({list.TargetOf(entry), list.BackupOf(entry), list.ListOf(entry).directory,
-                         examiner.Examine(target)});
+                         Examine(list, target)});
     }
     return items;
 }
@@ -213,7 +279,7 @@ void ShowSummary(Counts& counts, std::size_t problems, bool isRefused, Output& o
 
 int Rollback(const FileList& list, const RollbackOptions& options, Output& output) {
     ShowHead(list, options, output);
-    std::vector<Item> items = Examine(list, output);
+    std::vector<Item> items = ExamineAll(list, output);
     options.isOnlyModes ? FollowReferences(items) : FollowDanglingLinks(items);
     const bool isRefused = Decide(items, options);
     Counts counts;

@@ -97,21 +97,8 @@ fs::path UsualDirectory() {
 }  // namespace
 
 const char* NameOf(Phase phase) {
-    switch (phase) {
-        case Phase::kRenaming:
-            return "renaming";
-        case Phase::kCopying:
-            return "copying";
-        case Phase::kInstalled:
-            return "installed";
-        case Phase::kUndoing:
-            return "undoing";
-        case Phase::kCleaning:
-            return "cleaning";
-        case Phase::kNone:
-            break;
-    }
-    return "none";
+    constexpr const char* kNames[] = {"none", "renaming", "copying", "installed", "undoing", "cleaning"};
+    return kNames[static_cast<int>(phase)];
 }
 
 Trouble StateDirectory::Enter() {
@@ -167,22 +154,17 @@ Trouble StateDirectory::KeepList(const std::string& text, const std::string& com
 
 Trouble StateDirectory::Begin(const Journal& journal) {
     if (Trouble trouble = SyncAbove(path_)) return trouble;
+    std::string head;
+    const std::vector<std::string_view> blocks = Print(journal, head);
+    if (Trouble trouble = WriteDurably(kJournalFile, blocks)) return trouble;
     Hasher hasher;
-    const auto print = [&](const Sink& sink) {
-        const Sink hashed = [&](std::string_view block) {
-            hasher.Add(block);
-            return sink(block);
-        };
-        return Print(journal, hashed);
-    };
-    if (Trouble trouble = WriteDurably(kJournalFile, print)) return trouble;
+    for (const std::string_view block : blocks) hasher.Add(block);
     journalDigest_ = hasher.Finish();
     return Write({Phase::kRenaming, Phase::kNone});
 }
 
 Trouble StateDirectory::Write(const State& state) {
-    const std::string text = Print(state, journalDigest_);
-    return WriteDurably(kStateFile, [&text](const Sink& sink) { return sink(text); });
+    return WriteDurably(kStateFile, {Print(state, journalDigest_)});
 }
 
 // The state goes first: a journal without one is not open.
@@ -208,7 +190,7 @@ Trouble StateDirectory::ReadReceipt(Receipt& receipt) const {
 }
 
 Trouble StateDirectory::WriteReceipt(const Receipt& receipt) const {
-    return WriteDurably(kReceiptFile, [&receipt](const Sink& sink) { return Print(receipt, sink); });
+    return WriteDurably(kReceiptFile, {Print(receipt)});
 }
 
 Trouble StateDirectory::KeepRescue(const Journal& journal) {
@@ -235,16 +217,16 @@ Trouble StateDirectory::KeepRescue(const Journal& journal) {
     return Sync(rescue);
 }
 
-Trouble StateDirectory::WriteDurably(const char* name,
-                                     const std::function<Trouble(const Sink&)>& print) const {
+Trouble StateDirectory::WriteDurably(const char* name, const std::vector<std::string_view>& blocks) const {
     const std::string path = FileName(name);
     const std::string unfinished = path + ".new";
     {
         const Descriptor file(
             open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (!file) return TroubleWith(unfinished, errno);
-        const auto write = [&](std::string_view text) { return WriteAll(file.get(), unfinished, text); };
-        if (Trouble trouble = print(write)) return trouble;
+        for (const std::string_view block : blocks) {
+            if (Trouble trouble = WriteAll(file.get(), unfinished, block)) return trouble;
+        }
         if (fsync(file.get()) != 0) return TroubleWith(unfinished, errno);
     }
     if (rename(unfinished.c_str(), path.c_str()) != 0) return TroubleWith(path, errno);

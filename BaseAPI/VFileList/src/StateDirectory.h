@@ -3,9 +3,10 @@
 #ifndef VFILELIST_STATEDIRECTORY_H
 #define VFILELIST_STATEDIRECTORY_H
 
-#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "Files.h"
 #include "Journal.h"
@@ -66,8 +67,7 @@ public:
 
 private:
     std::string FileName(const char* name) const { return path_ + "/" + name; }
-    // `print` hands the text to its sink.
-    Trouble WriteDurably(const char* name, const std::function<Trouble(const Sink&)>& print) const;
+    Trouble WriteDurably(const char* name, const std::vector<std::string_view>& blocks) const;
 
     const std::string path_;
     Digest journalDigest_{};

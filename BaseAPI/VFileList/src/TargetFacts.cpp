@@ -27,45 +27,31 @@ bool IsOneFile(const std::string& path, const struct stat& status, const std::st
     return real && real == CanonicalPath(other);
 }
 
-}  // namespace
-
-bool TargetFacts::IsModeDifferent() const {
-    return state == TargetState::kNew && hasReference &&
-           (status.st_mode & kPermissions) != (reference.st_mode & kPermissions);
-}
-
-bool TargetFacts::IsOwnerDifferent() const {
-    return state == TargetState::kNew && hasReference &&
-           (status.st_uid != reference.st_uid || status.st_gid != reference.st_gid);
-}
-
-TargetFacts TargetExaminer::Examine(const Target& target) {
-    TargetFacts facts;
-    LookAtTarget(target, facts);
-    LookAtPackage(target, facts);
-    LookAtBackup(target, facts);
-    return facts;
-}
-
-void TargetExaminer::LookAtPackage(const Target& target, TargetFacts& facts) const {
-    const Entry& entry = EntryOf(target);
-    struct stat package {};
-    if (stat(list_.SourceOf(entry).c_str(), &package) == 0) {
-        facts.packageSize = package.st_size;
-        facts.packageChanged = package.st_ctim;
-        return;
+// When several entries go to one target, the last one is what it shall hold; with one of the others it is on
+// its way there.
+void CompareWithPackage(const FileList& list, const Target& target, TargetFacts& facts) {
+    const std::string path = list.TargetOf(list.EntryOf(target));
+    facts.state = TargetState::kOld;
+    for (auto index = target.entries.rbegin(); index != target.entries.rend(); ++index) {
+        const std::string source = list.SourceOf(list.entries()[*index]);
+        switch (Compare(path, source, facts.detail)) {
+            case Content::kSame:
+                facts.state = index == target.entries.rbegin() ? TargetState::kNew : TargetState::kPartial;
+                return;
+            case Content::kPart:
+                facts.state = TargetState::kPartial;
+                break;
+            case Content::kUnreadable:
+                if (facts.state == TargetState::kOld) facts.state = TargetState::kUnknown;
+                break;
+            case Content::kOther:
+                break;
+        }
     }
-    const int error = errno;
-    (void)stat(list_.iniPath().c_str(), &package);  // it was read just now
-    facts.packageChanged = package.st_ctim;
-    if (facts.state != TargetState::kMissing && !S_ISREG(facts.status.st_mode)) return;
-    const bool isLacking = error == ENOENT || error == ENOTDIR;
-    facts.detail = isLacking ? "the package lacks " + entry.text
-                             : "the package's " + entry.text + ": " + std::strerror(error);
 }
 
-void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
-    const std::string path = list_.TargetOf(EntryOf(target));
+void LookAtTarget(const FileList& list, const Target& target, TargetFacts& facts) {
+    const std::string path = list.TargetOf(list.EntryOf(target));
     if (lstat(path.c_str(), &facts.status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return;
         facts.state = TargetState::kUnknown;
@@ -79,7 +65,7 @@ void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
         facts.state = errno == ENOENT ? TargetState::kMissing : TargetState::kUnknown;
         facts.detail = errno == ENOENT ? "a dangling symlink" : std::strerror(errno);
     } else if (S_ISREG(followed.st_mode)) {
-        CompareWithPackage(target, facts);
+        CompareWithPackage(list, target, facts);
         if (S_ISLNK(facts.status.st_mode) && facts.detail.empty()) facts.detail = "a link";
     } else {
         facts.state = TargetState::kUnknown;
@@ -87,15 +73,33 @@ void TargetExaminer::LookAtTarget(const Target& target, TargetFacts& facts) {
     }
 }
 
-void TargetExaminer::LookAtBackup(const Target& target, TargetFacts& facts) const {
-    const std::string path = list_.BackupOf(EntryOf(target));
+void LookAtPackage(const FileList& list, const Target& target, TargetFacts& facts) {
+    const Entry& entry = list.EntryOf(target);
+    struct stat package {};
+    if (stat(list.SourceOf(entry).c_str(), &package) == 0) {
+        facts.packageSize = package.st_size;
+        facts.packageChanged = package.st_ctim;
+        return;
+    }
+    const int error = errno;
+    (void)stat(list.iniPath().c_str(), &package);  // it was read just now
+    facts.packageChanged = package.st_ctim;
+    if (facts.state != TargetState::kMissing && !S_ISREG(facts.status.st_mode)) return;
+    const bool isLacking = error == ENOENT || error == ENOTDIR;
+    facts.detail = isLacking ? "the package lacks " + entry.text
+                             : "the package's " + entry.text + ": " + std::strerror(error);
+}
+
+void LookAtBackup(const FileList& list, const Target& target, TargetFacts& facts) {
+    const std::string path = list.BackupOf(list.EntryOf(target));
     if (lstat(path.c_str(), &facts.backup) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return;
         Append(facts.detail, std::string("NAME.bak can't be looked at: ") + std::strerror(errno));
         facts.backupDoubt = BackupDoubt::kUnreadable;
         return;
     }
-    if (facts.isOccupied && IsOneFile(list_.TargetOf(EntryOf(target)), facts.status, path, facts.backup)) {
+    if (facts.isOccupied &&
+        IsOneFile(list.TargetOf(list.EntryOf(target)), facts.status, path, facts.backup)) {
         Append(facts.detail, "NAME.bak is the same file, and no backup");
         facts.backupDoubt = BackupDoubt::kSameFile;
         return;
@@ -116,43 +120,29 @@ void TargetExaminer::LookAtBackup(const Target& target, TargetFacts& facts) cons
     }
 }
 
-// When several entries go to one target, the last one is what it shall hold; with one of the others it is on
-// its way there.
-void TargetExaminer::CompareWithPackage(const Target& target, TargetFacts& facts) {
-    const std::string path = list_.TargetOf(EntryOf(target));
-    facts.state = TargetState::kOld;
-    for (auto index = target.entries.rbegin(); index != target.entries.rend(); ++index) {
-        const std::string source = list_.SourceOf(list_.entries()[*index]);
-        switch (comparer_.Compare(path, source, facts.detail)) {
-            case Content::kSame:
-                facts.state = index == target.entries.rbegin() ? TargetState::kNew : TargetState::kPartial;
-                return;
-            case Content::kPart:
-                facts.state = TargetState::kPartial;
-                break;
-            case Content::kUnreadable:
-                if (facts.state == TargetState::kOld) facts.state = TargetState::kUnknown;
-                break;
-            case Content::kOther:
-                break;
-        }
-    }
+}  // namespace
+
+bool TargetFacts::IsModeDifferent() const {
+    return state == TargetState::kNew && hasReference &&
+           (status.st_mode & kPermissions) != (reference.st_mode & kPermissions);
+}
+
+bool TargetFacts::IsOwnerDifferent() const {
+    return state == TargetState::kNew && hasReference &&
+           (status.st_uid != reference.st_uid || status.st_gid != reference.st_gid);
+}
+
+TargetFacts Examine(const FileList& list, const Target& target) {
+    TargetFacts facts;
+    LookAtTarget(list, target, facts);
+    LookAtPackage(list, target, facts);
+    LookAtBackup(list, target, facts);
+    return facts;
 }
 
 const char* NameOf(TargetState state) {
-    switch (state) {
-        case TargetState::kNew:
-            return "new";
-        case TargetState::kPartial:
-            return "partial";
-        case TargetState::kOld:
-            return "old";
-        case TargetState::kMissing:
-            return "missing";
-        case TargetState::kUnknown:
-            break;
-    }
-    return "unknown";
+    constexpr const char* kNames[] = {"new", "partial", "old", "missing", "unknown"};
+    return kNames[static_cast<int>(state)];
 }
 
 std::string ShownOwner(const struct stat& status) {

@@ -10,11 +10,7 @@
 #include "Files.h"
 #include "Passes.h"
 
-struct TargetFacts {
-    TargetState state = TargetState::kMissing;
-    bool hasBackup = false;
-    bool isBackupDangling = false;  // it is a dangling symlink
-    BackupDoubt backupDoubt = BackupDoubt::kNone;
+struct TargetFacts : TargetObservation {
     bool isOccupied = false;     // something bears the name, if only a dangling symlink
     std::string detail;          // what else there is to say; may be empty
     struct stat status {};       // of NAME itself, if it is occupied
@@ -24,7 +20,6 @@ struct TargetFacts {
     long long packageSize = -1;  // of the package's file; -1 when it can't be read
     timespec packageChanged{};   // its change time; that of the file list when it can't be read
 
-    TargetObservation Observation() const { return {state, hasBackup, isBackupDangling, backupDoubt}; }
     // NAME holds the package's content, or a beginning of it.
     bool IsFromPackage() const { return state == TargetState::kNew || state == TargetState::kPartial; }
     // The new file has not the mode, or not the owner, of the backup.
@@ -32,24 +27,7 @@ struct TargetFacts {
     bool IsOwnerDifferent() const;
 };
 
-class TargetExaminer {
-public:
-    explicit TargetExaminer(const FileList& list) : list_(list) {}
-
-    TargetFacts Examine(const Target& target);
-
-    // The entry whose file stands there at the end: the last of those that go there.
-    const Entry& EntryOf(const Target& target) const { return list_.entries()[target.entries.back()]; }
-
-private:
-    void LookAtTarget(const Target& target, TargetFacts& facts);
-    void LookAtPackage(const Target& target, TargetFacts& facts) const;
-    void LookAtBackup(const Target& target, TargetFacts& facts) const;
-    void CompareWithPackage(const Target& target, TargetFacts& facts);
-
-    const FileList& list_;
-    ContentComparer comparer_;
-};
+TargetFacts Examine(const FileList& list, const Target& target);
 
 const char* NameOf(TargetState state);
 std::string ShownOwner(const struct stat& status);

@@ -81,7 +81,6 @@ void NameOwners(DirectoryTree& tree) {
 }
 
 Trouble CompareContents(const std::string& tree, const std::string& base, Output& output, TreeFacts& facts) {
-    ContentComparer comparer;
     std::size_t done = 0;
     for (const auto& [path, file] : facts.files) {
         output.Progress("compare", ++done, facts.files.size());
@@ -93,7 +92,7 @@ Trouble CompareContents(const std::string& tree, const std::string& base, Output
         const std::string newPath = PathIn(tree, path);
         const std::string oldPath = PathIn(base, path);
         std::string unreadable;
-        const Content content = comparer.Compare(newPath, oldPath, unreadable);
+        const Content content = Compare(newPath, oldPath, unreadable);
         if (content == Content::kUnreadable) return unreadable;
         if (Trouble trouble = ExpectUnchanged(newPath, file.status)) return trouble;
         if (Trouble trouble = ExpectUnchanged(oldPath, old->second.status)) return trouble;

@@ -83,35 +83,29 @@ Found LookAtBackup(const JournalTarget& target, TargetNow& now) {
 }
 
 UndoStep DecideOnOld(Phase undone, const TargetNow& now) {
-    if (now.backup == Found::kOld) {
-        switch (now.name) {
-            case Found::kNothing:
-            case Found::kCopy:
-                break;
-            case Found::kForeign:
-                if (now.isOldChanged) {
-                    return {
-                        UndoMove::kSetAsideAndRestore,
-                        "NAME.bak was written to since the upgrade began, and is back as it is now; NAME was "
-                        "not the package's file any more",
-                        true};
-                }
-                // A service that rewrote its new file does what is to be expected.
-                return {UndoMove::kSetAsideAndRestore, "not the package's file any more",
-                        undone != Phase::kInstalled};
-            default:
-                return {UndoMove::kNone, "NAME.bak is the same file by a second name", true};
+    if (now.backup != Found::kOld) {
+        if (now.name != Found::kOld) {
+            return {UndoMove::kNone, "the installed file is neither under NAME nor under NAME.bak any more",
+                    true};
         }
-        const UndoMove move = now.name == Found::kCopy ? UndoMove::kReplace : UndoMove::kRestore;
-        if (!now.isOldChanged) return {move};
-        return {move, "NAME.bak was written to since the upgrade began; it is back as it is now", true};
+        if (now.isOldChanged) return {UndoMove::kNone, "it was written to since the upgrade began", true};
+        return {};
     }
-    if (now.name != Found::kOld) {
-        return {UndoMove::kNone, "the installed file is neither under NAME nor under NAME.bak any more",
+    if (now.name == Found::kOld) return {UndoMove::kNone, "NAME.bak is the same file by a second name", true};
+    if (now.name == Found::kForeign && now.isOldChanged) {
+        return {UndoMove::kSetAsideAndRestore,
+                "NAME.bak was written to since the upgrade began, and is back as it is now; NAME was "
+                "not the package's file any more",
                 true};
     }
-    if (now.isOldChanged) return {UndoMove::kNone, "it was written to since the upgrade began", true};
-    return {};
+    // A service that rewrote its new file does what is to be expected.
+    if (now.name == Found::kForeign) {
+        return {UndoMove::kSetAsideAndRestore, "not the package's file any more",
+                undone != Phase::kInstalled};
+    }
+    const UndoMove move = now.name == Found::kCopy ? UndoMove::kReplace : UndoMove::kRestore;
+    if (!now.isOldChanged) return {move};
+    return {move, "NAME.bak was written to since the upgrade began; it is back as it is now", true};
 }
 
 UndoStep DecideOnNew(Phase undone, const TargetNow& now) {

@@ -1,12 +1,15 @@
-// Compares the installed files with the package's, and shows what is there.
+// Compares the installed files with the package's or the receipt's, and shows what is there.
 #include "Verify.h"
 
 #include <map>
 #include <vector>
 
+#include "Findings.h"
 #include "Passes.h"
-#include "Problems.h"
+#include "Receipt.h"
+#include "StateDirectory.h"
 #include "TargetFacts.h"
+#include "VCopyFileListIni.h"
 
 namespace {
 
@@ -63,7 +66,7 @@ Json ToJson(const FileList& list, const Target& target, const TargetFacts& facts
     }
     const auto known = [](bool isKnown, const Json& value) { return isKnown ? value : Json(nullptr); };
     const bool hasModeAndSize = HasModeAndSize(facts);
-    return {{"target", list.TargetOf(list.entries()[target.entries.back()])},
+    return {{"target", list.TargetOf(list.EntryOf(target))},
             {"state", NameOf(facts.state)},
             {"size", known(hasModeAndSize, facts.status.st_size)},
             {"packageSize", known(facts.packageSize >= 0, facts.packageSize)},
@@ -100,14 +103,45 @@ void ShowTarget(const std::string& path, const TargetFacts& facts, Output& outpu
                 RightAligned(size, 10) + "  " + Shown(path) + Details(facts));
 }
 
-void ShowProblems(const std::vector<Problem>& problems, Output& output) {
+// What the passes skip in silence, treat as something else, or fail on, whatever is installed.
+std::vector<Finding> ProblemsOf(const FileList& list) {
+    std::vector<Finding> problems;
+    const auto add = [&problems](const char* code, const std::string& section, const std::string& key,
+                                 const std::string& detail) {
+        problems.push_back({&KindOf(code), section, key, "", "", detail});
+    };
+    for (const TargetList& targets : list.lists()) {
+        const std::size_t length = targets.directoryValueLength;
+        if (length >= kDirectoryValueCapacity) {
+            add("E-DIR-TOO-LONG", list.installType(), targets.section,
+                "a directory of " + std::to_string(length) + " bytes; every pass takes /");
+        } else if (length == 0) {
+            add("E-DIR-EMPTY", list.installType(), targets.section, "no directory; every pass takes /");
+        }
+        if (!HasValues(targets))
+            add("W-LIST-EMPTY", targets.section, "", "no entries; nothing is installed for it");
+    }
+    for (const auto& [section, key] : list.SkippedKeys()) {
+        add("E-LIST-TOO-LONG", section, key.name,
+            "a value of " + std::to_string(key.valueLength) + " bytes; every pass skips the key");
+    }
+    for (const Entry& entry : list.entries()) {
+        if (HasFileName(entry)) continue;
+        add("E-ENTRY-EMPTY", list.ListOf(entry).section, list.KeyOf(entry),
+            "an entry without a file name; -rename and -copy fail there");
+        problems.back().entry = entry.text;
+    }
+    return problems;
+}
+
+void ShowProblems(const std::vector<Finding>& problems, Output& output) {
     output.BeginList("problems");
     if (!problems.empty()) output.Line();
-    for (const Problem& problem : problems) {
-        output.Line(output.Paint(Style::kError, problem.code) + "  " +
+    for (const Finding& problem : problems) {
+        output.Line(output.Paint(Style::kError, problem.kind->code) + "  " +
                     Shown("[" + problem.section + "]" + (problem.key.empty() ? "" : " ") + problem.key +
                           ": " + problem.detail));
-        output.Item({{"code", problem.code},
+        output.Item({{"code", problem.kind->code},
                      {"section", problem.section},
                      {"key", problem.key},
                      {"entry", problem.entry},
@@ -134,14 +168,13 @@ Summary LookAtTargets(const FileList& list, const std::optional<Manifest>& manif
     Summary summary;
     const std::vector<Target> targets = list.Targets();
     std::vector<TargetObservation> observations;
-    TargetExaminer examiner(list);
-    const auto pathOf = [&](const Target& target) { return list.TargetOf(examiner.EntryOf(target)); };
+    const auto pathOf = [&](const Target& target) { return list.TargetOf(list.EntryOf(target)); };
     output.BeginList("targets");
     for (const Target& target : targets) {
         output.Progress("verify", observations.size(), targets.size());
-        TargetFacts facts = examiner.Examine(target);
+        TargetFacts facts = Examine(list, target);
         if (manifest && !NoteManifest(*manifest, pathOf(target), facts)) ++summary.otherThanManifest;
-        observations.push_back(facts.Observation());
+        observations.push_back(facts);
         ++summary.states[facts.state];
         if (facts.hasBackup) ++summary.backups;
         if (facts.backupDoubt == BackupDoubt::kUnreadable) ++summary.unreadableBackups;
@@ -235,7 +268,7 @@ Json ToJson(Summary& summary) {
 int Verify(const FileList& list, const VerifyOptions& options, Output& output) {
     ShowHead(list, output);
     Summary summary = LookAtTargets(list, options.manifest, output);
-    const std::vector<Problem> problems = ProblemsOf(list);
+    const std::vector<Finding> problems = ProblemsOf(list);
     ShowProblems(problems, output);
 
     const bool isModeWrong =
@@ -245,4 +278,36 @@ int Verify(const FileList& list, const VerifyOptions& options, Output& output) {
     output.Member("summary", ToJson(summary));
     ShowSummary(list, summary, output);
     return summary.isExpected ? kFine : kFindings;
+}
+
+int VerifyInstalled(const std::string& stateDirectory, Output& output) {
+    Receipt receipt;
+    Trouble trouble = StateDirectory(stateDirectory).ReadReceipt(receipt);
+    if (!trouble && receipt.history.empty()) trouble = stateDirectory + ": no upgrade was committed";
+    output.Member("command", "verify");
+    output.Member("stateDirectory", stateDirectory);
+    output.Member("release", receipt.Release());
+    output.Member("error", trouble ? Json(*trouble) : Json(nullptr));
+    if (trouble) {
+        output.Line(output.Paint(Style::kError, Shown(*trouble)));
+        return kWrongUse;
+    }
+
+    std::size_t changed = 0;
+    std::size_t done = 0;
+    output.BeginList("changed");
+    for (const auto& [path, file] : receipt.files) {
+        output.Progress("verify", done++, receipt.files.size());
+        const std::string difference = DifferenceOf(path, file);
+        if (difference.empty()) continue;
+        ++changed;
+        output.Item({{"path", path}, {"text", difference}});
+        output.Line(output.Paint(Style::kError, Shown(path)) + ": " + Shown(difference));
+    }
+    output.EndList();
+    output.Member("files", receipt.files.size());
+    const std::string summary = Counted(receipt.files.size(), "installed file") + ", " +
+                                (changed == 0 ? "none" : std::to_string(changed)) + " changed.";
+    output.Line(output.Paint(changed == 0 ? Style::kGood : Style::kError, summary));
+    return changed == 0 ? kFine : kFindings;
 }

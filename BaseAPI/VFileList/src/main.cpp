@@ -8,7 +8,6 @@
 
 #include "Check.h"
 #include "FileList.h"
-#include "Installed.h"
 #include "Make.h"
 #include "Output.h"
 #include "Plan.h"
