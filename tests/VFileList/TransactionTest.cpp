@@ -269,6 +269,27 @@ TEST_F(TransactionTest, LeavesTheUpgradeOpenWhenMemoryRunsOutOnTheWayBack) {
     ExpectOld();
 }
 
+TEST_F(TransactionTest, LeavesTheUpgradeOpenWhenMemoryRunsOutWhileBackupsAreRemoved) {
+    ASSERT_EQ(Upgrade().status, 0);
+    for (const Release::Command command : {&::Commit, &::Resume, &::Commit}) {
+        const Replaced replaced(calls::open, [this](const char* path, int flags, mode_t mode) {
+            const bool isReceipt = path == release_.StatePath("receipt");
+            if (isReceipt && !fs::exists(Bin("tool.bak"))) throw std::bad_alloc();
+            return calls::real::open(path, flags, mode);
+        });
+        const Ending ending = release_.Run(command);
+
+        EXPECT_EQ(ending.status, 3);
+        EXPECT_EQ(ending.error(), "std::bad_alloc");
+        EXPECT_EQ(ending.state(), "cleaning");
+        EXPECT_EQ(ending.message(),
+                  "The new files are in place, but the upgrade is not closed. Commit again.");
+    }
+    EXPECT_EQ(Commit().status, 0);
+    EXPECT_EQ(release_.Run(&::ShowStatus).report["history"].size(), 1u);
+    EXPECT_EQ(release_.package().Run("verify", {"--expect", "cleaned"}).exitStatus, 0);
+}
+
 TEST_F(TransactionTest, RefusesASecondUpgradeWhileOneIsOpen) {
     EXPECT_EQ(Upgrade().status, 0);
     const Tree installed = release_.Now();

@@ -298,6 +298,16 @@ int Clean(Run& run) {
     return End(run, kFine, "The new files are in place, and the backups are removed.");
 }
 
+// What runs out of memory here is left for another try.
+int CleanSafely(Run& run) {
+    try {
+        return Clean(run);
+    } catch (const std::exception& error) {
+        run.report.error = error.what();
+        return End(run, kLook, "The new files are in place, but the upgrade is not closed. Commit again.");
+    }
+}
+
 // Checks and records. Returns the exit status when the upgrade is refused.
 std::optional<int> Prepare(Run& run, const std::string& iniPath, const std::string& trustedDirectory) {
     Evidence evidence{ReadProvenance(iniPath, trustedDirectory), {}, false};
@@ -339,7 +349,7 @@ int Upgrade(const TransactionOptions& options, Output& output) {
 int Commit(const TransactionOptions& options, Output& output) {
     Run run("commit", options, output);
     if (const std::optional<int> refused = EnterAndRead(run)) return *refused;
-    if (run.state.phase == Phase::kCleaning) return Clean(run);
+    if (run.state.phase == Phase::kCleaning) return CleanSafely(run);
     if (run.state.phase != Phase::kInstalled) {
         return Refuse(run, kFindings,
                       run.state.phase == Phase::kNone ? "no upgrade is open" : "the upgrade is not complete");
@@ -350,7 +360,7 @@ int Commit(const TransactionOptions& options, Output& output) {
         return Refuse(run, kLook, "not all backups are those of the upgrade");
     }
     if (const Trouble trouble = Enter(run, {Phase::kCleaning})) return Refuse(run, kFindings, *trouble);
-    return Clean(run);
+    return CleanSafely(run);
 }
 
 int Resume(const TransactionOptions& options, Output& output) {
@@ -362,7 +372,7 @@ int Resume(const TransactionOptions& options, Output& output) {
         case Phase::kInstalled:
             return End(run, kFine, "The new files are in place: keep them or go back.");
         case Phase::kCleaning:
-            return Clean(run);
+            return CleanSafely(run);
         default:
             return GoBack(run, kFine);
     }
