@@ -72,8 +72,8 @@ def check_by_hand(options):
     def record(steps):
         return host.record("by-hand", host.images, steps)
 
-    with_sync, *_ = by_hand.check(options.file_system, record, options.most, options.seed)
-    return with_sync == 0
+    with_sync, _, without_last_sync = by_hand.check(options.file_system, record, options.most, options.seed)
+    return with_sync == 0 and without_last_sync > 0
 
 
 class Counts:
