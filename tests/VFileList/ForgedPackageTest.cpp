@@ -292,7 +292,8 @@ TEST_F(ForgedPackageTest, WhoseFilesAreSwappedAtAnyMomentLeavesTheOldFilesOrTheS
     int old = 0;
     int done = 0;
     const long step = TestScale() > 1 ? 1 : std::max(1L, calls / 150);
-    for (long due = 1; due <= calls; due += step) {
+    const long last = calls - 20;  // from here on all: how many calls there are before depends on the host
+    for (long due = 1; due <= calls; due += due < last ? step : 1) {
         Ending ending{};
         (void)swapper.Run(due, swap, [&] { ending = Upgrade(); });
         ++(ending.status == 0 ? done : old);
