@@ -332,6 +332,14 @@ TEST_F(FilesTest, SaysWhyAFileCannotBeReadWhole) {
     EXPECT_EQ(ReadWhole(scratch_.Path("missing"), content), ENOENT);
     EXPECT_EQ(ReadWhole(scratch_.Link("link", file), content), ELOOP) << "a link is not followed";
     EXPECT_EQ(ReadWhole("/dev/null", content), ENOTSUP) << "another device may never end";
+    {
+        // Which only root could make.
+        const Replaced replaced(calls::lstat, [](const char*, struct stat* status) {
+            status->st_mode = S_IFBLK;
+            return 0;
+        });
+        EXPECT_EQ(ReadWhole(file, content), ENOTSUP);
+    }
     for (const int error : {EIO, EINTR}) {
         const Replaced replaced(calls::read, [error](int, void*, size_t) -> ssize_t {
             errno = error;

@@ -94,7 +94,7 @@ PlannedStep RenameEntry(const FileList& list, const Entry& entry, PlannedFiles& 
     files.Move(path, list.BackupOf(entry));
     PlannedStep step{Step::kMove, path, "to NAME.bak", behind.size(), false, IdOf(behind.status)};
     if (backup.kind == FileKind::kNone) return step;
-    const bool isItself = !backup.origin.empty() && behind.origin == backup.origin;
+    const bool isItself = behind.origin == backup.origin;
     step.isHarmful = isItself || IsUpgradeBegun(behind.origin, backup.origin, list.SourceOf(entry));
     step.detail += isItself         ? ", replacing the file that it leads to: it is lost"
                    : step.isHarmful ? ", replacing the backup of an unfinished upgrade: it is lost"
