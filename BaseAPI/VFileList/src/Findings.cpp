@@ -91,7 +91,8 @@ constexpr FindingKind kKinds[] = {
     {"E-UPGRADE-UNFINISHED", "an upgrade was begun but not finished",
      "-rename would overwrite NAME.bak, the only copy of the old file: NAME already holds the new file, or "
      "a beginning of it.",
-     "Finish the upgrade with -copy and -clean, or roll it back with `vfilelist rollback`."},
+     "Run what `vfilelist status` names. If no upgrade is open there, it was begun by hand: finish it with "
+     "-copy and -clean, or roll it back with `vfilelist rollback`."},
     {"E-PACKAGE-UNSIGNED", "the package has no signature of a trusted key",
      "`vfilelist upgrade` refuses it: this machine has a directory of trusted keys, or --trusted names one.",
      "Get a signed package from its maker. Or put the maker's public key into that directory, if you trust "
