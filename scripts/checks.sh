@@ -104,7 +104,7 @@ check_arm64() { test_arm64; }
 
 # Another sample with each commit, the same one for everybody.
 check_mutation() {
-    local -a sample=(--sample 40 --seed "$(git rev-parse HEAD)")
+    local -a sample=(--sample 30 --seed "$(git rev-parse HEAD)")
     if [[ ${MUTANTS:-} == all ]]; then sample=(); fi
     # Broken code runs there, or not at all.
     if ! bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --unshare-net --unshare-ipc true; then

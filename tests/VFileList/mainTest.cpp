@@ -56,6 +56,8 @@ TEST_F(VFileListMainTest, ExitsWith2AndSaysWhyWhenUsedWrongly) {
         {"plan", package_.ListPath(), "another.ini"},
         {"verify"},
         {"verify", package_.ListPath(), "--installed"},
+        {"verify", "--installed", "--expect", "cleaned"},
+        {"verify", "--installed", "--ignore-modes"},
     };
     for (const std::vector<std::string>& arguments : wrong) {
         const ProcessResult result = RunProcess(Concatenate({VFILELIST_PATH}, arguments));

@@ -113,10 +113,11 @@ void AddVerify(CLI::App& app, Arguments& arguments) {
     CLI::App* const verify =
         AddCommand(app, "verify", "Say how far the passes have come, comparing every file", arguments);
     CLI::Option* const fileList = AddFileList(*verify, arguments);
-    verify
-        ->add_flag("--installed", arguments.isInstalled,
-                   "Say which installed files are not as their upgrades have left them")
-        ->excludes(fileList);
+    CLI::Option* const installed =
+        verify
+            ->add_flag("--installed", arguments.isInstalled,
+                       "Say which installed files are not as their upgrades have left them")
+            ->excludes(fileList);
     AddState(*verify, arguments);
     AddTrusted(*verify, arguments);
     verify
@@ -124,9 +125,12 @@ void AddVerify(CLI::App& app, Arguments& arguments) {
             "--expect", arguments.verify.expected,
             "The state that makes the exit status 0: renamed, copied (the default), cleaned or restored")
         ->type_name("STATE")
-        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}));
-    verify->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
-                     "New files may have other modes and owners than their backups");
+        ->check(CLI::IsMember({"renamed", "copied", "cleaned", "restored"}))
+        ->excludes(installed);
+    verify
+        ->add_flag("--ignore-modes", arguments.verify.areModesIgnored,
+                   "New files may have other modes and owners than their backups")
+        ->excludes(installed);
 }
 
 void AddMake(CLI::App& app, Arguments& arguments) {
