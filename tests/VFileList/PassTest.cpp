@@ -131,6 +131,17 @@ TEST_F(PassTest, IsEndedOnceHoweverOftenItIsAskedFor) {
     EXPECT_EQ(asked, 4);
 }
 
+TEST_F(PassTest, MakesRoomInTheChildBeforeItBegins) {
+    int made = 0;
+    const auto makeRoom = [&made] { _exit(++made); };
+    EXPECT_EQ(RunPass(
+                  "-rename", package_.ListPath(), signals_, [] {}, makeRoom),
+              "-rename ended with status 1; the upgrade log names the file");
+
+    EXPECT_EQ(made, 0);
+    EXPECT_EQ(package_.Installed("tool"), "old");
+}
+
 TEST_F(PassTest, ShowsWhatWasReportedBeforeItBegins) {
     std::FILE* const report = std::fopen(package_.scratch().Path("report").c_str(), "w");
     ASSERT_NE(report, nullptr);

@@ -16,7 +16,9 @@ extern "C" int VCopyFileListIniMain(int argc, char* argv[]);
 namespace {
 
 // An exception ends the child here: whoever catches one further up is the upgrade, which is the parent's.
-[[noreturn]] void BeThePass(const std::string& pass, const std::string& iniPath, pid_t parent) noexcept {
+[[noreturn]] void BeThePass(const std::string& pass, const std::string& iniPath, pid_t parent,
+                            const std::function<void()>& makeRoom) noexcept {
+    makeRoom();
     std::string program = "VCopyFileListIni";
     std::array<std::string, 2> texts = {pass, iniPath};
     std::array<char*, 4> arguments = {program.data(), texts[0].data(), texts[1].data(), nullptr};
@@ -44,12 +46,12 @@ Trouble AbandonedBy(pid_t child, const char* pass) {
 }  // namespace
 
 Trouble RunPass(const char* pass, const std::string& iniPath, Signals& signals,
-                const std::function<void()>& watch) {
+                const std::function<void()>& watch, const std::function<void()>& makeRoom) {
     (void)std::fflush(nullptr);  // a pass may take long: who reads the report sees what was done before
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0) return TroubleWith(pass, errno);
-    if (child == 0) BeThePass(pass, iniPath, parent);
+    if (child == 0) BeThePass(pass, iniPath, parent, makeRoom);
 
     int waitStatus = 0;
     bool isStopped = false;
