@@ -29,7 +29,7 @@ protected:
 
     Trouble Run(
         const char* pass, const std::function<void()>& watch = [] {}) {
-        return RunPass(pass, package_.ListPath(), signals_, watch);
+        return RunPass(pass, package_.ListPath(), signals_, watch, [] {});
     }
 
     const Package package_;

@@ -11,8 +11,7 @@
 // Runs "-rename", "-copy" or "-clean". The child has the whole program in its memory already, so that the
 // pass may move the program's own files; it dies with this process. INT and TERM end it. `watch` is called
 // from time to time; `makeRoom` in the child, before the pass needs memory.
-Trouble RunPass(
-    const char* pass, const std::string& iniPath, Signals& signals, const std::function<void()>& watch,
-    const std::function<void()>& makeRoom = [] {});
+Trouble RunPass(const char* pass, const std::string& iniPath, Signals& signals,
+                const std::function<void()>& watch, const std::function<void()>& makeRoom);
 
 #endif

@@ -168,20 +168,20 @@ private:
 };
 
 // The passes have lists of their own, and do without the journal.
-Trouble RunPass(Run& run, const char* pass, const std::function<void()>& watch) {
+Trouble Pass(Run& run, const char* pass, const std::function<void()>& watch) {
     return RunPass(pass, run.directory.ListPath(), run.signals, watch,
                    [&run] { run.journal.targets = JournalTargets(); });
 }
 
 Trouble Rename(Run& run) {
-    if (Trouble trouble = RunPass(run, "-rename", [] {})) return trouble;
+    if (Trouble trouble = Pass(run, "-rename", [] {})) return trouble;
     if (!SyncDirectories(run.journal, run.report.remarks)) return "the renamed files are not on the disk";
     return std::nullopt;
 }
 
 Trouble Copy(Run& run) {
     CopyWatch watch(run.journal, run.output);
-    return RunPass(run, "-copy", [&watch] { watch.Look(); });
+    return Pass(run, "-copy", [&watch] { watch.Look(); });
 }
 
 Trouble InstallAll(Run& run) {
@@ -289,7 +289,7 @@ int Clean(Run& run) {
     if (!AreBackupsOursAlone(run)) {
         return End(run, kLook, "Backups are left. Move what is named out of the way, and commit again.");
     }
-    const Trouble trouble = RunPass(run, "-clean", [] {});
+    const Trouble trouble = Pass(run, "-clean", [] {});
     // The pass may have been cut off, and needs the file list: what it leaves goes all the same.
     const bool isClean = RemoveBackups(run.journal, run.report.remarks);
     if (trouble) run.report.remarks.push_back({run.journal.fileList, *trouble, false});
